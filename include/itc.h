@@ -42,7 +42,8 @@ struct itc_msg {
  */
 int itc_init(int mailbox_count, int alloc_scheme, const void *scheme_params, const char *name_space, uint32_t flags);
 
-/* Leaves ITC: hands on what waits to be sent (for at most 100 ms), deletes what mailboxes are left, frees everything. */
+/* Leaves ITC: hands on what waits to be sent (for at most 100 ms), deletes what mailboxes are left, frees everything.
+ */
 void itc_exit(void);
 
 /*

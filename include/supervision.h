@@ -28,15 +28,15 @@ enum {
 
 /* 48 bytes, host byte order. */
 struct supervision_params {
-    char if_name[16];    /* zero-terminated; in the calling thread's network namespace */
-    uint32_t interval;   /* seconds between two requests, at least 1 */
-    uint8_t sup_type;    /* SUPERVISION_TYPE_* */
+    char if_name[16];  /* zero-terminated; in the calling thread's network namespace */
+    uint32_t interval; /* seconds between two requests, at least 1 */
+    uint8_t sup_type;  /* SUPERVISION_TYPE_* */
     uint8_t reserved0;
-    uint16_t frameSize;  /* bytes from the destination MAC to the end of the payload; the 802.1Q tag does not count */
+    uint16_t frameSize; /* bytes from the destination MAC to the end of the payload; the 802.1Q tag does not count */
     uint32_t reserved1;
     uint8_t dest_mac[6];
     uint8_t src_mac[6];
-    uint32_t vlantag;    /* TPID in the upper, TCI in the lower half; on an interface of that VLAN no tag is added */
+    uint32_t vlantag; /* TPID in the upper, TCI in the lower half; on an interface of that VLAN no tag is added */
     uint16_t ether_type;
     uint8_t padding[2];
 };

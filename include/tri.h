@@ -22,14 +22,15 @@ extern "C" {
 #define TRI_LEVEL_SENT 18u
 
 struct tri_proc_info {
-    uint32_t mask;  /* bit L set: level L is emitted. May be changed from outside while the process runs. */
-    char name[32];  /* what traces print as the process's name */
+    uint32_t mask; /* bit L set: level L is emitted. May be changed from outside while the process runs. */
+    char name[32]; /* what traces print as the process's name */
 };
 
 /* The mask of the calling thread; all threads of a process share one. Never NULL, also before tri_init. */
 extern __thread struct tri_proc_info *procInfo;
 
-/* Opens the sink and shares the mask. Returns 0; 4: opened already, or the mask cannot be shared; else an errno value. */
+/* Opens the sink and shares the mask. Returns 0; 4: opened already, or the mask cannot be shared; else an errno value.
+ */
 int tri_init(void);
 /* Names the process in its traces and the calling thread in the process list. Returns 0 or an errno value. */
 int tri_register_thread_name(const char *name);

@@ -39,7 +39,8 @@ inline constexpr size_t PORT_NAME_LEN = 16;
 
 inline bool port_name_equal(const char *a, const char *b) { return strncmp(a, b, PORT_NAME_LEN) == 0; }
 
-// ---- Events from the lower-layer clients to the manager --------------------------------------------------------------
+// ---- Events from the lower-layer clients to the manager
+// --------------------------------------------------------------
 
 enum client_event_type : uint32_t {
     SERVICE_EVENT = 0,

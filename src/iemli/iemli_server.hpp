@@ -1,0 +1,43 @@
+// The IEMLI server: publication in the name service, client sessions, the request queue and the request handlers.
+//
+// Callbacks re-enter: iemli_link_procedure_cfm and iemli_link_procedure_rej answer a client and then take the next
+// queued request before they return. That request may delete links, end sessions or start procedures; after calling
+// one of them use only values copied before.
+#pragma once
+
+#include "iemli_messages.hpp"
+#include "itc.h"
+
+enum iemli_pending_action : uint32_t {
+    IEMLI_PENDING_CREATE = 0,
+    IEMLI_PENDING_UPDATE = 1,
+    IEMLI_PENDING_DELETE = 2,
+};
+
+// A create, update or delete that was handed to the link procedures. Allocated by the server with calloc; the
+// procedures own it until they hand it back through one of the two callbacks, which free it.
+struct IemliPendingRequest {
+    uint32_t server_conn_ref; // the session that asked
+    uint32_t procedure_ref;   // the request's
+    uint32_t link_ref;        // 0 for create
+    uint32_t action;          // iemli_pending_action
+};
+
+// Offers a received message; true when it was an IEMLI request or the client-down indication. Never keeps or frees it.
+bool iemli_server_dispatch(const itc_msg *msg);
+bool iemli_handle_message(const itc_msg *msg);
+
+// Called by the manager when the lower-layer services are complete, and when they are not any more.
+bool iemli_publish();
+void iemli_unpublish();
+
+// The procedure finished. `link_ref`: the link concerned. Frees *pending, nulls it, takes the next queued request.
+void iemli_link_procedure_cfm(uint32_t link_ref, IemliPendingRequest **pending);
+// The procedure failed with an IEMLI_REJ_* reason. Frees *pending, nulls it, takes the next queued request.
+void iemli_link_procedure_rej(uint32_t reason, IemliPendingRequest **pending);
+
+void iemli_send_link_status_ind(uint32_t server_conn_ref, uint32_t link_ref, uint32_t status, uint32_t disabled_reason);
+void iemli_send_link_rtt_ind(uint32_t server_conn_ref, uint32_t link_ref, const rtt_stats &stats);
+
+// Back to how the process starts: no sessions, nothing queued, sequence counter 0. Tells nobody.
+void iemli_server_forget_all();

@@ -1,0 +1,42 @@
+// Supervision and keep-alive sessions of the links, and what their results make of a link's status.
+#pragma once
+
+#include "clients/iepcsi_client.hpp"
+#include "link_table.hpp"
+#include "supervision.h"
+
+inline constexpr uint32_t SUPERVISION_IND = 0x1B0CE6;
+
+// Sent by the supervision callback to the daemon's own mailbox. Host byte order.
+struct supervision_ind {
+    uint32_t msgno;
+    uint32_t session_id;
+    uint32_t result;
+    uint32_t rtt_sec;
+    uint32_t rtt_nsec;
+};
+static_assert(sizeof(supervision_ind) == 20);
+
+// True for SUPERVISION_IND.
+bool supervision_dispatch(const itc_msg *msg);
+
+// Runs on the supervision library's thread: only builds and sends a SUPERVISION_IND.
+void supervision_callback(const supervision_rtt *rtt, uint32_t session_id, uint32_t result);
+
+// 0 success, 1 namespace failure, else the library's code.
+uint32_t start_link_supervision(const char *if_name, const mac_address &local_mac, iml_link *link,
+                                const char *name_space);
+void start_keep_alive(const char *if_name, iml_link *link, const char *name_space);
+void stop_link_supervision(iml_link *link, const char *name_space);
+void stop_keep_alive(iml_link *link, const char *name_space);
+
+// By IEPCSI port name, after a port came up or went down.
+void start_supervision_on_port(const char *iepcsi_port_name);
+void stop_supervision_on_port(const char *iepcsi_port_name);
+
+// Stop and start again with the link's current RTT settings, when its port is operational.
+void restart_link_supervision(iml_link *link);
+
+void handle_supervision_ind(const supervision_ind &ind);
+void handle_link_supervision_result(uint32_t result, iml_link *link);
+void handle_keep_alive_result(uint32_t result, keep_alive_session *entry);

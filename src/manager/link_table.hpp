@@ -1,0 +1,113 @@
+// The table of IML links: which exist, who owns them, their status, their sessions and their RTT samples. Iteration is
+// in ascending link_ref; a new link takes the lowest free reference. Lookups by reference and by session id do not grow
+// with the number of links.
+//
+// The table owns its records, a record its link data, keep-alive array and samples. Only link procedures insert and
+// remove.
+#pragma once
+
+#include <cstdint>
+
+#include "iemli/iemli_messages.hpp"
+
+inline constexpr uint16_t RTT_DEFAULT_BATCH_SIZE = 5;
+inline constexpr uint16_t RTT_DEFAULT_INTERVAL = 1;
+inline constexpr uint16_t RTT_DEFAULT_FRAME_SIZE = 64;
+inline constexpr uint32_t RTT_MAX_SAMPLES = 60;
+
+enum supervision_run_state : uint32_t {
+    SUPERVISION_NOT_RUNNING = 0,
+    SUPERVISION_RUNNING = 1,
+    SUPERVISION_FAILED = 2, // a start or a stop failed
+};
+
+struct keep_alive_session {
+    uint32_t session_id;
+    uint32_t results;
+    uint32_t lost;
+    uint32_t last_ok;
+};
+static_assert(sizeof(keep_alive_session) == 16);
+
+struct rtt_sample {
+    uint8_t valid; // 1: the supervision result was 0
+    uint32_t rtt_sec;
+    uint32_t rtt_nsec;
+    rtt_sample *newer;
+    rtt_sample *older;
+};
+
+// FIFO of at most RTT_MAX_SAMPLES samples.
+struct rtt_sample_queue {
+    uint32_t count;
+    rtt_sample *oldest;
+    rtt_sample *newest;
+};
+
+struct iml_link {
+    uint32_t connection_ref; // the owner: server_conn_ref of the IEMLI session that created it
+    uint32_t samples_since_report;
+    uint32_t link_ref;
+    uint32_t status;          // iml_link_status
+    uint32_t disabled_reason; // iml_link_disabled_reason, meaningful while disabled
+    IemliLinkData *link_data; // owned, with room for at least one app link
+    rtt_settings rtt;         // batchSize, measureInterval, frameSize
+    uint32_t rtt_enabled;
+    uint32_t supervision_state; // supervision_run_state
+    uint32_t supervision_session_id;
+    uint32_t supervision_results;
+    uint32_t supervision_lost;
+    uint32_t supervision_last_ok;            // supervision_results at the last good result
+    keep_alive_session *keep_alive_sessions; // owned, may be null; keep_alive_count entries
+    uint32_t keep_alive_count;
+    rtt_sample_queue rtt_samples;
+
+    iml_link *next; // in ascending link_ref
+    iml_link *prev;
+};
+
+// Empties the table. Frees every record; sessions are not stopped.
+void iml_link_table_clear();
+
+// A zeroed record with default RTT settings that takes over `data`; null when memory is out (`data` stays the
+// caller's).
+iml_link *iml_link_alloc(IemliLinkData *data);
+// A copy of link data (calloc), with room for max(1, n) app links, of which min(n, its own) are copied; null when
+// memory is out. numberOfAppLinks becomes n.
+IemliLinkData *iml_link_data_copy(const IemliLinkData *data, uint32_t n);
+
+// Gives the link the lowest free link_ref and its sorted place. The table owns it from here on.
+// False (nothing changed) when memory for the table's own index is out.
+bool iml_link_insert(iml_link *link);
+// Unlinks; the record becomes the caller's.
+void iml_link_remove(iml_link *link);
+// Frees a record that is not in the table, with everything it owns.
+void iml_link_free(iml_link *link);
+
+iml_link *iml_link_first();
+uint32_t iml_link_count();
+
+// Traces and returns null when there is none.
+iml_link *iml_link_find_by_ref(uint32_t link_ref);
+// No trace.
+iml_link *iml_link_find_owned(uint32_t link_ref, uint32_t connection_ref);
+iml_link *iml_link_find_by_session(uint32_t session_id);
+keep_alive_session *keep_alive_find_by_session(uint32_t session_id);
+
+// The writers of session ids keep the lookups true. 0 means none.
+void iml_link_set_session(iml_link *link, uint32_t session_id);
+// Enters (leaves) the sessions of link->keep_alive_sessions into (out of) the lookup.
+void iml_link_index_keep_alives(iml_link *link);
+void iml_link_unindex_keep_alives(iml_link *link);
+
+// True when the link's port, as IEPCSI names it, and VLAN are these.
+bool iml_link_is_on_port_vlan(const iml_link *link, const char *iepcsi_port_name, uint16_t vlan);
+
+bool iml_link_is_rtt_enabled(uint32_t link_ref);
+void iml_link_set_status(uint32_t link_ref, uint32_t status, uint32_t disabled_reason);
+void iml_link_delete_all_of_connection(uint32_t connection_ref);
+
+// The port's own MAC, only while the manager is initiated. On false *reason is an IEMLI_REJ_*.
+bool fetch_local_supervision_mac(const char *iemli_port_name, mac_address *mac, uint32_t *reason);
+// Whether one of the node's own ports has this MAC, only while the manager is initiated (else false and *reason 99).
+bool check_mac(const mac_address &mac, uint32_t *reason);

@@ -1,0 +1,20 @@
+// One physical port, three names: IEMLI clients say "IDL_A1", IEPCSI and PMI "IDLA1", FMI "DiPort_A1".
+#pragma once
+
+#include <cstdint>
+
+#include "clients/iepcsi_client.hpp"
+
+// Both return a static buffer of their own, overwritten by the next call; "INVALID_PORT" for an unknown name.
+const char *iemli_to_iepcsi_port_name(const char *iemli_name);
+const char *iepcsi_to_iemli_port_name(const char *iepcsi_name);
+
+// Writes the FMI name of either form; an unknown name is copied, cut to size - 1 characters.
+void port_name_to_fmi_name(const char *name, char *buffer, uint8_t size);
+
+// TN ports carry one interface and namespace per VLAN; other ports one for the whole port. False for no name.
+bool is_tn_port(const char *name);
+
+// Where a link in `vlan` on this port lives: pointers into the port or VLAN record. A TN port without a record of the
+// VLAN leaves both as they are.
+void get_port_if_name_and_namespace(const eth_port &port, uint16_t vlan, const char **if_name, const char **name_space);

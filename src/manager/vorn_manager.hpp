@@ -1,0 +1,17 @@
+// The process: start-up in its fixed order, the receive loop, and what signals do.
+#pragma once
+
+#include "itc.h"
+
+// Start-up, loop and leaving ITC. Returns the exit status: 0 after the loop ended, 1 when ITC or the mailbox is not to
+// be had.
+int vorn_manager_run();
+
+// Offers every received message to all dispatchers until itc_receive returns NULL.
+void receive_loop();
+
+// What set_signal_handler is given.
+void handle_signal(int signo);
+
+// The daemon's only mailbox.
+uint32_t vorn_own_mailbox();
