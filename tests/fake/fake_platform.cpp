@@ -111,7 +111,21 @@ std::set<std::string> &formats()
     return set;
 }
 
-// The texts that appeared in this process go to a file, so that a check over all test processes can see them.
+std::set<std::string> &texts()
+{
+    static std::set<std::string> set;
+    return set;
+}
+
+void dump(const std::string &file, const std::set<std::string> &lines)
+{
+    std::ofstream out(file);
+    for (const auto &line : lines) {
+        out << line << "\n";
+    }
+}
+
+// What was traced in this process goes to files, so that a check over all test processes can see it.
 struct FormatDump {
     ~FormatDump()
     {
@@ -119,13 +133,18 @@ struct FormatDump {
         if (dir == nullptr) {
             return;
         }
-        std::ofstream out(std::string(dir) + "/" + std::to_string(getpid()) + ".formats");
-        for (const auto &format : formats()) {
-            out << format << "\n";
-        }
+        const std::string stem = std::string(dir) + "/" + std::to_string(getpid());
+        dump(stem + ".formats", formats());
+        dump(stem + ".texts", texts());
     }
 };
 FormatDump dump_at_exit; // NOLINT
+
+void record(uint32_t level, const char *text)
+{
+    texts().insert(text);
+    p().traces.push_back({level, text});
+}
 
 itc_msg *new_message(uint32_t sender, const uint8_t *bytes, size_t size)
 {
@@ -622,19 +641,16 @@ const char *formatStr(const char *format, ...)
     return buffer;
 }
 
-void lttngTriTrace(uint32_t level, const char * /*file*/, int /*line*/, const char *text)
-{
-    p().traces.push_back({level, text});
-}
+void lttngTriTrace(uint32_t level, const char * /*file*/, int /*line*/, const char *text) { record(level, text); }
 
 void lttngTriSendSigTrace(const char * /*file*/, int /*line*/, uint32_t /*msgno*/, uint32_t /*peer*/, const char *text)
 {
-    p().traces.push_back({TRI_LEVEL_SENT, text});
+    record(TRI_LEVEL_SENT, text);
 }
 
 void lttngTriRecSigTrace(const char * /*file*/, int /*line*/, uint32_t /*msgno*/, uint32_t /*peer*/, const char *text)
 {
-    p().traces.push_back({TRI_LEVEL_RECEIVED, text});
+    record(TRI_LEVEL_RECEIVED, text);
 }
 
 int set_signal_handler(signal_callback callback)
