@@ -5,6 +5,7 @@
 #include <sched.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -107,14 +108,14 @@ Platform &p()
 
 std::set<std::string> &formats()
 {
-    static std::set<std::string> set;
-    return set;
+    static auto *set = new std::set<std::string>; // outlives the dump at exit
+    return *set;
 }
 
 std::set<std::string> &texts()
 {
-    static std::set<std::string> set;
-    return set;
+    static auto *set = new std::set<std::string>; // outlives the dump at exit
+    return *set;
 }
 
 void dump(const std::string &file, const std::set<std::string> &lines)
@@ -133,7 +134,8 @@ struct FormatDump {
         if (dir == nullptr) {
             return;
         }
-        const std::string stem = std::string(dir) + "/" + std::to_string(getpid());
+        const auto now = std::chrono::steady_clock::now().time_since_epoch().count(); // process ids come again
+        const std::string stem = std::string(dir) + "/" + std::to_string(getpid()) + "." + std::to_string(now);
         dump(stem + ".formats", formats());
         dump(stem + ".texts", texts());
     }
