@@ -220,6 +220,12 @@ static_assert(offsetof(iemli_update_link_req, link_ref) == 12);
 static_assert(offsetof(iemli_update_link_req, numberOfAppLinks) == 16);
 static_assert(offsetof(iemli_update_link_req, appLinks) == 20);
 
+inline const IemliAppLink *iemli_app_links(const iemli_update_link_req *request)
+{
+    return reinterpret_cast<const IemliAppLink *>(reinterpret_cast<const uint8_t *>(request) +
+                                                  offsetof(iemli_update_link_req, appLinks));
+}
+
 // Delete and disable RTT.
 struct iemli_link_ref_req {
     iemli_header header;
@@ -308,6 +314,10 @@ static_assert(offsetof(iemli_link_rtt_ind, stats.avg_nsec) == 28);
 static_assert(offsetof(iemli_link_rtt_ind, stats.max_sec) == 32);
 static_assert(offsetof(iemli_link_rtt_ind, stats.max_nsec) == 36);
 static_assert(offsetof(iemli_link_rtt_ind, stats.rtt_validity) == 40);
+
+// The smallest size in bytes that the message's number, and the count it carries, ask for. Reads the count only where
+// the message reaches that far. Also what a copy of the message needs. 0 for a number that has no message.
+uint64_t iemli_message_min_size(const itc_msg *msg);
 
 // The name of a message number, "<Unknown>" outside the protocol.
 const char *iemli_msg_to_string(uint32_t msgno);

@@ -1,0 +1,236 @@
+// The session is marked busy before its procedure starts, because a procedure may be refused, or even finish, while it
+// is being started; that clears the mark again, and may go on to end this very session.
+#include "iemli_handlers.hpp"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "iemli_checks.hpp"
+#include "iemli_server.hpp"
+#include "manager/link_procedures.hpp"
+#include "manager/link_table.hpp"
+#include "manager/rtt.hpp"
+#include "vorn_trace.hpp"
+
+namespace
+{
+
+const iemli_header *header_of(const itc_msg *msg) { return reinterpret_cast<const iemli_header *>(msg); }
+
+iemli_peer client_of(const IemliSession *session, const itc_msg *msg)
+{
+    return iemli_session_peer(session, header_of(msg)->procedure_ref);
+}
+
+const char *handler_name(uint32_t msgno)
+{
+    switch (msgno) {
+    case IEMLI_CREATE_INTER_ME_LINK_REQ:
+        return "handle_create_iml_link_req()";
+    case IEMLI_UPDATE_INTER_ME_LINK_REQ:
+        return "handle_update_iml_link_req()";
+    case IEMLI_DELETE_INTER_ME_LINK_REQ:
+        return "handle_delete_iml_link_req()";
+    case IEMLI_GET_LOCAL_SUPERVISION_MAC_REQ:
+        return "handle_get_local_supervision_mac_req()";
+    case IEMLI_ENABLE_INTER_ME_LINK_RTT_REQ:
+        return "handle_enable_inter_me_link_rtt_req()";
+    case IEMLI_DISABLE_INTER_ME_LINK_RTT_REQ:
+        return "handle_disable_inter_me_link_rtt_req()";
+    default:
+        return "unknown_function()";
+    }
+}
+
+void trace_create(const IemliLinkData *link)
+{
+    VORN_TRACE(TRACE_REQUEST,
+               "handle_create_iml_link_req(): link information: vlanId = %u, imlPortName = %s, nearEndMpId = %u",
+               link->vlanId, iemli_port_name_of(link).text, link->nearEndMpId);
+    VORN_TRACE(TRACE_REQUEST,
+               "handle_create_iml_link_req(): link MAC information: numberOfAppLinks = %u, farEndCpmMac = "
+               "%02X:%02X:%02X:%02X:%02X:%02X",
+               link->numberOfAppLinks, MAC_ARGS(link->farEndCpmMac));
+    for (uint32_t i = 0; i < link->numberOfAppLinks; ++i) {
+        const IemliAppLink &app_link = iemli_app_links(link)[i];
+        VORN_TRACE(TRACE_REQUEST,
+                   "handle_create_iml_link_req(): link MAC information: appLink[%u] appLink.nearEndAppMac = "
+                   "%02X:%02X:%02X:%02X:%02X:%02X, appLink.farEndAppMac = %02X:%02X:%02X:%02X:%02X:%02X",
+                   i + 1, MAC_ARGS(app_link.nearEndAppMac), MAC_ARGS(app_link.farEndAppMac));
+    }
+}
+
+void trace_update(const iemli_update_link_req *request)
+{
+    VORN_TRACE(TRACE_REQUEST, "handle_update_iml_link_req(): link MAC information: numberOfAppLinks = %u",
+               request->numberOfAppLinks);
+    for (uint32_t i = 0; i < request->numberOfAppLinks; ++i) {
+        const IemliAppLink &app_link = iemli_app_links(request)[i];
+        VORN_TRACE(TRACE_REQUEST,
+                   "handle_update_iml_link_req(): link MAC information: appLink[%u], appLink.nearEndAppMac = "
+                   "%02X:%02X:%02X:%02X:%02X:%02X, appLink.farEndAppMac = %02X:%02X:%02X:%02X:%02X:%02X",
+                   i + 1, MAC_ARGS(app_link.nearEndAppMac), MAC_ARGS(app_link.farEndAppMac));
+    }
+}
+
+IemliPendingRequest *new_pending(const IemliSession *session, const itc_msg *msg, uint32_t link_ref,
+                                 iemli_pending_action action)
+{
+    auto *pending = static_cast<IemliPendingRequest *>(calloc(1, sizeof(IemliPendingRequest)));
+    if (pending == nullptr) {
+        VORN_TRACE(TRACE_ERROR, "Memory allocation failed");
+        return nullptr;
+    }
+    *pending = {session->server_conn_ref, header_of(msg)->procedure_ref, link_ref, action};
+    return pending;
+}
+
+// The link as it is kept: its port name ends within its field, whatever the client sent.
+IemliLinkData *new_link_data(const IemliLinkData *requested)
+{
+    IemliLinkData *link = iml_link_data_copy(requested, requested->numberOfAppLinks);
+    if (link == nullptr) {
+        VORN_TRACE(TRACE_ERROR, "Memory allocation failed");
+        return nullptr;
+    }
+    link->imlPortName[PORT_NAME_LEN] = '\0';
+    return link;
+}
+
+} // namespace
+
+void iemli_trace_request(const IemliSession *session, const itc_msg *msg)
+{
+    const char *name = handler_name(msg->msgno);
+    VORN_TRACE(TRACE_REQUEST,
+               "%s: session information: client_conn_ref = %u, server_conn_ref = %u, last_procedure_ref = %u", name,
+               session->client_conn_ref, session->server_conn_ref, session->last_procedure_ref);
+    VORN_TRACE(TRACE_REQUEST, "%s: request information: header.connection_ref = %u, header.procedure_ref = %u", name,
+               header_of(msg)->connection_ref, header_of(msg)->procedure_ref);
+}
+
+void handle_create_iml_link_req(IemliSession *session, const itc_msg *msg)
+{
+    const IemliLinkData *requested = &reinterpret_cast<const iemli_create_link_req *>(msg)->link;
+    const iemli_peer client = client_of(session, msg);
+    iemli_trace_request(session, msg);
+    trace_create(requested);
+    const uint32_t reason = iemli_check_create(requested);
+    if (reason != IEMLI_NO_REJECT) {
+        send_create_rej(client, reason);
+        return;
+    }
+    IemliPendingRequest *pending = new_pending(session, msg, 0, IEMLI_PENDING_CREATE);
+    IemliLinkData *link = pending != nullptr ? new_link_data(requested) : nullptr;
+    if (link == nullptr) {
+        free(pending);
+        send_create_rej(client, IEMLI_REJ_OTHER_REASON);
+        return;
+    }
+    session->busy = true;
+    iml_link_create(link, &pending);
+    free(link);
+}
+
+void handle_update_iml_link_req(IemliSession *session, const itc_msg *msg)
+{
+    const auto *request = reinterpret_cast<const iemli_update_link_req *>(msg);
+    const iemli_peer client = client_of(session, msg);
+    iemli_trace_request(session, msg);
+    trace_update(request);
+    const iml_link *link = iml_link_find_by_ref(request->link_ref);
+    if (link == nullptr) {
+        send_update_rej(client, IEMLI_REJ_UNKNOWN_LINK_REF);
+        return;
+    }
+    const IemliAppLink *app_links = iemli_app_links(request);
+    const uint32_t reason = iemli_check_update(link, request->numberOfAppLinks, app_links);
+    if (reason != IEMLI_NO_REJECT) {
+        send_update_rej(client, reason);
+        return;
+    }
+    IemliPendingRequest *pending = new_pending(session, msg, request->link_ref, IEMLI_PENDING_UPDATE);
+    if (pending == nullptr) {
+        send_update_rej(client, IEMLI_REJ_OTHER_REASON);
+        return;
+    }
+    session->busy = true;
+    iml_link_update(&pending, request->numberOfAppLinks, app_links);
+}
+
+void handle_delete_iml_link_req(IemliSession *session, const itc_msg *msg)
+{
+    const uint32_t link_ref = reinterpret_cast<const iemli_link_ref_req *>(msg)->link_ref;
+    const iemli_peer client = client_of(session, msg);
+    iemli_trace_request(session, msg);
+    VORN_TRACE(TRACE_REQUEST, "handle_delete_iml_link_req(): link_ref = %u", link_ref);
+    IemliPendingRequest *pending = new_pending(session, msg, link_ref, IEMLI_PENDING_DELETE);
+    if (pending == nullptr) {
+        send_delete_cfm(client);
+        return;
+    }
+    session->busy = true;
+    if (!iml_link_delete(link_ref, session->server_conn_ref, &pending)) {
+        // No procedure will ever answer this one, and a delete is always confirmed. Nothing was answered meanwhile, so
+        // the session still stands.
+        session->busy = false;
+        free(pending);
+        send_delete_cfm(client);
+    }
+}
+
+void handle_get_local_supervision_mac_req(IemliSession *session, const itc_msg *msg)
+{
+    constexpr size_t name_offset = offsetof(iemli_get_mac_req, imlPortName);
+    const auto *request = reinterpret_cast<const iemli_get_mac_req *>(msg);
+    const iemli_peer client = client_of(session, msg);
+    const iemli_port_name port = iemli_port_name_of(request->imlPortName, itc_size(msg) - name_offset);
+    iemli_trace_request(session, msg);
+    VORN_TRACE(TRACE_REQUEST, "handle_get_local_supervision_mac_req(): imlPortName = %s, mpId = %u", port.text,
+               request->mpId);
+    mac_address mac = {};
+    uint32_t reason = IEMLI_REJ_OTHER_REASON;
+    if (fetch_local_supervision_mac(port.text, &mac, &reason)) {
+        send_get_local_supervision_mac_cfm(client, request->mpId, port.text, mac);
+    } else {
+        send_get_local_supervision_mac_rej(client, reason);
+    }
+}
+
+void handle_enable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *msg)
+{
+    const auto *request = reinterpret_cast<const iemli_enable_rtt_req *>(msg);
+    const iemli_peer client = client_of(session, msg);
+    iemli_trace_request(session, msg);
+    VORN_TRACE(TRACE_REQUEST,
+               "handle_enable_inter_me_link_rtt_req(): link_reference = %u, batchSize = %u, frameSize = %u, "
+               "measureInterval %u",
+               request->link_ref, request->settings.batchSize, request->settings.frameSize,
+               request->settings.measureInterval);
+    const iml_link *link = iml_link_find_by_ref(request->link_ref);
+    uint32_t reason = iemli_check_enable_rtt(link, session->server_conn_ref, request->settings);
+    if (reason == IEMLI_NO_REJECT && !rtt_enable(request->link_ref, request->settings)) {
+        reason = IEMLI_REJ_OTHER_REASON;
+    }
+    if (reason != IEMLI_NO_REJECT) {
+        send_enable_rtt_rej(client, reason);
+        return;
+    }
+    send_enable_rtt_cfm(client);
+}
+
+void handle_disable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *msg)
+{
+    const uint32_t link_ref = reinterpret_cast<const iemli_link_ref_req *>(msg)->link_ref;
+    const iemli_peer client = client_of(session, msg);
+    iemli_trace_request(session, msg);
+    VORN_TRACE(TRACE_REQUEST, "handle_disable_inter_me_link_rtt_req(): link_reference = %u", link_ref);
+    const iml_link *link = iml_link_find_by_ref(link_ref);
+    if (link == nullptr || link->connection_ref != session->server_conn_ref) {
+        VORN_TRACE(TRACE_WARNING, "Disable_iml_rtt_req without matching link reference ,link_ref=%u", link_ref);
+    } else if (iml_link_is_rtt_enabled(link_ref)) {
+        VORN_TRACE(TRACE_WARNING, "RTT measurement disabled for link with link_ref=%u", link_ref);
+        rtt_disable(link_ref);
+    }
+    send_disable_rtt_cfm(client);
+}

@@ -1,0 +1,30 @@
+// Requests that wait because another one is with the lower layer: a queue per session, and one order of arrival over
+// all of them. The queue owns its entries and their copies of the messages, and decides neither what waits nor when
+// the next is taken.
+#pragma once
+
+#include "iemli_messages.hpp"
+
+struct IemliSession;
+
+struct IemliQueuedRequest {
+    itc_msg *msg; // a copy under the request's number; it has no sender
+    uint32_t seq; // arrival, across all sessions
+    IemliQueuedRequest *next;
+};
+
+// Copies the message to the tail. Without memory, and for a number that never waits, the request is dropped.
+// The message has the size that its number and count ask for.
+void iemli_queue_add(IemliSession *session, const itc_msg *msg);
+
+// Discards what waits, unanswered, and keeps the messages: the leak that is part of this service.
+void iemli_queue_flush(IemliSession *session);
+// Discards what waits and frees it all.
+void iemli_queue_drop(IemliSession *session);
+
+// Unlinks the entry that arrived first of all sessions; null when none waits. It becomes the caller's.
+IemliQueuedRequest *iemli_queue_take_oldest(IemliSession **session);
+void iemli_queue_free(IemliQueuedRequest *entry);
+
+// The next arrival number is 0 again.
+void iemli_queue_restart_numbering();
