@@ -16,6 +16,10 @@ struct supervision_ind {
     uint32_t rtt_nsec;
 };
 static_assert(sizeof(supervision_ind) == 20);
+static_assert(offsetof(supervision_ind, session_id) == 4);
+static_assert(offsetof(supervision_ind, result) == 8);
+static_assert(offsetof(supervision_ind, rtt_sec) == 12);
+static_assert(offsetof(supervision_ind, rtt_nsec) == 16);
 
 // True for SUPERVISION_IND.
 bool supervision_dispatch(const itc_msg *msg);
@@ -23,19 +27,31 @@ bool supervision_dispatch(const itc_msg *msg);
 // Runs on the supervision library's thread: only builds and sends a SUPERVISION_IND.
 void supervision_callback(const supervision_rtt *rtt, uint32_t session_id, uint32_t result);
 
-// 0 success, 1 namespace failure, else the library's code.
+// 0 success, 1 namespace failure, else the library's code. A session or an array of keep-alive sessions that the link
+// still has is stopped first: once its id is overwritten nobody could stop it any more.
 uint32_t start_link_supervision(const char *if_name, const mac_address &local_mac, iml_link *link,
                                 const char *name_space);
 void start_keep_alive(const char *if_name, iml_link *link, const char *name_space);
 void stop_link_supervision(iml_link *link, const char *name_space);
 void stop_keep_alive(iml_link *link, const char *name_space);
 
+// Where the sessions of a link live; false while the port does not know the link's VLAN.
+struct link_place {
+    const char *if_name;
+    const char *name_space;
+};
+bool find_link_place(const eth_port &port, const iml_link *link, link_place *place);
+// Supervision, traced when it does not start, and keep-alive of a link whose place is known; else nothing.
+void start_link_sessions(const eth_port &port, iml_link *link);
+// Supervision and keep-alive of a link whose place is known; else nothing.
+void stop_link_sessions(const eth_port &port, iml_link *link);
+
 // By IEPCSI port name, after a port came up or went down.
 void start_supervision_on_port(const char *iepcsi_port_name);
 void stop_supervision_on_port(const char *iepcsi_port_name);
 
 // Stop and start again with the link's current RTT settings, when its port is operational.
-void restart_link_supervision(iml_link *link);
+void restart_link_supervision(const eth_port &port, iml_link *link);
 
 void handle_supervision_ind(const supervision_ind &ind);
 void handle_link_supervision_result(uint32_t result, iml_link *link);

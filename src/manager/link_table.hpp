@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "iemli/iemli_messages.hpp"
+#include "ref_index.hpp"
 
 inline constexpr uint16_t RTT_DEFAULT_BATCH_SIZE = 5;
 inline constexpr uint16_t RTT_DEFAULT_INTERVAL = 1;
@@ -64,6 +65,10 @@ struct iml_link {
 
     iml_link *next; // in ascending link_ref
     iml_link *prev;
+
+    // The table's own. A link is in the table while it is in the index of references.
+    ref_index_node by_ref;
+    ref_index_node by_session;
 };
 
 // Empties the table. Frees every record; sessions are not stopped.
@@ -76,9 +81,8 @@ iml_link *iml_link_alloc(IemliLinkData *data);
 // memory is out. numberOfAppLinks becomes n.
 IemliLinkData *iml_link_data_copy(const IemliLinkData *data, uint32_t n);
 
-// Gives the link the lowest free link_ref and its sorted place. The table owns it from here on.
-// False (nothing changed) when memory for the table's own index is out.
-bool iml_link_insert(iml_link *link);
+// Gives the link the lowest free link_ref and its sorted place. The table owns it from here on. Never fails.
+void iml_link_insert(iml_link *link);
 // Unlinks; the record becomes the caller's.
 void iml_link_remove(iml_link *link);
 // Frees a record that is not in the table, with everything it owns.
@@ -89,21 +93,27 @@ uint32_t iml_link_count();
 
 // Traces and returns null when there is none.
 iml_link *iml_link_find_by_ref(uint32_t link_ref);
-// No trace.
+// No trace. Of several with the same session id the first in table order.
+iml_link *iml_link_look_up(uint32_t link_ref);
 iml_link *iml_link_find_owned(uint32_t link_ref, uint32_t connection_ref);
 iml_link *iml_link_find_by_session(uint32_t session_id);
 keep_alive_session *keep_alive_find_by_session(uint32_t session_id);
 
-// The writers of session ids keep the lookups true. 0 means none.
+// The writers of session ids keep the lookups true. 0 means none, and is found by nobody.
 void iml_link_set_session(iml_link *link, uint32_t session_id);
-// Enters (leaves) the sessions of link->keep_alive_sessions into (out of) the lookup.
-void iml_link_index_keep_alives(iml_link *link);
-void iml_link_unindex_keep_alives(iml_link *link);
+// Gives the link an array of zeroed keep-alive sessions, one per app link. The link must have none. False when memory
+// is out.
+bool iml_link_alloc_keep_alives(iml_link *link);
+void iml_link_set_keep_alive_session(iml_link *link, uint32_t app_link, uint32_t session_id);
+// Frees the array, if there is one; sessions are not stopped.
+void iml_link_free_keep_alives(iml_link *link);
 
 // True when the link's port, as IEPCSI names it, and VLAN are these.
 bool iml_link_is_on_port_vlan(const iml_link *link, const char *iepcsi_port_name, uint16_t vlan);
 
 bool iml_link_is_rtt_enabled(uint32_t link_ref);
+// The one writer of a link's status. Tells nobody.
+void iml_link_write_status(iml_link *link, uint32_t status, uint32_t disabled_reason);
 void iml_link_set_status(uint32_t link_ref, uint32_t status, uint32_t disabled_reason);
 void iml_link_delete_all_of_connection(uint32_t connection_ref);
 

@@ -1,4 +1,4 @@
-// Network namespaces: four operations, and the enter/leave pattern around every start and stop of a session.
+// Network namespaces: four operations, and the visit that every start and stop of a session is made in.
 #pragma once
 
 #include <cstddef>
@@ -11,3 +11,8 @@ int open_current_netns();
 int enter_netns(const char *name);
 // Closes fd in both cases. 0 success, 1 failure.
 int return_to_netns(int fd);
+
+// Goes into a namespace and remembers where the thread was. False: not entered, nothing to end.
+bool netns_visit_begin(const char *name, int *previous);
+// Goes back. When that fails it is traced, and the thread may stay in `name` until the next visit.
+void netns_visit_end(const char *name, int previous);

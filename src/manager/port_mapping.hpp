@@ -5,6 +5,10 @@
 
 #include "clients/iepcsi_client.hpp"
 
+// The state of a port in which it carries links: unlocked by the operator, and operational.
+inline constexpr uint32_t ETH_PORT_UNLOCKED = 1;
+inline constexpr uint32_t ETH_PORT_OPERATIONAL = 1;
+
 // Both return a static buffer of their own, overwritten by the next call; "INVALID_PORT" for an unknown name.
 const char *iemli_to_iepcsi_port_name(const char *iemli_name);
 const char *iepcsi_to_iemli_port_name(const char *iepcsi_name);

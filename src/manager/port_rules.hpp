@@ -10,12 +10,16 @@
 inline constexpr mac_address PTP_MULTICAST_MAC = {{0x01, 0x1B, 0x19, 0x00, 0x00, 0x00}};
 inline constexpr mac_address LLDP_MULTICAST_MAC = {{0x01, 0x80, 0xC2, 0x00, 0x00, 0x0E}};
 
+// A port whose rules could not be set is left with this default action and no rule at all.
+inline constexpr uint32_t FMI_FALLBACK_ACTION = 1;
+
 // Heap arrays owned by the caller (free()); null when there is none or memory is out, then *count is 0.
 mac_address *collect_local_port_macs(uint32_t *count);
 mac_address *collect_emca_macs_for_port(uint32_t *count, const char *iemli_port_name);
 
 void set_emca_acl_rule_on_port(const char *iemli_port_name);
 void setup_port_acl(const char *iepcsi_port_name);
+void port_acl_fall_back(const char *fmi_name);
 // The supervision rule on every unlocked port; a port that refuses it falls back to default action 1.
 void set_supervision_acl_rule_on_ports(const mac_address *macs, uint32_t count);
 
