@@ -1,0 +1,424 @@
+// Starts and stops the sessions of the supervision library for the links, and turns their results into link status.
+// RTT figures belong to rtt.cpp; which link has which session to the link table.
+//
+// Nothing here answers a client's request, so a link in hand stays: indications and path messages are only sent.
+#include "link_supervision.hpp"
+
+#include <cstdio>
+#include <cstring>
+
+#include "clients/aasi_client.hpp"
+#include "iemli/iemli_server.hpp"
+#include "manager_state.hpp"
+#include "namespace.hpp"
+#include "port_mapping.hpp"
+#include "rtt.hpp"
+#include "vorn_manager.hpp"
+#include "vorn_trace.hpp"
+
+static_assert(sizeof(supervision_params) == 48);
+static_assert(offsetof(supervision_params, if_name) == 0);
+static_assert(offsetof(supervision_params, interval) == 16);
+static_assert(offsetof(supervision_params, sup_type) == 20);
+static_assert(offsetof(supervision_params, frameSize) == 22);
+static_assert(offsetof(supervision_params, reserved1) == 24);
+static_assert(offsetof(supervision_params, dest_mac) == 28);
+static_assert(offsetof(supervision_params, src_mac) == 34);
+static_assert(offsetof(supervision_params, vlantag) == 40);
+static_assert(offsetof(supervision_params, ether_type) == 44);
+
+namespace
+{
+
+constexpr uint32_t NAMESPACE_FAILURE = 1;
+constexpr uint32_t LAST_REPORTED_STOP_FAILURE = 3; // the library's results above this one are ignored
+constexpr uint32_t TOLERATED_LOSSES = 5;           // the next one in a row disables the link
+
+constexpr uint32_t KEEP_ALIVE_INTERVAL = 5;
+constexpr uint16_t KEEP_ALIVE_FRAME_SIZE = 64;
+constexpr uint32_t VLAN_TAG = 0x8100E000; // TPID 0x8100, priority 7
+constexpr uint16_t ETHER_TYPE_ECPRI = 0xAEFE;
+
+// The columns that link supervision and keep-alive have in common.
+supervision_params common_params(const char *if_name, const iml_link *link)
+{
+    supervision_params params = {};
+    snprintf(params.if_name, sizeof params.if_name, "%s", if_name);
+    params.reserved1 = 1;
+    memcpy(params.dest_mac, link->link_data->farEndCpmMac.byte, sizeof params.dest_mac);
+    params.vlantag = VLAN_TAG | link->link_data->vlanId;
+    params.ether_type = ETHER_TYPE_ECPRI;
+    return params;
+}
+
+supervision_params link_params(const char *if_name, const mac_address &local_mac, const iml_link *link)
+{
+    supervision_params params = common_params(if_name, link);
+    params.interval = link->rtt.measureInterval;
+    params.sup_type = SUPERVISION_TYPE_LINK;
+    params.frameSize = link->rtt.frameSize;
+    memcpy(params.src_mac, local_mac.byte, sizeof params.src_mac);
+    return params;
+}
+
+supervision_params keep_alive_params(const char *if_name, const iml_link *link)
+{
+    supervision_params params = common_params(if_name, link);
+    params.interval = KEEP_ALIVE_INTERVAL;
+    params.sup_type = SUPERVISION_TYPE_KEEP_ALIVE;
+    params.frameSize = KEEP_ALIVE_FRAME_SIZE;
+    return params;
+}
+
+void end_link_session(iml_link *link)
+{
+    rtt_clear_samples(link);
+    const uint32_t session_id = link->supervision_session_id;
+    const uint32_t result = stop_supervision_session(session_id);
+    if (result == 0) {
+        VORN_TRACE(TRACE_LINK, "Supervision stopped for link ref: %u with session id: %u", link->link_ref, session_id);
+        link->supervision_state = SUPERVISION_NOT_RUNNING;
+    } else if (result <= LAST_REPORTED_STOP_FAILURE) {
+        VORN_TRACE(TRACE_ERROR, "Supervision stop failed for link ref: %u. Result: %u", link->link_ref, result);
+        link->supervision_state = SUPERVISION_FAILED;
+    }
+    iml_link_set_session(link, 0);
+    link->supervision_results = 0;
+    link->supervision_lost = 0;
+    link->supervision_last_ok = 0;
+}
+
+uint32_t begin_link_session(const supervision_params &params, iml_link *link)
+{
+    uint32_t session_id = 0;
+    const uint32_t result = start_supervision_session(&session_id, &params, supervision_callback);
+    if (result == 0) {
+        iml_link_set_session(link, session_id);
+        VORN_TRACE(TRACE_LINK, "Supervision started with session id: %u", session_id);
+        link->supervision_state = SUPERVISION_RUNNING;
+        return 0;
+    }
+    link->supervision_state = SUPERVISION_FAILED;
+    VORN_TRACE(TRACE_ERROR,
+               "Start supervision for link (src = %02X:%02X:%02X:%02X:%02X:%02X, dest = "
+               "%02X:%02X:%02X:%02X:%02X:%02X, link ref = %d, frameSize = %u, sup_type = %u, interface name = %s, "
+               "vlantag = 0x%x) failed with result %u",
+               params.src_mac[0], params.src_mac[1], params.src_mac[2], params.src_mac[3], params.src_mac[4],
+               params.src_mac[5], params.dest_mac[0], params.dest_mac[1], params.dest_mac[2], params.dest_mac[3],
+               params.dest_mac[4], params.dest_mac[5], static_cast<int>(link->link_ref), params.frameSize,
+               params.sup_type, params.if_name, params.vlantag, result);
+    return result;
+}
+
+void end_keep_alive_sessions(iml_link *link)
+{
+    for (uint32_t i = 0; i < link->keep_alive_count; ++i) {
+        const uint32_t session_id = link->keep_alive_sessions[i].session_id;
+        const uint32_t result = stop_supervision_session(session_id);
+        if (result == 0) {
+            VORN_TRACE(TRACE_LINK, "Keep alive stopped with session id: %u:", session_id);
+        } else if (result <= LAST_REPORTED_STOP_FAILURE) {
+            VORN_TRACE(TRACE_ERROR, "Keep alive stop failed for session id %u. Result: %u", session_id, result);
+        }
+    }
+    iml_link_free_keep_alives(link);
+}
+
+void begin_keep_alive_session(const supervision_params &params, iml_link *link, uint32_t app_link)
+{
+    uint32_t session_id = 0;
+    const uint32_t result = start_supervision_session(&session_id, &params, supervision_callback);
+    if (result == 0) {
+        iml_link_set_keep_alive_session(link, app_link, session_id);
+        VORN_TRACE(TRACE_LINK, "Keep alive started with session id: %u", session_id);
+        return;
+    }
+    VORN_TRACE(TRACE_ERROR,
+               "Start keep alive for app link (src = %02X:%02X:%02X:%02X:%02X:%02X, dest = "
+               "%02X:%02X:%02X:%02X:%02X:%02X) link ref = %d, frameSize = %u, sup_type = %u, interface name = %s, "
+               "vlantag = 0x%x) failed with result %u",
+               params.src_mac[0], params.src_mac[1], params.src_mac[2], params.src_mac[3], params.src_mac[4],
+               params.src_mac[5], params.dest_mac[0], params.dest_mac[1], params.dest_mac[2], params.dest_mac[3],
+               params.dest_mac[4], params.dest_mac[5], static_cast<int>(link->link_ref), params.frameSize,
+               params.sup_type, params.if_name, params.vlantag, result);
+}
+
+void begin_keep_alive_sessions(const char *if_name, iml_link *link)
+{
+    if (!iml_link_alloc_keep_alives(link)) {
+        VORN_TRACE(TRACE_ERROR, "Memory error. App supervision not started.");
+        return;
+    }
+    supervision_params params = keep_alive_params(if_name, link);
+    for (uint32_t i = 0; i < link->keep_alive_count; ++i) {
+        memcpy(params.src_mac, iemli_app_links(link->link_data)[i].nearEndAppMac.byte, sizeof params.src_mac);
+        begin_keep_alive_session(params, link, i);
+    }
+}
+
+// Writes the status and tells the link's owner and, when it is up, the automation agent.
+void change_status(iml_link *link, uint32_t status, uint32_t disabled_reason)
+{
+    iml_link_write_status(link, status, disabled_reason);
+    iemli_send_link_status_ind(link->connection_ref, link->link_ref, status, disabled_reason);
+    if (is_aasi_service_up()) {
+        aasi_send_path_info(link->link_ref, 0, 0, 0, status);
+    }
+}
+
+void disable_after_port_event(iml_link *link, uint32_t disabled_reason)
+{
+    VORN_TRACE(TRACE_LINK, "Updated iml link status on link: %u, with port name %s. Old status %s, new status %s",
+               link->link_ref, link->link_data->imlPortName, iml_link_status_text(link->status, link->disabled_reason),
+               iml_link_status_text(IML_LINK_DISABLED, disabled_reason));
+    change_status(link, IML_LINK_DISABLED, disabled_reason);
+}
+
+void start_after_port_up(const eth_port &port, iml_link *link)
+{
+    if (link->supervision_state == SUPERVISION_RUNNING) {
+        VORN_TRACE(TRACE_WARNING, "WARNING: Trying to start supervision twice on link: %u, supervision session: %u",
+                   link->link_ref, link->supervision_session_id);
+        return;
+    }
+    start_link_sessions(port, link);
+    disable_after_port_event(link, IML_LINK_REASON_NO_CONNECTIVITY);
+}
+
+void stop_after_port_down(const eth_port &port, iml_link *link)
+{
+    if (link->supervision_state != SUPERVISION_RUNNING) {
+        VORN_TRACE(TRACE_WARNING, "Trying to stop supervision twice for link: %u", link->link_ref);
+        return;
+    }
+    stop_link_sessions(port, link);
+    disable_after_port_event(link, IML_LINK_REASON_DOWN);
+}
+
+void for_links_on_port(const char *iepcsi_port_name, void (*action)(const eth_port &, iml_link *))
+{
+    eth_port port;
+    if (!iepcsi_fetch_port_data(iepcsi_port_name, &port)) {
+        VORN_TRACE(TRACE_ERROR, "Failed to fetch port data");
+        return;
+    }
+    char iemli_name[PORT_NAME_LEN + 1];
+    snprintf(iemli_name, sizeof iemli_name, "%s", iepcsi_to_iemli_port_name(iepcsi_port_name));
+    for (iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
+        if (port_name_equal(link->link_data->imlPortName, iemli_name)) {
+            action(port, link);
+        }
+    }
+}
+
+void link_answered(iml_link *link)
+{
+    link->supervision_last_ok = link->supervision_results;
+    if (link->status == IML_LINK_ENABLED) {
+        return;
+    }
+    VORN_TRACE(TRACE_WARNING, "Link status change, from: %s, to: enabled. Link ref: %u",
+               iml_link_status_text(link->status, link->disabled_reason), link->link_ref);
+    change_status(link, IML_LINK_ENABLED, link->disabled_reason);
+}
+
+void link_lost_frame(iml_link *link)
+{
+    ++link->supervision_lost;
+    if (link->status != IML_LINK_ENABLED || link->supervision_last_ok + TOLERATED_LOSSES >= link->supervision_results) {
+        return;
+    }
+    VORN_TRACE(TRACE_WARNING, "Max pings lost, link status change: %s. Link ref: %u",
+               iml_link_status_text(IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY), link->link_ref);
+    change_status(link, IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY);
+}
+
+void handle_ind_of_link(const supervision_ind &ind, iml_link *link)
+{
+    VORN_TRACE(TRACE_TRAFFIC,
+               "Received supervision ind with session id: %u,rtt_sec: %u, rtt_nsec: %u, supervision result: %u",
+               ind.session_id, ind.rtt_sec, ind.rtt_nsec, ind.result);
+    handle_link_supervision_result(ind.result, link);
+    const supervision_rtt rtt = {ind.rtt_sec, ind.rtt_nsec};
+    rtt_record_sample(ind.result, &rtt, link);
+}
+
+} // namespace
+
+void supervision_callback(const supervision_rtt *rtt, uint32_t session_id, uint32_t result)
+{
+    itc_msg *msg = itc_alloc(sizeof(supervision_ind), SUPERVISION_IND);
+    auto *ind = reinterpret_cast<supervision_ind *>(msg);
+    ind->session_id = session_id;
+    ind->result = result;
+    if (rtt != nullptr) {
+        ind->rtt_sec = rtt->sec;
+        ind->rtt_nsec = rtt->nsec;
+    }
+    itc_send(&msg, vorn_own_mailbox(), vorn_own_mailbox());
+}
+
+bool supervision_dispatch(const itc_msg *msg)
+{
+    if (msg->msgno != SUPERVISION_IND) {
+        return false;
+    }
+    if (itc_size(msg) < sizeof(supervision_ind)) {
+        VORN_TRACE(TRACE_ERROR, "%s too short: %zu bytes", "SUPERVISION_IND", itc_size(msg));
+        return true;
+    }
+    handle_supervision_ind(*reinterpret_cast<const supervision_ind *>(msg));
+    return true;
+}
+
+uint32_t start_link_supervision(const char *if_name, const mac_address &local_mac, iml_link *link,
+                                const char *name_space)
+{
+    int previous = -1;
+    if (!netns_visit_begin(name_space, &previous)) {
+        return NAMESPACE_FAILURE;
+    }
+    if (link->supervision_session_id != 0) {
+        end_link_session(link);
+    }
+    const uint32_t result = begin_link_session(link_params(if_name, local_mac, link), link);
+    netns_visit_end(name_space, previous);
+    return result;
+}
+
+void start_keep_alive(const char *if_name, iml_link *link, const char *name_space)
+{
+    int previous = -1;
+    if (!netns_visit_begin(name_space, &previous)) {
+        return;
+    }
+    if (link->keep_alive_sessions != nullptr) {
+        end_keep_alive_sessions(link);
+    }
+    begin_keep_alive_sessions(if_name, link);
+    netns_visit_end(name_space, previous);
+}
+
+void stop_link_supervision(iml_link *link, const char *name_space)
+{
+    int previous = -1;
+    if (!netns_visit_begin(name_space, &previous)) {
+        return;
+    }
+    end_link_session(link);
+    netns_visit_end(name_space, previous);
+}
+
+void stop_keep_alive(iml_link *link, const char *name_space)
+{
+    int previous = -1;
+    if (!netns_visit_begin(name_space, &previous)) {
+        return;
+    }
+    end_keep_alive_sessions(link);
+    netns_visit_end(name_space, previous);
+}
+
+bool find_link_place(const eth_port &port, const iml_link *link, link_place *place)
+{
+    *place = {};
+    get_port_if_name_and_namespace(port, link->link_data->vlanId, &place->if_name, &place->name_space);
+    return place->if_name != nullptr && place->name_space != nullptr;
+}
+
+void start_link_sessions(const eth_port &port, iml_link *link)
+{
+    link_place place;
+    if (!find_link_place(port, link, &place)) {
+        return;
+    }
+    const uint32_t result = start_link_supervision(place.if_name, port.mac, link, place.name_space);
+    if (result != 0) {
+        VORN_TRACE(TRACE_ERROR, "Supervision start failed for link: %u. Result: %u", link->link_ref, result);
+    }
+    start_keep_alive(place.if_name, link, place.name_space);
+}
+
+void stop_link_sessions(const eth_port &port, iml_link *link)
+{
+    link_place place;
+    if (find_link_place(port, link, &place)) {
+        stop_link_supervision(link, place.name_space);
+        stop_keep_alive(link, place.name_space);
+    }
+}
+
+void start_supervision_on_port(const char *iepcsi_port_name)
+{
+    for_links_on_port(iepcsi_port_name, start_after_port_up);
+}
+
+void stop_supervision_on_port(const char *iepcsi_port_name)
+{
+    for_links_on_port(iepcsi_port_name, stop_after_port_down);
+}
+
+void restart_link_supervision(const eth_port &port, iml_link *link)
+{
+    link_place place;
+    if (port.oper_state != ETH_PORT_OPERATIONAL || !find_link_place(port, link, &place)) {
+        return;
+    }
+    stop_link_supervision(link, place.name_space);
+    const uint32_t result = start_link_supervision(place.if_name, port.mac, link, place.name_space);
+    if (result != 0) {
+        VORN_TRACE(TRACE_ERROR, "Supervision start failed for link: %u. Result: %u", link->link_ref, result);
+    }
+}
+
+void handle_supervision_ind(const supervision_ind &ind)
+{
+    iml_link *link = iml_link_find_by_session(ind.session_id);
+    if (link != nullptr) {
+        handle_ind_of_link(ind, link);
+        return;
+    }
+    keep_alive_session *entry = keep_alive_find_by_session(ind.session_id);
+    if (entry != nullptr) {
+        VORN_TRACE(TRACE_TRAFFIC, "Received supervision ind with session id: %u,supervision result: %u", ind.session_id,
+                   ind.result);
+        handle_keep_alive_result(ind.result, entry);
+        return;
+    }
+    VORN_TRACE(TRACE_WARNING, "WARNING: Received supervision ind(%u) for link that doesn't exist any more.",
+               ind.session_id);
+}
+
+void handle_link_supervision_result(uint32_t result, iml_link *link)
+{
+    ++link->supervision_results;
+    switch (result) {
+    case SUPERVISION_ANSWERED:
+    case SUPERVISION_ANSWERED_NO_TIME:
+    case SUPERVISION_KEEP_ALIVE_OK:
+        link_answered(link);
+        break;
+    case SUPERVISION_LOST:
+        link_lost_frame(link);
+        break;
+    default:
+        VORN_TRACE(TRACE_WARNING, "WARNING:Unknown supervision result(%u) received", result);
+        break;
+    }
+}
+
+void handle_keep_alive_result(uint32_t result, keep_alive_session *entry)
+{
+    ++entry->results;
+    switch (result) {
+    case SUPERVISION_KEEP_ALIVE_OK:
+        entry->last_ok = entry->results;
+        break;
+    case SUPERVISION_LOST:
+        ++entry->lost;
+        break;
+    default:
+        VORN_TRACE(TRACE_WARNING, "WARNING:Unknown supervision result(%u) received", result);
+        break;
+    }
+}

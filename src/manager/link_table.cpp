@@ -1,0 +1,321 @@
+// The table of IML links: a list in ascending link_ref, and beside it one index by reference, one by supervision
+// session and one by keep-alive session, so that no lookup walks the links. What a link's status or sessions mean is
+// not known here; sessions are neither started nor stopped.
+#include "link_table.hpp"
+
+#include <cstdlib>
+
+#include "clients/iepcsi_client.hpp"
+#include "link_procedures.hpp"
+#include "manager_state.hpp"
+#include "port_mapping.hpp"
+#include "rtt.hpp"
+#include "vorn_trace.hpp"
+
+namespace
+{
+
+iml_link *first_link;
+uint32_t link_count;
+uint32_t lowest_maybe_free = 1; // every reference below this one is in use
+
+ref_index links_by_ref;
+ref_index links_by_session;
+ref_index keep_alives_by_session;
+
+bool is_in_table(const iml_link *link) { return ref_index_holds(&link->by_ref); }
+
+uint32_t entries_for(uint32_t app_links) { return app_links > 1 ? app_links : 1; }
+
+// The index nodes of a link's keep-alive sessions stand behind the sessions, in the same block.
+ref_index_node *keep_alive_nodes(const iml_link *link)
+{
+    return reinterpret_cast<ref_index_node *>(link->keep_alive_sessions + entries_for(link->keep_alive_count));
+}
+
+void index_session(iml_link *link)
+{
+    ref_index_remove(&links_by_session, &link->by_session);
+    if (is_in_table(link) && link->supervision_session_id != 0) {
+        ref_index_insert(&links_by_session, &link->by_session, link->supervision_session_id, link);
+    }
+}
+
+void index_keep_alive(iml_link *link, uint32_t i)
+{
+    ref_index_node *node = &keep_alive_nodes(link)[i];
+    ref_index_remove(&keep_alives_by_session, node);
+    if (is_in_table(link) && link->keep_alive_sessions[i].session_id != 0) {
+        ref_index_insert(&keep_alives_by_session, node, link->keep_alive_sessions[i].session_id, link);
+    }
+}
+
+void index_keep_alives(iml_link *link)
+{
+    for (uint32_t i = 0; i < link->keep_alive_count; ++i) {
+        index_keep_alive(link, i);
+    }
+}
+
+uint32_t take_lowest_free_ref()
+{
+    while (iml_link_look_up(lowest_maybe_free) != nullptr) {
+        ++lowest_maybe_free;
+    }
+    return lowest_maybe_free++;
+}
+
+// Every reference below the link's own is in use, so its neighbour before is the one that counts one less.
+void link_in(iml_link *link)
+{
+    link->prev = iml_link_look_up(link->link_ref - 1);
+    link->next = link->prev != nullptr ? link->prev->next : first_link;
+    (link->prev != nullptr ? link->prev->next : first_link) = link;
+    if (link->next != nullptr) {
+        link->next->prev = link;
+    }
+}
+
+// Of two entries of one session id, whether `a` stands before `b` in table order.
+bool stands_before(const ref_index_node *a, const ref_index_node *b)
+{
+    const auto *link_a = static_cast<const iml_link *>(a->owner);
+    const auto *link_b = static_cast<const iml_link *>(b->owner);
+    return link_a->link_ref < link_b->link_ref || (link_a == link_b && a < b);
+}
+
+ref_index_node *first_in_table_order(const ref_index *index, uint32_t key)
+{
+    ref_index_node *found = ref_index_first(index, key);
+    if (found == nullptr) {
+        return nullptr;
+    }
+    for (ref_index_node *node = ref_index_next(found); node != nullptr; node = ref_index_next(node)) {
+        if (stands_before(node, found)) {
+            found = node;
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+void iml_link_table_clear()
+{
+    while (first_link != nullptr) {
+        iml_link *link = first_link;
+        iml_link_remove(link);
+        iml_link_free(link);
+    }
+    ref_index_clear(&links_by_ref);
+    ref_index_clear(&links_by_session);
+    ref_index_clear(&keep_alives_by_session);
+}
+
+iml_link *iml_link_alloc(IemliLinkData *data)
+{
+    auto *link = static_cast<iml_link *>(calloc(1, sizeof(iml_link)));
+    if (link != nullptr) {
+        link->link_data = data;
+        link->rtt = {RTT_DEFAULT_BATCH_SIZE, RTT_DEFAULT_INTERVAL, RTT_DEFAULT_FRAME_SIZE};
+    }
+    return link;
+}
+
+IemliLinkData *iml_link_data_copy(const IemliLinkData *data, uint32_t n)
+{
+    const uint64_t size = iemli_link_data_size(n);
+    if (size > SIZE_MAX) {
+        return nullptr;
+    }
+    auto *copy = static_cast<IemliLinkData *>(calloc(1, static_cast<size_t>(size)));
+    if (copy == nullptr) {
+        return nullptr;
+    }
+    const uint32_t kept = n < data->numberOfAppLinks ? n : data->numberOfAppLinks;
+    memcpy(copy, data, offsetof(IemliLinkData, appLinks));
+    memcpy(iemli_app_links(copy), iemli_app_links(data), kept * sizeof(IemliAppLink));
+    copy->numberOfAppLinks = n;
+    return copy;
+}
+
+void iml_link_insert(iml_link *link)
+{
+    link->link_ref = take_lowest_free_ref();
+    link_in(link);
+    ++link_count;
+    ref_index_insert(&links_by_ref, &link->by_ref, link->link_ref, link);
+    index_session(link);
+    index_keep_alives(link);
+}
+
+void iml_link_remove(iml_link *link)
+{
+    (link->prev != nullptr ? link->prev->next : first_link) = link->next;
+    if (link->next != nullptr) {
+        link->next->prev = link->prev;
+    }
+    link->next = nullptr;
+    link->prev = nullptr;
+    --link_count;
+    if (link->link_ref < lowest_maybe_free) {
+        lowest_maybe_free = link->link_ref;
+    }
+    ref_index_remove(&links_by_ref, &link->by_ref);
+    index_session(link);
+    index_keep_alives(link);
+}
+
+void iml_link_free(iml_link *link)
+{
+    rtt_clear_samples(link);
+    iml_link_free_keep_alives(link);
+    free(link->link_data);
+    free(link);
+}
+
+iml_link *iml_link_first() { return first_link; }
+
+uint32_t iml_link_count() { return link_count; }
+
+iml_link *iml_link_look_up(uint32_t link_ref)
+{
+    const ref_index_node *node = ref_index_first(&links_by_ref, link_ref);
+    return node != nullptr ? static_cast<iml_link *>(node->owner) : nullptr;
+}
+
+iml_link *iml_link_find_by_ref(uint32_t link_ref)
+{
+    iml_link *link = iml_link_look_up(link_ref);
+    if (link == nullptr) {
+        VORN_TRACE(TRACE_LINK, "Tried to fetch link with ref %u that doesn't exist anymore.", link_ref);
+    }
+    return link;
+}
+
+iml_link *iml_link_find_owned(uint32_t link_ref, uint32_t connection_ref)
+{
+    iml_link *link = iml_link_look_up(link_ref);
+    return link != nullptr && link->connection_ref == connection_ref ? link : nullptr;
+}
+
+iml_link *iml_link_find_by_session(uint32_t session_id)
+{
+    const ref_index_node *node = first_in_table_order(&links_by_session, session_id);
+    return node != nullptr ? static_cast<iml_link *>(node->owner) : nullptr;
+}
+
+keep_alive_session *keep_alive_find_by_session(uint32_t session_id)
+{
+    const ref_index_node *node = first_in_table_order(&keep_alives_by_session, session_id);
+    if (node == nullptr) {
+        return nullptr;
+    }
+    const auto *link = static_cast<const iml_link *>(node->owner);
+    return &link->keep_alive_sessions[node - keep_alive_nodes(link)];
+}
+
+void iml_link_set_session(iml_link *link, uint32_t session_id)
+{
+    link->supervision_session_id = session_id;
+    index_session(link);
+}
+
+bool iml_link_alloc_keep_alives(iml_link *link)
+{
+    const uint32_t count = link->link_data->numberOfAppLinks;
+    link->keep_alive_sessions = static_cast<keep_alive_session *>(
+        calloc(entries_for(count), sizeof(keep_alive_session) + sizeof(ref_index_node)));
+    link->keep_alive_count = link->keep_alive_sessions != nullptr ? count : 0;
+    return link->keep_alive_sessions != nullptr;
+}
+
+void iml_link_set_keep_alive_session(iml_link *link, uint32_t app_link, uint32_t session_id)
+{
+    link->keep_alive_sessions[app_link].session_id = session_id;
+    index_keep_alive(link, app_link);
+}
+
+void iml_link_free_keep_alives(iml_link *link)
+{
+    for (uint32_t i = 0; i < link->keep_alive_count; ++i) {
+        ref_index_remove(&keep_alives_by_session, &keep_alive_nodes(link)[i]);
+    }
+    free(link->keep_alive_sessions);
+    link->keep_alive_sessions = nullptr;
+    link->keep_alive_count = 0;
+}
+
+bool iml_link_is_on_port_vlan(const iml_link *link, const char *iepcsi_port_name, uint16_t vlan)
+{
+    return link->link_data->vlanId == vlan &&
+           port_name_equal(iemli_to_iepcsi_port_name(link->link_data->imlPortName), iepcsi_port_name);
+}
+
+bool iml_link_is_rtt_enabled(uint32_t link_ref)
+{
+    const iml_link *link = iml_link_find_by_ref(link_ref);
+    return link != nullptr && link->rtt_enabled == 1;
+}
+
+void iml_link_write_status(iml_link *link, uint32_t status, uint32_t disabled_reason)
+{
+    link->status = status;
+    link->disabled_reason = disabled_reason;
+}
+
+void iml_link_set_status(uint32_t link_ref, uint32_t status, uint32_t disabled_reason)
+{
+    iml_link *link = iml_link_look_up(link_ref);
+    if (link == nullptr) {
+        VORN_TRACE(TRACE_LINK, "Tried to update link status on link with ref %u that doesn't exist anymore.", link_ref);
+        return;
+    }
+    VORN_TRACE(TRACE_LINK, "Updated iml link status on link with ref %u. Old status %s, new status %s", link_ref,
+               iml_link_status_text(link->status, link->disabled_reason),
+               iml_link_status_text(status, disabled_reason));
+    iml_link_write_status(link, status, disabled_reason);
+}
+
+void iml_link_delete_all_of_connection(uint32_t connection_ref)
+{
+    // A delete without a request answers nobody, so that nothing but the link in hand is freed meanwhile.
+    iml_link *next = nullptr;
+    for (iml_link *link = first_link; link != nullptr; link = next) {
+        next = link->next;
+        if (link->connection_ref == connection_ref) {
+            iml_link_delete(link->link_ref, connection_ref, nullptr);
+        }
+    }
+}
+
+bool fetch_local_supervision_mac(const char *iemli_port_name, mac_address *mac, uint32_t *reason)
+{
+    if (manager_state() != KAP_VORN_INITIATED) {
+        *reason = IEMLI_REJ_OTHER_REASON;
+        VORN_TRACE(TRACE_PORT, "Could not fetch MAC. VORN manager is not initiated");
+        return false;
+    }
+    eth_port port;
+    if (!iepcsi_fetch_port_data(iemli_to_iepcsi_port_name(iemli_port_name), &port)) {
+        *reason = IEMLI_REJ_UNKNOWN_PORT_NAME;
+        return false;
+    }
+    *mac = port.mac;
+    return true;
+}
+
+bool check_mac(const mac_address &mac, uint32_t *reason)
+{
+    if (manager_state() != KAP_VORN_INITIATED) {
+        *reason = IEMLI_REJ_OTHER_REASON;
+        VORN_TRACE(TRACE_PORT, "Could not check MAC. VORN manager is not initiated");
+        return false;
+    }
+    for (const eth_port *port = iepcsi_get_port_list(); port != nullptr; port = port->next) {
+        if (mac_equal(port->mac, mac)) {
+            return true;
+        }
+    }
+    return false;
+}

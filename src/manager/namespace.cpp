@@ -1,0 +1,77 @@
+// Network namespaces of the calling thread. The daemon has one thread of its own, so that a switch covers all that is
+// done between enter and leave.
+#include "namespace.hpp"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "vorn_trace.hpp"
+
+namespace
+{
+
+constexpr const char *NETNS_DIRECTORY = "/var/run/netns";
+constexpr const char *OWN_NETNS = "/proc/self/ns/net";
+
+} // namespace
+
+int netns_path(const char *name, char *buffer, size_t size)
+{
+    return snprintf(buffer, size, "%s/%s", NETNS_DIRECTORY, name);
+}
+
+int open_current_netns() { return open(OWN_NETNS, O_RDONLY, 0); }
+
+int enter_netns(const char *name)
+{
+    char path[4096];
+    netns_path(name, path, sizeof path);
+    const int fd = open(path, O_RDONLY, 0);
+    if (fd < 0) {
+        VORN_TRACE(TRACE_ERROR, "Unable to open '%s' file: %s", path, strerror(errno));
+        return 1;
+    }
+    const int result = setns(fd, CLONE_NEWNET);
+    if (result < 0) {
+        VORN_TRACE(TRACE_ERROR, "Unable to enter '%s': %s", name, strerror(errno));
+    }
+    close(fd);
+    return result < 0 ? 1 : 0;
+}
+
+int return_to_netns(int fd)
+{
+    const int result = setns(fd, CLONE_NEWNET);
+    if (result < 0) {
+        VORN_TRACE(TRACE_ERROR, "Failed to return to previous namespace: %s", strerror(errno));
+    }
+    close(fd);
+    return result < 0 ? 1 : 0;
+}
+
+bool netns_visit_begin(const char *name, int *previous)
+{
+    *previous = open_current_netns();
+    if (*previous < 0) {
+        VORN_TRACE(TRACE_WARNING, "WARNING:Unable to open '%s': %s.", OWN_NETNS, strerror(errno));
+    }
+    if (enter_netns(name) != 0) {
+        VORN_TRACE(TRACE_ERROR, "Failed to enter %s namespace", name);
+        // Kept as it is: *previous stays open on this path.
+        return false;
+    }
+    return true;
+}
+
+void netns_visit_end(const char *name, int previous)
+{
+    if (previous < 0 || return_to_netns(previous) != 0) {
+        // The thread stays in the link's namespace until the next visit.
+        VORN_TRACE(TRACE_WARNING, "WARNING:Failed to exit %s namespace (name space fd %d).", name, previous);
+    }
+}

@@ -1,0 +1,249 @@
+// Builds the MAC lists and rule records of a port or a link, and programs a port's access control. What the records
+// mean to their services is the services' business; integers in them are in network byte order.
+#include "port_rules.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "clients/fmi_client.hpp"
+#include "clients/iepcsi_client.hpp"
+#include "link_table.hpp"
+#include "port_mapping.hpp"
+#include "vorn_trace.hpp"
+
+namespace
+{
+
+constexpr uint32_t EMCA_INDEX_MASK = 0xFF;
+
+struct mac_list {
+    mac_address *macs;
+    uint32_t count;
+};
+
+// The place where the next MAC is written, and how far a duplicate is looked for, is an index of 8 bits: MAC number 257
+// takes the place of the first.
+uint32_t mac_list_index(const mac_list &list) { return list.count & EMCA_INDEX_MASK; }
+
+bool mac_list_has(const mac_list &list, const mac_address &mac)
+{
+    for (uint32_t i = 0; i < mac_list_index(list); ++i) {
+        if (mac_equal(list.macs[i], mac)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// On failure the list is empty.
+bool mac_list_append(mac_list *list, const mac_address &mac)
+{
+    void *grown = realloc(list->macs, (static_cast<size_t>(list->count) + 1) * sizeof(mac_address));
+    if (grown == nullptr) {
+        VORN_TRACE(TRACE_ERROR, "Out of memory");
+        free(list->macs);
+        *list = {};
+        return false;
+    }
+    list->macs = static_cast<mac_address *>(grown);
+    list->macs[list->count] = {};
+    list->macs[mac_list_index(*list)] = mac;
+    ++list->count;
+    return true;
+}
+
+bool append_emca_macs_of_link(mac_list *list, const IemliLinkData *data)
+{
+    for (uint32_t i = 0; i < data->numberOfAppLinks; ++i) {
+        const mac_address &mac = iemli_app_links(data)[i].nearEndAppMac;
+        if (!mac_list_has(*list, mac) && !mac_list_append(list, mac)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void fill_rule(EmiEndpoint *rule, const char *fmi_name, const mac_address &mac, uint16_t vlan, uint32_t match_on_port)
+{
+    *rule = {};
+    snprintf(rule->ifName, sizeof rule->ifName, "%s", fmi_name);
+    rule->mac = mac;
+    rule->epType = to_be32(1);
+    rule->vlanId = to_be32(vlan);
+    rule->farEnd = to_be32(match_on_port);
+}
+
+// The two entries of an app link: its far end on the port, its near end on any.
+void fill_app_link_rules(EmiEndpoint *rules, const char *fmi_name, const IemliAppLink &app_link, uint16_t vlan)
+{
+    fill_rule(&rules[0], fmi_name, app_link.farEndAppMac, vlan, 1);
+    fill_rule(&rules[1], "", app_link.nearEndAppMac, vlan, 0);
+}
+
+bool set_port_rules(const char *fmi_name, uint32_t tn, const mac_address *emcas, uint32_t emca_count)
+{
+    return fmi_set_default_action(fmi_name, tn) && fmi_set_static_rule(fmi_name, tn) &&
+           (emcas == nullptr || fmi_set_emca_acl_rule(fmi_name, emcas, emca_count)) && fmi_set_ptp_macs(fmi_name) &&
+           fmi_set_lldp_macs(fmi_name);
+}
+
+bool has_app_link(const IemliLinkData *data, const IemliAppLink &app_link)
+{
+    for (uint32_t i = 0; i < data->numberOfAppLinks; ++i) {
+        const IemliAppLink &other = iemli_app_links(data)[i];
+        if (mac_equal(other.farEndAppMac, app_link.farEndAppMac) &&
+            mac_equal(other.nearEndAppMac, app_link.nearEndAppMac)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+mac_address *collect_local_port_macs(uint32_t *count)
+{
+    mac_list list = {};
+    for (const eth_port *port = iepcsi_get_port_list(); port != nullptr; port = port->next) {
+        if (port->adm_state == ETH_PORT_UNLOCKED && !mac_list_append(&list, port->mac)) {
+            break;
+        }
+    }
+    *count = list.count;
+    return list.macs;
+}
+
+mac_address *collect_emca_macs_for_port(uint32_t *count, const char *iemli_port_name)
+{
+    mac_list list = {};
+    for (const iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
+        if (port_name_equal(link->link_data->imlPortName, iemli_port_name) &&
+            !append_emca_macs_of_link(&list, link->link_data)) {
+            break;
+        }
+    }
+    *count = list.count;
+    return list.macs;
+}
+
+void set_emca_acl_rule_on_port(const char *iemli_port_name)
+{
+    uint32_t count = 0;
+    mac_address *macs = collect_emca_macs_for_port(&count, iemli_port_name);
+    char fmi_name[64];
+    port_name_to_fmi_name(iemli_port_name, fmi_name, sizeof fmi_name);
+    if (!fmi_set_emca_acl_rule(fmi_name, macs, count)) {
+        VORN_TRACE(TRACE_WARNING, "WARNING: Set emca acl rule on port (%s) for %u new emcas failed.", fmi_name, count);
+    }
+    free(macs);
+}
+
+void setup_port_acl(const char *iepcsi_port_name)
+{
+    char iemli_name[PORT_NAME_LEN];
+    char fmi_name[64];
+    snprintf(iemli_name, sizeof iemli_name, "%s", iepcsi_to_iemli_port_name(iepcsi_port_name));
+    port_name_to_fmi_name(iepcsi_port_name, fmi_name, sizeof fmi_name);
+    uint32_t emca_count = 0;
+    uint32_t local_count = 0;
+    mac_address *emcas = collect_emca_macs_for_port(&emca_count, iemli_name);
+    mac_address *locals = collect_local_port_macs(&local_count);
+    if (!set_port_rules(fmi_name, is_tn_port(iepcsi_port_name) ? 1 : 0, emcas, emca_count)) {
+        port_acl_fall_back(fmi_name);
+    } else if (locals != nullptr) {
+        set_supervision_acl_rule_on_ports(locals, local_count);
+    }
+    free(emcas);
+    free(locals);
+}
+
+void port_acl_fall_back(const char *fmi_name)
+{
+    fmi_remove_acl_from_port(fmi_name);
+    fmi_set_default_action(fmi_name, FMI_FALLBACK_ACTION);
+}
+
+void set_supervision_acl_rule_on_ports(const mac_address *macs, uint32_t count)
+{
+    for (const eth_port *port = iepcsi_get_port_list(); port != nullptr; port = port->next) {
+        if (port->adm_state != ETH_PORT_UNLOCKED) {
+            continue;
+        }
+        char fmi_name[64];
+        port_name_to_fmi_name(port->port_name, fmi_name, sizeof fmi_name);
+        if (!fmi_set_supervision_acl_rule(fmi_name, macs, count)) {
+            port_acl_fall_back(fmi_name);
+        }
+    }
+}
+
+void fill_ptp_lldp_mac_rules(const char *port_name, uint16_t vlan, EmiEndpoint *out)
+{
+    char fmi_name[64];
+    port_name_to_fmi_name(port_name, fmi_name, sizeof fmi_name);
+    fill_rule(&out[0], fmi_name, PTP_MULTICAST_MAC, vlan, 0);
+    fill_lldp_mac_rule(port_name, vlan, &out[1]);
+}
+
+void fill_lldp_mac_rule(const char *port_name, uint16_t vlan, EmiEndpoint *out)
+{
+    char fmi_name[64];
+    port_name_to_fmi_name(port_name, fmi_name, sizeof fmi_name);
+    fill_rule(out, fmi_name, LLDP_MULTICAST_MAC, vlan, 0);
+}
+
+uint32_t build_link_acl_rules(const IemliLinkData *link, EmiEndpoint **out)
+{
+    eth_port port;
+    if (!iepcsi_fetch_port_data(iemli_to_iepcsi_port_name(link->imlPortName), &port)) {
+        VORN_TRACE(TRACE_ERROR, "Failed to get port data");
+        return 0;
+    }
+    const bool tn = is_tn_port(link->imlPortName);
+    const uint32_t count = 2 * link->numberOfAppLinks + (tn ? 4 : 3);
+    auto *rules = static_cast<EmiEndpoint *>(calloc(count, sizeof(EmiEndpoint)));
+    if (rules == nullptr) {
+        VORN_TRACE(TRACE_ERROR, "Out of memory");
+        return 0;
+    }
+    char fmi_name[64];
+    port_name_to_fmi_name(link->imlPortName, fmi_name, sizeof fmi_name);
+    EmiEndpoint *rule = rules;
+    for (uint32_t i = 0; i < link->numberOfAppLinks; ++i, rule += 2) {
+        fill_app_link_rules(rule, fmi_name, iemli_app_links(link)[i], link->vlanId);
+    }
+    fill_rule(rule++, fmi_name, link->farEndCpmMac, link->vlanId, 1);
+    if (tn) {
+        fill_rule(rule++, "", port.mac, link->vlanId, 0);
+    }
+    fill_ptp_lldp_mac_rules(link->imlPortName, link->vlanId, rule);
+    *out = rules;
+    return count;
+}
+
+void build_new_app_link_acl_rules(const IemliLinkData *link, const IemliLinkData *old_link, EmiEndpoint **out,
+                                  uint32_t *count)
+{
+    char fmi_name[64];
+    port_name_to_fmi_name(link->imlPortName, fmi_name, sizeof fmi_name);
+    *out = nullptr;
+    *count = 0;
+    for (uint32_t i = 0; i < link->numberOfAppLinks; ++i) {
+        const IemliAppLink &app_link = iemli_app_links(link)[i];
+        if (has_app_link(old_link, app_link)) {
+            continue;
+        }
+        void *grown = realloc(*out, (static_cast<size_t>(*count) + 2) * sizeof(EmiEndpoint));
+        if (grown == nullptr) {
+            VORN_TRACE(TRACE_ERROR, "Memory realloc failed");
+            free(*out);
+            *out = nullptr;
+            *count = 0;
+            return;
+        }
+        *out = static_cast<EmiEndpoint *>(grown);
+        fill_app_link_rules(*out + *count, fmi_name, app_link, link->vlanId);
+        *count += 2;
+    }
+}
