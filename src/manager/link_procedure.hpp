@@ -1,0 +1,72 @@
+// One open link procedure, and what the three files that drive it share: link_procedures.cpp starts and evaluates,
+// link_procedure_finish.cpp finishes and unwinds, link_events.cpp brings the answers.
+//
+// Answering a client (confirm or reject) takes the next queued request before it returns; that request may free the
+// link in hand or end the session. The procedure itself is freed by nobody but its own evaluation.
+#pragma once
+
+#include "iemli/iemli_server.hpp"
+#include "link_procedures.hpp"
+#include "ref_index.hpp"
+
+enum proc_step_kind : uint32_t {
+    PROC_STEP_PMI = 0,
+    PROC_STEP_EMI_ADD = 1,
+    PROC_STEP_EMI_DEL = 2,
+    PROC_STEP_KINDS = 3,
+};
+
+struct proc_step {
+    uint32_t procedure_ref; // of the request sent last; 0: none was sent
+    uint32_t state;         // proc_step_state
+    ref_index_node by_ref;
+};
+
+struct iml_link_proc {
+    IemliPendingRequest *request; // owned; null once it was answered, and when nobody asked
+    proc_step steps[PROC_STEP_KINDS];
+    IemliLinkData *link_data; // owned
+    uint64_t age;             // counts up with every procedure opened
+    iml_link_proc *next;      // older
+    iml_link_proc *prev;
+};
+
+// ---- Decisions: pure functions of the step states ----
+
+// ONGOING if any step is, else FAILED if any step is, else OK.
+proc_step_state proc_overall_state(uint32_t pmi, uint32_t emi_add, uint32_t emi_del);
+
+enum proc_action : uint32_t {
+    PROC_WAIT,          // for another answer
+    PROC_FINISH_CREATE, // every step is in place
+    PROC_UNWIND_CREATE, // take back what is in place, reject
+    PROC_FINISH_UPDATE,
+    PROC_UNWIND_UPDATE,
+    PROC_CONFIRM_DELETE,  // whatever became of its steps
+    PROC_UNKNOWN_REQUEST, // a request that is none of the three
+    PROC_CLOSE,           // nobody waits for an answer any more
+};
+
+// What comes next for a procedure that holds a request of kind `pending_action`, or none.
+proc_action proc_next_action(bool has_request, uint32_t pending_action, proc_step_state overall);
+
+// ---- The record ----
+
+iml_link_proc *link_proc_alloc();
+// Frees a procedure that was never opened.
+void link_proc_free(iml_link_proc *proc);
+void link_proc_open(iml_link_proc *proc);
+// The newest of the open procedures that sent a request with this procedure_ref in that step; 0 finds none.
+iml_link_proc *link_proc_find(proc_step_kind kind, uint32_t procedure_ref);
+// The request of a step went out under this procedure_ref: the step is ongoing.
+void link_proc_step_sent(iml_link_proc *proc, proc_step_kind kind, uint32_t procedure_ref);
+// Does what comes next, and frees the procedure when nothing does.
+void link_proc_evaluate(iml_link_proc *proc);
+
+// ---- Finishing and unwinding; each answers the request, but unwinding may leave steps ongoing ----
+
+void link_proc_finish_create(iml_link_proc *proc);
+void link_proc_unwind_create(iml_link_proc *proc);
+void link_proc_finish_update(iml_link_proc *proc);
+void link_proc_unwind_update(iml_link_proc *proc);
+void link_proc_confirm_delete(iml_link_proc *proc);

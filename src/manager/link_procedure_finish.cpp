@@ -1,0 +1,268 @@
+// What a link procedure does once its steps have answered: make, change or let go the link and confirm, or take back
+// what had succeeded and reject. Every confirm and reject is the last thing that is done with a link in hand.
+#include <cstdlib>
+#include <cstring>
+
+#include "clients/aasi_client.hpp"
+#include "clients/emi_client.hpp"
+#include "clients/iepcsi_client.hpp"
+#include "clients/pmi_client.hpp"
+#include "link_procedure.hpp"
+#include "link_supervision.hpp"
+#include "link_table.hpp"
+#include "manager_state.hpp"
+#include "port_mapping.hpp"
+#include "port_rules.hpp"
+#include "vorn_trace.hpp"
+
+namespace
+{
+
+uint32_t step_state(const iml_link_proc *proc, proc_step_kind kind) { return proc->steps[kind].state; }
+
+bool fetch_port(const IemliLinkData *data, eth_port *port)
+{
+    return iepcsi_fetch_port_data(iemli_to_iepcsi_port_name(data->imlPortName), port);
+}
+
+iml_link *requested_link(const iml_link_proc *proc)
+{
+    return iml_link_find_owned(proc->request->link_ref, proc->request->server_conn_ref);
+}
+
+void reject(iml_link_proc *proc, uint32_t reason) { iemli_link_procedure_rej(reason, &proc->request); }
+
+void reject_out_of_memory(iml_link_proc *proc)
+{
+    VORN_TRACE(TRACE_ERROR, "Memory error");
+    reject(proc, IEMLI_REJ_OTHER_REASON);
+}
+
+// ---- Create ----
+
+// A link with its own copy of the procedure's parameters; null when memory is out.
+iml_link *alloc_link(const iml_link_proc *proc)
+{
+    IemliLinkData *data = iml_link_data_copy(proc->link_data, proc->link_data->numberOfAppLinks);
+    iml_link *link = data != nullptr ? iml_link_alloc(data) : nullptr;
+    if (link == nullptr) {
+        free(data);
+        return nullptr;
+    }
+    link->connection_ref = proc->request->server_conn_ref;
+    return link;
+}
+
+// Gives the link its first status and, where the port is not down, its sessions. False when supervision does not start.
+bool bring_up_link(const eth_port &port, iml_link *link)
+{
+    if (port.oper_state == 0) {
+        iml_link_write_status(link, IML_LINK_DISABLED, IML_LINK_REASON_DOWN);
+        return true;
+    }
+    iml_link_write_status(link, IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY);
+    link_place place;
+    if (!find_link_place(port, link, &place)) {
+        return true;
+    }
+    const uint32_t result = start_link_supervision(place.if_name, port.mac, link, place.name_space);
+    if (result != 0) {
+        VORN_TRACE(TRACE_ERROR, "Supervision start failed for link: %u. Result: %u", link->link_ref, result);
+        return false;
+    }
+    start_keep_alive(place.if_name, link, place.name_space);
+    return true;
+}
+
+void enter_link(const eth_port &port, iml_link *link)
+{
+    iml_link_insert(link);
+    if (port.adm_state == ETH_PORT_UNLOCKED) {
+        set_emca_acl_rule_on_port(link->link_data->imlPortName);
+    }
+    const mac_address &far = link->link_data->farEndCpmMac;
+    VORN_TRACE(TRACE_LINK,
+               "Created iml link with ref %u, supervision session id: %u, on port %s with remote cpm mac: "
+               "%02X:%02X:%02X:%02X:%02X:%02X, status=0x%x, disabled_reason=0x%x",
+               link->link_ref, link->supervision_session_id, link->link_data->imlPortName, MAC_ARGS(far), link->status,
+               link->disabled_reason);
+}
+
+void confirm_create(iml_link_proc *proc, const iml_link *link)
+{
+    const uint32_t owner = link->connection_ref;
+    const uint32_t link_ref = link->link_ref;
+    const uint32_t status = link->status;
+    const uint32_t disabled_reason = link->disabled_reason;
+    iemli_link_procedure_cfm(link_ref, &proc->request);
+    iemli_send_link_status_ind(owner, link_ref, status, disabled_reason);
+    if (is_aasi_service_up()) {
+        aasi_send_path_info(link_ref, 0, 0, 0, status);
+    }
+}
+
+void take_back_added_endpoints(iml_link_proc *proc)
+{
+    EmiEndpoint *endpoints = nullptr;
+    const uint32_t count = build_link_acl_rules(proc->link_data, &endpoints);
+    if (count == 0) {
+        VORN_TRACE(TRACE_ERROR, "Memory error");
+        return;
+    }
+    link_proc_step_sent(proc, PROC_STEP_EMI_DEL, emi_remove_endpoint(endpoints, count));
+    proc->steps[PROC_STEP_EMI_ADD].state = PROC_STEP_IDLE;
+    free(endpoints);
+}
+
+// ---- Update ----
+
+// `resized`, when there is one, holds the new app links and becomes the link's; else they fit where the old ones are.
+void store_app_links(iml_link *link, const IemliLinkData *data, IemliLinkData *resized)
+{
+    if (resized != nullptr) {
+        free(link->link_data);
+        link->link_data = resized;
+        return;
+    }
+    memcpy(iemli_app_links(link->link_data), iemli_app_links(data), data->numberOfAppLinks * sizeof(IemliAppLink));
+}
+
+// Puts the new app links in place of the old ones, with their sessions and rules where the port carries links.
+void exchange_app_links(const eth_port &port, iml_link *link, const IemliLinkData *data, IemliLinkData *resized)
+{
+    link_place place;
+    const bool unlocked = port.adm_state == ETH_PORT_UNLOCKED;
+    const bool watched = unlocked && port.oper_state == ETH_PORT_OPERATIONAL && find_link_place(port, link, &place);
+    if (watched) {
+        stop_keep_alive(link, place.name_space);
+    }
+    store_app_links(link, data, resized);
+    if (unlocked) {
+        set_emca_acl_rule_on_port(link->link_data->imlPortName);
+    }
+    if (watched) {
+        start_keep_alive(place.if_name, link, place.name_space);
+    }
+}
+
+// Takes the endpoints of an update back that had succeeded: first those just added, else those just removed.
+void send_difference_back(iml_link_proc *proc, const IemliLinkData *old_data)
+{
+    EmiEndpoint *endpoints = nullptr;
+    uint32_t count = 0;
+    if (step_state(proc, PROC_STEP_EMI_ADD) == PROC_STEP_OK) {
+        build_new_app_link_acl_rules(proc->link_data, old_data, &endpoints, &count);
+        if (count > 0) {
+            link_proc_step_sent(proc, PROC_STEP_EMI_DEL, emi_remove_endpoint(endpoints, count));
+        }
+    } else if (step_state(proc, PROC_STEP_EMI_DEL) == PROC_STEP_OK) {
+        build_new_app_link_acl_rules(old_data, proc->link_data, &endpoints, &count);
+        if (count > 0) {
+            link_proc_step_sent(proc, PROC_STEP_EMI_ADD, emi_add_endpoint(endpoints, count));
+        }
+    }
+    free(endpoints);
+}
+
+} // namespace
+
+void link_proc_finish_create(iml_link_proc *proc)
+{
+    iml_link *link = alloc_link(proc);
+    if (link == nullptr) {
+        reject_out_of_memory(proc);
+        return;
+    }
+    eth_port port;
+    if (!fetch_port(link->link_data, &port)) {
+        VORN_TRACE(TRACE_LINK, "Failed to fetch port data.");
+        iml_link_free(link);
+        reject(proc, IEMLI_REJ_UNKNOWN_PORT_NAME);
+        return;
+    }
+    if (!bring_up_link(port, link)) {
+        iml_link_free(link);
+        reject(proc, IEMLI_REJ_OTHER_REASON);
+        return;
+    }
+    enter_link(port, link);
+    confirm_create(proc, link);
+}
+
+void link_proc_unwind_create(iml_link_proc *proc)
+{
+    const IemliLinkData *data = proc->link_data;
+    VORN_TRACE(TRACE_WARNING,
+               "WARNING: Something went wrong with create iml link req(port %s with remote cpm mac: "
+               "%02X:%02X:%02X:%02X:%02X:%02X) pmi.state = %u, emi_add.state = %u, emi_del.state = %u",
+               data->imlPortName, MAC_ARGS(data->farEndCpmMac), step_state(proc, PROC_STEP_PMI),
+               step_state(proc, PROC_STEP_EMI_ADD), step_state(proc, PROC_STEP_EMI_DEL));
+    if (step_state(proc, PROC_STEP_PMI) == PROC_STEP_OK) {
+        link_proc_step_sent(proc, PROC_STEP_PMI, pmi_disable_port_vlan(data->imlPortName, data->vlanId));
+    }
+    if (step_state(proc, PROC_STEP_EMI_ADD) == PROC_STEP_OK) {
+        take_back_added_endpoints(proc);
+    }
+    reject(proc, IEMLI_REJ_OTHER_REASON);
+}
+
+void link_proc_finish_update(iml_link_proc *proc)
+{
+    const uint32_t link_ref = proc->request->link_ref;
+    iml_link *link = requested_link(proc);
+    if (link == nullptr) {
+        VORN_TRACE(TRACE_ERROR, "Update finished for non-existing IML link, link_ref=%u", link_ref);
+        reject(proc, IEMLI_REJ_UNKNOWN_LINK_REF);
+        return;
+    }
+    IemliLinkData *resized = nullptr;
+    if (link->link_data->numberOfAppLinks != proc->link_data->numberOfAppLinks) {
+        resized = iml_link_data_copy(proc->link_data, proc->link_data->numberOfAppLinks);
+        if (resized == nullptr) {
+            reject_out_of_memory(proc);
+            return;
+        }
+    }
+    eth_port port;
+    if (!fetch_port(link->link_data, &port)) {
+        VORN_TRACE(TRACE_ERROR, "Failed to fetch port data. App supervision not stoped.");
+        free(resized);
+        reject(proc, IEMLI_REJ_OTHER_REASON);
+        return;
+    }
+    exchange_app_links(port, link, proc->link_data, resized);
+    const mac_address &far = link->link_data->farEndCpmMac;
+    VORN_TRACE(TRACE_LINK, "Updated iml link with ref %u on port %s with remote cpm mac: %02X:%02X:%02X:%02X:%02X:%02X",
+               link_ref, link->link_data->imlPortName, MAC_ARGS(far));
+    iemli_link_procedure_cfm(link_ref, &proc->request);
+}
+
+void link_proc_unwind_update(iml_link_proc *proc)
+{
+    const uint32_t link_ref = proc->request->link_ref;
+    VORN_TRACE(TRACE_WARNING,
+               "WARNING: Something went wrong with update iml link req(port %s with remote cpm mac: "
+               "%02X:%02X:%02X:%02X:%02X:%02X) pmi.state = %u, emi_add.state = %u, emi_del.state = %u, link_ref = %u",
+               proc->link_data->imlPortName, MAC_ARGS(proc->link_data->farEndCpmMac), step_state(proc, PROC_STEP_PMI),
+               step_state(proc, PROC_STEP_EMI_ADD), step_state(proc, PROC_STEP_EMI_DEL), link_ref);
+    const iml_link *link = requested_link(proc);
+    if (link == nullptr) {
+        VORN_TRACE(TRACE_WARNING, "WARNING: unsuccessful update received for non-existing IML link, link_ref=%u",
+                   link_ref);
+        reject(proc, IEMLI_REJ_UNKNOWN_LINK_REF);
+        return;
+    }
+    send_difference_back(proc, link->link_data);
+    reject(proc, IEMLI_REJ_OTHER_REASON);
+}
+
+void link_proc_confirm_delete(iml_link_proc *proc)
+{
+    const uint32_t link_ref = proc->request->link_ref;
+    iemli_link_procedure_cfm(link_ref, &proc->request);
+    if (proc->link_data == nullptr) {
+        VORN_TRACE(TRACE_WARNING, "WARNING: Vorn path cannot be deleted for non existing iml");
+    } else if (is_aasi_service_up()) {
+        aasi_send_path_delete(proc->link_data, link_ref);
+    }
+}
