@@ -259,6 +259,19 @@ static_assert(offsetof(fmi_append_dynamic_rule_req, policer_id) == 84);
 static_assert(offsetof(fmi_append_dynamic_rule_req, no_of_entries) == 88);
 static_assert(offsetof(fmi_append_dynamic_rule_req, entries) == 92);
 
+// The entries as an array: the declaration holds one, the message as many as it counts.
+inline fmi_dynamic_rule_entry *fmi_rule_entries(fmi_append_dynamic_rule_req *req)
+{
+    return reinterpret_cast<fmi_dynamic_rule_entry *>(reinterpret_cast<uint8_t *>(req) +
+                                                      offsetof(fmi_append_dynamic_rule_req, entries));
+}
+
+inline const fmi_dynamic_rule_entry *fmi_rule_entries(const fmi_append_dynamic_rule_req *req)
+{
+    return reinterpret_cast<const fmi_dynamic_rule_entry *>(reinterpret_cast<const uint8_t *>(req) +
+                                                            offsetof(fmi_append_dynamic_rule_req, entries));
+}
+
 struct fmi_append_dynamic_rule_cfm {
     client_header header;
     char port_name[FMI_PORT_NAME_LEN];

@@ -1,0 +1,52 @@
+// Between the three parts of the FMI client: fmi_client.cpp connects to the server, fmi_requests.cpp sends one request
+// and waits for its answer, fmi_acl.cpp keeps what each port has and decides what to ask for. Nobody else includes this
+// but their tests.
+#pragma once
+
+#include "client_framework.hpp"
+#include "fmi_client.hpp"
+
+// No rule, no action.
+inline constexpr uint32_t FMI_NONE = 0xFFFFFFFF;
+
+// The one record of the client; owned by fmi_client.cpp.
+client_record *fmi_client_record();
+
+// ---- Requests: each waits for its answer. The rule id, or FMI_NONE ----
+
+uint32_t fmi_append_static_rule(const char *port, uint32_t type);
+void fmi_remove_static_rule(const char *port, uint32_t id);
+// The MACs, then the one ethertype.
+uint32_t fmi_append_dynamic_rule(const char *port, const mac_address *macs, uint32_t count, uint16_t ether_type,
+                                 uint32_t policer_id);
+void fmi_remove_dynamic_rule(const char *port, uint32_t id);
+bool fmi_request_default_action(const char *port, uint32_t action);
+
+struct fmi_policer_rates {
+    uint32_t commited_rate;
+    uint32_t commited_max_burst_size;
+};
+
+// In two steps: the policer is remembered between them. Returns the request's procedure_ref.
+uint32_t fmi_send_create_policer(const char *port, const fmi_policer_rates &rates);
+void fmi_wait_create_policer();
+
+// An answer is the confirm or the reject of a request. Each handler is called with a message of at least its size.
+struct fmi_exchange {
+    uint32_t cfm;
+    size_t cfm_min_size;
+    uint32_t (*confirmed)(const itc_msg *msg); // traces and returns the id it carries, 0 when it carries none
+    uint32_t rej;
+    size_t rej_min_size;
+    void (*rejected)(const itc_msg *msg); // traces
+};
+
+// True when `answer` confirms the request sent last; then *id is what the confirm carries.
+bool fmi_take_answer(const fmi_exchange &exchange, const itc_msg *answer, uint32_t *id);
+
+// ---- What the ports have ----
+
+// Gives the policer that was asked for with this procedure_ref its id.
+void fmi_policer_confirmed(uint32_t procedure_ref, uint32_t id, const char *port);
+
+void fmi_acl_free();
