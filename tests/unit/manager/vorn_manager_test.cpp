@@ -96,7 +96,7 @@ TEST_F(VornManager, OffersAMessageToTheDispatchersUntilTheLast)
     start();
     fake::push(fake::OWN_MBOX, fake::Builder().u32(0x1B0CE6).u32(99).u32(0).u32(0).u32(0));
     run();
-    EXPECT_THAT(fake::traces(),
+    EXPECT_THAT(notices(),
                 ElementsAre(Trace{4, "WARNING: Received supervision ind(99) for link that doesn't exist any more."}));
 }
 
