@@ -164,10 +164,12 @@ size_t write_backlog(peer *p)
     return static_cast<size_t>(put);
 }
 
+// The bound is on what waits behind the message under way: a message larger than the bound still goes, and does not
+// cost the ones behind it.
 bool outbox_has_room(const peer *p, const block *b)
 {
-    // A message that is larger than the bound itself still goes, alone.
-    return p->outbox.head == nullptr || p->outbox_bytes + frame_size(b) <= outbox_limit;
+    const block *head = p->outbox.head;
+    return head == nullptr || p->outbox_bytes - frame_size(head) + frame_size(b) <= outbox_limit;
 }
 
 // ---- Reading

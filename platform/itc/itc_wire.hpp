@@ -79,7 +79,7 @@ enum frame_type : uint32_t {
     create_box = 2,   // u mbox, s name       result
     delete_box = 3,   // u mbox               result
     add_name = 4,     // u mbox, s name       result
-    locate = 5,       // s name               located
+    locate = 5,       // s name               located; before it channel, if there is such a mailbox and none yet
     await_name = 6,   // s name               found, once, when there is a mailbox of that name
     cancel_await = 7, // (serial: the token)  nothing
     monitor = 8,      // u mbox               died, once

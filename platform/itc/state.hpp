@@ -189,7 +189,11 @@ void poll_close(); // unless somebody still watches a descriptor
 void thread_wake(const thread *t); // something was queued for it
 void wake_leader();
 void wake_followers();
+int milliseconds_until(clock::time_point deadline);  // 0 if it is over
 void follow(hold &lock, clock::time_point deadline); // sleeps until the lead is free or something was brought
+
+// Waits, for at most `limit`, until nothing waits to be sent; lets the lock go.
+void flush_everything(hold &lock, clock::duration limit);
 
 // ---- mailbox.cpp: itc_init, itc_exit, threads and their mailboxes ---------------------------------------------------
 
@@ -222,8 +226,6 @@ uint32_t new_serial();
 int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value);
 // The same for a request that is answered by an errno value; returns that.
 int registry_command(hold &lock, itc_wire::writer &frame);
-// Waits, for at most `limit`, until nothing waits to be sent; lets the lock go.
-void flush_everything(hold &lock, clock::duration limit);
 
 } // namespace itc
 

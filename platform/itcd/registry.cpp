@@ -65,6 +65,99 @@ void tell_token(frame_type type, uint32_t process, uint32_t token, uint32_t mbox
     }
 }
 
+// ---- Introductions
+// ---------------------------------------------------------------------------------------------------
+
+std::pair<uint32_t, uint32_t> pair_key(uint32_t a, uint32_t b) { return {a < b ? a : b, a < b ? b : a}; }
+
+void raise_buffer(int fd)
+{
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &channel_buffer, sizeof channel_buffer) != 0) {
+        (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &channel_buffer, sizeof channel_buffer);
+    }
+}
+
+void tell_channel(registry_client &to, uint32_t process, uint32_t number, int fd)
+{
+    writer frame(channel, 0);
+    out->send(to, frame.u32(process).u32(number), fd);
+}
+
+void introduce_both(registry_client &a, registry_client &b)
+{
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {
+        writer frame(no_process, 0);
+        out->send(a, frame.u32(b.process), -1);
+        return;
+    }
+    raise_buffer(ends[0]);
+    raise_buffer(ends[1]);
+    pairing fresh;
+    fresh.channel = ++last_channel;
+    pairings[pair_key(a.process, b.process)] = fresh;
+    tell_channel(a, b.process, fresh.channel, ends[0]);
+    tell_channel(b, a.process, fresh.channel, ends[1]);
+}
+
+// Sees to it that the two have a channel. If they have one, `from` has it or finds it on its way.
+void introduce_once(registry_client &from, registry_client &other)
+{
+    const auto known = pairings.find(pair_key(from.process, other.process));
+    if (known == pairings.end()) {
+        introduce_both(from, other);
+    } else if (known->second.low_closed || known->second.high_closed) {
+        known->second.wanted_again = true; // as soon as the other end is closed too
+    }
+}
+
+// Whoever finds a mailbox is about to send to it: the channel comes before the answer, and no message has to wait.
+void introduce_finder(uint32_t finder, uint32_t mbox)
+{
+    registry_client *from = process_find(finder);
+    registry_client *other = process_find(process_of(mbox));
+    if (from != nullptr && other != nullptr && from != other) {
+        introduce_once(*from, *other);
+    }
+}
+
+void on_introduce(registry_client &from, uint32_t process)
+{
+    registry_client *other = process_find(process);
+    if (other == nullptr || other == &from) {
+        writer frame(no_process, 0);
+        out->send(from, frame.u32(process), -1);
+    } else {
+        introduce_once(from, *other);
+    }
+}
+
+void on_closed(registry_client &from, uint32_t process, uint32_t number)
+{
+    const auto known = pairings.find(pair_key(from.process, process));
+    if (known == pairings.end() || known->second.channel != number) {
+        return;
+    }
+    pairing &p = known->second;
+    (from.process < process ? p.low_closed : p.high_closed) = true;
+    if (!p.low_closed || !p.high_closed) {
+        return;
+    }
+    const bool again = p.wanted_again;
+    pairings.erase(known);
+    registry_client *other = process_find(process);
+    if (again && other != nullptr) {
+        introduce_both(from, *other);
+    }
+}
+
+void pairings_forget(uint32_t process)
+{
+    for (auto it = pairings.begin(); it != pairings.end();) {
+        it = it->first.first == process || it->first.second == process ? pairings.erase(it) : std::next(it);
+    }
+}
+
 // ---- Mailboxes and names
 // ---------------------------------------------------------------------------------------------
 
@@ -80,6 +173,7 @@ void name_appears(const std::string &name, uint32_t mbox)
         registry_client *client = process_find(process);
         if (client != nullptr) {
             client->awaited.erase(token);
+            introduce_finder(process, mbox);
             tell_token(itc_wire::found, process, token, mbox);
         }
     }
@@ -164,14 +258,17 @@ uint32_t name_lookup(const std::string &name)
 
 void on_locate(registry_client &from, uint32_t serial, const std::string &name)
 {
+    const uint32_t mbox = name_lookup(name);
+    introduce_finder(from.process, mbox);
     writer frame(located, serial);
-    out->send(from, frame.u32(name_lookup(name)), -1);
+    out->send(from, frame.u32(mbox), -1);
 }
 
 void on_await(registry_client &from, uint32_t token, const std::string &name)
 {
     const uint32_t mbox = name_lookup(name);
     if (mbox != ITC_NO_MBOX) {
+        introduce_finder(from.process, mbox);
         tell_token(found, from.process, token, mbox);
         return;
     }
@@ -223,83 +320,6 @@ void monitor_forget(registry_client &from, uint32_t token)
         watched->second.watchers.erase({from.process, token});
     }
     from.monitors.erase(entry);
-}
-
-// ---- Introductions
-// ---------------------------------------------------------------------------------------------------
-
-std::pair<uint32_t, uint32_t> pair_key(uint32_t a, uint32_t b) { return {a < b ? a : b, a < b ? b : a}; }
-
-void raise_buffer(int fd)
-{
-    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &channel_buffer, sizeof channel_buffer) != 0) {
-        (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &channel_buffer, sizeof channel_buffer);
-    }
-}
-
-void tell_channel(registry_client &to, uint32_t process, uint32_t number, int fd)
-{
-    writer frame(channel, 0);
-    out->send(to, frame.u32(process).u32(number), fd);
-}
-
-void introduce_both(registry_client &a, registry_client &b)
-{
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {
-        writer frame(no_process, 0);
-        out->send(a, frame.u32(b.process), -1);
-        return;
-    }
-    raise_buffer(ends[0]);
-    raise_buffer(ends[1]);
-    pairing fresh;
-    fresh.channel = ++last_channel;
-    pairings[pair_key(a.process, b.process)] = fresh;
-    tell_channel(a, b.process, fresh.channel, ends[0]);
-    tell_channel(b, a.process, fresh.channel, ends[1]);
-}
-
-void on_introduce(registry_client &from, uint32_t process)
-{
-    registry_client *other = process_find(process);
-    if (other == nullptr || other == &from) {
-        writer frame(no_process, 0);
-        out->send(from, frame.u32(process), -1);
-        return;
-    }
-    const auto known = pairings.find(pair_key(from.process, process));
-    if (known == pairings.end()) {
-        introduce_both(from, *other);
-    } else if (known->second.low_closed || known->second.high_closed) {
-        known->second.wanted_again = true; // as soon as the other end is closed too
-    }                                      // else the channel is on its way to `from`
-}
-
-void on_closed(registry_client &from, uint32_t process, uint32_t number)
-{
-    const auto known = pairings.find(pair_key(from.process, process));
-    if (known == pairings.end() || known->second.channel != number) {
-        return;
-    }
-    pairing &p = known->second;
-    (from.process < process ? p.low_closed : p.high_closed) = true;
-    if (!p.low_closed || !p.high_closed) {
-        return;
-    }
-    const bool again = p.wanted_again;
-    pairings.erase(known);
-    registry_client *other = process_find(process);
-    if (again && other != nullptr) {
-        introduce_both(from, *other);
-    }
-}
-
-void pairings_forget(uint32_t process)
-{
-    for (auto it = pairings.begin(); it != pairings.end();) {
-        it = it->first.first == process || it->first.second == process ? pairings.erase(it) : std::next(it);
-    }
 }
 
 // ---- Processes
