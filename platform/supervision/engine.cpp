@@ -1,0 +1,317 @@
+// The supervision engine. See engine.hpp.
+#include "engine.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace supervision
+{
+
+namespace
+{
+
+int64_t slot_of(int64_t monotonic) { return monotonic / SLOT_NS; }
+
+uint64_t pings_of(const session &s) { return std::max<uint64_t>(1000 / s.interval, 1); }
+
+int64_t period_of(const session &s) { return static_cast<int64_t>(s.interval) * SLOTS_PER_SECOND; }
+
+// With a tag; an interface that comes back may need one.
+size_t frame_length(const session &s) { return s.frame_size + sizeof(ecpri::vlan_tag); }
+
+uint64_t mac_number(const mac_address &mac)
+{
+    uint64_t number = 0;
+    memcpy(&number, mac.byte, sizeof mac.byte);
+    return number;
+}
+
+// Spreads keys that differ in few bits; far from any secret, a peer cannot choose keys.
+uint64_t mix(uint64_t value)
+{
+    value ^= value >> 32;
+    value *= 0xD6E8FEB86659FD93u;
+    value ^= value >> 32;
+    value *= 0xD6E8FEB86659FD93u;
+    return value ^ value >> 32;
+}
+
+// ---- Buckets: the sessions of one slot of the second ----
+
+void put_in_bucket(engine &e, session *s)
+{
+    bucket &b = e.buckets[s->bucket];
+    s->place = b.sessions.size();
+    b.sessions.push_back(s);
+    b.earliest = std::min(b.earliest, s->due);
+}
+
+void take_out_of_bucket(engine &e, const session *s)
+{
+    bucket &b = e.buckets[s->bucket];
+    b.sessions[s->place] = b.sessions.back();
+    b.sessions[s->place]->place = s->place;
+    b.sessions.pop_back();
+    if (b.sessions.empty()) {
+        b.earliest = NEVER;
+    }
+}
+
+// The first of the coming hundred slots with the fewest sessions.
+int64_t quietest_slot(const engine &e, int64_t now_slot)
+{
+    int64_t best = now_slot + 1;
+    for (int64_t slot = best; slot <= now_slot + SLOTS_PER_SECOND; slot++) {
+        if (e.buckets[slot % SLOTS_PER_SECOND].sessions.size() < e.buckets[best % SLOTS_PER_SECOND].sessions.size()) {
+            best = slot;
+        }
+    }
+    return best;
+}
+
+// ---- Keys ----
+
+void enter_key(engine &e, session *s)
+{
+    session *&first = e.by_key[s->key];
+    s->twin = first;
+    first = s;
+}
+
+void leave_key(engine &e, session *s)
+{
+    const auto found = e.by_key.find(s->key);
+    session **link = &found->second;
+    while (*link != s) {
+        link = &(*link)->twin;
+    }
+    *link = s->twin;
+    if (found->second == nullptr) {
+        e.by_key.erase(found);
+    }
+}
+
+bool id_is_taken(const engine &e, const session *s, uint8_t id)
+{
+    for (const session *t = e.by_key.find(s->key)->second; t != nullptr; t = t->twin) {
+        if (t != s && t->outstanding && t->measurement_id == id) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Sessions between the same two addresses are told apart by the id alone: none may have two owners at a time.
+uint8_t next_measurement_id(const engine &e, const session *s)
+{
+    uint8_t id = s->measurement_id;
+    for (int tries = 0; tries < 256; tries++) {
+        id++;
+        if (!id_is_taken(e, s, id)) {
+            break;
+        }
+    }
+    return id;
+}
+
+session *owner_of(const engine &e, const answer &a)
+{
+    const auto found = e.by_key.find(a.key);
+    session *s = found == e.by_key.end() ? nullptr : found->second;
+    while (s != nullptr && !(s->outstanding && s->measurement_id == a.measurement_id)) {
+        s = s->twin;
+    }
+    return s;
+}
+
+// ---- Judging ----
+
+bool clock_was_set(const session &s, const clocks &now)
+{
+    return std::llabs((now.real - s.sent.real) - (now.monotonic - s.sent.monotonic)) > CLOCK_STEP_NS;
+}
+
+bool round_trip_is_usable(const session &s, const answer &a, const clocks &now)
+{
+    return a.time_valid && a.received >= s.sent.real && a.received <= now.real && !clock_was_set(s, now);
+}
+
+uint32_t result_of(const session &s, bool usable)
+{
+    if (s.type == SUPERVISION_TYPE_KEEP_ALIVE) {
+        return SUPERVISION_KEEP_ALIVE_OK;
+    }
+    return usable ? SUPERVISION_ANSWERED : SUPERVISION_ANSWERED_NO_TIME;
+}
+
+void report_lost(engine &e, session &s)
+{
+    s.outstanding = false;
+    e.counters.lost++;
+    s.callback(nullptr, s.id, SUPERVISION_LOST);
+}
+
+// ---- Sending ----
+
+// A sequence number and the session stand in the dummy bytes for whoever reads a capture. Nothing relies on them.
+void put_dummy_bytes(const session &s, uint8_t *bytes, size_t size)
+{
+    const be32 marks[2] = {to_be32(s.id), to_be32(s.sequence)};
+    memset(bytes, 0, size);
+    memcpy(bytes, marks, std::min(size, sizeof marks));
+}
+
+size_t build_request(engine &e, const session &s)
+{
+    const ecpri::measurement m{.destination = s.key.remote,
+                               .source = s.key.local,
+                               .ether_type = s.ether_type,
+                               .measurement_id = s.measurement_id,
+                               .action = ecpri::ACTION_REQUEST,
+                               .seconds = static_cast<uint64_t>(s.sent.real / 1'000'000'000),
+                               .nanoseconds = static_cast<uint32_t>(s.sent.real % 1'000'000'000)};
+    const size_t length = s.tagged ? frame_length(s) : s.frame_size;
+    const size_t dummy = ecpri::put_measurement(e.frame.data(), m, s.frame_size, s.tagged ? &s.tag : nullptr);
+    put_dummy_bytes(s, e.frame.data() + dummy, length - dummy);
+    return length;
+}
+
+void send_request(engine &e, session &s, const engine_io &io)
+{
+    s.measurement_id = next_measurement_id(e, &s);
+    s.sequence++;
+    s.outstanding = true;
+    s.extended = false;
+    s.sent = io.read_clocks(io.context);
+    const size_t length = build_request(e, s);
+    if (io.send(io.context, s, e.frame.data(), length) == 0) {
+        e.counters.sent++;
+    } else {
+        e.counters.not_sent++;
+    }
+}
+
+// The session's next turn in its own slot that leaves at least half an interval from now.
+void schedule_next(session &s, int64_t now_slot)
+{
+    const int64_t period = period_of(s);
+    const int64_t missed = std::max<int64_t>(now_slot - s.due, 0) / period;
+    s.due += (missed + 1) * period;
+    if (s.due - now_slot < period / 2) {
+        s.due += period;
+    }
+}
+
+void take_turn(engine &e, session &s, int64_t now_slot, const engine_io &io)
+{
+    const bool late = now_slot - s.due >= LATE_SLOTS;
+    schedule_next(s, now_slot);
+    if (late && s.outstanding && !s.extended) {
+        s.extended = true;
+        e.counters.extended++;
+        return;
+    }
+    if (s.outstanding) {
+        report_lost(e, s);
+    }
+    e.counters.late += late ? 1 : 0;
+    send_request(e, s, io);
+}
+
+// Returns how many slots the latest of its sessions was behind its turn.
+int64_t run_bucket(engine &e, bucket &b, int64_t now_slot, const engine_io &io)
+{
+    int64_t earliest = NEVER;
+    int64_t late = 0;
+    for (session *s : b.sessions) {
+        if (s->due <= now_slot) {
+            late = std::max(late, now_slot - s->due);
+            take_turn(e, *s, now_slot, io);
+        }
+        earliest = std::min(earliest, s->due);
+    }
+    b.earliest = earliest;
+    return late;
+}
+
+} // namespace
+
+size_t session_key_hash::operator()(const session_key &key) const
+{
+    const uint64_t place = static_cast<uint64_t>(key.domain) << 32 | static_cast<uint32_t>(key.if_index);
+    const uint64_t local = mac_number(key.local) | static_cast<uint64_t>(key.vlan) << 48;
+    return static_cast<size_t>(mix(mix(mix(place) ^ local) ^ mac_number(key.remote)));
+}
+
+void engine_add(engine &e, session *s, int64_t now)
+{
+    s->due = quietest_slot(e, slot_of(now));
+    s->bucket = static_cast<size_t>(s->due % SLOTS_PER_SECOND);
+    s->outstanding = false;
+    // All memory is taken here, where the caller can be told that there is none.
+    e.frame.resize(std::max(e.frame.size(), frame_length(*s)));
+    put_in_bucket(e, s);
+    try {
+        enter_key(e, s);
+    } catch (...) {
+        take_out_of_bucket(e, s);
+        throw;
+    }
+    e.pings_per_1000_s += pings_of(*s);
+}
+
+void engine_remove(engine &e, session *s)
+{
+    take_out_of_bucket(e, s);
+    leave_key(e, s);
+    e.pings_per_1000_s -= pings_of(*s);
+}
+
+void engine_rekey(engine &e, session *s, const session_key &key)
+{
+    leave_key(e, s);
+    s->key = key;
+    enter_key(e, s);
+}
+
+int64_t engine_deadline(const engine &e)
+{
+    int64_t earliest = NEVER;
+    for (const bucket &b : e.buckets) {
+        earliest = std::min(earliest, b.earliest);
+    }
+    return earliest == NEVER ? NEVER : earliest * SLOT_NS;
+}
+
+bool engine_is_dense(const engine &e) { return e.pings_per_1000_s >= static_cast<uint64_t>(SLOTS_PER_SECOND) * 1000; }
+
+void engine_answer(engine &e, const answer &a, const clocks &now)
+{
+    session *s = owner_of(e, a);
+    if (s == nullptr) {
+        e.counters.stale++;
+        return;
+    }
+    s->outstanding = false;
+    e.counters.answered++;
+    const bool usable = round_trip_is_usable(*s, a, now);
+    const int64_t round_trip = usable ? a.received - s->sent.real : 0;
+    const supervision_rtt rtt{static_cast<uint32_t>(round_trip / 1'000'000'000),
+                              static_cast<uint32_t>(round_trip % 1'000'000'000)};
+    s->callback(usable ? &rtt : nullptr, s->id, result_of(*s, usable));
+}
+
+int64_t engine_run(engine &e, int64_t now, const engine_io &io)
+{
+    const int64_t now_slot = slot_of(now);
+    int64_t late = 0;
+    for (bucket &b : e.buckets) {
+        if (b.earliest <= now_slot) {
+            late = std::max(late, run_bucket(e, b, now_slot, io));
+        }
+    }
+    return late >= LATE_SLOTS ? late : 0;
+}
+
+} // namespace supervision

@@ -1,0 +1,138 @@
+// The supervision engine: which session sends when, which answer belongs to whom, and what is reported. It has no
+// thread, no socket and no clock of its own; supervision.cpp drives it, and tests drive it with a clock they warp.
+//
+// Time. Sending goes in slots of 10 ms of the monotonic clock. A session sends once per interval, always in the same
+// slot of its second; sessions are spread over the hundred slots of a second. A request is lost when the session's
+// next one is due and no answer was handed in before. Round trips are taken from the real-time clock, because that is
+// the one the kernel stamps received frames with; each request keeps both clocks, so that a step of the real-time
+// clock is seen and such a round trip is not passed off as one.
+//
+// A late engine. When the engine itself was kept from running, an answer that is missing says little of the link: the
+// request gets one more interval, once. After a late request the next one keeps the session's slot but leaves at
+// least half an interval for the answer.
+//
+// Sessions belong to the caller; the engine holds pointers to those that were added. All calls on one engine are
+// serialised by the caller. Callbacks are called out of engine_answer and engine_run.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <unordered_map>
+#include <vector>
+
+#include "ecpri.hpp"
+#include "supervision.h"
+
+namespace supervision
+{
+
+inline constexpr int64_t SLOT_NS = 10'000'000;
+inline constexpr int64_t SLOTS_PER_SECOND = 100;
+inline constexpr int64_t LATE_SLOTS = 10;           // from here on the engine calls itself late
+inline constexpr int64_t CLOCK_STEP_NS = 1'000'000; // clocks that drift apart by more than this were set
+inline constexpr int64_t NEVER = INT64_MAX;
+
+struct clocks {
+    int64_t monotonic;
+    int64_t real;
+};
+
+// What an answer is matched by, besides the measurement id.
+struct session_key {
+    uint32_t domain; // which network namespace
+    int32_t if_index;
+    mac_address local;
+    mac_address remote;
+    uint16_t vlan; // 0: untagged
+    bool operator==(const session_key &other) const
+    {
+        return domain == other.domain && if_index == other.if_index && vlan == other.vlan &&
+               mac_equal(local, other.local) && mac_equal(remote, other.remote);
+    }
+};
+
+struct session_key_hash {
+    size_t operator()(const session_key &key) const;
+};
+
+struct session {
+    uint32_t id;
+    session_key key;
+    bool tagged;         // the library writes the tag
+    ecpri::vlan_tag tag; // if so
+    uint16_t ether_type;
+    uint16_t frame_size;
+    uint8_t type; // SUPERVISION_TYPE_*
+    uint32_t interval;
+    supervision_callback_fn callback;
+    void *link; // the caller's
+
+    // The engine's own.
+    int64_t due; // slot
+    size_t bucket;
+    size_t place;  // in the bucket
+    session *twin; // another session with the same key
+    uint8_t measurement_id;
+    bool outstanding;
+    bool extended; // the outstanding request has got its second interval
+    uint32_t sequence;
+    clocks sent;
+};
+
+struct answer {
+    session_key key; // as seen from here: local is the frame's destination
+    uint8_t measurement_id;
+    bool time_valid;
+    int64_t received; // the kernel's stamp; 0: none
+};
+
+// How the engine reaches the outside.
+struct engine_io {
+    void *context;
+    clocks (*read_clocks)(void *context);
+    // Sends one frame; 0 or an errno value. A frame that was not sent counts as lost when its time has come.
+    int (*send)(void *context, session &s, const uint8_t *frame, size_t length);
+};
+
+struct engine_counters {
+    uint64_t sent;
+    uint64_t not_sent;
+    uint64_t answered;
+    uint64_t lost;
+    uint64_t stale;    // answers that match no outstanding request
+    uint64_t late;     // requests sent late because the engine was
+    uint64_t extended; // requests that got a second interval for it
+};
+
+struct bucket {
+    std::vector<session *> sessions;
+    int64_t earliest = NEVER; // no session in it is due before
+};
+
+struct engine {
+    bucket buckets[SLOTS_PER_SECOND];
+    std::unordered_map<session_key, session *, session_key_hash> by_key;
+    uint64_t pings_per_1000_s = 0;
+    engine_counters counters{};
+    std::vector<uint8_t> frame;
+};
+
+// Adds a session; its first request is due in one of the next hundred slots, the first of those that have least to do.
+// Throws std::bad_alloc, and has then added nothing.
+void engine_add(engine &e, session *s, int64_t now);
+void engine_remove(engine &e, session *s);
+// Gives a session a new key, for an interface that came back with another index. What is outstanding stays so.
+void engine_rekey(engine &e, session *s, const session_key &key);
+
+// When the engine wants to run next, on the monotonic clock; NEVER without sessions.
+int64_t engine_deadline(const engine &e);
+// So many requests per second that there is something to do in every slot: waking for single answers does not pay.
+bool engine_is_dense(const engine &e);
+
+// Hands in an answer. `now`: both clocks, read after it was received.
+void engine_answer(engine &e, const answer &a, const clocks &now);
+// Judges and sends whatever is due. Every answer that has arrived must have been handed in before.
+// Returns how many slots the engine was late, 0 if it was not.
+int64_t engine_run(engine &e, int64_t now, const engine_io &io);
+
+} // namespace supervision

@@ -1,0 +1,521 @@
+// The border of the supervision library, its thread, and its sockets: one per network namespace that has sessions.
+//
+// One lock guards everything. The thread holds it while it reads, judges, sends and reports, and lets go of it to
+// sleep; start and stop take it. So when stop has it, no callback runs, and after stop none of that session ever will.
+// A callback must not start or stop sessions.
+//
+// The thread is made with the first session. Without sessions it sleeps for good. It closes the socket of a namespace
+// that has lost its last session (an open socket would keep a deleted namespace alive), and it lives in the namespace
+// the process was started in, not in the one its creator had entered, for the same reason.
+//
+// After fork() a child has no such thread and must not use the sessions of its parent.
+#include "supervision.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <new>
+#include <unordered_map>
+#include <vector>
+
+#include "engine.hpp"
+#include "packet_socket.hpp"
+#include "tri.h"
+
+static_assert(sizeof(supervision_params) == 48);
+static_assert(offsetof(supervision_params, interval) == 16);
+static_assert(offsetof(supervision_params, sup_type) == 20);
+static_assert(offsetof(supervision_params, frameSize) == 22);
+static_assert(offsetof(supervision_params, reserved1) == 24);
+static_assert(offsetof(supervision_params, dest_mac) == 28);
+static_assert(offsetof(supervision_params, src_mac) == 34);
+static_assert(offsetof(supervision_params, vlantag) == 40);
+static_assert(offsetof(supervision_params, ether_type) == 44);
+static_assert(sizeof(supervision_rtt) == 8);
+
+namespace supervision
+{
+
+namespace
+{
+
+enum start_result : uint32_t {
+    STARTED = 0,
+    NO_INTERFACE = 1,
+    NO_SOCKET = 2,
+    INVALID = 3,
+    NO_MEMORY = 4,
+};
+
+enum stop_result : uint32_t {
+    STOPPED = 0,
+    NO_ANSWER = 1,
+    NO_SESSION = 4,
+};
+
+constexpr time_t STOP_PATIENCE_S = 5;
+constexpr size_t KEPT_FRAME_BYTES = 64; // of a received frame: all that is read of it, and no dummy bytes to speak of
+constexpr int MAX_BATCHES = 128;        // per turn and socket, so that a flood cannot hold up sending
+constexpr int64_t LATE_TRACE_PAUSE_NS = 10'000'000'000;
+
+// A network namespace with sessions in it.
+struct domain {
+    uint32_t id;
+    dev_t device;
+    ino_t inode;
+    int fd;
+    packet::filter filter;
+    size_t sessions;
+};
+
+struct entry {
+    session s;
+    domain *home;
+    char if_name[16];
+    uint16_t vlan; // as asked for
+    bool wants_tag;
+    bool let_in;
+};
+
+struct library {
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    engine e;
+    packet::batch batch{};
+    std::unordered_map<uint32_t, std::unique_ptr<entry>> sessions;
+    std::vector<std::unique_ptr<domain>> domains;
+    std::vector<pollfd> polled; // the thread's alone
+    uint32_t last_session = 0;
+    uint32_t last_domain = 0;
+    int wake_fd = -1;
+    bool has_thread = false;
+    int64_t late_traced = -LATE_TRACE_PAUSE_NS;
+};
+
+// Where the process was when it was loaded; the thread goes there. Closed once it has.
+int birth_netns = -1;
+
+__attribute__((constructor)) void remember_birth_netns()
+{
+    birth_netns = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+}
+
+// Never destroyed: the thread may be at work while the process exits.
+library &lib()
+{
+    static library *the_library = new library;
+    return *the_library;
+}
+
+thread_local bool in_engine_thread = false;
+
+struct guard {
+    explicit guard(library &l) : held(&l.lock) { pthread_mutex_lock(held); }
+    ~guard() { pthread_mutex_unlock(held); }
+    guard(const guard &) = delete;
+    guard &operator=(const guard &) = delete;
+    pthread_mutex_t *held;
+};
+
+int64_t nanoseconds(clockid_t clock)
+{
+    timespec t{};
+    clock_gettime(clock, &t);
+    return static_cast<int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec;
+}
+
+clocks read_clocks(void *) { return {nanoseconds(CLOCK_MONOTONIC), nanoseconds(CLOCK_REALTIME)}; }
+
+void wake(const library &l)
+{
+    const uint64_t one = 1;
+    // It fails only when the thread has not yet seen 2^64 - 2 earlier calls.
+    if (write(l.wake_fd, &one, sizeof one) < 0) {
+        return;
+    }
+}
+
+// ---- Interfaces of a session ----
+
+session_key key_of(const entry &x, int if_index, bool tagged)
+{
+    session_key key = x.s.key;
+    key.if_index = if_index;
+    key.vlan = tagged ? x.vlan : 0;
+    return key;
+}
+
+// On the device of that very VLAN the kernel adds the tag, and takes it off what it hands to the device.
+bool needs_tag(const entry &x) { return x.wants_tag && packet::interface_vlan(x.home->fd, x.if_name) != x.vlan; }
+
+void let_answers_in(entry *x)
+{
+    mac_address own{};
+    const bool is_own = packet::interface_mac(x->home->fd, x->if_name, &own) && mac_equal(own, x->s.key.local);
+    x->let_in = !is_own && packet::let_in(x->home->fd, x->s.key.if_index, x->s.key.local);
+}
+
+// The interface was deleted and may be back under its name. True when it is, and a frame built before fits it.
+bool find_interface_again(entry *x)
+{
+    const int if_index = packet::interface_index(x->home->fd, x->if_name);
+    if (if_index == 0 || if_index == x->s.key.if_index) {
+        return false;
+    }
+    const bool was_tagged = x->s.tagged;
+    x->s.tagged = needs_tag(*x);
+    engine_rekey(lib().e, &x->s, key_of(*x, if_index, x->s.tagged));
+    let_answers_in(x);
+    return x->s.tagged == was_tagged;
+}
+
+int send_frame(void *, session &s, const uint8_t *frame, size_t length)
+{
+    auto *x = static_cast<entry *>(s.link);
+    const int result = packet::send_frame(x->home->fd, s.key.if_index, frame, length);
+    if ((result == ENXIO || result == ENODEV) && find_interface_again(x)) {
+        return packet::send_frame(x->home->fd, s.key.if_index, frame, length);
+    }
+    return result;
+}
+
+// ---- Receiving ----
+
+void take_frame(library &l, const domain &d, const packet::received &r, const clocks &now)
+{
+    ecpri::measurement m{};
+    if (!ecpri::get_measurement(r.bytes, r.available, r.length, &m) || m.action != ecpri::ACTION_RESPONSE) {
+        return;
+    }
+    const uint16_t vlan = r.tagged ? r.tci & 0x0FFF : 0;
+    const answer a{.key = {d.id, r.if_index, m.destination, m.source, vlan},
+                   .measurement_id = m.measurement_id,
+                   .time_valid = ecpri::time_is_valid(m),
+                   .received = r.stamp};
+    engine_answer(l.e, a, now);
+}
+
+void drain(library &l, const domain &d)
+{
+    for (int i = 0; i < MAX_BATCHES; i++) {
+        const size_t count = packet::receive(d.fd, &l.batch);
+        const clocks now = read_clocks(nullptr);
+        for (size_t f = 0; f < count; f++) {
+            take_frame(l, d, l.batch.frames[f], now);
+        }
+        if (count < packet::BATCH) {
+            return;
+        }
+    }
+}
+
+// ---- The thread ----
+
+// A machine that is short of time says so once in a while, not with every turn.
+void tell_lateness(library &l, int64_t late_slots, int64_t now)
+{
+    if (late_slots == 0 || now - l.late_traced < LATE_TRACE_PAUSE_NS || tri_enabled(4) == 0) {
+        return;
+    }
+    l.late_traced = now;
+    uint32_t drops = 0;
+    for (const auto &d : l.domains) {
+        drops += packet::take_drops(d->fd);
+    }
+    lttngTriTrace(4, short_fname(__FILE__), __LINE__,
+                  formatStr("WARNING: Supervision ran %lld ms late. Requests sent late: %llu, given more time: %llu, "
+                            "received frames dropped: %u",
+                            static_cast<long long>(late_slots * (SLOT_NS / 1'000'000)),
+                            static_cast<unsigned long long>(l.e.counters.late),
+                            static_cast<unsigned long long>(l.e.counters.extended), drops));
+}
+
+void close_empty_domains(library &l)
+{
+    std::erase_if(l.domains, [](const std::unique_ptr<domain> &d) { return d->sessions == 0 && close(d->fd) == 0; });
+}
+
+// What to sleep on: new sessions always; single answers only while they are few.
+void choose_polled(library &l)
+{
+    l.polled.assign(1, {l.wake_fd, POLLIN, 0});
+    if (engine_is_dense(l.e)) {
+        return;
+    }
+    for (const auto &d : l.domains) {
+        l.polled.push_back({d->fd, POLLIN, 0});
+    }
+}
+
+// One turn; returns when the next is due at the latest.
+int64_t take_turn(library &l)
+{
+    const guard g(l);
+    close_empty_domains(l);
+    for (const auto &d : l.domains) {
+        drain(l, *d);
+    }
+    const engine_io io{nullptr, read_clocks, send_frame};
+    const int64_t now = nanoseconds(CLOCK_MONOTONIC);
+    tell_lateness(l, engine_run(l.e, now, io), now);
+    choose_polled(l);
+    return engine_deadline(l.e);
+}
+
+void sleep_until(library &l, int64_t deadline)
+{
+    const int64_t left = std::max<int64_t>(deadline - nanoseconds(CLOCK_MONOTONIC), 0);
+    const timespec timeout{static_cast<time_t>(left / 1'000'000'000), static_cast<long>(left % 1'000'000'000)};
+    ppoll(l.polled.data(), l.polled.size(), deadline == NEVER ? nullptr : &timeout, nullptr);
+    uint64_t calls = 0;
+    // Not blocking: nothing to read means that nobody called.
+    if ((l.polled[0].revents & POLLIN) != 0 && read(l.wake_fd, &calls, sizeof calls) < 0) {
+        return;
+    }
+}
+
+void *run(void *)
+{
+    library &l = lib();
+    in_engine_thread = true;
+    pthread_setname_np(pthread_self(), "supervision");
+    if (birth_netns >= 0) {
+        // Where this is not allowed, the creator could not have entered another namespace either.
+        setns(birth_netns, CLONE_NEWNET);
+        close(birth_netns);
+        birth_netns = -1;
+    }
+    for (;;) {
+        sleep_until(l, take_turn(l));
+    }
+    return nullptr;
+}
+
+bool make_thread()
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    // Signals are for the process's own threads; a new thread starts with the mask of its creator.
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_t thread{};
+    const bool made = pthread_create(&thread, nullptr, run, nullptr) == 0;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return made && pthread_detach(thread) == 0;
+}
+
+bool ensure_thread(library &l)
+{
+    if (l.wake_fd < 0) {
+        l.wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    }
+    if (l.batch.bytes == nullptr && !packet::batch_init(&l.batch, KEPT_FRAME_BYTES)) {
+        return false;
+    }
+    if (!l.has_thread) {
+        l.has_thread = l.wake_fd >= 0 && make_thread();
+    }
+    return l.has_thread;
+}
+
+// ---- Namespaces ----
+
+domain *open_domain(library &l, const struct stat &netns)
+{
+    auto d = std::make_unique<domain>();
+    d->id = ++l.last_domain;
+    d->device = netns.st_dev;
+    d->inode = netns.st_ino;
+    d->filter.action = ecpri::ACTION_RESPONSE;
+    d->fd = packet::open_socket(d->filter);
+    if (d->fd < 0) {
+        return nullptr;
+    }
+    l.domains.push_back(std::move(d));
+    return l.domains.back().get();
+}
+
+// The namespace in which the calling thread is. While its socket is open no other namespace can get its inode.
+domain *current_domain(library &l)
+{
+    struct stat netns {
+    };
+    if (stat("/proc/thread-self/ns/net", &netns) != 0) {
+        return nullptr;
+    }
+    for (const auto &d : l.domains) {
+        if (d->device == netns.st_dev && d->inode == netns.st_ino) {
+            return d.get();
+        }
+    }
+    return open_domain(l, netns);
+}
+
+bool filter_lets_pass(domain *d, uint16_t ether_type)
+{
+    packet::filter wanted = d->filter;
+    const uint16_t *end = wanted.ether_types + wanted.count;
+    if (std::find(static_cast<const uint16_t *>(wanted.ether_types), end, ether_type) != end) {
+        return true;
+    }
+    if (wanted.count == packet::MAX_ETHER_TYPES) {
+        return false;
+    }
+    wanted.ether_types[wanted.count++] = ether_type;
+    if (!packet::set_filter(d->fd, wanted)) {
+        return false;
+    }
+    d->filter = wanted;
+    return true;
+}
+
+// ---- Starting ----
+
+bool is_group(const uint8_t (&mac)[6]) { return (mac[0] & 1) != 0; }
+
+bool params_are_valid(const supervision_params &p)
+{
+    return p.if_name[0] != '\0' && memchr(p.if_name, '\0', sizeof p.if_name) != nullptr && p.interval >= 1 &&
+           (p.sup_type == SUPERVISION_TYPE_LINK || p.sup_type == SUPERVISION_TYPE_KEEP_ALIVE) &&
+           p.frameSize >= ecpri::MIN_FRAME_SIZE && p.ether_type >= 0x0600 && !is_group(p.src_mac) &&
+           !is_group(p.dest_mac);
+}
+
+void fill_entry(entry *x, const supervision_params &p, domain *home, supervision_callback_fn callback)
+{
+    x->home = home;
+    memcpy(x->if_name, p.if_name, sizeof x->if_name);
+    x->vlan = p.vlantag & 0x0FFF;
+    x->wants_tag = p.vlantag != 0;
+    x->s.tag = {to_be16(static_cast<uint16_t>(p.vlantag >> 16)), to_be16(static_cast<uint16_t>(p.vlantag))};
+    x->s.key.domain = home->id;
+    memcpy(x->s.key.local.byte, p.src_mac, sizeof p.src_mac);
+    memcpy(x->s.key.remote.byte, p.dest_mac, sizeof p.dest_mac);
+    x->s.ether_type = p.ether_type;
+    x->s.frame_size = p.frameSize;
+    x->s.type = p.sup_type;
+    x->s.interval = p.interval;
+    x->s.callback = callback;
+    x->s.link = x;
+}
+
+uint32_t find_interface(entry *x)
+{
+    const int if_index = packet::interface_index(x->home->fd, x->if_name);
+    if (if_index == 0) {
+        return NO_INTERFACE;
+    }
+    const int mtu = packet::interface_mtu(x->home->fd, x->if_name);
+    if (x->s.frame_size > static_cast<size_t>(mtu) + sizeof(ecpri::ethernet_header)) {
+        return INVALID;
+    }
+    x->s.tagged = needs_tag(*x);
+    x->s.key = key_of(*x, if_index, x->s.tagged);
+    return filter_lets_pass(x->home, x->s.ether_type) ? STARTED : NO_SOCKET;
+}
+
+uint32_t free_session_id(library &l)
+{
+    do {
+        l.last_session++;
+    } while (l.last_session == 0 || l.sessions.contains(l.last_session));
+    return l.last_session;
+}
+
+uint32_t start(library &l, uint32_t *session_id, const supervision_params &p, supervision_callback_fn callback)
+{
+    domain *home = current_domain(l);
+    if (home == nullptr) {
+        return NO_SOCKET;
+    }
+    auto made = std::make_unique<entry>();
+    entry *x = made.get();
+    fill_entry(x, p, home, callback);
+    const uint32_t result = find_interface(x);
+    if (result != STARTED) {
+        return result;
+    }
+    x->s.id = free_session_id(l);
+    l.sessions.emplace(x->s.id, std::move(made));
+    try {
+        engine_add(l.e, &x->s, nanoseconds(CLOCK_MONOTONIC));
+    } catch (...) {
+        l.sessions.erase(x->s.id);
+        throw;
+    }
+    let_answers_in(x);
+    home->sessions++;
+    *session_id = x->s.id;
+    return STARTED;
+}
+
+void stop(library &l, entry *x)
+{
+    engine_remove(l.e, &x->s);
+    if (x->let_in) {
+        packet::shut_out(x->home->fd, x->s.key.if_index, x->s.key.local);
+    }
+    x->home->sessions--;
+    l.sessions.erase(x->s.id);
+}
+
+} // namespace
+
+} // namespace supervision
+
+using namespace supervision;
+
+uint32_t start_supervision_session(uint32_t *session_id, const supervision_params *params,
+                                   supervision_callback_fn callback)
+{
+    if (session_id == nullptr || params == nullptr || callback == nullptr || !params_are_valid(*params)) {
+        return INVALID;
+    }
+    if (in_engine_thread) {
+        return NO_MEMORY;
+    }
+    try {
+        library &l = lib();
+        const guard g(l);
+        if (!ensure_thread(l)) {
+            return NO_MEMORY;
+        }
+        const uint32_t result = start(l, session_id, *params, callback);
+        // Also after a failure: the thread closes the socket of a namespace that has no session.
+        wake(l);
+        return result;
+    } catch (const std::bad_alloc &) {
+        return NO_MEMORY;
+    }
+}
+
+uint32_t stop_supervision_session(uint32_t session_id)
+{
+    library &l = lib();
+    timespec until{};
+    clock_gettime(CLOCK_REALTIME, &until);
+    until.tv_sec += STOP_PATIENCE_S;
+    // From a callback it would wait for itself.
+    if (in_engine_thread || pthread_mutex_timedlock(&l.lock, &until) != 0) {
+        return NO_ANSWER;
+    }
+    const auto found = l.sessions.find(session_id);
+    const bool known = found != l.sessions.end();
+    if (known) {
+        stop(l, found->second.get());
+        wake(l);
+    }
+    pthread_mutex_unlock(&l.lock);
+    return known ? STOPPED : NO_SESSION;
+}
