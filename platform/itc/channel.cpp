@@ -1,0 +1,425 @@
+/*
+ * The other processes: one stream socket to each, given to both ends by the registry. Before it is there, and while it
+ * takes no more, messages wait in the peer's outbox, in order. The sender of what arrives is put together from the
+ * process number that the registry named for the socket and the box number in the frame, so that no process can pose
+ * as another. A peer that breaks the frame format loses its channel, nothing else.
+ */
+#include "state.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <linux/sockios.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+namespace itc
+{
+namespace
+{
+
+constexpr size_t frames_per_write = 64;
+constexpr size_t large_start = 65536;
+constexpr size_t bytes_per_event = 1u << 20; // then the others get their turn
+
+size_t frame_size(const block *b) { return sizeof(itc_wire::channel_frame) + b->size; }
+
+peer *peer_find(uint32_t process)
+{
+    state &s = g();
+    if (s.last_peer != nullptr && s.last_peer->process == process) {
+        return s.last_peer;
+    }
+    const auto found = s.peers.find(process);
+    return found == s.peers.end() ? nullptr : s.last_peer = found->second;
+}
+
+peer *peer_new(uint32_t process)
+{
+    auto *p = new peer;
+    p->process = process;
+    g().peers[process] = p;
+    return p;
+}
+
+// The peer of that number; if it is not known yet, the registry is asked to introduce us. NULL if there can be none.
+peer *peer_for_sending(uint32_t process)
+{
+    peer *p = peer_find(process);
+    if (p != nullptr || process == 0 || process >= itc_wire::process_limit || g().registry_lost) {
+        return p;
+    }
+    peer_new(process);
+    g().introducing++;
+    itc_wire::writer request(itc_wire::introduce, 0);
+    registry_send(request.u32(process));
+    return peer_find(process); // gone again, if the registry was given up over this
+}
+
+void drop_outbox(peer *p)
+{
+    while (p->outbox.head != nullptr) {
+        block_free(p->outbox.take_after(nullptr));
+        note_drop(&g().statistics.dropped_no_mailbox, "its process is gone");
+    }
+    p->outbox_bytes = 0;
+    p->head_written = 0;
+}
+
+void close_channel(peer *p)
+{
+    if (p->fd < 0) {
+        return;
+    }
+    poll_remove(p->fd);
+    close(p->fd);
+    itc_wire::writer notice(itc_wire::closed, 0);
+    notice.u32(p->process).u32(p->channel);
+    registry_send(notice);
+    free(p->buffer);
+    block_free(p->large);
+    p->fd = -1;
+    p->armed = p->write_broken = false;
+    p->buffer = nullptr;
+    p->fill = 0;
+    p->large = nullptr;
+}
+
+void peer_delete(peer *p)
+{
+    if (p->fd < 0) {
+        g().introducing--;
+    }
+    close_channel(p);
+    drop_outbox(p);
+    if (g().last_peer == p) {
+        g().last_peer = nullptr;
+    }
+    g().peers.erase(p->process);
+    delete p;
+}
+
+void arm(peer *p, bool armed)
+{
+    if (p->armed != armed) {
+        p->armed = armed;
+        poll_change(source_peer, p->process, p->fd, armed ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    }
+}
+
+// A message that leaves in one piece, as nearly all do. Returns how much of its frame is out.
+size_t write_now(peer *p, const block *b)
+{
+    const ssize_t put = send(p->fd, &b->frame, frame_size(b), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (put < 0) {
+        p->write_broken = errno == EPIPE || errno == ECONNRESET;
+        return 0;
+    }
+    return static_cast<size_t>(put);
+}
+
+void enqueue(peer *p, block *b, size_t written)
+{
+    if (p->outbox.head == nullptr) {
+        p->head_written = written;
+    }
+    p->outbox.push(b);
+    p->outbox_bytes += frame_size(b);
+}
+
+// Takes `count` written bytes off the outbox.
+void outbox_advance(peer *p, size_t count)
+{
+    count += p->head_written;
+    while (p->outbox.head != nullptr && count >= frame_size(p->outbox.head)) {
+        block *b = p->outbox.take_after(nullptr);
+        count -= frame_size(b);
+        p->outbox_bytes -= frame_size(b);
+        block_free(b);
+    }
+    p->head_written = count;
+}
+
+// One write of as many frames as it takes. Returns the number of bytes, 0 when there is no room.
+size_t write_backlog(peer *p)
+{
+    iovec parts[frames_per_write];
+    size_t count = 0;
+    size_t skip = p->head_written;
+    for (block *b = p->outbox.head; b != nullptr && count < frames_per_write; b = b->next) {
+        parts[count++] = {reinterpret_cast<uint8_t *>(&b->frame) + skip, frame_size(b) - skip};
+        skip = 0;
+    }
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
+    const ssize_t put = sendmsg(p->fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (put < 0) {
+        p->write_broken = errno == EPIPE || errno == ECONNRESET;
+        return 0;
+    }
+    return static_cast<size_t>(put);
+}
+
+// The bound is on what waits behind the message under way: a message larger than the bound still goes, and does not
+// cost the ones behind it.
+bool outbox_has_room(const peer *p, const block *b)
+{
+    const block *head = p->outbox.head;
+    return head == nullptr || p->outbox_bytes - frame_size(head) + frame_size(b) <= outbox_limit;
+}
+
+// ---- Reading
+// ---------------------------------------------------------------------------------------------------------
+
+void arrive(const peer *p, block *b)
+{
+    const uint32_t from = b->frame.from_box;
+    b->sender = from < itc_wire::box_limit ? itc_wire::mbox_of(p->process, from) : ITC_NO_MBOX;
+    const uint32_t to = b->frame.to_box;
+    mbox_deliver(b, to < itc_wire::box_limit ? itc_wire::mbox_of(g().process, to) : ITC_NO_MBOX);
+}
+
+// The first part of a message that the buffer cannot hold. Its memory grows with what arrives, so that a length alone
+// costs nothing.
+void large_begin(peer *p, const itc_wire::channel_frame &frame, const uint8_t *bytes, size_t count)
+{
+    const size_t start = frame.length < large_start ? frame.length : large_start;
+    p->large = block_new(start, false);
+    p->large->frame = frame;
+    p->large_size = frame.length;
+    p->large_got = count;
+    memcpy(p->large->bytes(), bytes, count);
+}
+
+void large_advance(peer *p, size_t count)
+{
+    p->large_got += count;
+    if (p->large_got == p->large_size) {
+        block *b = p->large;
+        p->large = nullptr;
+        arrive(p, b);
+    } else if (p->large_got == p->large->size) {
+        const size_t doubled = p->large->size * 2;
+        p->large = block_resize(p->large, doubled < p->large_size ? doubled : p->large_size);
+    }
+}
+
+// Takes every whole frame out of the buffer. False when the peer breaks the format.
+bool parse(peer *p)
+{
+    size_t at = 0;
+    while (p->fill - at >= sizeof(itc_wire::channel_frame)) {
+        itc_wire::channel_frame frame;
+        memcpy(&frame, p->buffer + at, sizeof frame);
+        if (frame.length < sizeof(itc_msg) || frame.length > itc_wire::message_limit) {
+            return false;
+        }
+        const uint8_t *bytes = p->buffer + at + sizeof frame;
+        const size_t there = p->fill - at - sizeof frame;
+        if (frame.length > reader_size - sizeof frame) {
+            large_begin(p, frame, bytes, there);
+            at = p->fill;
+            break;
+        }
+        if (frame.length > there) {
+            break;
+        }
+        block *b = block_new(frame.length, false);
+        b->frame = frame;
+        memcpy(b->bytes(), bytes, frame.length);
+        arrive(p, b);
+        at += sizeof frame + frame.length;
+    }
+    p->fill -= at;
+    memmove(p->buffer, p->buffer + at, p->fill);
+    return true;
+}
+
+enum class reading {
+    empty, // nothing was there
+    some,  // less than there was room for: most likely all of it
+    full,
+    ended
+};
+
+// One read of the channel. Adds what it took to `*total`.
+reading read_once(peer *p, size_t *total)
+{
+    uint8_t *to = p->large != nullptr ? p->large->bytes() + p->large_got : p->buffer + p->fill;
+    const size_t room = p->large != nullptr ? p->large->size - p->large_got : reader_size - p->fill;
+    const ssize_t got = recv(p->fd, to, room, MSG_DONTWAIT);
+    if (got < 0) {
+        return errno == EAGAIN || errno == EINTR ? reading::empty : reading::ended;
+    }
+    if (got == 0) {
+        return reading::ended;
+    }
+    *total += static_cast<size_t>(got);
+    if (p->large != nullptr) {
+        large_advance(p, static_cast<size_t>(got));
+    } else {
+        p->fill += static_cast<size_t>(got);
+        if (!parse(p)) {
+            fprintf(stderr, "libitc: process %u sent a frame that makes no sense, closing its channel\n", p->process);
+            return reading::ended;
+        }
+    }
+    return static_cast<size_t>(got) < room ? reading::some : reading::full;
+}
+
+// Reads until `enough` bytes came or nothing is left. The peer is gone afterwards if its channel ended.
+void read_channel(peer *p, size_t enough, bool stop_at_some)
+{
+    size_t total = 0;
+    reading state = reading::full;
+    while ((state == reading::full || (state == reading::some && !stop_at_some)) && total < enough) {
+        state = read_once(p, &total);
+    }
+    if (state == reading::ended) {
+        peer_delete(p);
+    }
+}
+
+} // namespace
+
+void peer_flush(peer *p)
+{
+    if (p->fd < 0) {
+        return;
+    }
+    while (p->outbox.head != nullptr && !p->write_broken) {
+        const size_t put = write_backlog(p);
+        if (put == 0) {
+            break;
+        }
+        outbox_advance(p, put);
+    }
+    if (p->write_broken) {
+        drop_outbox(p); // the channel itself is closed when all that the peer had sent is read
+    }
+    arm(p, p->outbox.head != nullptr);
+}
+
+void peer_send(block *b, uint32_t to)
+{
+    state &s = g();
+    peer *p = peer_for_sending(itc_wire::process_of(to));
+    if (p == nullptr) {
+        note_drop(&s.statistics.dropped_no_mailbox, "there is no such mailbox");
+        block_free(b);
+        return;
+    }
+    if (b->size > itc_wire::message_limit || !outbox_has_room(p, b)) {
+        note_drop(&s.statistics.dropped_full, "its outbox is full");
+        block_free(b);
+        return;
+    }
+    b->frame.length = static_cast<uint32_t>(b->size);
+    b->frame.to_box = static_cast<uint16_t>(itc_wire::box_of(to));
+    b->frame.from_box =
+        b->sender == ITC_NO_MBOX ? itc_wire::no_box : static_cast<uint16_t>(itc_wire::box_of(b->sender));
+    s.statistics.sent++;
+    if (p->fd < 0 || p->outbox.head != nullptr || p->write_broken) {
+        enqueue(p, b, 0);
+        peer_flush(p);
+        return;
+    }
+    const size_t written = write_now(p, b);
+    if (written == frame_size(b)) {
+        block_free(b);
+        return;
+    }
+    enqueue(p, b, written);
+    arm(p, true);
+}
+
+void peer_introduced(uint32_t process, uint32_t channel, int fd)
+{
+    peer *p = peer_find(process);
+    if (p != nullptr && p->fd >= 0) {
+        peer_drain(process); // a second channel: the first has ended, or it never would have been made
+        p = peer_find(process);
+        if (p != nullptr) {
+            close_channel(p);
+            g().introducing++;
+        }
+    }
+    if (p == nullptr) {
+        p = peer_new(process);
+        g().introducing++;
+    }
+    if (fd < 0 || poll_add(source_peer, process, fd, EPOLLIN) != 0) {
+        fprintf(stderr, "libitc: no descriptor left for the channel to process %u\n", process);
+        if (fd >= 0) {
+            close(fd);
+        }
+        peer_delete(p);
+        return;
+    }
+    g().introducing--;
+    p->fd = fd;
+    p->channel = channel;
+    p->head_written = 0; // what the last channel took of a frame went with it
+    p->buffer = static_cast<uint8_t *>(malloc(reader_size));
+    if (p->buffer == nullptr) {
+        abort();
+    }
+    peer_flush(p);
+}
+
+void peer_absent(uint32_t process)
+{
+    peer *p = peer_find(process);
+    if (p != nullptr && p->fd < 0) {
+        peer_delete(p);
+    }
+}
+
+void peer_drain(uint32_t process)
+{
+    peer *p = peer_find(process);
+    int waiting = 0;
+    if (p != nullptr && p->fd >= 0 && ioctl(p->fd, SIOCINQ, &waiting) == 0 && waiting > 0) {
+        read_channel(p, static_cast<size_t>(waiting), false);
+    }
+}
+
+void peer_event(uint32_t process, uint32_t events)
+{
+    peer *p = peer_find(process);
+    if (p == nullptr || p->fd < 0) {
+        return;
+    }
+    if ((events & EPOLLOUT) != 0) {
+        peer_flush(p);
+    }
+    if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
+        read_channel(p, bytes_per_event, true);
+    }
+}
+
+void peers_lose_registry()
+{
+    std::vector<peer *> waiting;
+    for (const auto &entry : g().peers) {
+        if (entry.second->fd < 0) {
+            waiting.push_back(entry.second);
+        }
+    }
+    for (peer *p : waiting) {
+        peer_delete(p);
+    }
+}
+
+void peers_close()
+{
+    while (!g().peers.empty()) {
+        peer_delete(g().peers.begin()->second);
+    }
+}
+
+} // namespace itc

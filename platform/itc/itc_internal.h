@@ -1,0 +1,23 @@
+/*
+ * What libitc offers to libns and to nobody else: the name service lives in the registry, and a process has one
+ * connection to it. Arguments are checked by libns: no pointer is NULL, every text is at most 255 bytes long.
+ * Each returns 0 or an errno value.
+ */
+#ifndef ITC_INTERNAL_H
+#define ITC_INTERNAL_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+int itc_internal_publish(const char *name, const char *scope, uint32_t mbox, const char *path);
+int itc_internal_unpublish(const char *name, const char *scope, uint32_t mbox, const char *path);
+int itc_internal_subscribe(const char *name, const char *scope, uint32_t mbox);
+int itc_internal_unsubscribe(uint32_t sid, uint32_t mbox);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

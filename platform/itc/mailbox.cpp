@@ -1,0 +1,422 @@
+/*
+ * The process and its mailboxes: itc_init and itc_exit, which thread owns which box, delivery into a thread's queue,
+ * names, itc_send. A box number is used again only after all the others, so that a late message to a dead mailbox
+ * does not reach a new one.
+ */
+#include "itc_internal.h"
+#include "state.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+namespace itc
+{
+
+state &g()
+{
+    static state *const only = new state; // never destroyed: threads may outlive main()
+    return *only;
+}
+
+namespace
+{
+
+constexpr std::chrono::seconds drop_line_interval{10};
+
+void release_box(uint32_t box)
+{
+    g().boxes[box] = nullptr;
+    g().box_count--;
+}
+
+void drop_queued(thread *t, uint32_t mbox)
+{
+    block *before = nullptr;
+    while (block *b = before == nullptr ? t->queue.head : before->next) {
+        if (mbox == ITC_NO_MBOX || b->receiver == mbox) {
+            block_free(t->queue.take_after(before));
+        } else {
+            before = b;
+        }
+    }
+}
+
+void thread_delete(thread *t)
+{
+    drop_queued(t, ITC_NO_MBOX);
+    auto &threads = g().threads;
+    threads.erase(std::remove(threads.begin(), threads.end(), t), threads.end());
+    delete t;
+}
+
+// The calling thread's record. A thread that ends takes its mailboxes with it: nobody else may receive from them.
+struct anchor {
+    thread *self = nullptr;
+    uint64_t generation = 0;
+
+    anchor() = default;
+    anchor(const anchor &) = delete;
+    anchor &operator=(const anchor &) = delete;
+
+    ~anchor()
+    {
+        const hold lock(g().lock);
+        if (self == nullptr || generation != g().generation) {
+            return;
+        }
+        for (uint32_t box = 0; box < itc_wire::box_limit; box++) {
+            if (g().boxes[box] == self) {
+                itc_wire::writer request(itc_wire::delete_box, 0);
+                registry_send(request.u32(itc_wire::mbox_of(g().process, box)));
+                release_box(box);
+            }
+        }
+        thread_delete(self);
+    }
+};
+thread_local anchor here;
+
+thread *thread_record()
+{
+    state &s = g();
+    if (here.self == nullptr || here.generation != s.generation) {
+        here.self = new thread;
+        here.generation = s.generation;
+        s.threads.push_back(here.self);
+    }
+    return here.self;
+}
+
+// A free box number, or box_limit. Goes round, so that numbers come back as late as possible.
+uint32_t free_box()
+{
+    state &s = g();
+    if (!s.up || s.box_count >= s.box_allowance) {
+        return itc_wire::box_limit;
+    }
+    while (s.boxes[s.next_box] != nullptr) {
+        s.next_box = (s.next_box + 1) % itc_wire::box_limit;
+    }
+    const uint32_t box = s.next_box;
+    s.next_box = (box + 1) % itc_wire::box_limit;
+    return box;
+}
+
+bool name_is_good(const char *name)
+{
+    return name != nullptr && *name != 0 && strnlen(name, itc_wire::name_limit + 1) <= itc_wire::name_limit;
+}
+
+uint32_t first_box_of(const thread *t)
+{
+    for (uint32_t box = 0; box < itc_wire::box_limit; box++) {
+        if (g().boxes[box] == t) {
+            return itc_wire::mbox_of(g().process, box);
+        }
+    }
+    return ITC_NO_MBOX;
+}
+
+// Forgets what was to be delivered to a mailbox that is no more.
+void forget_deliveries(std::unordered_map<uint32_t, awaited> &table, uint32_t mbox, itc_wire::frame_type cancel)
+{
+    std::vector<uint32_t> tokens;
+    for (const auto &entry : table) {
+        if (entry.second.deliver_to == mbox) {
+            tokens.push_back(entry.first);
+        }
+    }
+    for (const uint32_t token : tokens) {
+        block_free(table[token].message);
+        table.erase(token);
+        itc_wire::writer request(cancel, token);
+        registry_send(request);
+    }
+}
+
+void forget_mailbox(uint32_t mbox)
+{
+    state &s = g();
+    thread *owner = s.boxes[itc_wire::box_of(mbox)];
+    release_box(itc_wire::box_of(mbox));
+    drop_queued(owner, mbox);
+    if (owner->mbox == mbox) {
+        owner->mbox = first_box_of(owner);
+    }
+    forget_deliveries(s.awaiting, mbox, itc_wire::cancel_await);
+    forget_deliveries(s.monitors, mbox, itc_wire::unmonitor);
+    for (auto it = s.subscriptions.begin(); it != s.subscriptions.end();) {
+        it = it->second == mbox ? s.subscriptions.erase(it) : std::next(it);
+    }
+    wake_leader(); // should the owner wait in itc_receive, it has nothing to wait for now
+    wake_followers();
+}
+
+void free_table(std::unordered_map<uint32_t, awaited> &table)
+{
+    for (const auto &entry : table) {
+        block_free(entry.second.message);
+    }
+    table.clear();
+}
+
+// Everything of this process is gone afterwards but the descriptors that are watched.
+void tear_down()
+{
+    state &s = g();
+    registry_close();
+    s.registry_lost = true;
+    peers_close();
+    free_table(s.awaiting);
+    free_table(s.monitors);
+    s.subscriptions.clear();
+    while (!s.threads.empty()) {
+        thread_delete(s.threads.back());
+    }
+    std::fill(std::begin(s.boxes), std::end(s.boxes), nullptr);
+    s.box_count = 0;
+    s.process = 0;
+    s.up = false;
+    s.fd_given = false;
+    s.generation++;
+    poll_close();
+}
+
+uint32_t sender_for(uint32_t from)
+{
+    if (from == ITC_MY_MBOX) {
+        const thread *t = thread_current();
+        return t == nullptr ? ITC_NO_MBOX : t->mbox;
+    }
+    return mbox_is_own(from) ? from : ITC_NO_MBOX;
+}
+
+} // namespace
+
+thread *thread_current()
+{
+    const bool valid = here.self != nullptr && here.generation == g().generation && here.self->mbox != ITC_NO_MBOX;
+    return valid ? here.self : nullptr;
+}
+
+bool mbox_is_own(uint32_t mbox)
+{
+    const state &s = g();
+    return s.up && itc_wire::process_of(mbox) == s.process && s.boxes[itc_wire::box_of(mbox)] != nullptr;
+}
+
+void mbox_deliver(block *b, uint32_t to)
+{
+    if (!mbox_is_own(to)) {
+        note_drop(&g().statistics.dropped_no_mailbox, "there is no such mailbox");
+        block_free(b);
+        return;
+    }
+    thread *t = g().boxes[itc_wire::box_of(to)];
+    b->receiver = to;
+    t->queue.push(b);
+    thread_wake(t);
+}
+
+void note_drop(uint64_t *counter, const char *why)
+{
+    static clock::time_point next_line;
+    static uint64_t silent = 0;
+    ++*counter;
+    const clock::time_point now = clock::now();
+    if (now < next_line) {
+        silent++;
+        return;
+    }
+    fprintf(stderr, "libitc: message dropped, %s (and %llu before it without a line)\n", why,
+            static_cast<unsigned long long>(silent));
+    silent = 0;
+    next_line = now + drop_line_interval;
+}
+
+} // namespace itc
+
+using namespace itc;
+
+extern "C" {
+
+int itc_init(int mailbox_count, int alloc_scheme, const void *scheme_params, const char *name_space, uint32_t flags)
+{
+    hold lock(g().lock);
+    if (g().up) {
+        return EALREADY;
+    }
+    if (mailbox_count < 1 || mailbox_count > mailbox_limit || alloc_scheme != 0 || scheme_params != nullptr ||
+        name_space != nullptr || flags != 0) {
+        return EINVAL;
+    }
+    int error = poll_open();
+    if (error == 0) {
+        error = registry_connect();
+    }
+    if (error != 0) {
+        poll_close();
+        return error;
+    }
+    g().box_allowance = mailbox_count;
+    g().up = true;
+    g().generation++;
+    return 0;
+}
+
+void itc_exit(void)
+{
+    state &s = g();
+    hold lock(s.lock);
+    if (!s.up || s.exiting) {
+        return;
+    }
+    flush_everything(lock, exit_limit);
+    itc_wire::writer bye(itc_wire::bye, 0);
+    (void)registry_command(lock, bye); // so that our names are free when we return
+    s.exiting = true;
+    while (s.blocked > 0) {
+        wake_leader();
+        wake_followers();
+        s.turn.wait_for(lock, std::chrono::milliseconds(10));
+    }
+    tear_down();
+    s.exiting = false;
+}
+
+uint32_t itc_create_mailbox(const char *name, uint32_t flags)
+{
+    hold lock(g().lock);
+    const uint32_t box = free_box();
+    if (box == itc_wire::box_limit || !name_is_good(name) || flags != 0) {
+        return ITC_NO_MBOX;
+    }
+    const uint32_t mbox = itc_wire::mbox_of(g().process, box);
+    thread *t = thread_record();
+    g().boxes[box] = t; // before the registry knows: what is sent at once must not be lost
+    g().box_count++;
+    if (t->mbox == ITC_NO_MBOX) {
+        t->mbox = mbox;
+    }
+    itc_wire::writer request(itc_wire::create_box, 0);
+    const uint64_t generation = g().generation;
+    const int error = registry_command(lock, request.u32(mbox).text(name));
+    if (error == 0 || generation != g().generation) {
+        return error == 0 ? mbox : ITC_NO_MBOX;
+    }
+    forget_mailbox(mbox);
+    return ITC_NO_MBOX;
+}
+
+int itc_delete_mailbox(uint32_t mbox)
+{
+    hold lock(g().lock);
+    if (!mbox_is_own(mbox)) {
+        return EINVAL;
+    }
+    flush_everything(lock, exit_limit); // what it sent comes before the news of its end
+    if (!mbox_is_own(mbox)) {
+        return EINVAL;
+    }
+    forget_mailbox(mbox);
+    itc_wire::writer request(itc_wire::delete_box, 0);
+    (void)registry_command(lock, request.u32(mbox)); // without a registry nobody is left to be told
+    return 0;
+}
+
+int itc_add_name(uint32_t mbox, const char *name)
+{
+    hold lock(g().lock);
+    if (!mbox_is_own(mbox) || !name_is_good(name)) {
+        return EINVAL;
+    }
+    itc_wire::writer request(itc_wire::add_name, 0);
+    return registry_command(lock, request.u32(mbox).text(name));
+}
+
+uint32_t itc_current_mbox(void)
+{
+    const hold lock(g().lock);
+    const thread *t = thread_current();
+    return t == nullptr ? ITC_NO_MBOX : t->mbox;
+}
+
+void itc_send(itc_msg **msg, uint32_t to, uint32_t from)
+{
+    block *b = block_take(msg);
+    if (b == nullptr) {
+        return;
+    }
+    state &s = g();
+    const hold lock(s.lock);
+    b->sender = sender_for(from);
+    b->monitor_id = 0;
+    if (to == ITC_NO_MBOX || !s.up) {
+        note_drop(&s.statistics.dropped_no_mailbox, "it was sent to no mailbox");
+        block_free(b);
+    } else if (itc_wire::process_of(to) == s.process) {
+        s.statistics.sent += mbox_is_own(to) ? 1 : 0;
+        mbox_deliver(b, to);
+    } else {
+        peer_send(b, to);
+    }
+    if (s.introducing > 0) {
+        registry_read(); // a sender that never receives needs its introductions too
+    }
+}
+
+void itc_get_statistics(itc_statistics *out)
+{
+    const hold lock(g().lock);
+    *out = g().statistics;
+}
+
+int itc_internal_publish(const char *name, const char *scope, uint32_t mbox, const char *path)
+{
+    hold lock(g().lock);
+    itc_wire::writer request(itc_wire::publish, 0);
+    return mbox_is_own(mbox) ? registry_command(lock, request.u32(mbox).text(name).text(scope).text(path)) : EINVAL;
+}
+
+int itc_internal_unpublish(const char *name, const char *scope, uint32_t mbox, const char *path)
+{
+    hold lock(g().lock);
+    itc_wire::writer request(itc_wire::unpublish, 0);
+    return mbox_is_own(mbox) ? registry_command(lock, request.u32(mbox).text(name).text(scope).text(path)) : EINVAL;
+}
+
+int itc_internal_subscribe(const char *name, const char *scope, uint32_t mbox)
+{
+    state &s = g();
+    hold lock(s.lock);
+    if (!mbox_is_own(mbox)) {
+        return EINVAL;
+    }
+    do {
+        s.next_sid++;
+    } while (s.next_sid == 0 || s.subscriptions.count(s.next_sid) != 0);
+    const uint32_t sid = s.next_sid;
+    s.subscriptions[sid] = mbox; // before the answer: the indications come right behind it
+    itc_wire::writer request(itc_wire::subscribe, 0);
+    const int error = registry_command(lock, request.u32(mbox).u32(sid).text(name).text(scope));
+    if (error != 0) {
+        s.subscriptions.erase(sid);
+    }
+    return error;
+}
+
+int itc_internal_unsubscribe(uint32_t sid, uint32_t mbox)
+{
+    state &s = g();
+    hold lock(s.lock);
+    const auto found = s.subscriptions.find(sid);
+    if (found == s.subscriptions.end() || found->second != mbox) {
+        return mbox_is_own(mbox) ? ENOENT : EINVAL;
+    }
+    s.subscriptions.erase(found);
+    itc_wire::writer request(itc_wire::unsubscribe, 0);
+    return registry_command(lock, request.u32(mbox).u32(sid));
+}
+
+} // extern "C"

@@ -1,0 +1,100 @@
+/*
+ * Messages as blocks of memory. A block belongs to whoever holds it; queues and outboxes link it through `next`.
+ * A process that has no memory left for a message, or hands in something that is no message, ends here: going on would
+ * lose or corrupt what others rely on.
+ */
+#include "state.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace itc
+{
+namespace
+{
+
+constexpr uint32_t alive = 0x17C0B10C;
+constexpr uint32_t freed = 0x17C0DEAD;
+
+[[noreturn]] void give_up(const char *why)
+{
+    fprintf(stderr, "libitc: %s\n", why);
+    abort();
+}
+
+} // namespace
+
+block *block_new(size_t size, bool zero)
+{
+    if (size > SIZE_MAX - sizeof(block)) {
+        give_up("a message of an impossible size");
+    }
+    void *memory = zero ? calloc(1, sizeof(block) + size) : malloc(sizeof(block) + size);
+    if (memory == nullptr) {
+        give_up("no memory left for a message");
+    }
+    auto *b = static_cast<block *>(memory);
+    *b = {};
+    b->size = size;
+    b->sender = ITC_NO_MBOX;
+    b->receiver = ITC_NO_MBOX;
+    b->magic = alive;
+    return b;
+}
+
+block *block_resize(block *b, size_t size)
+{
+    auto *moved = static_cast<block *>(realloc(b, sizeof(block) + size));
+    if (moved == nullptr) {
+        give_up("no memory left for a message");
+    }
+    moved->size = size;
+    return moved;
+}
+
+block *block_of(const itc_msg *msg)
+{
+    // The caller holds the message, so the block before it is ours to write.
+    auto *b = const_cast<block *>(reinterpret_cast<const block *>(msg)) - 1;
+    if (b->magic != alive) {
+        give_up("not a message, or one that was freed");
+    }
+    return b;
+}
+
+block *block_take(itc_msg **msg)
+{
+    if (msg == nullptr || *msg == nullptr) {
+        return nullptr;
+    }
+    block *b = block_of(*msg);
+    *msg = nullptr;
+    return b;
+}
+
+void block_free(block *b)
+{
+    if (b != nullptr) {
+        b->magic = freed;
+        free(b);
+    }
+}
+
+} // namespace itc
+
+extern "C" {
+
+itc_msg *itc_alloc(size_t size, uint32_t msgno)
+{
+    itc::block *b = itc::block_new(size < sizeof(itc_msg) ? sizeof(itc_msg) : size, true);
+    b->msg()->msgno = msgno;
+    return b->msg();
+}
+
+void itc_free(itc_msg **msg) { itc::block_free(itc::block_take(msg)); }
+
+size_t itc_size(const itc_msg *msg) { return itc::block_of(msg)->size; }
+
+uint32_t itc_sender(const itc_msg *msg) { return itc::block_of(msg)->sender; }
+
+} // extern "C"

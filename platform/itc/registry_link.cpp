@@ -1,0 +1,438 @@
+/*
+ * The connection to the registry: requests out, answers and notices in. A request whose caller waits is matched by its
+ * serial; everything else is acted on as it is read, on whichever thread reads it. A registry that breaks the protocol
+ * counts as lost, like one that is gone.
+ */
+#include "ns.h"
+#include "state.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace itc
+{
+namespace
+{
+
+void lose()
+{
+    if (g().registry_lost) {
+        return;
+    }
+    g().registry_lost = true;
+    registry_close();
+    peers_lose_registry();
+    wake_leader();
+    wake_followers();
+}
+
+// What came with a channel frame; -1 if it was lost because this process has no descriptor left.
+int take_descriptor()
+{
+    if (g().registry_fds.empty()) {
+        return -1;
+    }
+    const int fd = g().registry_fds.front();
+    g().registry_fds.pop_front();
+    return fd;
+}
+
+void on_answer(uint32_t serial, uint32_t value)
+{
+    const auto found = g().calls.find(serial);
+    if (found != g().calls.end()) {
+        found->second->done = true;
+        found->second->value = value;
+        wake_followers();
+    }
+}
+
+// A name that was waited for, or a death that was watched for: the message goes out, with that mailbox as its sender.
+void on_token(std::unordered_map<uint32_t, awaited> &table, uint32_t token, uint32_t mbox, bool death)
+{
+    const auto found = table.find(token);
+    if (found == table.end()) {
+        return;
+    }
+    const awaited entry = found->second;
+    table.erase(found);
+    entry.message->sender = mbox;
+    entry.message->monitor_id = death ? token : 0;
+    mbox_deliver(entry.message, entry.deliver_to);
+}
+
+void deliver_service(uint32_t msgno, uint32_t sid, uint32_t mbox, std::string_view path)
+{
+    const auto subscription = g().subscriptions.find(sid);
+    if (subscription == g().subscriptions.end()) {
+        return;
+    }
+    const uint32_t head[5] = {msgno, sid, mbox, 0, 0};
+    block *b = block_new(sizeof head + path.size() + 1, true);
+    memcpy(b->bytes(), head, sizeof head);
+    memcpy(b->bytes() + sizeof head, path.data(), path.size());
+    mbox_deliver(b, subscription->second);
+}
+
+void on_subscribed(uint32_t sid)
+{
+    const auto subscription = g().subscriptions.find(sid);
+    if (subscription == g().subscriptions.end()) {
+        return;
+    }
+    const uint32_t body[2] = {NS_SUBSCRIBE_RSP, sid};
+    block *b = block_new(sizeof body, true);
+    memcpy(b->bytes(), body, sizeof body);
+    mbox_deliver(b, subscription->second);
+}
+
+bool on_service(const itc_wire::registry_frame &head, itc_wire::reader &fields)
+{
+    const uint32_t sid = fields.u32();
+    const uint32_t mbox = fields.u32();
+    const std::string_view path = fields.text();
+    if (fields.whole()) {
+        deliver_service(head.type == itc_wire::added ? NS_SERVICE_ADDED_IND : NS_SERVICE_REMOVED_IND, sid, mbox, path);
+    }
+    return fields.whole();
+}
+
+bool on_channel(itc_wire::reader &fields)
+{
+    const uint32_t process = fields.u32();
+    const uint32_t channel = fields.u32();
+    if (!fields.whole()) {
+        return false;
+    }
+    peer_introduced(process, channel, take_descriptor());
+    return true;
+}
+
+// The frames with one number in them.
+bool on_number(const itc_wire::registry_frame &head, uint32_t value)
+{
+    switch (head.type) {
+    case itc_wire::result:
+    case itc_wire::located:
+        on_answer(head.serial, value);
+        return true;
+    case itc_wire::found:
+        on_token(g().awaiting, head.serial, value, false);
+        return true;
+    case itc_wire::died:
+        peer_drain(itc_wire::process_of(value));
+        on_token(g().monitors, head.serial, value, true);
+        return true;
+    case itc_wire::no_process:
+        peer_absent(value);
+        return true;
+    case itc_wire::subscribed:
+        on_subscribed(value);
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool on_frame(const itc_wire::registry_frame &head, itc_wire::reader fields)
+{
+    switch (head.type) {
+    case itc_wire::channel:
+        return on_channel(fields);
+    case itc_wire::added:
+    case itc_wire::removed:
+        return on_service(head, fields);
+    default:
+        break;
+    }
+    const uint32_t value = fields.u32();
+    return fields.whole() && on_number(head, value);
+}
+
+// Acts on every whole frame in the buffer. False when the registry makes no sense.
+bool parse()
+{
+    size_t at = 0;
+    state &s = g();
+    bool sane = true;
+    while (sane && s.registry_fill - at >= sizeof(itc_wire::registry_frame)) {
+        itc_wire::registry_frame head;
+        memcpy(&head, s.registry_buffer + at, sizeof head);
+        if (head.length < sizeof head || head.length > itc_wire::registry_frame_limit) {
+            return false;
+        }
+        if (head.length > s.registry_fill - at) {
+            break;
+        }
+        sane = on_frame(head, itc_wire::reader(s.registry_buffer + at + sizeof head, head.length - sizeof head));
+        at += head.length;
+        if (s.registry < 0) {
+            return true; // given up meanwhile, buffer and all
+        }
+    }
+    memmove(s.registry_buffer, s.registry_buffer + at, s.registry_fill - at);
+    s.registry_fill -= at;
+    return sane;
+}
+
+void keep_descriptors(msghdr &message)
+{
+    for (cmsghdr *c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) {
+            continue;
+        }
+        const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; i++) {
+            int fd;
+            memcpy(&fd, CMSG_DATA(c) + i * sizeof fd, sizeof fd);
+            g().registry_fds.push_back(fd);
+        }
+    }
+    if ((message.msg_flags & MSG_CTRUNC) != 0) {
+        g().registry_fds.push_back(-1); // there was one, and this process had no room for it
+    }
+}
+
+ssize_t receive_some()
+{
+    state &s = g();
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    iovec part{s.registry_buffer + s.registry_fill, sizeof s.registry_buffer - s.registry_fill};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t got = recvmsg(s.registry, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (got >= 0) {
+        keep_descriptors(message);
+    }
+    return got;
+}
+
+int receive_all(int fd, void *to, size_t size)
+{
+    auto *at = static_cast<char *>(to);
+    while (size > 0) {
+        const ssize_t got = recv(fd, at, size, 0);
+        if (got == 0) {
+            return ECONNREFUSED;
+        }
+        if (got < 0 && errno != EINTR) {
+            return errno == EAGAIN ? ETIMEDOUT : errno;
+        }
+        if (got > 0) {
+            at += got;
+            size -= static_cast<size_t>(got);
+        }
+    }
+    return 0;
+}
+
+// Says hello and learns the process number.
+int greet(int fd)
+{
+    itc_wire::writer hello(itc_wire::hello, 0);
+    const std::string_view frame = hello.u32(itc_wire::version).frame();
+    if (send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(frame.size()) && errno != EPIPE) {
+        return errno;
+    }
+    struct {
+        itc_wire::registry_frame head;
+        uint32_t value;
+    } answer{};
+    const int error = receive_all(fd, &answer, sizeof answer);
+    if (error != 0) {
+        return error;
+    }
+    if (answer.head.length == sizeof answer && answer.head.type == itc_wire::refused && answer.value != 0) {
+        return static_cast<int>(answer.value);
+    }
+    if (answer.head.length != sizeof answer || answer.head.type != itc_wire::welcome || answer.value == 0 ||
+        answer.value >= itc_wire::process_limit) {
+        return EPROTO;
+    }
+    g().process = answer.value;
+    return 0;
+}
+
+void arm_registry(bool armed)
+{
+    state &s = g();
+    if (s.registry_armed != armed && s.registry >= 0) {
+        s.registry_armed = armed;
+        poll_change(source_registry, 0, s.registry, armed ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    }
+}
+
+// Waits on the registry's socket alone. What others send stays in their sockets, in order.
+void wait_for_registry(hold &lock, clock::time_point deadline)
+{
+    state &s = g();
+    if (s.led) {
+        follow(lock, deadline);
+        return;
+    }
+    pollfd wanted{s.registry, static_cast<short>(s.registry_out.empty() ? POLLIN : POLLIN | POLLOUT), 0};
+    s.led = true;
+    s.blocked++;
+    lock.unlock();
+    (void)poll(&wanted, 1, milliseconds_until(deadline));
+    lock.lock();
+    s.blocked--;
+    s.led = false;
+    registry_flush();
+    registry_read();
+    wake_followers();
+}
+
+} // namespace
+
+int registry_connect()
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return errno;
+    }
+    const timeval limit{call_limit.count() / 1000, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    static_assert(sizeof itc_wire::socket_path <= sizeof address.sun_path);
+    memcpy(address.sun_path, itc_wire::socket_path, sizeof itc_wire::socket_path);
+    int error = connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ? 0 : errno;
+    if (error == 0) {
+        error = greet(fd);
+    }
+    if (error == 0 && fcntl(fd, F_SETFL, O_NONBLOCK) != 0) {
+        error = errno;
+    }
+    if (error == 0) {
+        error = poll_add(source_registry, 0, fd, EPOLLIN);
+    }
+    if (error != 0) {
+        close(fd);
+        return error;
+    }
+    g().registry = fd;
+    g().registry_lost = false;
+    return 0;
+}
+
+void registry_close()
+{
+    state &s = g();
+    if (s.registry >= 0) {
+        poll_remove(s.registry);
+        close(s.registry);
+    }
+    s.registry = -1;
+    s.registry_armed = false;
+    s.registry_fill = 0;
+    s.registry_out.clear();
+    for (const int fd : s.registry_fds) {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    s.registry_fds.clear();
+}
+
+void registry_send(itc_wire::writer &frame)
+{
+    state &s = g();
+    if (s.registry < 0) {
+        return;
+    }
+    s.registry_out += frame.frame();
+    registry_flush();
+    if (s.registry_out.size() > registry_outbox_limit) {
+        fprintf(stderr, "libitc: the registry takes no requests any more, giving it up\n");
+        lose();
+    }
+}
+
+void registry_flush()
+{
+    state &s = g();
+    if (s.registry < 0) {
+        return;
+    }
+    while (!s.registry_out.empty()) {
+        const ssize_t put = send(s.registry, s.registry_out.data(), s.registry_out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (put < 0) {
+            break; // no room now, or gone: then reading will tell, after what it still had to say
+        }
+        s.registry_out.erase(0, static_cast<size_t>(put));
+    }
+    arm_registry(!s.registry_out.empty());
+}
+
+void registry_read()
+{
+    state &s = g();
+    while (s.registry >= 0) {
+        const ssize_t got = receive_some();
+        if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+            return;
+        }
+        if (got <= 0) {
+            lose();
+            return;
+        }
+        s.registry_fill += static_cast<size_t>(got);
+        if (!parse()) {
+            fprintf(stderr, "libitc: the registry sent a frame that makes no sense, giving it up\n");
+            lose();
+        }
+    }
+}
+
+uint32_t new_serial()
+{
+    do {
+        g().next_serial++;
+    } while (g().next_serial == 0 || g().monitors.count(g().next_serial) != 0 ||
+             g().awaiting.count(g().next_serial) != 0);
+    return g().next_serial;
+}
+
+int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value)
+{
+    state &s = g();
+    if (!s.up || s.registry_lost) {
+        return ENOTCONN;
+    }
+    call waiting;
+    waiting.serial = new_serial();
+    frame.set_serial(waiting.serial);
+    s.calls[waiting.serial] = &waiting;
+    registry_send(frame);
+    const clock::time_point deadline = clock::now() + call_limit;
+    while (!waiting.done && !s.registry_lost && !s.exiting && clock::now() < deadline) {
+        wait_for_registry(lock, deadline);
+    }
+    s.calls.erase(waiting.serial);
+    if (!waiting.done) {
+        return s.registry_lost || s.exiting ? ENOTCONN : ETIMEDOUT;
+    }
+    *value = waiting.value;
+    return 0;
+}
+
+int registry_command(hold &lock, itc_wire::writer &frame)
+{
+    uint32_t value = 0;
+    const int error = registry_call(lock, frame, &value);
+    return error != 0 ? error : static_cast<int>(value);
+}
+
+} // namespace itc

@@ -1,0 +1,232 @@
+/*
+ * What the source files of libitc share: the message block, the threads, boxes and peers of the process, and the one
+ * lock over all of them. Every function here that takes a `hold` is called with the lock held; one that may let it go
+ * for a while (to wait, to run a callback) says so.
+ *
+ * One thread at a time leads: it alone waits on descriptors, with the lock released, and then does whatever they ask
+ * for. Other threads that wait for something follow: they sleep on `turn` until the leader has brought it, or until
+ * the lead is free. The state is never destroyed, so that a thread which still runs while the process exits finds it.
+ */
+#ifndef ITC_STATE_HPP
+#define ITC_STATE_HPP
+
+#include "itc.h"
+#include "itc_wire.hpp"
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace itc
+{
+
+using hold = std::unique_lock<std::mutex>;
+using clock = std::chrono::steady_clock;
+
+inline constexpr size_t reader_size = 65536;
+inline constexpr size_t outbox_limit = 16u << 20;         // bytes of messages that wait for one peer
+inline constexpr size_t registry_outbox_limit = 1u << 20; // bytes of requests that wait for the registry
+inline constexpr int mailbox_limit = 1024;
+inline constexpr std::chrono::milliseconds call_limit{2000};
+inline constexpr std::chrono::milliseconds exit_limit{100};
+
+// A message as it lies in memory: the frame stands right before its first word, so that both leave in one write.
+struct block {
+    block *next;
+    size_t size;
+    uint32_t sender;
+    uint32_t receiver;
+    uint32_t monitor_id; // of a message that a monitor delivered, else 0
+    uint32_t magic;
+    uint64_t alignment;
+    itc_wire::channel_frame frame;
+
+    uint8_t *bytes() { return reinterpret_cast<uint8_t *>(this + 1); }
+    itc_msg *msg() { return reinterpret_cast<itc_msg *>(this + 1); }
+};
+static_assert(sizeof(block) % 16 == 0, "a message is aligned for every type");
+static_assert(offsetof(block, frame) + sizeof(itc_wire::channel_frame) == sizeof(block), "frame and message adjoin");
+
+block *block_new(size_t size, bool zero);
+block *block_resize(block *b, size_t size); // the message's bytes are kept
+block *block_of(const itc_msg *msg);        // ends the process if it is no message
+block *block_take(itc_msg **msg);           // NULL for no message
+void block_free(block *b);
+
+struct block_list {
+    block *head = nullptr;
+    block *tail = nullptr;
+
+    void push(block *b)
+    {
+        b->next = nullptr;
+        (head == nullptr ? head : tail->next) = b;
+        tail = b;
+    }
+
+    // Takes out the block after `before` (the first for NULL).
+    block *take_after(block *before)
+    {
+        block *b = before == nullptr ? head : before->next;
+        (before == nullptr ? head : before->next) = b->next;
+        if (tail == b) {
+            tail = before;
+        }
+        return b;
+    }
+};
+
+// A thread that owns mailboxes. Their messages wait in one queue, in the order of arrival.
+struct thread {
+    block_list queue;
+    uint32_t mbox = ITC_NO_MBOX; // the first it created
+    bool waiting = false;
+    bool leading = false;
+    unsigned taken = 0; // messages since the thread last looked at the descriptors
+};
+
+// Another process, once there is something to send to it or it has been introduced.
+struct peer {
+    uint32_t process = 0;
+    uint32_t channel = 0;
+    int fd = -1;
+    bool write_broken = false;
+    bool armed = false; // the wait asks for room to write
+    block_list outbox;
+    size_t outbox_bytes = 0;
+    size_t head_written = 0; // of the outbox's first frame
+    uint8_t *buffer = nullptr;
+    size_t fill = 0;
+    block *large = nullptr; // a message that does not fit in the buffer, while it arrives
+    size_t large_got = 0;
+    size_t large_size = 0;
+};
+
+// A request whose caller waits for the answer.
+struct call {
+    uint32_t serial = 0;
+    bool done = false;
+    uint32_t value = 0;
+};
+
+struct awaited {
+    block *message;
+    uint32_t deliver_to;
+};
+
+struct watch {
+    void (*callback)(void *);
+    void *arg;
+};
+
+struct state {
+    std::mutex lock;
+    std::condition_variable turn;
+    bool led = false;
+    unsigned blocked = 0;    // threads inside a wait, with the lock released
+    unsigned followers = 0;  // those of them that sleep on `turn`
+    uint64_t generation = 0; // grows with every itc_init and itc_exit
+
+    bool up = false; // between itc_init and itc_exit
+    bool exiting = false;
+    uint32_t process = 0;
+    int epoll = -1;
+    int wake = -1; // an eventfd that ends the leader's wait
+    bool woken = false;
+    bool fd_given = false; // itc_get_fd was called: the descriptor must tell of queued messages
+    std::map<int, watch> watches;
+
+    std::vector<thread *> threads;
+    int box_allowance = 0;
+    int box_count = 0;
+    uint32_t next_box = 0;
+    thread *boxes[itc_wire::box_limit] = {};
+
+    int registry = -1;
+    bool registry_lost = false;
+    bool registry_armed = false;
+    std::string registry_out;
+    uint8_t registry_buffer[reader_size];
+    size_t registry_fill = 0;
+    std::deque<int> registry_fds; // descriptors that came before their frame was whole
+    uint32_t next_serial = 0;
+    std::unordered_map<uint32_t, call *> calls;
+
+    std::unordered_map<uint32_t, peer *> peers;
+    peer *last_peer = nullptr;
+    unsigned introducing = 0;
+
+    std::unordered_map<uint32_t, awaited> awaiting; // by token
+    std::unordered_map<uint32_t, awaited> monitors; // by monitor id
+    std::map<uint32_t, uint32_t> subscriptions;     // sid to mailbox
+    uint32_t next_sid = 0;
+
+    itc_statistics statistics{};
+};
+
+state &g();
+
+// ---- wait.cpp: the descriptors, the lead, itc_receive ---------------------------------------------------------------
+
+// What an event of the leader's wait is about.
+enum source : uint32_t {
+    source_wake,
+    source_registry,
+    source_peer,
+    source_watch
+};
+int poll_open(); // makes the wait's descriptors, if there are none yet; returns 0 or an errno value
+int poll_add(source kind, uint32_t id, int fd, uint32_t events);
+void poll_change(source kind, uint32_t id, int fd, uint32_t events);
+void poll_remove(int fd);
+void poll_close(); // unless somebody still watches a descriptor
+
+void thread_wake(const thread *t); // something was queued for it
+void wake_leader();
+void wake_followers();
+int milliseconds_until(clock::time_point deadline);  // 0 if it is over
+void follow(hold &lock, clock::time_point deadline); // sleeps until the lead is free or something was brought
+
+// Waits, for at most `limit`, until nothing waits to be sent; lets the lock go.
+void flush_everything(hold &lock, clock::duration limit);
+
+// ---- mailbox.cpp: itc_init, itc_exit, threads and their mailboxes ---------------------------------------------------
+
+thread *thread_current();                 // NULL if the calling thread owns no mailbox
+bool mbox_is_own(uint32_t mbox);          // a living mailbox of this process
+void mbox_deliver(block *b, uint32_t to); // to a mailbox of this process; counts and frees what nobody receives
+void note_drop(uint64_t *counter, const char *why); // counts, and says it on stderr, but not too often
+
+// ---- channel.cpp: the other processes -------------------------------------------------------------------------------
+
+void peer_send(block *b, uint32_t to);
+void peer_introduced(uint32_t process, uint32_t channel, int fd);
+void peer_absent(uint32_t process);
+void peer_drain(uint32_t process); // takes in what that process has sent up to now
+void peer_event(uint32_t process, uint32_t events);
+void peer_flush(peer *p);
+void peers_lose_registry(); // drops what waits for an introduction that will never come
+void peers_close();
+
+// ---- registry_link.cpp: the connection to the registry --------------------------------------------------------------
+
+int registry_connect();
+void registry_close();
+void registry_send(itc_wire::writer &frame);
+void registry_flush();
+void registry_read();
+uint32_t new_serial();
+// Sends the frame under a fresh serial and waits for its answer; lets the lock go. Returns 0 and the answer's one
+// field, or an errno value.
+int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value);
+// The same for a request that is answered by an errno value; returns that.
+int registry_command(hold &lock, itc_wire::writer &frame);
+
+} // namespace itc
+
+#endif

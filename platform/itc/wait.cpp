@@ -1,0 +1,392 @@
+/*
+ * Waiting: the one epoll of the process, the lead, watched descriptors and itc_receive.
+ *
+ * A receiving thread first looks into its queue. If there is nothing for it, it leads (or follows the thread that
+ * leads). A thread that never runs dry looks at the descriptors now and then all the same, so that a signal is not
+ * kept waiting by a flood of messages; it then leaves the channels alone, so that the flood stays in the sockets.
+ */
+#include "state.hpp"
+
+#include <cerrno>
+#include <cstdlib>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace itc
+{
+namespace
+{
+
+constexpr int events_per_wait = 32;
+constexpr unsigned takes_between_looks = 64;
+
+uint64_t poll_tag(source kind, uint32_t id) { return static_cast<uint64_t>(kind) << 32 | id; }
+
+bool passes(const block *b, const uint32_t *filter, uint32_t from)
+{
+    if (from != ITC_FROM_ANY && b->sender != from) {
+        return false;
+    }
+    if (filter == nullptr) {
+        return true;
+    }
+    uint32_t msgno = 0;
+    memcpy(&msgno, const_cast<block *>(b)->bytes(), sizeof msgno);
+    for (uint32_t i = 1; i <= filter[0]; i++) {
+        if (filter[i] == msgno) {
+            return true;
+        }
+    }
+    return false;
+}
+
+block *take(thread *t, const uint32_t *filter, uint32_t from)
+{
+    block *before = nullptr;
+    for (block *b = t->queue.head; b != nullptr; before = b, b = b->next) {
+        if (passes(b, filter, from)) {
+            t->taken++;
+            g().statistics.received++;
+            return t->queue.take_after(before);
+        }
+    }
+    return nullptr;
+}
+
+void run_watch(hold &lock, int fd)
+{
+    const auto found = g().watches.find(fd);
+    if (found == g().watches.end()) {
+        return;
+    }
+    const watch w = found->second;
+    lock.unlock();
+    w.callback(w.arg); // may leave ITC, and may not return
+    lock.lock();
+}
+
+void drain_wake()
+{
+    uint64_t count = 0;
+    (void)!read(g().wake, &count, sizeof count);
+    g().woken = false;
+}
+
+void on_event(hold &lock, const epoll_event &event, bool channels)
+{
+    const auto id = static_cast<uint32_t>(event.data.u64);
+    switch (static_cast<source>(event.data.u64 >> 32)) {
+    case source_wake:
+        drain_wake();
+        break;
+    case source_registry:
+        registry_flush();
+        registry_read();
+        break;
+    case source_peer:
+        if (channels || (event.events & EPOLLOUT) != 0) {
+            peer_event(id, channels ? event.events : static_cast<uint32_t>(EPOLLOUT));
+        }
+        break;
+    case source_watch:
+        run_watch(lock, static_cast<int>(id));
+        break;
+    }
+}
+
+// Leads once: waits for at most `timeout` ms and does what the descriptors ask for. Lets the lock go.
+void lead(hold &lock, thread *me, int timeout, bool channels)
+{
+    state &s = g();
+    epoll_event events[events_per_wait];
+    const int epoll = s.epoll;
+    const uint64_t generation = s.generation;
+    s.led = me->leading = me->waiting = true;
+    s.blocked++;
+    lock.unlock();
+    const int count = epoll_wait(epoll, events, events_per_wait, timeout);
+    lock.lock();
+    s.blocked--;
+    s.led = me->leading = me->waiting = false;
+    me->taken = 0;
+    for (int i = 0; i < count && s.generation == generation && !s.exiting; i++) {
+        on_event(lock, events[i], channels);
+    }
+    wake_followers();
+}
+
+// Whoever polls the descriptor of itc_get_fd has to see that messages are queued.
+void show_queued()
+{
+    if (!g().fd_given) {
+        return;
+    }
+    for (const thread *t : g().threads) {
+        if (t->queue.head != nullptr) {
+            wake_leader();
+            return;
+        }
+    }
+}
+
+// What one itc_receive looks for.
+struct wish {
+    const uint32_t *filter;
+    uint32_t from;
+    uint32_t timeout_ms;
+    clock::time_point deadline;
+};
+
+int wait_time(const wish &w)
+{
+    if (g().registry_lost || w.timeout_ms == 0) {
+        return 0;
+    }
+    return w.timeout_ms == ITC_NO_TIMEOUT ? -1 : milliseconds_until(w.deadline);
+}
+
+// One round of waiting. False when there is no point in another.
+bool wait_once(hold &lock, thread *me, const wish &w)
+{
+    state &s = g();
+    const uint64_t generation = s.generation;
+    const int timeout = wait_time(w);
+    if (!s.led) {
+        lead(lock, me, timeout, true);
+    } else if (timeout != 0) {
+        me->waiting = true;
+        follow(lock, timeout < 0 ? clock::now() + std::chrono::hours(1) : w.deadline);
+        if (s.generation == generation) {
+            me->waiting = false;
+        }
+    }
+    return timeout != 0 && s.generation == generation && !s.exiting;
+}
+
+block *receive(hold &lock, thread *me, const wish &w)
+{
+    const uint64_t generation = g().generation;
+    if (me->taken >= takes_between_looks && !g().led) {
+        lead(lock, me, 0, false);
+    }
+    bool more = true;
+    while (g().generation == generation && !g().exiting && thread_current() == me) {
+        block *b = take(me, w.filter, w.from);
+        if (b != nullptr || !more) {
+            return b;
+        }
+        more = wait_once(lock, me, w);
+    }
+    return nullptr;
+}
+
+// The sockets that wait for room, and the registry's.
+std::vector<pollfd> backlog()
+{
+    state &s = g();
+    std::vector<pollfd> wanted;
+    bool introducing = false;
+    for (const auto &entry : s.peers) {
+        const peer *p = entry.second;
+        if (p->outbox.head != nullptr && p->fd >= 0) {
+            wanted.push_back({p->fd, POLLOUT, 0});
+        }
+        introducing = introducing || p->fd < 0;
+    }
+    if (s.registry >= 0 && (introducing || !s.registry_out.empty())) {
+        wanted.push_back({s.registry, static_cast<short>(s.registry_out.empty() ? POLLIN : POLLIN | POLLOUT), 0});
+    }
+    return wanted;
+}
+
+void wait_for_room(hold &lock, std::vector<pollfd> &wanted, clock::time_point deadline)
+{
+    state &s = g();
+    s.led = true;
+    s.blocked++;
+    lock.unlock();
+    (void)poll(wanted.data(), wanted.size(), milliseconds_until(deadline));
+    lock.lock();
+    s.blocked--;
+    s.led = false;
+    registry_flush();
+    registry_read();
+    for (const auto &entry : s.peers) {
+        peer_flush(entry.second);
+    }
+    wake_followers();
+}
+
+} // namespace
+
+int milliseconds_until(clock::time_point deadline)
+{
+    const auto left = deadline - clock::now();
+    const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+    return ms <= 0 ? 0 : static_cast<int>(ms < 3600000 ? ms : 3600000);
+}
+
+int poll_add(source kind, uint32_t id, int fd, uint32_t events)
+{
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = poll_tag(kind, id);
+    return epoll_ctl(g().epoll, EPOLL_CTL_ADD, fd, &event) == 0 ? 0 : errno;
+}
+
+void poll_change(source kind, uint32_t id, int fd, uint32_t events)
+{
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = poll_tag(kind, id);
+    (void)epoll_ctl(g().epoll, EPOLL_CTL_MOD, fd, &event);
+}
+
+void poll_remove(int fd) { (void)epoll_ctl(g().epoll, EPOLL_CTL_DEL, fd, nullptr); }
+
+int poll_open()
+{
+    state &s = g();
+    if (s.epoll >= 0) {
+        return 0;
+    }
+    s.epoll = epoll_create1(EPOLL_CLOEXEC);
+    s.wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    const int error = s.epoll < 0 || s.wake < 0 ? errno : poll_add(source_wake, 0, s.wake, EPOLLIN);
+    if (error != 0) {
+        poll_close();
+    }
+    return error;
+}
+
+void poll_close()
+{
+    state &s = g();
+    if (!s.watches.empty()) {
+        return;
+    }
+    if (s.epoll >= 0) {
+        close(s.epoll);
+    }
+    if (s.wake >= 0) {
+        close(s.wake);
+    }
+    s.epoll = s.wake = -1;
+    s.woken = false;
+}
+
+void thread_wake(const thread *t)
+{
+    if (t->leading || g().fd_given) {
+        wake_leader();
+    } else if (t->waiting) {
+        wake_followers();
+    }
+}
+
+void wake_leader()
+{
+    state &s = g();
+    if (s.wake >= 0 && !s.woken) {
+        const uint64_t one = 1;
+        s.woken = write(s.wake, &one, sizeof one) == sizeof one;
+    }
+}
+
+void wake_followers()
+{
+    if (g().followers > 0) {
+        g().turn.notify_all();
+    }
+}
+
+void follow(hold &lock, clock::time_point deadline)
+{
+    state &s = g();
+    s.blocked++;
+    s.followers++;
+    s.turn.wait_until(lock, deadline);
+    s.followers--;
+    s.blocked--;
+}
+
+void flush_everything(hold &lock, clock::duration limit)
+{
+    const clock::time_point deadline = clock::now() + limit;
+    const uint64_t generation = g().generation;
+    std::vector<pollfd> wanted = backlog();
+    while (!wanted.empty() && clock::now() < deadline && g().generation == generation && !g().exiting) {
+        if (g().led) {
+            follow(lock, deadline);
+        } else {
+            wait_for_room(lock, wanted, deadline);
+        }
+        wanted = backlog();
+    }
+}
+
+} // namespace itc
+
+using namespace itc;
+
+extern "C" {
+
+itc_msg *itc_receive(const uint32_t *filter, uint32_t timeout_ms, uint32_t from)
+{
+    hold lock(g().lock);
+    thread *me = thread_current();
+    if (me == nullptr) {
+        return nullptr;
+    }
+    wish w{filter, from, timeout_ms, {}};
+    if (timeout_ms != 0 && timeout_ms != ITC_NO_TIMEOUT) {
+        w.deadline = clock::now() + std::chrono::milliseconds(timeout_ms);
+    }
+    block *b = receive(lock, me, w);
+    show_queued();
+    return b == nullptr ? nullptr : b->msg();
+}
+
+int itc_get_fd(void)
+{
+    const hold lock(g().lock);
+    if (!g().up) {
+        return -1;
+    }
+    g().fd_given = true;
+    show_queued();
+    return g().epoll;
+}
+
+int itc_watch_fd(int fd, void (*callback)(void *arg), void *arg)
+{
+    const hold lock(g().lock);
+    if (callback == nullptr) {
+        return EINVAL;
+    }
+    int error = poll_open();
+    if (error == 0) {
+        error = poll_add(source_watch, static_cast<uint32_t>(fd), fd, EPOLLIN);
+    }
+    if (error == 0) {
+        g().watches[fd] = {callback, arg};
+    } else if (!g().up) {
+        poll_close();
+    }
+    return error;
+}
+
+void itc_unwatch_fd(int fd)
+{
+    const hold lock(g().lock);
+    if (g().watches.erase(fd) != 0) {
+        poll_remove(fd);
+    }
+    if (!g().up) {
+        poll_close();
+    }
+}
+
+} // extern "C"

@@ -1,0 +1,186 @@
+/*
+ * itcd, the ITC registry: options, the directory under /run, the lock that keeps a second registry out, readiness.
+ *
+ *   --allow-user USER           USER may connect too (the socket is then open to all, and the registry decides)
+ *   --reserve PREFIX=USER       mailbox and service names that begin with PREFIX are USER's alone (and root's)
+ *
+ * Without options root, the registry's own user and its own group may connect and claim any free name.
+ */
+#include "itc_wire.hpp"
+#include "policy.hpp"
+#include "server.hpp"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <getopt.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr char usage[] =
+    "usage: itcd [--allow-user USER]... [--reserve PREFIX=USER]...\n"
+    "The registry of ITC: gives out mailboxes and names, introduces processes to each other, tells of deaths.\n"
+    "It listens on %s.\n"
+    "  --allow-user USER      let USER connect, besides root and the registry's own user and group\n"
+    "  --reserve PREFIX=USER  names that begin with PREFIX may be claimed by USER and root only\n"
+    "  --help                 print this\n";
+
+// What is taken back at the end.
+int lock_fd = -1;
+bool made_directory = false;
+
+// Ends with the exit status for a command line that is wrong, or returns.
+void read_options(int argc, char **argv, policy &rules)
+{
+    static const option options[] = {{"allow-user", required_argument, nullptr, 'a'},
+                                     {"reserve", required_argument, nullptr, 'r'},
+                                     {"help", no_argument, nullptr, 'h'},
+                                     {nullptr, 0, nullptr, 0}};
+    for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
+        const bool good =
+            c == 'h' || (c == 'a' && policy_allow_user(rules, optarg)) || (c == 'r' && policy_reserve(rules, optarg));
+        if (!good && c != '?') {
+            fprintf(stderr, "itcd: %s: no such user, or not PREFIX=USER\n", optarg);
+        }
+        if (!good || c == 'h') {
+            fprintf(good ? stdout : stderr, usage, itc_wire::socket_path);
+            exit(good ? 0 : 2);
+        }
+    }
+    if (optind < argc) {
+        fprintf(stderr, usage, itc_wire::socket_path);
+        exit(2);
+    }
+}
+
+// Holds the lock file that is in the directory, not one that its last owner has just removed. Returns an errno value.
+int take_lock()
+{
+    for (;;) {
+        lock_fd = open(itc_wire::lock_path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (lock_fd < 0) {
+            return errno;
+        }
+        struct stat mine {
+        };
+        struct stat there {
+        };
+        if (flock(lock_fd, LOCK_EX | LOCK_NB) != 0) {
+            const int error = errno;
+            close(lock_fd);
+            return error;
+        }
+        if (fstat(lock_fd, &mine) == 0 && stat(itc_wire::lock_path, &there) == 0 && mine.st_ino == there.st_ino) {
+            return 0;
+        }
+        close(lock_fd);
+    }
+}
+
+// The listening socket, or -1. Whatever lies at its path was left by a registry that is no more: we hold the lock.
+int listen_at(const policy &rules)
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, itc_wire::socket_path, sizeof itc_wire::socket_path);
+    (void)unlink(itc_wire::socket_path);
+    const mode_t old = umask(rules.users.empty() ? 0117 : 0111);
+    const bool bound =
+        fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 && listen(fd, SOMAXCONN) == 0;
+    umask(old);
+    return bound ? fd : -1;
+}
+
+int open_signals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    (void)signal(SIGPIPE, SIG_IGN); // stderr may be a pipe that nobody holds any more
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+// Tells a service manager that asked for it. Its socket may have an abstract name, written with a leading '@'.
+void notify_ready()
+{
+    const char *path = getenv("NOTIFY_SOCKET");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const size_t length = path == nullptr ? 0 : strlen(path);
+    if (length < 2 || length >= sizeof address.sun_path) {
+        return;
+    }
+    memcpy(address.sun_path, path, length);
+    if (path[0] == '@') {
+        address.sun_path[0] = 0;
+    }
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    static constexpr char ready[] = "READY=1";
+    if (fd >= 0) {
+        (void)!sendto(fd, ready, sizeof ready - 1, MSG_NOSIGNAL, reinterpret_cast<sockaddr *>(&address),
+                      static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
+        close(fd);
+    }
+}
+
+void raise_descriptor_limit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        (void)setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+void clean_up()
+{
+    (void)unlink(itc_wire::socket_path);
+    (void)unlink(itc_wire::lock_path);
+    if (made_directory) {
+        (void)rmdir(itc_wire::directory);
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    policy rules;
+    read_options(argc, argv, rules);
+    raise_descriptor_limit();
+    const int signals = open_signals();
+    made_directory = mkdir(itc_wire::directory, 0755) == 0;
+    const int locked = take_lock();
+    if (locked != 0) {
+        fprintf(stderr, "itcd: %s: %s\n", itc_wire::lock_path,
+                locked == EWOULDBLOCK ? "a registry runs already" : strerror(locked));
+        return 1;
+    }
+    const int listener = listen_at(rules);
+    if (listener < 0 || signals < 0) {
+        fprintf(stderr, "itcd: %s: %s\n", itc_wire::socket_path, strerror(errno));
+        clean_up();
+        return 1;
+    }
+    fprintf(stderr, "itcd: ready on %s\n", itc_wire::socket_path);
+    notify_ready();
+    const int error = server_run(listener, signals, rules);
+    clean_up();
+    if (error != 0) {
+        fprintf(stderr, "itcd: %s\n", strerror(error));
+    }
+    return error == 0 ? 0 : 1;
+}
