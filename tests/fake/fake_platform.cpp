@@ -383,6 +383,7 @@ void PlatformTest::TearDown()
         waiting += m.msg != nullptr ? 1 : 0;
     }
     EXPECT_EQ(live_messages(), waiting) << "messages that nobody freed or sent";
+    reset();
 }
 
 Builder &Builder::u8(uint8_t v)
