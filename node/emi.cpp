@@ -1,0 +1,163 @@
+// The endpoint manager (emi.hpp).
+#include "emi.hpp"
+
+#include "clients/emi_messages.hpp"
+
+namespace kap_node
+{
+
+namespace
+{
+
+constexpr uint32_t VLAN_MOST = 4094;
+constexpr size_t RECORDS_AT = offsetof(emi_endpoint_req, endpoints);
+constexpr size_t RECORD_SIZE = sizeof(EmiEndpoint);
+
+constexpr request_kind REQUESTS[] = {
+    {EMI_CONN_ESTABLISH_REQ, "EMI_CONN_ESTABLISH_REQ", EMI_CONN_ESTABLISH_CFM, EMI_CONN_ESTABLISH_REJ, 16},
+    {EMI_GET_CAPABILITY_REQ, "EMI_GET_CAPABILITY_REQ", EMI_GET_CAPABILITY_CFM, EMI_GET_CAPABILITY_REJ,
+     sizeof(client_plain_msg)},
+    {EMI_ADD_ENDPOINT_REQ, "EMI_ADD_ENDPOINT_REQ", EMI_ADD_ENDPOINT_CFM, EMI_ADD_ENDPOINT_REJ,
+     sizeof(emi_endpoint_req)},
+    {EMI_REMOVE_ENDPOINT_REQ, "EMI_REMOVE_ENDPOINT_REQ", EMI_REMOVE_ENDPOINT_CFM, EMI_REMOVE_ENDPOINT_REJ,
+     sizeof(emi_endpoint_req)},
+};
+
+constexpr sent_kind SENT[] = {
+    {EMI_CONN_ESTABLISH_CFM, "EMI_CONN_ESTABLISH_CFM", sizeof(client_conn_establish_cfm)},
+    {EMI_CONN_ESTABLISH_REJ, "EMI_CONN_ESTABLISH_REJ", sizeof(client_rej)},
+    {EMI_GET_CAPABILITY_CFM, "EMI_GET_CAPABILITY_CFM", sizeof(client_capability_cfm)},
+    {EMI_GET_CAPABILITY_REJ, "EMI_GET_CAPABILITY_REJ", sizeof(client_rej)},
+    {EMI_ADD_ENDPOINT_CFM, "EMI_ADD_ENDPOINT_CFM", sizeof(client_plain_msg)},
+    {EMI_ADD_ENDPOINT_REJ, "EMI_ADD_ENDPOINT_REJ", sizeof(client_rej)},
+    {EMI_REMOVE_ENDPOINT_CFM, "EMI_REMOVE_ENDPOINT_CFM", sizeof(client_plain_msg)},
+    {EMI_REMOVE_ENDPOINT_REJ, "EMI_REMOVE_ENDPOINT_REJ", sizeof(client_rej)},
+};
+
+constexpr reason_name REASONS[] = {
+#define X(value, name) {value, #name},
+    EMI_REJECT_REASONS(X)
+#undef X
+};
+
+// What this server can do: 1 adds endpoints, 2 removes them.
+constexpr uint32_t CAPABILITIES[] = {EMI_NEEDED_CAPABILITY_1, EMI_NEEDED_CAPABILITY_2};
+
+constexpr protocol EMI = {
+    .service = "emi",
+    .mailbox_name = EMI_SERVER_NAME,
+    .requests = REQUESTS,
+    .sent = SENT,
+    .reasons = REASONS,
+    .reason = {.too_short = EMI_REJ_INTERNAL_REASON,
+               .bad_version = EMI_REJ_INVALID_PV,
+               .unknown_connection = EMI_REJ_CLIENT_NOT_REGISTERED,
+               .too_many_clients = EMI_REJ_INTERNAL_REASON},
+    .establish_req = EMI_CONN_ESTABLISH_REQ,
+    .capability_req = EMI_GET_CAPABILITY_REQ,
+    .versions_at_fixed_place = 0,
+    .capabilities = CAPABILITIES,
+    .capability_size = 4,
+};
+
+} // namespace
+
+emi_service::emi_service(const node_config &config, outlet &out)
+    : service(EMI, out, config.max_clients), max_endpoints_(config.max_endpoints)
+{
+    for (const port_config &port : config.ports) {
+        ports_.insert(port.fmi_name);
+    }
+}
+
+verdict emi_service::perform(const request_kind &kind, client & /*from*/, const message_view &message)
+{
+    const uint32_t count = message.word(offsetof(emi_endpoint_req, num_of_eps));
+    if (!message.holds(RECORDS_AT, count, RECORD_SIZE)) {
+        return rejected(EMI_REJ_INTERNAL_REASON);
+    }
+    std::vector<endpoint> records;
+    for (uint32_t i = 0; i < count; ++i) {
+        auto record = endpoint_at(message, i);
+        if (const auto reason = refusal(record)) {
+            return rejected(*reason);
+        }
+        records.push_back(std::move(*record));
+    }
+    return kind.number == EMI_ADD_ENDPOINT_REQ ? add(records) : remove(records);
+}
+
+// Nothing when the port name of the record has no end.
+std::optional<emi_service::endpoint> emi_service::endpoint_at(const message_view &message, uint32_t index)
+{
+    const size_t at = RECORDS_AT + size_t{index} * RECORD_SIZE;
+    auto port = message.text(at + offsetof(EmiEndpoint, ifName), sizeof(EmiEndpoint::ifName));
+    if (!port) {
+        return std::nullopt;
+    }
+    return endpoint{.port = std::move(*port),
+                    .address = message.mac_at(at + offsetof(EmiEndpoint, mac)),
+                    .type = message.word(at + offsetof(EmiEndpoint, epType)),
+                    .vlan_id = message.word(at + offsetof(EmiEndpoint, vlanId)),
+                    .far_end = message.word(at + offsetof(EmiEndpoint, farEnd))};
+}
+
+std::optional<uint32_t> emi_service::refusal(const std::optional<endpoint> &record) const
+{
+    if (!record || (!record->port.empty() && !ports_.contains(record->port))) {
+        return EMI_REJ_UNKNOWN_PORT_NAME;
+    }
+    if (record->vlan_id == 0 || record->vlan_id > VLAN_MOST) {
+        return EMI_REJ_ILLEGAL_VLAN_ID;
+    }
+    return std::nullopt;
+}
+
+verdict emi_service::add(const std::vector<endpoint> &records)
+{
+    std::set<endpoint> fresh;
+    for (const endpoint &record : records) {
+        if (!users_.contains(record)) {
+            fresh.insert(record);
+        }
+    }
+    if (users_.size() + fresh.size() > max_endpoints_) {
+        return rejected(EMI_REJ_MAX_NUM_ENDPOINTS_REACHED);
+    }
+    for (const endpoint &record : records) {
+        ++users_[record];
+    }
+    return confirmed();
+}
+
+verdict emi_service::remove(const std::vector<endpoint> &records)
+{
+    for (const endpoint &record : records) {
+        const auto found = users_.find(record);
+        if (found == users_.end()) {
+            ++unknown_removals_;
+        } else if (--found->second == 0) {
+            users_.erase(found);
+        }
+    }
+    return confirmed();
+}
+
+json emi_service::state() const
+{
+    auto endpoints = json::array();
+    for (const auto &[record, users] : users_) {
+        endpoints.push_back({{"port", record.port},
+                             {"mac", mac_text(record.address)},
+                             {"type", record.type},
+                             {"vlan_id", record.vlan_id},
+                             {"far_end", record.far_end},
+                             {"users", users}});
+    }
+    return {{"ports", ports_},
+            {"max_endpoints", max_endpoints_},
+            {"endpoints", std::move(endpoints)},
+            {"unknown_removals", unknown_removals_}};
+}
+
+} // namespace kap_node

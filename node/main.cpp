@@ -1,0 +1,153 @@
+// kap-node: the services of the reference node, one per process, and the command that speaks with them.
+#include "aasi.hpp"
+#include "control.hpp"
+#include "emi.hpp"
+#include "event_loop.hpp"
+#include "far_end_program.hpp"
+#include "fmi.hpp"
+#include "link_monitor.hpp"
+#include "pmi.hpp"
+
+#include "clients/aasi_messages.hpp"
+#include "itc.h"
+#include "ns.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace
+{
+
+using namespace kap_node;
+
+constexpr millis NAMESPACE_CHECK_MS = 200;
+
+constexpr const char *USAGE =
+    "usage: kap-node SERVICE --config FILE\n"
+    "       kap-node ctl SERVICE COMMAND...\n"
+    "SERVICE: iepcsi, pmi, emi, fmi, aasi or far-end\n"
+    "COMMAND of every service:\n"
+    "  show                            what it keeps and counts, as JSON\n"
+    "  fault reject REQUEST N REASON   refuse the next N requests (REQUEST by its name, or any)\n"
+    "  fault delay REQUEST N MS        answer them late\n"
+    "  fault silent REQUEST N          do and answer nothing\n"
+    "  fault unsolicited MESSAGE [HEX [MAILBOX]]\n"
+    "                                  send a message nobody asked for (HEX: what follows its number)\n"
+    "  fault clear                     forget all faults\n"
+    "  die                             end at once without cleaning up\n"
+    "iepcsi:  lock PORT, unlock PORT, vlan-add PORT VLAN INTERFACE NAMESPACE, vlan-remove PORT VLAN\n"
+    "aasi:    appear, disappear, announce-foreign [SID [MAILBOX]], config-update [ID...]\n"
+    "far-end: silent on|off, delay US, loss PERCENT, drop N, unusable-time on|off\n";
+
+int run_service(event_loop &loop, service &runs)
+{
+    loop.open_mailbox(runs.mailbox_name());
+    return loop.run(runs);
+}
+
+// The first look at the kernel comes before the mailbox, so that no client is told of ports without their addresses.
+int run_iepcsi(event_loop &loop, const node_config &config)
+{
+    iepcsi_service ports(config, loop);
+    link_monitor monitor(loop, ports);
+    monitor.check_name_spaces();
+    loop.every(NAMESPACE_CHECK_MS, [&] { monitor.check_name_spaces(); });
+    return run_service(loop, ports);
+}
+
+int run_aasi(event_loop &loop, const node_config &config)
+{
+    mailbox own = ITC_NO_MBOX;
+    aasi_service agent(config, loop, [&own](bool present) {
+        return (present ? ns_publish : ns_unpublish)(AASI_SERVICE_NAME, AASI_SERVICE_SCOPE, own, AASI_SERVICE_NAME);
+    });
+    own = loop.open_mailbox(agent.mailbox_name());
+    agent.control({"appear"});
+    return loop.run(agent);
+}
+
+int run_far_end(event_loop &loop, const node_config &config)
+{
+    far_end_program far(config, {[&](int fd, auto callback) { loop.watch_fd(fd, std::move(callback)); },
+                                 [&](int fd) { loop.unwatch_fd(fd); }});
+    far.check_name_spaces();
+    loop.every(NAMESPACE_CHECK_MS, [&] { far.check_name_spaces(); });
+    loop.open_mailbox(FAR_END_MAILBOX);
+    return loop.run(far);
+}
+
+int run_named(const std::string &name, const node_config &config)
+{
+    event_loop loop;
+    if (name == "iepcsi") {
+        return run_iepcsi(loop, config);
+    }
+    if (name == "pmi") {
+        pmi_service runs(config, loop);
+        return run_service(loop, runs);
+    }
+    if (name == "emi") {
+        emi_service runs(config, loop);
+        return run_service(loop, runs);
+    }
+    if (name == "fmi") {
+        fmi_service runs(config, loop);
+        return run_service(loop, runs);
+    }
+    return name == "aasi" ? run_aasi(loop, config) : run_far_end(loop, config);
+}
+
+int run_ctl(const std::string &service_name, const arguments &words)
+{
+    const int failure = itc_init(1, 0, nullptr, nullptr, 0);
+    if (failure != 0) {
+        throw std::runtime_error(std::string("the message registry cannot be reached: ") + strerror(failure));
+    }
+    const std::string own = "kap-node-ctl-" + std::to_string(getpid());
+    if (itc_create_mailbox(own.c_str(), 0) == ITC_NO_MBOX) {
+        throw std::runtime_error("no mailbox for the answer");
+    }
+    const json result = control_command(service_name, words);
+    if (!result.is_null()) {
+        printf("%s\n", result.dump(2).c_str());
+    }
+    itc_exit();
+    return 0;
+}
+
+int usage()
+{
+    fputs(USAGE, stderr);
+    return 2;
+}
+
+int run(const arguments &words)
+{
+    if (words.size() == 1 && (words[0] == "--help" || words[0] == "-h")) {
+        fputs(USAGE, stdout);
+        return 0;
+    }
+    if (words.size() >= 3 && words[0] == "ctl") {
+        return run_ctl(words[1], {words.begin() + 2, words.end()});
+    }
+    if (words.size() != 3 || words[1] != "--config" || control_mailbox(words[0]).empty()) {
+        return usage();
+    }
+    return run_named(words[0], read_config_file(words[2]));
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const arguments words(argv + 1, argv + argc);
+    try {
+        return run(words);
+    } catch (const std::exception &problem) {
+        fprintf(stderr, "kap-node%s%s: %s\n", words.empty() ? "" : " ", words.empty() ? "" : words[0].c_str(),
+                problem.what());
+        return 1;
+    }
+}

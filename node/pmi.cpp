@@ -1,0 +1,108 @@
+// The port management server (pmi.hpp).
+#include "pmi.hpp"
+
+#include "clients/pmi_messages.hpp"
+
+namespace kap_node
+{
+
+namespace
+{
+
+constexpr uint32_t VLAN_MOST = 4094;
+
+constexpr request_kind REQUESTS[] = {
+    {PMI_CONN_ESTABLISH_REQ, "PMI_CONN_ESTABLISH_REQ", PMI_CONN_ESTABLISH_CFM, PMI_CONN_ESTABLISH_REJ, 16},
+    {PMI_GET_CAPABILITY_REQ, "PMI_GET_CAPABILITY_REQ", PMI_GET_CAPABILITY_CFM, PMI_GET_CAPABILITY_REJ,
+     sizeof(client_plain_msg)},
+    {PMI_ENABLE_PORT_VLAN_REQ, "PMI_ENABLE_PORT_VLAN_REQ", PMI_ENABLE_PORT_VLAN_CFM, PMI_ENABLE_PORT_VLAN_REJ,
+     sizeof(pmi_port_vlan_req)},
+    {PMI_DISABLE_PORT_VLAN_REQ, "PMI_DISABLE_PORT_VLAN_REQ", PMI_DISABLE_PORT_VLAN_CFM, PMI_DISABLE_PORT_VLAN_REJ,
+     sizeof(pmi_port_vlan_req)},
+};
+
+constexpr sent_kind SENT[] = {
+    {PMI_CONN_ESTABLISH_CFM, "PMI_CONN_ESTABLISH_CFM", sizeof(client_conn_establish_cfm)},
+    {PMI_CONN_ESTABLISH_REJ, "PMI_CONN_ESTABLISH_REJ", sizeof(client_rej)},
+    {PMI_GET_CAPABILITY_CFM, "PMI_GET_CAPABILITY_CFM", sizeof(client_capability_cfm)},
+    {PMI_GET_CAPABILITY_REJ, "PMI_GET_CAPABILITY_REJ", sizeof(client_rej)},
+    {PMI_ENABLE_PORT_VLAN_CFM, "PMI_ENABLE_PORT_VLAN_CFM", sizeof(client_plain_msg)},
+    {PMI_ENABLE_PORT_VLAN_REJ, "PMI_ENABLE_PORT_VLAN_REJ", sizeof(client_rej)},
+    {PMI_DISABLE_PORT_VLAN_CFM, "PMI_DISABLE_PORT_VLAN_CFM", sizeof(client_plain_msg)},
+    {PMI_DISABLE_PORT_VLAN_REJ, "PMI_DISABLE_PORT_VLAN_REJ", sizeof(client_rej)},
+};
+
+constexpr reason_name REASONS[] = {
+#define X(value, name) {value, #name},
+    PMI_REJECT_REASONS(X)
+#undef X
+};
+
+// What this server can do: 1 opens a VLAN on a port, 2 closes it.
+constexpr uint32_t CAPABILITIES[] = {1, 2};
+
+constexpr protocol PMI = {
+    .service = "pmi",
+    .mailbox_name = PMI_SERVER_NAME,
+    .requests = REQUESTS,
+    .sent = SENT,
+    .reasons = REASONS,
+    .reason = {.too_short = PMI_REJ_INTERNAL_REASON,
+               .bad_version = PMI_REJ_SERVICE_INVALID_PV,
+               .unknown_connection = PMI_REJ_NOT_ALLOWED,
+               .too_many_clients = PMI_REJ_NOT_ALLOWED},
+    .establish_req = PMI_CONN_ESTABLISH_REQ,
+    .capability_req = PMI_GET_CAPABILITY_REQ,
+    .versions_at_fixed_place = 0,
+    .capabilities = CAPABILITIES,
+    .capability_size = 4,
+};
+
+} // namespace
+
+pmi_service::pmi_service(const node_config &config, outlet &out) : service(PMI, out, config.max_clients)
+{
+    for (const port_config &port : config.ports) {
+        ports_.insert(port.name);
+    }
+}
+
+verdict pmi_service::perform(const request_kind &kind, client & /*from*/, const message_view &message)
+{
+    const auto port = message.text(offsetof(pmi_port_vlan_req, port_name), sizeof(pmi_port_vlan_req::port_name));
+    const uint32_t vlan_id = message.word(offsetof(pmi_port_vlan_req, vlan_id));
+    if (!port || !ports_.contains(*port) || vlan_id == 0 || vlan_id > VLAN_MOST) {
+        return rejected(PMI_REJ_INVALID_RESOURCE);
+    }
+    const port_vlan meant{*port, vlan_id};
+    return kind.number == PMI_ENABLE_PORT_VLAN_REQ ? enable(meant) : disable(meant);
+}
+
+verdict pmi_service::enable(const port_vlan &wanted)
+{
+    ++users_[wanted];
+    return confirmed();
+}
+
+verdict pmi_service::disable(const port_vlan &unwanted)
+{
+    const auto found = users_.find(unwanted);
+    if (found == users_.end()) {
+        return rejected(PMI_REJ_NOT_ALLOWED);
+    }
+    if (--found->second == 0) {
+        users_.erase(found);
+    }
+    return confirmed();
+}
+
+json pmi_service::state() const
+{
+    auto vlans = json::array();
+    for (const auto &[meant, users] : users_) {
+        vlans.push_back({{"port", meant.port}, {"vlan_id", meant.vlan_id}, {"users", users}});
+    }
+    return {{"ports", ports_}, {"vlans", std::move(vlans)}};
+}
+
+} // namespace kap_node

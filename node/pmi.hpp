@@ -1,0 +1,41 @@
+// The port management server: opens and closes a VLAN on a port.
+//
+// Each link that uses a VLAN of a port enables it once and disables it once, and two links may share one. So every
+// confirmed enable adds a user and every disable takes one away; the VLAN is closed with its last user. Disabling a
+// VLAN that nobody has enabled is refused.
+#pragma once
+
+#include "config.hpp"
+#include "service.hpp"
+
+#include <set>
+
+namespace kap_node
+{
+
+class pmi_service : public service
+{
+public:
+    pmi_service(const node_config &config, outlet &out);
+
+protected:
+    verdict perform(const request_kind &kind, client &from, const message_view &message) override;
+    json state() const override;
+    std::optional<json> own_command(const arguments & /*words*/) override { return std::nullopt; }
+    const char *own_commands() const override { return ""; }
+
+private:
+    struct port_vlan {
+        std::string port;
+        uint32_t vlan_id;
+        auto operator<=>(const port_vlan &) const = default;
+    };
+
+    verdict enable(const port_vlan &wanted);
+    verdict disable(const port_vlan &unwanted);
+
+    std::set<std::string> ports_;
+    std::map<port_vlan, uint64_t> users_;
+};
+
+} // namespace kap_node
