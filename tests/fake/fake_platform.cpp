@@ -93,6 +93,19 @@ struct Platform {
     unsigned fail_at = 0;
     unsigned allocations = 0;
     size_t kept = 0;
+
+    Platform() = default;
+    Platform(const Platform &) = delete;
+    Platform &operator=(const Platform &) = delete;
+    ~Platform()
+    {
+        for (itc_msg *msg : live) {
+            free(block_of(msg));
+        }
+        for (const auto &fd : netns_fds) {
+            __real_close(fd.first);
+        }
+    }
 };
 
 std::unique_ptr<Platform> g;                        // NOLINT
@@ -362,14 +375,6 @@ size_t kept_leaks() { return p().kept; }
 
 void reset()
 {
-    if (g) {
-        for (itc_msg *msg : g->live) {
-            free(block_of(msg));
-        }
-        for (const auto &fd : g->netns_fds) {
-            __real_close(fd.first);
-        }
-    }
     g = std::make_unique<Platform>();
     default_info.mask = 0xFFFFFFFFu;
 }
