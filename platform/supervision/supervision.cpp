@@ -249,11 +249,12 @@ void close_empty_domains(library &l)
     std::erase_if(l.domains, [](const std::unique_ptr<domain> &d) { return d->sessions == 0 && close(d->fd) == 0; });
 }
 
-// What to sleep on: new sessions always; single answers only while they are few, or while their stamps depend on it.
-void choose_polled(library &l, int64_t now)
+// What to sleep on: new sessions always; answers only when the next turn is more than a slot away. Before that they
+// can wait for it, their round trip is the kernel's stamp: so that thousands of sessions cost one wake-up per slot.
+void choose_polled(library &l, int64_t now, int64_t deadline)
 {
     l.polled.assign(1, {l.wake_fd, POLLIN, 0});
-    if (engine_is_dense(l.e) && now - l.first_domain_opened >= STAMPS_SETTLE_NS) {
+    if (deadline - now <= SLOT_NS && now - l.first_domain_opened >= STAMPS_SETTLE_NS) {
         return;
     }
     for (const auto &d : l.domains) {
@@ -272,8 +273,9 @@ int64_t take_turn(library &l)
     const engine_io io{nullptr, read_clocks, send_frame};
     const int64_t now = nanoseconds(CLOCK_MONOTONIC);
     tell_lateness(l, engine_run(l.e, now, io), now);
-    choose_polled(l, now);
-    return engine_deadline(l.e);
+    const int64_t deadline = engine_deadline(l.e);
+    choose_polled(l, now, deadline);
+    return deadline;
 }
 
 void sleep_until(library &l, int64_t deadline)

@@ -482,16 +482,4 @@ TEST_F(Engine, FindsASessionUnderItsNewKey)
     EXPECT_EQ(reported.size(), 1u);
 }
 
-TEST_F(Engine, IsDenseFromOneRequestPerSlotOn)
-{
-    for (int i = 0; i < 99; i++) {
-        add();
-    }
-    EXPECT_FALSE(engine_is_dense(e));
-    session *last = add();
-    EXPECT_TRUE(engine_is_dense(e));
-    engine_remove(e, last);
-    EXPECT_FALSE(engine_is_dense(e));
-}
-
 } // namespace
