@@ -15,11 +15,9 @@
 namespace
 {
 
-const iemli_header *header_of(const itc_msg *msg) { return reinterpret_cast<const iemli_header *>(msg); }
-
 iemli_peer client_of(const IemliSession *session, const itc_msg *msg)
 {
-    return iemli_session_peer(session, header_of(msg)->procedure_ref);
+    return iemli_session_peer(session, iemli_header_of(msg)->procedure_ref);
 }
 
 const char *handler_name(uint32_t msgno)
@@ -81,7 +79,7 @@ IemliPendingRequest *new_pending(const IemliSession *session, const itc_msg *msg
         VORN_TRACE(TRACE_ERROR, "Memory allocation failed");
         return nullptr;
     }
-    *pending = {session->server_conn_ref, header_of(msg)->procedure_ref, link_ref, action};
+    *pending = {session->server_conn_ref, iemli_header_of(msg)->procedure_ref, link_ref, action};
     return pending;
 }
 
@@ -106,7 +104,7 @@ void iemli_trace_request(const IemliSession *session, const itc_msg *msg)
                "%s: session information: client_conn_ref = %u, server_conn_ref = %u, last_procedure_ref = %u", name,
                session->client_conn_ref, session->server_conn_ref, session->last_procedure_ref);
     VORN_TRACE(TRACE_REQUEST, "%s: request information: header.connection_ref = %u, header.procedure_ref = %u", name,
-               header_of(msg)->connection_ref, header_of(msg)->procedure_ref);
+               iemli_header_of(msg)->connection_ref, iemli_header_of(msg)->procedure_ref);
 }
 
 void handle_create_iml_link_req(IemliSession *session, const itc_msg *msg)

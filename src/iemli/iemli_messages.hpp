@@ -121,6 +121,8 @@ struct iemli_header {
 };
 static_assert(sizeof(iemli_header) == 12);
 
+inline const iemli_header *iemli_header_of(const itc_msg *msg) { return reinterpret_cast<const iemli_header *>(msg); }
+
 // Messages without further fields: client down, term request and confirm, the confirms of update, delete and RTT.
 struct iemli_plain_msg {
     iemli_header header;

@@ -39,6 +39,11 @@ void send_rej(const iemli_peer &to, uint32_t msgno, uint32_t reason, const char 
 
 } // namespace
 
+iemli_peer iemli_sender_of(const itc_msg *msg)
+{
+    return {itc_sender(msg), iemli_header_of(msg)->procedure_ref, iemli_header_of(msg)->connection_ref};
+}
+
 void send_init_cfm(const iemli_peer &to, uint32_t pv_selected)
 {
     itc_msg *msg = new_message(to, IEMLI_INIT_SERVICE_CFM, sizeof(iemli_init_service_cfm));

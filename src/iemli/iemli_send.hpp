@@ -11,6 +11,9 @@ struct iemli_peer {
     uint32_t connection_ref;
 };
 
+// The sender of a request and the references it used, for answers that no session stands behind.
+iemli_peer iemli_sender_of(const itc_msg *msg);
+
 void send_init_cfm(const iemli_peer &to, uint32_t pv_selected);
 void send_init_rej(const iemli_peer &to, uint32_t reason);
 void send_term_cfm(const iemli_peer &to);

@@ -57,14 +57,6 @@ const request_rule *rule_of(uint32_t msgno)
     return nullptr;
 }
 
-const iemli_header *header_of(const itc_msg *msg) { return reinterpret_cast<const iemli_header *>(msg); }
-
-// The sender and the references of its request, for answers that no session stands behind.
-iemli_peer echo_of(const itc_msg *msg)
-{
-    return {itc_sender(msg), header_of(msg)->procedure_ref, header_of(msg)->connection_ref};
-}
-
 bool is_too_short(const itc_msg *msg)
 {
     if (itc_size(msg) >= iemli_message_min_size(msg)) {
@@ -81,7 +73,7 @@ void handle_init(const itc_msg *msg)
     if (!is_too_short(msg)) {
         iemli_session_handle_init(msg);
     } else if (has_header(msg) && iemli_session_find_by_init(msg) != nullptr) {
-        send_init_rej(echo_of(msg), IEMLI_REJ_OTHER_REASON);
+        send_init_rej(iemli_sender_of(msg), IEMLI_REJ_OTHER_REASON);
     }
 }
 
@@ -93,16 +85,16 @@ void refuse_too_short(const request_rule *rule, const itc_msg *msg)
     }
     const IemliSession *session = iemli_session_find_by_request(msg);
     if (session != nullptr) {
-        rule->reject(iemli_session_peer(session, header_of(msg)->procedure_ref), IEMLI_REJ_OTHER_REASON);
+        rule->reject(iemli_session_peer(session, iemli_header_of(msg)->procedure_ref), IEMLI_REJ_OTHER_REASON);
     }
 }
 
 void answer_stranger(const request_rule *rule, const itc_msg *msg)
 {
     if (rule->reject != nullptr) {
-        rule->reject(echo_of(msg), IEMLI_REJ_SERVICE_NOT_INITIATED);
+        rule->reject(iemli_sender_of(msg), IEMLI_REJ_SERVICE_NOT_INITIATED);
     } else if (rule->confirm != nullptr) {
-        rule->confirm(echo_of(msg));
+        rule->confirm(iemli_sender_of(msg));
     }
 }
 
@@ -117,7 +109,7 @@ void let_wait(const request_rule *rule, IemliSession *session, const itc_msg *ms
 void take_up(const request_rule *rule, IemliSession *session, const itc_msg *msg)
 {
     if (rule->may_wait) {
-        session->last_procedure_ref = header_of(msg)->procedure_ref;
+        session->last_procedure_ref = iemli_header_of(msg)->procedure_ref;
     }
     rule->handle(session, msg);
 }
@@ -147,7 +139,7 @@ void take_one_queued_request()
     }
     const uint32_t msgno = entry->msg->msgno;
     VORN_TRACE(TRACE_SERVICE, "Handle %s message from queue", iemli_msg_to_string(msgno));
-    session->last_procedure_ref = header_of(entry->msg)->procedure_ref;
+    session->last_procedure_ref = iemli_header_of(entry->msg)->procedure_ref;
     const request_rule *rule = rule_of(msgno);
     if (rule != nullptr && rule->may_wait) {
         rule->handle(session, entry->msg);

@@ -12,8 +12,6 @@ namespace
 IemliSession *sessions;
 uint8_t session_count;
 
-const iemli_header *header_of(const itc_msg *msg) { return reinterpret_cast<const iemli_header *>(msg); }
-
 bool offers_our_version(const iemli_init_service_req *request)
 {
     return request->pv_1 == IEMLI_PROTOCOL_VERSION || request->pv_2 == IEMLI_PROTOCOL_VERSION ||
@@ -85,7 +83,7 @@ IemliSession *iemli_session_find(uint32_t server_conn_ref)
 
 IemliSession *iemli_session_find_by_request(const itc_msg *msg)
 {
-    IemliSession *session = iemli_session_find(header_of(msg)->connection_ref);
+    IemliSession *session = iemli_session_find(iemli_header_of(msg)->connection_ref);
     return session != nullptr && session->client_mbox == itc_sender(msg) ? session : nullptr;
 }
 
@@ -94,7 +92,7 @@ IemliSession *iemli_session_find_by_init(const itc_msg *msg)
     const uint32_t sender = itc_sender(msg);
     IemliSession *session = sessions;
     while (session != nullptr &&
-           (session->client_conn_ref != header_of(msg)->connection_ref || session->client_mbox != sender)) {
+           (session->client_conn_ref != iemli_header_of(msg)->connection_ref || session->client_mbox != sender)) {
         session = session->next;
     }
     return session;
@@ -118,7 +116,7 @@ iemli_peer iemli_session_peer(const IemliSession *session, uint32_t procedure_re
 void iemli_session_handle_init(const itc_msg *msg)
 {
     const auto *request = reinterpret_cast<const iemli_init_service_req *>(msg);
-    const iemli_peer sender = {itc_sender(msg), request->header.procedure_ref, request->header.connection_ref};
+    const iemli_peer sender = iemli_sender_of(msg);
     if (iemli_session_find_by_init(msg) != nullptr) {
         send_init_rej(sender, IEMLI_REJ_SERVICE_INITIATED);
         return;

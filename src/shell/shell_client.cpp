@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "link_list.hpp"
 #include "vorn_trace.hpp"
 
 namespace

@@ -32,6 +32,18 @@ protected:
         EXPECT_THAT(traces_of(18), ElementsAre(trace));
         EXPECT_EQ(neighbours::open_procedures(), 0U);
     }
+
+    // The request is handed over with this call; its procedure is rejected, so that the next request can come.
+    static void expect_handed_over(const Bytes &request, const std::string &call)
+    {
+        EXPECT_TRUE(offer(CLIENT_A, request));
+        expect_nothing_sent();
+        EXPECT_THAT(calls(), ElementsAre(call));
+        ASSERT_EQ(neighbours::open_procedures(), 1U);
+        neighbours::reject(99);
+        fake::sent().clear();
+        fake::traces().clear();
+    }
 };
 
 class IemliCreate : public IemliRequestTest
@@ -45,13 +57,7 @@ protected:
 
     static void expect_accepted(const Link &link)
     {
-        EXPECT_TRUE(offer(CLIENT_A, create_req(0x61, 1, link)));
-        expect_nothing_sent();
-        EXPECT_THAT(calls(), ElementsAre("create " + fake::to_hex(link_data(link))));
-        ASSERT_EQ(neighbours::open_procedures(), 1U);
-        neighbours::reject(99);
-        fake::sent().clear();
-        fake::traces().clear();
+        expect_handed_over(create_req(0x61, 1, link), "create " + fake::to_hex(link_data(link)));
     }
 };
 
@@ -280,13 +286,7 @@ protected:
 
     static void expect_accepted(const std::vector<AppLink> &apps)
     {
-        EXPECT_TRUE(offer(CLIENT_A, update_req(0x61, 1, 1, apps)));
-        expect_nothing_sent();
-        EXPECT_THAT(calls(), ElementsAre("update 1 " + fake::to_hex(app_link_array(apps))));
-        ASSERT_EQ(neighbours::open_procedures(), 1U);
-        neighbours::reject(99);
-        fake::sent().clear();
-        fake::traces().clear();
+        expect_handed_over(update_req(0x61, 1, 1, apps), "update 1 " + fake::to_hex(app_link_array(apps)));
     }
 };
 

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 
 #include "neighbours.hpp"
-#include "shell/link_list.hpp"
 #include "shell/shell_client.hpp"
 
 namespace

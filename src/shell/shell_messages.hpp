@@ -1,4 +1,4 @@
-// The link list on the wire, in host byte order, and how its records are made. Requesters share the layout.
+// The link list on the wire, in host byte order. Requesters share this header.
 //
 // A reply is allocated as if every link brought a header of its own; what the records do not need stays zero.
 #pragma once
@@ -7,7 +7,6 @@
 #include <cstdint>
 
 #include "iemli/iemli_messages.hpp"
-#include "manager/link_table.hpp"
 
 enum shell_msg_number : uint32_t {
     IECTM_COLI_IML_LINK_LIST_RSP = 0x1B0CE2,
@@ -81,15 +80,3 @@ struct shell_link_list {
 static_assert(sizeof(shell_link_list) == 352);
 static_assert(offsetof(shell_link_list, count) == 4);
 static_assert(offsetof(shell_link_list, records) == 8);
-
-// Over the valid samples; all zero when there is none.
-struct shell_rtt_statistics {
-    bool present;
-    shell_rtt minimum;
-    shell_rtt average;
-    shell_rtt maximum;
-};
-
-uint32_t count_links(const iml_link *table);
-void fill_link_list_entry(shell_link_record *record, const iml_link *link);
-void compute_rtt_statistics(const rtt_sample_queue *samples, shell_rtt_statistics *out);
