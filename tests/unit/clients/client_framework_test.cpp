@@ -1,0 +1,105 @@
+// The common half of the clients: copies of texts, and what holds for every client alike.
+#include "clients/client_framework.hpp"
+
+#include "client_test.hpp"
+
+using namespace client_test;
+
+namespace
+{
+
+class ClientFramework : public fake::PlatformTest
+{
+};
+
+std::string as_format(const char *text, size_t size = 256)
+{
+    std::vector<char> field(size, 'x');
+    client_copy_as_format(field.data(), size, text);
+    return field.data();
+}
+
+TEST_F(ClientFramework, CopiesATextWithoutConversionsAsItIs)
+{
+    EXPECT_EQ(as_format("eth0"), "eth0");
+    EXPECT_EQ(as_format(""), "");
+}
+
+TEST_F(ClientFramework, CutsACopiedFormatToItsField)
+{
+    EXPECT_EQ(as_format("123456789012345678901234567890", 16), "123456789012345");
+    EXPECT_EQ(as_format("12345678901234%%67", 16), "12345678901234%");
+    EXPECT_EQ(as_format("abc", 1), "");
+}
+
+TEST_F(ClientFramework, TurnsTwoPercentSignsIntoOne)
+{
+    EXPECT_EQ(as_format("a%%b"), "a%b");
+    EXPECT_EQ(as_format("%%%%"), "%%");
+    EXPECT_EQ(as_format("%%d"), "%d");
+}
+
+TEST_F(ClientFramework, ConsumesEveryOtherConversionAndPrintsNothing)
+{
+    for (const char *conversion : {"%s", "%n", "%d", "%-+ #'08.3lld", "%*.*f", "%hhx", "%zu", "%jd", "%Lf", "%td",
+                                   "%qu", "%.s", "%5%", "%k", "%lc"}) {
+        EXPECT_EQ(as_format((std::string("a") + conversion + "|b").c_str()), "a|b") << conversion;
+    }
+}
+
+TEST_F(ClientFramework, NeverReadsBehindAConversionThatEndsTheText)
+{
+    for (const char *text : {"ab%", "ab%-", "ab%10", "ab%10.", "ab%.5", "ab%ll", "ab%08.3l"}) {
+        // On the heap, so that a sanitizer sees a byte read behind the end.
+        char *copy = strdup(text);
+        EXPECT_EQ(as_format(copy), "ab") << text;
+        free(copy);
+    }
+}
+
+TEST_F(ClientFramework, CutsANameOfFortyCharactersTo31AndATerminator)
+{
+    const std::string name(40, 'n');
+    char field[32];
+    client_copy_text(field, sizeof field, name.c_str(), name.size());
+    EXPECT_EQ(std::string(field), std::string(31, 'n'));
+}
+
+TEST_F(ClientFramework, CopiesNoFurtherThanItsBound)
+{
+    const char unterminated[4] = {'a', 'b', 'c', 'd'};
+    char field[16];
+    client_copy_text(field, sizeof field, unterminated, sizeof unterminated);
+    EXPECT_STREQ(field, "abcd");
+    client_copy_text(field, sizeof field, unterminated, 0);
+    EXPECT_STREQ(field, "");
+}
+
+TEST_F(ClientFramework, CountsWhatLiesBehindAnOffset)
+{
+    itc_msg *msg = fake::make(SERVER, Bytes(20));
+    EXPECT_EQ(client_tail_size(msg, 12), 8U);
+    EXPECT_EQ(client_tail_size(msg, 20), 0U);
+    EXPECT_EQ(client_tail_size(msg, 21), 0U);
+    itc_free(&msg);
+}
+
+TEST_F(ClientFramework, MeasuresACountThatWouldOverflow32Bits)
+{
+    static int handled;
+    handled = 0;
+    static constexpr client_message MESSAGES[] = {{7, 16, 48, [](const itc_msg *) { ++handled; }}};
+    const auto dispatch = [](const itc_msg *msg) {
+        return client_dispatch(
+            MESSAGES, 1, [](uint32_t) { return "SEVEN"; }, msg);
+    };
+    // 48 times this count is 0 in 32 bits.
+    EXPECT_TRUE(fake::dispatch(dispatch, SERVER, Builder().u32(7).zeros(8).n32(0x10000000)));
+    EXPECT_EQ(handled, 0);
+    EXPECT_TRUE(fake::traced(1, "SEVEN too short: 16 bytes"));
+    EXPECT_TRUE(fake::dispatch(dispatch, SERVER, Builder().u32(7).zeros(8).n32(1).zeros(48)));
+    EXPECT_EQ(handled, 1);
+    EXPECT_FALSE(fake::dispatch(dispatch, SERVER, Builder().u32(8)));
+}
+
+} // namespace
