@@ -86,8 +86,9 @@ protected:
         data->vlanId = 100;
         data->farEndCpmMac = {{2, 0, 0, 0, 0, 9}};
         data->numberOfAppLinks = n;
-        for (uint8_t i = 0; i < n; ++i) {
-            iemli_app_links(data)[i] = {{{2, 1, 0, 0, 0, i}}, {{2, 2, 0, 0, 0, i}}};
+        for (uint32_t i = 0; i < n; ++i) {
+            const auto last = static_cast<uint8_t>(i);
+            iemli_app_links(data)[i] = {{{2, 1, 0, 0, 0, last}}, {{2, 2, 0, 0, 0, last}}};
         }
         iml_link *link = iml_link_alloc(data);
         iml_link_insert(link);
