@@ -185,7 +185,8 @@ void free_message(itc_msg *msg)
 fake::Bytes bytes_of(const itc_msg *msg)
 {
     const Block *block = block_of(msg);
-    return {block->bytes, block->bytes + block->size};
+    const uint8_t *first = block->bytes; // the array is declared with its smallest size
+    return {first, first + block->size};
 }
 
 void deliver(itc_msg *msg, uint32_t sender)
