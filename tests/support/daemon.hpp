@@ -494,7 +494,7 @@ private:
             fake::push(PMI, reply(message, 0x1B1004, 200).n32(1));
         } else if (message.msgno() == 0x1B1006) {
             fake::push(PMI, reply(message, 0x1B1007, 200).n32(0));
-        } else if (pmi_answers != answer::never) {
+        } else if (pmi_answers != answer::never && (message.msgno() == 0x1B1009 || message.msgno() == 0x1B100C)) {
             answer_to(message, pmi_answers == answer::confirm);
         }
     }
@@ -505,7 +505,7 @@ private:
             fake::push(EMI, reply(message, 0x1B10C1, 300).n32(1));
         } else if (message.msgno() == 0x1B10C3) {
             fake::push(EMI, reply(message, 0x1B10C4, 300).n32(2).n32(1).n32(2));
-        } else if (emi_answers != answer::never) {
+        } else if (emi_answers != answer::never && (message.msgno() == 0x1B10C6 || message.msgno() == 0x1B10C9)) {
             answer_to(message, emi_answers == answer::confirm);
         }
     }
@@ -522,6 +522,9 @@ private:
     void serve_fmi(const fake::Sent &message)
     {
         const uint32_t msgno = message.msgno();
+        if (msgno < 0x1B0F50 || msgno > 0x1B0F69) {
+            return; // the answer to something that was asked in this service's name
+        }
         if (msgno == 0x1B0F50) {
             fake::push(FMI, reply(message, 0x1B0F51, 400).n32(1));
         } else if (msgno == 0x1B0F53) {
