@@ -22,6 +22,9 @@ namespace
 {
 
 constexpr size_t frames_per_write = 64;
+constexpr size_t frames_between_tries = 32; // while there is a backlog: one write for many, not one failure for each
+constexpr size_t bytes_between_tries = 65536;
+constexpr std::chrono::milliseconds time_between_tries{1};
 constexpr size_t large_start = 65536;
 constexpr size_t bytes_per_event = 1u << 20; // then the others get their turn
 
@@ -69,6 +72,12 @@ void drop_outbox(peer *p)
     p->head_written = 0;
 }
 
+void tell_closed(uint32_t process, uint32_t channel)
+{
+    itc_wire::writer notice(itc_wire::closed, 0);
+    registry_send(notice.u32(process).u32(channel));
+}
+
 void close_channel(peer *p)
 {
     if (p->fd < 0) {
@@ -76,9 +85,7 @@ void close_channel(peer *p)
     }
     poll_remove(p->fd);
     close(p->fd);
-    itc_wire::writer notice(itc_wire::closed, 0);
-    notice.u32(p->process).u32(p->channel);
-    registry_send(notice);
+    tell_closed(p->process, p->channel);
     free(p->buffer);
     block_free(p->large);
     p->fd = -1;
@@ -128,6 +135,14 @@ void enqueue(peer *p, block *b, size_t written)
     }
     p->outbox.push(b);
     p->outbox_bytes += frame_size(b);
+    p->held_frames++;
+    p->held_bytes += frame_size(b);
+}
+
+bool worth_a_try(const peer *p)
+{
+    return p->held_frames >= frames_between_tries || p->held_bytes >= bytes_between_tries ||
+           clock::now() - p->last_try >= time_between_tries;
 }
 
 // Takes `count` written bytes off the outbox.
@@ -264,7 +279,8 @@ reading read_once(peer *p, size_t *total)
     } else {
         p->fill += static_cast<size_t>(got);
         if (!parse(p)) {
-            fprintf(stderr, "libitc: process %u sent a frame that makes no sense, closing its channel\n", p->process);
+            (void)fprintf(stderr, "libitc: process %u sent a frame that makes no sense, closing its channel\n",
+                          p->process);
             return reading::ended;
         }
     }
@@ -291,6 +307,8 @@ void peer_flush(peer *p)
     if (p->fd < 0) {
         return;
     }
+    p->held_frames = p->held_bytes = 0;
+    p->last_try = clock::now();
     while (p->outbox.head != nullptr && !p->write_broken) {
         const size_t put = write_backlog(p);
         if (put == 0) {
@@ -313,6 +331,9 @@ void peer_send(block *b, uint32_t to)
         block_free(b);
         return;
     }
+    if (!outbox_has_room(p, b)) {
+        peer_flush(p);
+    }
     if (b->size > itc_wire::message_limit || !outbox_has_room(p, b)) {
         note_drop(&s.statistics.dropped_full, "its outbox is full");
         block_free(b);
@@ -325,7 +346,9 @@ void peer_send(block *b, uint32_t to)
     s.statistics.sent++;
     if (p->fd < 0 || p->outbox.head != nullptr || p->write_broken) {
         enqueue(p, b, 0);
-        peer_flush(p);
+        if (p->write_broken || worth_a_try(p)) {
+            peer_flush(p);
+        }
         return;
     }
     const size_t written = write_now(p, b);
@@ -353,11 +376,12 @@ void peer_introduced(uint32_t process, uint32_t channel, int fd)
         g().introducing++;
     }
     if (fd < 0 || poll_add(source_peer, process, fd, EPOLLIN) != 0) {
-        fprintf(stderr, "libitc: no descriptor left for the channel to process %u\n", process);
+        (void)fprintf(stderr, "libitc: no descriptor left for the channel to process %u\n", process);
         if (fd >= 0) {
             close(fd);
         }
         peer_delete(p);
+        tell_closed(process, channel); // so that there can be another, later
         return;
     }
     g().introducing--;

@@ -229,8 +229,8 @@ void note_drop(uint64_t *counter, const char *why)
         silent++;
         return;
     }
-    fprintf(stderr, "libitc: message dropped, %s (and %llu before it without a line)\n", why,
-            static_cast<unsigned long long>(silent));
+    (void)fprintf(stderr, "libitc: message dropped, %s (and %llu before it without a line)\n", why,
+                  static_cast<unsigned long long>(silent));
     silent = 0;
     next_line = now + drop_line_interval;
 }

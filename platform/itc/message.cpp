@@ -18,7 +18,7 @@ constexpr uint32_t freed = 0x17C0DEAD;
 
 [[noreturn]] void give_up(const char *why)
 {
-    fprintf(stderr, "libitc: %s\n", why);
+    (void)fprintf(stderr, "libitc: %s\n", why);
     abort();
 }
 

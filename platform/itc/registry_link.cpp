@@ -355,7 +355,7 @@ void registry_send(itc_wire::writer &frame)
     s.registry_out += frame.frame();
     registry_flush();
     if (s.registry_out.size() > registry_outbox_limit) {
-        fprintf(stderr, "libitc: the registry takes no requests any more, giving it up\n");
+        (void)fprintf(stderr, "libitc: the registry takes no requests any more, giving it up\n");
         lose();
     }
 }
@@ -390,7 +390,7 @@ void registry_read()
         }
         s.registry_fill += static_cast<size_t>(got);
         if (!parse()) {
-            fprintf(stderr, "libitc: the registry sent a frame that makes no sense, giving it up\n");
+            (void)fprintf(stderr, "libitc: the registry sent a frame that makes no sense, giving it up\n");
             lose();
         }
     }

@@ -100,6 +100,9 @@ struct peer {
     block_list outbox;
     size_t outbox_bytes = 0;
     size_t head_written = 0; // of the outbox's first frame
+    size_t held_frames = 0;  // queued since the socket was last tried
+    size_t held_bytes = 0;
+    clock::time_point last_try;
     uint8_t *buffer = nullptr;
     size_t fill = 0;
     block *large = nullptr; // a message that does not fit in the buffer, while it arrives
@@ -127,44 +130,44 @@ struct watch {
 struct state {
     std::mutex lock;
     std::condition_variable turn;
-    bool led = false;
     unsigned blocked = 0;    // threads inside a wait, with the lock released
     unsigned followers = 0;  // those of them that sleep on `turn`
     uint64_t generation = 0; // grows with every itc_init and itc_exit
-
+    bool led = false;
     bool up = false; // between itc_init and itc_exit
     bool exiting = false;
+    bool woken = false;    // the eventfd is readable
+    bool fd_given = false; // itc_get_fd was called: the descriptor must tell of queued messages
+    bool registry_lost = false;
+    bool registry_armed = false; // the wait asks for room to write
+
     uint32_t process = 0;
     int epoll = -1;
     int wake = -1; // an eventfd that ends the leader's wait
-    bool woken = false;
-    bool fd_given = false; // itc_get_fd was called: the descriptor must tell of queued messages
+    int registry = -1;
     std::map<int, watch> watches;
 
     std::vector<thread *> threads;
+    thread *boxes[itc_wire::box_limit] = {};
     int box_allowance = 0;
     int box_count = 0;
     uint32_t next_box = 0;
-    thread *boxes[itc_wire::box_limit] = {};
 
-    int registry = -1;
-    bool registry_lost = false;
-    bool registry_armed = false;
-    std::string registry_out;
-    uint8_t registry_buffer[reader_size];
-    size_t registry_fill = 0;
-    std::deque<int> registry_fds; // descriptors that came before their frame was whole
     uint32_t next_serial = 0;
     std::unordered_map<uint32_t, call *> calls;
+    std::deque<int> registry_fds; // descriptors that came before their frame was whole
+    std::string registry_out;
+    size_t registry_fill = 0;
+    uint8_t registry_buffer[reader_size];
 
     std::unordered_map<uint32_t, peer *> peers;
     peer *last_peer = nullptr;
     unsigned introducing = 0;
 
+    uint32_t next_sid = 0;
+    std::map<uint32_t, uint32_t> subscriptions;     // sid to mailbox
     std::unordered_map<uint32_t, awaited> awaiting; // by token
     std::unordered_map<uint32_t, awaited> monitors; // by monitor id
-    std::map<uint32_t, uint32_t> subscriptions;     // sid to mailbox
-    uint32_t next_sid = 0;
 
     itc_statistics statistics{};
 };

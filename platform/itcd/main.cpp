@@ -50,15 +50,15 @@ void read_options(int argc, char **argv, policy &rules)
         const bool good =
             c == 'h' || (c == 'a' && policy_allow_user(rules, optarg)) || (c == 'r' && policy_reserve(rules, optarg));
         if (!good && c != '?') {
-            fprintf(stderr, "itcd: %s: no such user, or not PREFIX=USER\n", optarg);
+            (void)fprintf(stderr, "itcd: %s: no such user, or not PREFIX=USER\n", optarg);
         }
         if (!good || c == 'h') {
-            fprintf(good ? stdout : stderr, usage, itc_wire::socket_path);
+            (void)fprintf(good ? stdout : stderr, usage, itc_wire::socket_path);
             exit(good ? 0 : 2);
         }
     }
     if (optind < argc) {
-        fprintf(stderr, usage, itc_wire::socket_path);
+        (void)fprintf(stderr, usage, itc_wire::socket_path);
         exit(2);
     }
 }
@@ -165,22 +165,22 @@ int main(int argc, char **argv)
     made_directory = mkdir(itc_wire::directory, 0755) == 0;
     const int locked = take_lock();
     if (locked != 0) {
-        fprintf(stderr, "itcd: %s: %s\n", itc_wire::lock_path,
-                locked == EWOULDBLOCK ? "a registry runs already" : strerror(locked));
+        (void)fprintf(stderr, "itcd: %s: %s\n", itc_wire::lock_path,
+                      locked == EWOULDBLOCK ? "a registry runs already" : strerror(locked));
         return 1;
     }
     const int listener = listen_at(rules);
     if (listener < 0 || signals < 0) {
-        fprintf(stderr, "itcd: %s: %s\n", itc_wire::socket_path, strerror(errno));
+        (void)fprintf(stderr, "itcd: %s: %s\n", itc_wire::socket_path, strerror(errno));
         clean_up();
         return 1;
     }
-    fprintf(stderr, "itcd: ready on %s\n", itc_wire::socket_path);
+    (void)fprintf(stderr, "itcd: ready on %s\n", itc_wire::socket_path);
     notify_ready();
     const int error = server_run(listener, signals, rules);
     clean_up();
     if (error != 0) {
-        fprintf(stderr, "itcd: %s\n", strerror(error));
+        (void)fprintf(stderr, "itcd: %s\n", strerror(error));
     }
     return error == 0 ? 0 : 1;
 }

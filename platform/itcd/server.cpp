@@ -59,7 +59,7 @@ __attribute__((format(printf, 1, 2))) void note(const char *format, ...)
     }
     va_list arguments;
     va_start(arguments, format);
-    vfprintf(stderr, format, arguments);
+    (void)vfprintf(stderr, format, arguments);
     va_end(arguments);
 }
 
