@@ -1,0 +1,70 @@
+// What the tour and the live table share: the stage, a client's session with the daemon, and the links this client has
+// asked for with what it was told of them.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "iemli_client.hpp"
+#include "stage.hpp"
+
+struct demo_link {
+    uint32_t link_ref;
+    iemli_link_wish wish;
+    std::string interface; // of the port, on both sides of the wire
+    std::string near_mac;  // of the port
+    uint32_t status = IML_LINK_DISABLED;
+    uint32_t reason = 0;
+    bool told = false; // an indication has come
+    std::chrono::system_clock::time_point changed;
+};
+
+// One line of what happened, newest last.
+struct demo_note {
+    std::chrono::system_clock::time_point when;
+    std::string text;
+};
+
+struct demo {
+    struct stage stage;
+    iemli_client client;
+    std::vector<demo_link> links;
+    std::vector<demo_note> notes;
+    bool far_end_answers = true;
+};
+
+// Starts everything and opens the session. Throws stage_failure.
+void demo_start(demo &d);
+
+// The two links of the demo: "IDL_A1" in VLAN 100 with two app links, "TN_A" in VLAN 200 with one.
+iemli_link_wish demo_first_wish(const demo &d);
+iemli_link_wish demo_second_wish(const demo &d);
+// A wish for a port of the stage: the far end's MAC is the far end of the port's wire.
+iemli_link_wish demo_wish(const demo &d, const std::string &port, uint16_t vlan, unsigned app_links);
+
+// Creates a link and keeps it. Throws stage_failure unless it is confirmed.
+demo_link &demo_create(demo &d, const iemli_link_wish &wish);
+// Deletes every link that is kept.
+void demo_delete_all(demo &d);
+
+// Takes in what the daemon says for at most that long; returns after the first event.
+void demo_listen(demo &d, std::chrono::milliseconds most);
+// Waits until a link has this status. Gives the time it took; throws stage_failure when the bound is over.
+std::chrono::milliseconds demo_wait_status(demo &d, uint32_t link_ref, uint32_t status, uint32_t reason,
+                                           std::chrono::milliseconds bound);
+demo_link &demo_find(demo &d, uint32_t link_ref);
+
+// The far end: silent or answering, and what it has seen of a link's pings.
+struct far_end_counts {
+    uint64_t answered;
+    uint64_t ignored;
+};
+void demo_set_far_end(demo &d, bool answers);
+far_end_counts demo_far_end_counts(const demo_link &link);
+
+// Stops everything as an operator would. The daemon's exit status is looked at. Throws stage_failure.
+void demo_stop_daemon(demo &d);
+void demo_stop_rest(demo &d);
+
+std::string demo_seconds(std::chrono::milliseconds time); // "1.25 s"

@@ -1,0 +1,26 @@
+// The terminal of the live table: keys one by one, a screen that is redrawn in place, and everything put back as it
+// was.
+#pragma once
+
+#include <string>
+
+struct terminal_size {
+    int columns;
+    int rows;
+};
+
+bool terminal_there(); // standard input and output are one
+
+// Keeps the terminal's settings; terminal_restore, in this process or one that was forked from it, brings them back.
+void terminal_remember();
+void terminal_restore();
+
+// Takes the screen over.
+void terminal_take();
+terminal_size terminal_get_size();
+
+// Draws a whole screen in one write; lines are cut at the screen's width by the caller.
+void terminal_draw(const std::string &text);
+
+// A key that was pressed, or 0.
+char terminal_key();

@@ -1,0 +1,17 @@
+// Namespaces of a program's own: mounts (a fresh /run, so that the machine's names and sockets stay untouched),
+// network, processes. Whatever is started inside ends with the program, however that ends.
+//
+//   the program as it was called     waits, hands on SIGTERM and SIGHUP, gives the exit status
+//     +- process 1 inside            waits too; its end ends every process inside
+//          +- the program goes on    returns from sandbox_enter
+//
+// Root gets these namespaces as they are. An ordinary user gets them in a user namespace, as its root, where the
+// machine allows that.
+#pragma once
+
+#include <string>
+
+// Goes on inside. False: it could not be done, and `error` says in one line what it needs; the process is unchanged as
+// far as its caller can see. Called once, before any thread is started. `at_end` is called by the process that was
+// called, whatever became of the one inside.
+bool sandbox_enter(std::string &error, void (*at_end)() = nullptr);
