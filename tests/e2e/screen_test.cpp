@@ -1,0 +1,94 @@
+// What the live table draws, on screens of different sizes.
+#include <gmock/gmock.h>
+
+#include <sstream>
+
+#include "screen.hpp"
+
+using testing::HasSubstr;
+using testing::Not;
+
+namespace
+{
+
+struct Screen : testing::Test {
+    demo d;
+    screen_view view;
+
+    Screen()
+    {
+        d.stage.ports = stage_usual_ports();
+        demo_link link{};
+        link.link_ref = 1;
+        link.wish = demo_first_wish(d);
+        link.status = IML_LINK_ENABLED;
+        link.told = true;
+        d.links.push_back(link);
+        view.answered = {17};
+        view.port_up = {true, false};
+        view.colour = false;
+    }
+
+    std::string draw(int columns, int rows) { return screen_render(d, view, {columns, rows}); }
+};
+
+std::vector<std::string> lines(const std::string &drawn)
+{
+    std::vector<std::string> all;
+    std::istringstream text(drawn);
+    for (std::string line; std::getline(text, line);) {
+        all.push_back(line);
+    }
+    return all;
+}
+
+} // namespace
+
+TEST_F(Screen, ShowsEverythingThatIsKnownOfALink)
+{
+    EXPECT_THAT(draw(132, 40), HasSubstr("     1  IDL_A1   100  02:00:00:00:A1:FE         2  enabled"));
+    EXPECT_THAT(draw(132, 40), HasSubstr("      17"));
+}
+
+TEST_F(Screen, SaysWhyALinkIsDisabled)
+{
+    d.links[0].status = IML_LINK_DISABLED;
+    d.links[0].reason = IML_LINK_REASON_NO_CONNECTIVITY;
+    EXPECT_THAT(draw(132, 40), HasSubstr("disabled with reason no connectivity"));
+}
+
+TEST_F(Screen, ShowsTheStateOfPortsAndFarEnd)
+{
+    d.far_end_answers = false;
+    EXPECT_THAT(draw(132, 40), HasSubstr("far end: silent    idl_a1: up    tn_a: down"));
+}
+
+TEST_F(Screen, CutsLinesAtItsWidthAndShowsNoMoreThanFit)
+{
+    for (int i = 0; i < 100; i++) {
+        d.notes.push_back({{}, std::string(200, 'x')});
+    }
+    auto drawn = lines(draw(40, 12));
+    EXPECT_EQ(drawn.size(), 11u); // the last row stays free: a line feed there would scroll
+    for (const std::string &line : drawn) {
+        EXPECT_LE(line.size(), 40u + std::string("\x1b[K\r").size()) << line;
+    }
+}
+
+TEST_F(Screen, ShowsTheNewestNotesWhenNotAllFit)
+{
+    d.notes.push_back({{}, "the oldest"});
+    for (int i = 0; i < 20; i++) {
+        d.notes.push_back({{}, "note"});
+    }
+    d.notes.push_back({{}, "the newest"});
+    EXPECT_THAT(draw(80, 14), HasSubstr("the newest"));
+    EXPECT_THAT(draw(80, 14), Not(HasSubstr("the oldest")));
+}
+
+TEST_F(Screen, UsesNoColourUnlessAskedTo)
+{
+    EXPECT_THAT(draw(132, 40), Not(HasSubstr("\x1b[3")));
+    view.colour = true;
+    EXPECT_THAT(draw(132, 40), HasSubstr("\x1b[32m"));
+}
