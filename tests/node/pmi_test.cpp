@@ -1,6 +1,5 @@
 // The port management server, and on its example what the core does for every service: connections, faults, answers
 // that are late, clients that die.
-#include "config.hpp"
 #include "pmi.hpp"
 #include "support.hpp"
 

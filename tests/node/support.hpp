@@ -1,6 +1,7 @@
 // What the tests of the services share: an outlet that records, and messages written out as bytes.
 #pragma once
 
+#include "config.hpp"
 #include "service.hpp"
 
 #include <gtest/gtest.h>

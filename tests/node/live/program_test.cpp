@@ -1,0 +1,221 @@
+// The programs of the reference node as processes: over a real registry, on real interfaces.
+#include "../support.hpp"
+#include "control.hpp"
+#include "live_fixture.hpp"
+#include "ns.h"
+
+#include <csignal>
+
+namespace kap_node
+{
+namespace
+{
+
+const json NODE = json::parse(R"({
+    "ports": [{"name": "IDLA1", "fmi_name": "DiPort_A1", "interface": "idl_a1", "namespace": "near",
+               "adm_state": "unlocked"}],
+    "far_end": [{"namespace": "far", "interfaces": ["idl_a1"]}]})");
+
+const bytes CONNECT_PMI = message_of(0x1B1003, "00 00 00 02  00 00 00 C8  00 00 00 01  00 00 00 01");
+const bytes ENABLE = message_of(0x1B1009, "00 00 00 07  00 00 00 01  'IDLA1' 0*11  00 00 00 64");
+const bytes ENABLED = message_of(0x1B100A, "00 00 00 07  00 00 00 01");
+
+class NodeProgram : public NodeTest
+{
+protected:
+    void SetUp() override
+    {
+        NodeTest::SetUp();
+        if (!IsSkipped()) {
+            start_registry();
+        }
+    }
+    static void make_cable()
+    {
+        run("ip link add idl_a1 netns near address 02:00:00:00:00:a1 type veth peer name idl_a1 netns far && "
+            "ip -n near link set idl_a1 up && ip -n far link set idl_a1 up");
+    }
+    static json port() { return command("iepcsi", {"show"})["ports"][0]; }
+    static bool oper_becomes(int state)
+    {
+        return eventually([&] { return port()["oper_state"] == state; });
+    }
+};
+
+TEST_F(NodeProgram, ServesRequestsAndAnswersLateWhenTold)
+{
+    start("pmi", NODE);
+    join_node();
+    const uint32_t pmi = itc_locate("pmi-server");
+    send(pmi, CONNECT_PMI);
+    EXPECT_EQ(receive(), message_of(0x1B1004, "00 00 00 02  00 00 00 01  00 00 00 01"));
+    send(pmi, ENABLE);
+    EXPECT_EQ(receive(), ENABLED);
+    command("pmi", {"fault", "delay", "PMI_ENABLE_PORT_VLAN_REQ", "1", "50"});
+    send(pmi, ENABLE);
+    EXPECT_EQ(command("pmi", {"show"})["waiting_answers"], 1);
+    EXPECT_EQ(receive(), ENABLED);
+    EXPECT_EQ(command("pmi", {"show"})["vlans"], json::parse(R"([{"port": "IDLA1", "vlan_id": 100, "users": 2}])"));
+}
+
+TEST_F(NodeProgram, NoticesTheDeathOfAClientAndKeepsWhatItAskedFor)
+{
+    start("pmi", NODE);
+    itc_test::Gate connected;
+    const itc_test::Child client([&] {
+        itc_test::join("short-lived");
+        const uint32_t pmi = itc_test::await("pmi-server");
+        send(pmi, CONNECT_PMI);
+        receive();
+        send(pmi, ENABLE);
+        const bool served = receive() == ENABLED;
+        connected.open();
+        itc_test::receive(1); // until it is killed
+        return served ? 0 : 1;
+    });
+    ASSERT_TRUE(connected.wait());
+    client.kill();
+    join_node();
+    EXPECT_TRUE(eventually([] { return command("pmi", {"show"})["clients"].empty(); }));
+    EXPECT_EQ(command("pmi", {"show"})["vlans"][0]["users"], 1);
+}
+
+TEST_F(NodeProgram, EndsWithStatusZeroOnASignalAndLeavesItsNameFree)
+{
+    start("emi", NODE);
+    join_node();
+    signal("emi", SIGTERM);
+    EXPECT_EQ(status_of("emi"), 0);
+    EXPECT_TRUE(eventually([] { return itc_locate("endpoint_mgr") == ITC_NO_MBOX; }));
+    EXPECT_THROW(command("emi", {"show"}), std::runtime_error);
+}
+
+TEST_F(NodeProgram, DiesAtOnceWhenTold)
+{
+    start("fmi", NODE);
+    join_node();
+    EXPECT_EQ(command("fmi", {"die"}), json(nullptr));
+    EXPECT_EQ(status_of("fmi"), 9);
+}
+
+TEST_F(NodeProgram, EndsWhenTheRegistryIsLost)
+{
+    start("fmi", NODE);
+    const itc_test::Child waiter([] {
+        itc_test::join("waiter");
+        return itc_test::await("flow-manager") == ITC_NO_MBOX ? 1 : 0;
+    });
+    ASSERT_EQ(const_cast<itc_test::Child &>(waiter).finish(), 0);
+    stop_registry(SIGKILL);
+    EXPECT_EQ(status_of("fmi"), 1);
+}
+
+TEST_F(NodeProgram, RefusesAConfigurationThatMakesNoSense)
+{
+    start("pmi", json::parse(R"({"ports": 7})"));
+    EXPECT_EQ(status_of("pmi"), 1);
+    start("far-end", json::object());
+    EXPECT_EQ(status_of("far-end"), 1);
+}
+
+TEST_F(NodeProgram, RefusesControlMessagesThatMakeNoSenseAndGoesOn)
+{
+    start("pmi", NODE);
+    join_node();
+    send(itc_locate("pmi-server"), message_of(0x1B9000, ""));
+    const bytes reply = receive();
+    EXPECT_EQ(message_view(reply).number(), 0x1B9001u);
+    EXPECT_EQ(control_call("pmi-server", {{"command", 5}})["ok"], false);
+    EXPECT_EQ(control_call("pmi-server", {{"command", {"show"}}})["ok"], true);
+    EXPECT_EQ(control_call("nobody", {{"command", {"show"}}})["ok"], false);
+}
+
+TEST_F(NodeProgram, ReadsPortsFromTheKernelAndReportsACablePulled)
+{
+    make_cable();
+    start("iepcsi", NODE);
+    join_node();
+    EXPECT_TRUE(oper_becomes(1));
+    EXPECT_EQ(port()["mac"], "02:00:00:00:00:A1");
+    const uint32_t iepcsi = itc_locate("iepcsi-server");
+    send(iepcsi, message_of(0x1B1043, "00 00 00 02  00 00 00 64  00 00 00 01  00 00 00 01  00 00 00 01"));
+    EXPECT_EQ(receive(), message_of(0x1B1044, "00 00 00 02  00 00 00 01  00 00 00 01"));
+    send(iepcsi, message_of(0x1B1050, "00 00 00 03  00 00 00 01  00 00 00 02  0*16"));
+    EXPECT_EQ(receive(), message_of(0x1B1051, "00 00 00 03  00 00 00 01  00 00 00 01"));
+    const std::string head = "00 00 00 00  00 00 00 01  00 00 00 01  00 00 00 ";
+    const bytes up = message_of(0x1B1055, head + "01 'IDLA1' 0*11 'near' 00");
+    const bytes down = message_of(0x1B1055, head + "00 'IDLA1' 0*11 'near' 00");
+    EXPECT_EQ(receive(), up);
+    run("ip -n far link set idl_a1 down");
+    EXPECT_EQ(receive(), down);
+    run("ip -n far link set idl_a1 up");
+    EXPECT_EQ(receive(), up);
+    run("ip -n near link del idl_a1");
+    EXPECT_EQ(receive(), down);
+    make_cable();
+    EXPECT_EQ(receive(), up);
+}
+
+TEST_F(NodeProgram, LetsGoOfANamespaceThatIsDeletedAndFindsItsSuccessor)
+{
+    make_cable();
+    start("iepcsi", NODE);
+    join_node();
+    EXPECT_TRUE(oper_becomes(1));
+    run("ip netns del near");
+    EXPECT_TRUE(oper_becomes(0));
+    EXPECT_EQ(port()["present"], false);
+    // The namespace itself is gone, too: nothing holds it any more, and its cable has no other end.
+    EXPECT_TRUE(eventually([] { return system("ip -n far link show idl_a1 >/dev/null 2>&1") != 0; }));
+    run("ip netns add near");
+    make_cable();
+    EXPECT_TRUE(oper_becomes(1));
+}
+
+TEST_F(NodeProgram, TheAutomationAgentIsFoundInTheNameServiceLeavesAndComesBack)
+{
+    start("aasi", NODE);
+    const uint32_t own = join_node();
+    ASSERT_EQ(ns_subscribe("automationagentsi", "tn", own), 0);
+    EXPECT_EQ(message_view(receive()).number(), 0x1900000u);
+    const bytes added = receive();
+    EXPECT_EQ(message_view(added).number(), 0x1900001u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(added.data()) + 20), "automationagentsi");
+    command("aasi", {"disappear"});
+    EXPECT_EQ(message_view(receive()).number(), 0x1900002u);
+    command("aasi", {"appear"});
+    EXPECT_EQ(message_view(receive()).number(), 0x1900001u);
+    command("aasi", {"announce-foreign", "4711", "node-test"});
+    const bytes foreign = receive();
+    ASSERT_EQ(foreign.size(), 38u);
+    uint32_t sid = 0;
+    memcpy(&sid, foreign.data() + 4, sizeof sid);
+    EXPECT_EQ(sid, 4711u);
+}
+
+TEST_F(NodeProgram, TheFarEndTakesItsKnobsAndFollowsItsNamespace)
+{
+    start("far-end", NODE);
+    join_node();
+    command("far-end", {"silent", "on"});
+    command("far-end", {"delay", "250"});
+    command("far-end", {"loss", "30"});
+    command("far-end", {"unusable-time", "on"});
+    command("far-end", {"drop", "4"});
+    const json shown = command("far-end", {"show"});
+    EXPECT_EQ(shown["knobs"],
+              json::parse(R"({"silent": true, "delay_us": 250, "loss_percent": 30, "unusable_time": true})"));
+    EXPECT_EQ(shown["places"], json::parse(R"([{"namespace": "far", "interfaces": ["idl_a1"], "open": true,
+                                                "problem": "", "drop_next": 4, "peers": []}])"));
+    for (const std::vector<std::string> &words :
+         std::vector<std::vector<std::string>>{{"loss", "101"}, {"silent", "maybe"}, {"delay"}, {"sing", "on"}}) {
+        EXPECT_THROW(command("far-end", words), std::runtime_error) << json(words);
+    }
+    run("ip netns del far");
+    EXPECT_TRUE(eventually([] { return command("far-end", {"show"})["places"][0]["open"] == false; }));
+    run("ip netns add far");
+    EXPECT_TRUE(eventually([] { return command("far-end", {"show"})["places"][0]["open"] == true; }));
+}
+
+} // namespace
+} // namespace kap_node
