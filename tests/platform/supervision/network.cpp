@@ -297,6 +297,11 @@ void NetworkTest::lay_cable(Cable cable)
             "&& for m in m0 m1; do ip -n mid link set $m master bridge0 && ip -n mid link set $m up; done");
     }
     run("ip link set near0 up && ip -n far link set far0 up");
+    // Between the cable's two ends being up and the kernel taking note of it, a frame that is sent gets nowhere.
+    EXPECT_TRUE(wait_for([] {
+        return run("ip -o link show near0").find("state UP") != std::string::npos &&
+               run("ip -n far -o link show far0").find("state UP") != std::string::npos;
+    }));
 }
 
 supervision_params NetworkTest::params()
