@@ -1,0 +1,265 @@
+// What a supervised ping costs: processor time of the supervision library per ping with 10 to 10,000 sessions at one
+// per second, beside that of a peer that does the obvious: it wakes for each request when it is due and for each
+// answer when it comes, over the same kind of socket with the same frames. Both run in the same two namespaces against
+// the same far end, one after the other, each in a process of its own whose whole processor time is counted.
+//
+//     bench_supervision [SECONDS]      seconds of each measurement, 5 if not given; needs root
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <queue>
+#include <string>
+#include <vector>
+
+#include "ecpri.hpp"
+#include "far_end.hpp"
+#include "packet_socket.hpp"
+#include "supervision.h"
+
+namespace
+{
+
+constexpr int64_t SECOND = 1'000'000'000;
+constexpr int WARM_UP_SECONDS = 2;
+
+struct figures {
+    uint64_t pings; // answered
+    uint64_t lost;
+    double cpu_us;
+};
+
+int64_t nanoseconds(clockid_t clock)
+{
+    timespec t{};
+    clock_gettime(clock, &t);
+    return static_cast<int64_t>(t.tv_sec) * SECOND + t.tv_nsec;
+}
+
+void must(bool holds, const char *what)
+{
+    if (!holds) {
+        fprintf(stderr, "bench_supervision: %s: %s\n", what, strerror(errno));
+        exit(1);
+    }
+}
+
+void run(const char *command) { must(system(command) == 0, command); }
+
+void enter_far()
+{
+    const int fd = open("/run/netns/far", O_RDONLY | O_CLOEXEC);
+    must(fd >= 0 && setns(fd, CLONE_NEWNET) == 0, "namespace far");
+    close(fd);
+}
+
+mac_address near_mac() { return {{0x02, 0, 0, 0, 0, 1}}; }
+
+// Each session has a far end of its own, and VLANs are shared by a few.
+mac_address far_mac(uint32_t session)
+{
+    return {{0x02, 1, 0, static_cast<uint8_t>(session >> 16), static_cast<uint8_t>(session >> 8),
+             static_cast<uint8_t>(session)}};
+}
+
+uint16_t vlan_of(uint32_t session) { return static_cast<uint16_t>(1 + session % 4000); }
+
+// ---- The far end ----
+
+pid_t start_far_end()
+{
+    const pid_t pid = fork();
+    if (pid != 0) {
+        return pid;
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    enter_far();
+    std::string error;
+    far_end *f = far_end_open({"far0"}, &error);
+    must(f != nullptr, error.c_str());
+    for (;;) {
+        pollfd p{far_end_fd(f), POLLIN, 0};
+        poll(&p, 1, -1);
+        far_end_handle(f);
+    }
+}
+
+// ---- The library ----
+
+std::atomic<uint64_t> answered;
+std::atomic<uint64_t> lost;
+
+void count(const supervision_rtt *, uint32_t, uint32_t result)
+{
+    (result == SUPERVISION_LOST ? lost : answered).fetch_add(1, std::memory_order_relaxed);
+}
+
+void sleep_for(int seconds)
+{
+    timespec left{seconds, 0};
+    while (nanosleep(&left, &left) != 0) {
+    }
+}
+
+figures measure_library(uint32_t sessions, int seconds)
+{
+    for (uint32_t i = 0; i < sessions; i++) {
+        supervision_params p{};
+        snprintf(p.if_name, sizeof p.if_name, "near0");
+        p.interval = 1;
+        p.sup_type = SUPERVISION_TYPE_LINK;
+        p.frameSize = 64;
+        memcpy(p.src_mac, near_mac().byte, sizeof p.src_mac);
+        memcpy(p.dest_mac, far_mac(i).byte, sizeof p.dest_mac);
+        p.vlantag = 0x8100E000u | vlan_of(i);
+        p.ether_type = 0xAEFE;
+        uint32_t id = 0;
+        must(start_supervision_session(&id, &p, count) == 0, "start_supervision_session");
+    }
+    sleep_for(WARM_UP_SECONDS);
+    const uint64_t answered_before = answered;
+    const uint64_t lost_before = lost;
+    const int64_t cpu_before = nanoseconds(CLOCK_PROCESS_CPUTIME_ID);
+    sleep_for(seconds);
+    const auto cpu = static_cast<double>(nanoseconds(CLOCK_PROCESS_CPUTIME_ID) - cpu_before);
+    return {answered - answered_before, lost - lost_before, cpu / 1000};
+}
+
+// ---- The peer ----
+
+struct peer_session {
+    int64_t due;
+    uint32_t number;
+    bool operator<(const peer_session &other) const { return due > other.due; }
+};
+
+void send_peer_request(int fd, int if_index, uint32_t session, uint8_t id)
+{
+    const int64_t now = nanoseconds(CLOCK_REALTIME);
+    const ecpri::measurement m{.destination = far_mac(session),
+                               .source = near_mac(),
+                               .ether_type = 0xAEFE,
+                               .measurement_id = id,
+                               .action = ecpri::ACTION_REQUEST,
+                               .seconds = static_cast<uint64_t>(now / SECOND),
+                               .nanoseconds = static_cast<uint32_t>(now % SECOND)};
+    const ecpri::vlan_tag tag{to_be16(0x8100), to_be16(static_cast<uint16_t>(0xE000 | vlan_of(session)))};
+    uint8_t frame[68] = {};
+    ecpri::put_measurement(frame, m, 64, &tag);
+    packet::send_frame(fd, if_index, frame, sizeof frame);
+}
+
+figures measure_peer(uint32_t sessions, int seconds)
+{
+    const packet::filter answers{ecpri::ACTION_RESPONSE, {0xAEFE}, 1};
+    const int fd = packet::open_socket(answers);
+    must(fd >= 0, "packet socket");
+    const int if_index = packet::interface_index(fd, "near0");
+    packet::batch batch{};
+    must(packet::batch_init(&batch, 64), "memory");
+
+    const int64_t start = nanoseconds(CLOCK_MONOTONIC);
+    const int64_t begin = start + WARM_UP_SECONDS * SECOND;
+    const int64_t end = begin + seconds * SECOND;
+    std::priority_queue<peer_session> due;
+    for (uint32_t i = 0; i < sessions; i++) {
+        due.push({start + static_cast<int64_t>(i) * (SECOND / sessions), i});
+    }
+    figures f{};
+    int64_t cpu_before = -1;
+    uint64_t sent = 0;
+    for (int64_t now = start; now < end; now = nanoseconds(CLOCK_MONOTONIC)) {
+        if (cpu_before < 0 && now >= begin) {
+            cpu_before = nanoseconds(CLOCK_PROCESS_CPUTIME_ID);
+            f.pings = 0;
+            sent = 0;
+        }
+        f.pings += packet::receive(fd, &batch);
+        if (due.top().due <= now) {
+            peer_session next = due.top();
+            due.pop();
+            send_peer_request(fd, if_index, next.number, static_cast<uint8_t>(next.due / SECOND));
+            next.due += SECOND;
+            due.push(next);
+            sent++;
+            continue;
+        }
+        const int64_t left = due.top().due - now;
+        const timespec timeout{left / SECOND, left % SECOND};
+        pollfd p{fd, POLLIN, 0};
+        ppoll(&p, 1, &timeout, nullptr);
+    }
+    f.cpu_us = static_cast<double>(nanoseconds(CLOCK_PROCESS_CPUTIME_ID) - cpu_before) / 1000;
+    f.lost = sent > f.pings ? sent - f.pings : 0;
+    return f;
+}
+
+// ---- The comparison ----
+
+figures in_process(figures (*measure)(uint32_t, int), uint32_t sessions, int seconds)
+{
+    int ends[2];
+    must(pipe(ends) == 0, "pipe");
+    const pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const figures f = measure(sessions, seconds);
+        _exit(write(ends[1], &f, sizeof f) == sizeof f ? 0 : 1);
+    }
+    close(ends[1]);
+    figures f{};
+    must(read(ends[0], &f, sizeof f) == sizeof f, "a measurement ended early");
+    close(ends[0]);
+    waitpid(pid, nullptr, 0);
+    return f;
+}
+
+void lay_cable()
+{
+    must(unshare(CLONE_NEWNS | CLONE_NEWNET) == 0, "namespaces of its own (needs root)");
+    must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+    must(mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0, "a /run of its own");
+    run("ip netns add far && ip link add near0 address 02:00:00:00:00:01 type veth peer name far0 netns far &&"
+        "ip link set near0 up && ip -n far link set far0 up &&"
+        "until ip -o link show near0 | grep -q 'state UP'; do :; done");
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const int seconds = argc > 1 ? atoi(argv[1]) : 5; // NOLINT(cert-err34-c): 0 is refused below
+    if (seconds < 1) {
+        fputs("usage: bench_supervision [SECONDS]\n", stderr);
+        return 2;
+    }
+    lay_cable();
+    const pid_t far = start_far_end();
+    printf("processor time per ping, one ping per second and session, %d s each\n", seconds);
+    printf("%9s %14s %14s %7s %10s\n", "sessions", "library us", "naive peer us", "ratio", "lost");
+    for (const uint32_t sessions : {10u, 100u, 1000u, 10000u}) {
+        const figures library = in_process(measure_library, sessions, seconds);
+        const figures peer = in_process(measure_peer, sessions, seconds);
+        must(library.pings > 0 && peer.pings > 0, "no pings were answered");
+        const double ours = library.cpu_us / static_cast<double>(library.pings);
+        const double theirs = peer.cpu_us / static_cast<double>(peer.pings);
+        printf("%9u %14.2f %14.2f %7.2f %6llu/%llu\n", sessions, ours, theirs, ours / theirs,
+               static_cast<unsigned long long>(library.lost), static_cast<unsigned long long>(peer.lost));
+        fflush(stdout);
+    }
+    kill(far, SIGKILL);
+    waitpid(far, nullptr, 0);
+    return 0;
+}
