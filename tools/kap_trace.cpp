@@ -22,7 +22,7 @@
 #include <string>
 #include <vector>
 
-#include "tri/mask_share.hpp"
+#include "mask_share.hpp"
 
 namespace
 {
@@ -145,8 +145,8 @@ std::optional<uint32_t> changed_mask(uint32_t mask, const std::string &how)
 
 int bad_mask(const std::string &how)
 {
-    fprintf(stderr, "kap-trace: \"%s\" is no mask: give a number, or +L,L,... or -L,L,... with levels 0 to 31\n",
-            how.c_str());
+    (void)fprintf(stderr, "kap-trace: \"%s\" is no mask: give a number, or +L,L,... or -L,L,... with levels 0 to 31\n",
+                  how.c_str());
     return 2;
 }
 
@@ -155,37 +155,37 @@ std::vector<process> find(const std::string &name)
     std::vector<process> all = processes();
     std::erase_if(all, [&](const process &p) { return p.name != name && p.file != name; });
     if (all.empty()) {
-        fprintf(stderr, "kap-trace: no process \"%s\" shares its trace mask\n", name.c_str());
+        (void)fprintf(stderr, "kap-trace: no process \"%s\" shares its trace mask\n", name.c_str());
     }
     return all;
 }
 
 int list()
 {
-    printf("%-40s %-10s %s\n", "NAME.PID", "MASK", "LEVELS");
+    (void)printf("%-40s %-10s %s\n", "NAME.PID", "MASK", "LEVELS");
     for (const process &p : processes()) {
-        printf("%-40s 0x%08x %s\n", p.file.c_str(), mask_of(p), levels_of(mask_of(p)).c_str());
+        (void)printf("%-40s 0x%08x %s\n", p.file.c_str(), mask_of(p), levels_of(mask_of(p)).c_str());
     }
-    printf("%-40s 0x%08x %s\n", "default", tri::default_mask(), levels_of(tri::default_mask()).c_str());
+    (void)printf("%-40s 0x%08x %s\n", "default", tri::default_mask(), levels_of(tri::default_mask()).c_str());
     return 0;
 }
 
 int get(const std::string &name)
 {
     if (name == "default") {
-        printf("0x%08x %s\n", tri::default_mask(), levels_of(tri::default_mask()).c_str());
+        (void)printf("0x%08x %s\n", tri::default_mask(), levels_of(tri::default_mask()).c_str());
         return 0;
     }
     const auto found = find(name);
     for (const process &p : found) {
-        printf("%s 0x%08x %s\n", p.file.c_str(), mask_of(p), levels_of(mask_of(p)).c_str());
+        (void)printf("%s 0x%08x %s\n", p.file.c_str(), mask_of(p), levels_of(mask_of(p)).c_str());
     }
     return found.empty() ? 1 : 0;
 }
 
 int cannot(const std::string &what)
 {
-    fprintf(stderr, "kap-trace: %s: %s\n", what.c_str(), strerror(errno));
+    (void)fprintf(stderr, "kap-trace: %s: %s\n", what.c_str(), strerror(errno));
     return 1;
 }
 
@@ -202,7 +202,7 @@ int set_default(const std::string &how)
     if (file == nullptr) {
         return cannot(fresh);
     }
-    fprintf(file, "0x%08x\n", *mask);
+    (void)fprintf(file, "0x%08x\n", *mask);
     if (fclose(file) != 0 || chmod(fresh.c_str(), 0644) != 0 || rename(fresh.c_str(), tri::DEFAULT_FILE) != 0) {
         const int result = cannot(tri::DEFAULT_FILE);
         unlink(fresh.c_str());
@@ -232,10 +232,10 @@ int set(const std::string &name, const std::string &how)
 
 int usage()
 {
-    fputs("usage: kap-trace list | get NAME | set NAME MASK | set default MASK\n"
-          "NAME: a process's name in its traces, or NAME.PID\n"
-          "MASK: a number, or +L,L,... or -L,L,... to switch levels on or off\n",
-          stderr);
+    (void)fputs("usage: kap-trace list | get NAME | set NAME MASK | set default MASK\n"
+                "NAME: a process's name in its traces, or NAME.PID\n"
+                "MASK: a number, or +L,L,... or -L,L,... to switch levels on or off\n",
+                stderr);
     return 2;
 }
 

@@ -106,7 +106,7 @@ received describe(batch *b, size_t i)
 bool ask(int fd, const char *name, unsigned long question, ifreq *request)
 {
     *request = {};
-    snprintf(request->ifr_name, sizeof request->ifr_name, "%s", name);
+    (void)snprintf(request->ifr_name, sizeof request->ifr_name, "%s", name);
     return ioctl(fd, question, request) == 0;
 }
 
@@ -244,7 +244,7 @@ int interface_vlan(int fd, const char *name)
 {
     vlan_ioctl_args request{};
     request.cmd = GET_VLAN_VID_CMD;
-    snprintf(request.device1, sizeof request.device1, "%s", name);
+    (void)snprintf(request.device1, sizeof request.device1, "%s", name);
     return ioctl(fd, SIOCGIFVLAN, &request) == 0 ? request.u.VID : -1;
 }
 

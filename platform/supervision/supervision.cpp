@@ -229,6 +229,7 @@ void tell_lateness(library &l, int64_t late_slots, int64_t now)
         return;
     }
     l.late_traced = now;
+    const long long late_ms = late_slots * (SLOT_NS / 1'000'000);
     uint32_t drops = 0;
     for (const auto &d : l.domains) {
         drops += packet::take_drops(d->fd);
@@ -236,8 +237,7 @@ void tell_lateness(library &l, int64_t late_slots, int64_t now)
     lttngTriTrace(4, short_fname(__FILE__), __LINE__,
                   formatStr("WARNING: Supervision ran %lld ms late. Requests sent late: %llu, given more time: %llu, "
                             "received frames dropped: %u",
-                            static_cast<long long>(late_slots * (SLOT_NS / 1'000'000)),
-                            static_cast<unsigned long long>(l.e.counters.late),
+                            late_ms, static_cast<unsigned long long>(l.e.counters.late),
                             static_cast<unsigned long long>(l.e.counters.extended), drops));
 }
 

@@ -62,7 +62,7 @@ bool fill_and_map(int fd, share_pages *pages)
 
 void path_of(char (&path)[96], const char *prefix, const tri_proc_info &info)
 {
-    snprintf(path, sizeof path, "%s/%s%s", DIRECTORY, prefix, share_file_name(info.name, own_pid).c_str());
+    (void)snprintf(path, sizeof path, "%s/%s%s", DIRECTORY, prefix, share_file_name(info.name, own_pid).c_str());
 }
 
 } // namespace
@@ -98,7 +98,7 @@ uint64_t process_start_time(pid_t pid)
 {
     char path[48];
     char text[1024];
-    snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    (void)snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
     if (!read_small_file(path, text, sizeof text)) {
         return 0;
     }

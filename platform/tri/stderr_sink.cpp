@@ -61,6 +61,7 @@ __attribute__((format(printf, 2, 3))) void append(line &l, const char *format, .
     va_start(args, format);
     // One byte stays free for the line feed.
     const size_t room = sizeof l.bytes - 1 - l.length;
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is started above
     const int wanted = vsnprintf(l.bytes + l.length, room, format, args);
     va_end(args);
     if (wanted > 0) {

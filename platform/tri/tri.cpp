@@ -47,7 +47,7 @@ void load_name(char (&name)[32])
     }
     name[sizeof name - 1] = '\0';
     if (name[0] == '\0') {
-        snprintf(name, sizeof name, "%s", program_invocation_short_name);
+        (void)snprintf(name, sizeof name, "%s", program_invocation_short_name);
     }
 }
 
@@ -95,7 +95,7 @@ int tri_register_thread_name(const char *name)
     tri::share_rename(&pages);
     // The process list has room for 15 characters.
     char shown[16];
-    snprintf(shown, sizeof shown, "%.15s", name);
+    (void)snprintf(shown, sizeof shown, "%.15s", name);
     return pthread_setname_np(pthread_self(), shown);
 }
 
@@ -110,6 +110,7 @@ const char *formatStr(const char *format, ...)
     const int saved_errno = errno;
     va_list args;
     va_start(args, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is started above
     if (vsnprintf(text_buffer, sizeof text_buffer, format, args) < 0) {
         text_buffer[0] = '\0';
     }

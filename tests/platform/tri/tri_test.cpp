@@ -26,8 +26,8 @@
 #include <thread>
 #include <vector>
 
+#include "mask_share.hpp"
 #include "tri.h"
-#include "tri/mask_share.hpp"
 
 namespace
 {
@@ -307,15 +307,16 @@ TEST(Tri, GivesEveryThreadTheSameMaskAlsoOneThatStartedBeforeItWasOpened)
         if (pipe(go) != 0) {
             return 2;
         }
+        const auto mask = [] { return __atomic_load_n(&procInfo->mask, __ATOMIC_RELAXED); };
         uint32_t seen = 0;
         std::thread early([&] {
             char byte = 0;
-            if (procInfo->mask != 0 && read(go[0], &byte, 1) == 1) {
-                seen = procInfo->mask;
+            if (mask() != 0 && read(go[0], &byte, 1) == 1) {
+                seen = mask();
             }
         });
         tri_init();
-        procInfo->mask = 0x12345678;
+        __atomic_store_n(&procInfo->mask, 0x12345678u, __ATOMIC_RELAXED);
         const bool told = write(go[1], "x", 1) == 1;
         early.join();
         return told && seen == 0x12345678 ? 0 : 1;
