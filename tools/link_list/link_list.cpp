@@ -1,0 +1,222 @@
+// Everything is copied out of the message before it is looked at: a record has no alignment that could be relied on.
+#include "link_list.hpp"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include <nlohmann/json.hpp>
+
+namespace link_list
+{
+
+namespace
+{
+
+constexpr const char *DAEMON = "kap-vorn";
+constexpr size_t RECORDS_OFFSET = offsetof(shell_link_list, records);
+
+__attribute__((format(printf, 1, 2))) std::string format(const char *text, ...)
+{
+    char line[256];
+    va_list args;
+    va_start(args, text);
+    vsnprintf(line, sizeof line, text, args);
+    va_end(args);
+    return line;
+}
+
+std::string mac_text(const mac_address &mac) { return format(MAC_FMT, MAC_ARGS(mac)); }
+
+std::string status_text(const shell_link_record &record)
+{
+    if (record.status == IML_LINK_ENABLED) {
+        return "enabled";
+    }
+    switch (record.disabled_reason) {
+    case IML_LINK_REASON_DOWN:
+        return "disabled with reason down";
+    case IML_LINK_REASON_LOCKED:
+        return "disabled with reason locked";
+    case IML_LINK_REASON_NO_CONNECTIVITY:
+        return "disabled with reason no connectivity";
+    default:
+        return "disabled with invalid reason";
+    }
+}
+
+std::string name_of(uint32_t value, const char *zero, const char *one, const char *other)
+{
+    return value == 0 ? zero : value == 1 ? one : other;
+}
+
+double microseconds(const shell_rtt &value) { return value.microseconds + value.hundredths / 100.0; }
+
+link link_of(const shell_link_record &record)
+{
+    link out = {};
+    out.connection_ref = record.connection_ref;
+    out.link_ref = record.link_ref;
+    out.mp_id = record.near_end_mp_id;
+    out.near_end_cpm_mac = mac_text(record.near_end_cpm_mac);
+    out.far_end_cpm_mac = mac_text(record.far_end_cpm_mac);
+    out.port.assign(record.port_name, strnlen(record.port_name, sizeof record.port_name));
+    out.vlan = record.vlan_id;
+    for (uint32_t i = 0; i < std::min(record.app_link_count, SHELL_MAX_APP_LINKS); ++i) {
+        out.app_links.push_back(
+            {mac_text(record.app_links[i].nearEndAppMac), mac_text(record.app_links[i].farEndAppMac)});
+    }
+    out.enabled = record.status == IML_LINK_ENABLED;
+    out.status = status_text(record);
+    out.rtt = name_of(record.rtt_state, "off", "on", "unknown");
+    out.supervision = name_of(record.supervision_state, "not running", "running", "failed");
+    out.batch_size = record.rtt.batchSize;
+    out.interval_s = record.rtt.measureInterval;
+    out.frame_size = record.rtt.frameSize;
+    out.results = record.supervision_results;
+    out.lost = record.supervision_lost;
+    if (record.rtt_present == 1) {
+        out.rtt_us = round_trip{microseconds(record.rtt_minimum), microseconds(record.rtt_average),
+                                microseconds(record.rtt_maximum)};
+    }
+    return out;
+}
+
+using row = std::vector<std::string>;
+
+row cells_of(const link &l)
+{
+    const bool sampled = l.rtt_us.has_value();
+    return {format("%u", l.link_ref),
+            l.port,
+            format("%u", l.vlan),
+            l.far_end_cpm_mac,
+            format("%zu", l.app_links.size()),
+            l.status,
+            l.supervision,
+            format("%u/%u", l.lost, l.results),
+            l.rtt,
+            sampled ? format("%.2f", l.rtt_us->minimum_us) : "-",
+            sampled ? format("%.2f", l.rtt_us->average_us) : "-",
+            sampled ? format("%.2f", l.rtt_us->maximum_us) : "-",
+            format("%u", l.connection_ref)};
+}
+
+std::string line_of(const row &cells, const std::vector<size_t> &widths)
+{
+    std::string line;
+    for (size_t i = 0; i < cells.size(); ++i) {
+        line += cells[i] + std::string(widths[i] - cells[i].size() + 2, ' ');
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    return line + "\n";
+}
+
+nlohmann::ordered_json json_of(const link &l)
+{
+    nlohmann::ordered_json apps = nlohmann::ordered_json::array();
+    for (const app_link &app : l.app_links) {
+        apps.push_back({{"near_end_mac", app.near_end_mac}, {"far_end_mac", app.far_end_mac}});
+    }
+    nlohmann::ordered_json rtt = nullptr;
+    if (l.rtt_us) {
+        rtt = {{"min", l.rtt_us->minimum_us}, {"avg", l.rtt_us->average_us}, {"max", l.rtt_us->maximum_us}};
+    }
+    return {{"link_ref", l.link_ref},
+            {"connection_ref", l.connection_ref},
+            {"port", l.port},
+            {"vlan", l.vlan},
+            {"mp_id", l.mp_id},
+            {"near_end_cpm_mac", l.near_end_cpm_mac},
+            {"far_end_cpm_mac", l.far_end_cpm_mac},
+            {"app_links", apps},
+            {"enabled", l.enabled},
+            {"status", l.status},
+            {"supervision", l.supervision},
+            {"results", l.results},
+            {"lost", l.lost},
+            {"rtt", l.rtt},
+            {"batch_size", l.batch_size},
+            {"interval_s", l.interval_s},
+            {"frame_size", l.frame_size},
+            {"rtt_us", rtt}};
+}
+
+} // namespace
+
+std::optional<std::vector<link>> decode(const uint8_t *bytes, size_t size, std::string *error)
+{
+    uint32_t head[2] = {}; // number, count
+    if (size < sizeof head) {
+        *error = format("the reply has only %zu bytes", size);
+        return std::nullopt;
+    }
+    memcpy(head, bytes, sizeof head);
+    if (head[0] != IECTM_COLI_IML_LINK_LIST_RSP) {
+        *error = format("the reply has number 0x%x", head[0]);
+        return std::nullopt;
+    }
+    if (size - RECORDS_OFFSET < uint64_t{head[1]} * sizeof(shell_link_record)) {
+        *error = format("the reply counts %u links, but has only %zu bytes", head[1], size);
+        return std::nullopt;
+    }
+    std::vector<link> links;
+    for (uint32_t i = 0; i < head[1]; ++i) {
+        shell_link_record record;
+        memcpy(&record, bytes + RECORDS_OFFSET + i * sizeof record, sizeof record);
+        links.push_back(link_of(record));
+    }
+    return links;
+}
+
+std::optional<std::vector<link>> fetch(uint32_t timeout_ms, std::string *error)
+{
+    const uint32_t daemon = itc_locate(DAEMON);
+    if (daemon == ITC_NO_MBOX) {
+        *error = "kap-vorn does not run";
+        return std::nullopt;
+    }
+    itc_msg *request = itc_alloc(sizeof(itc_msg), IECTM_COLI_IML_LINK_LIST_REQ);
+    itc_send(&request, daemon, ITC_MY_MBOX);
+    const uint32_t filter[] = {1, IECTM_COLI_IML_LINK_LIST_RSP};
+    itc_msg *reply = itc_receive(filter, timeout_ms, daemon);
+    if (reply == nullptr) {
+        *error = format("kap-vorn did not answer within %u ms", timeout_ms);
+        return std::nullopt;
+    }
+    auto links = decode(reinterpret_cast<const uint8_t *>(reply), itc_size(reply), error);
+    itc_free(&reply);
+    return links;
+}
+
+std::string to_table(const std::vector<link> &links)
+{
+    std::vector<row> rows = {{"LINK", "PORT", "VLAN", "FAR-END CPM", "APPS", "STATUS", "SUPERVISION", "LOST", "RTT",
+                              "MIN us", "AVG us", "MAX us", "OWNER"}};
+    for (const link &l : links) {
+        rows.push_back(cells_of(l));
+    }
+    std::vector<size_t> widths(rows[0].size());
+    for (const row &cells : rows) {
+        for (size_t i = 0; i < cells.size(); ++i) {
+            widths[i] = std::max(widths[i], cells[i].size());
+        }
+    }
+    std::string text;
+    for (const row &cells : rows) {
+        text += line_of(cells, widths);
+    }
+    return text;
+}
+
+std::string to_json(const std::vector<link> &links)
+{
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const link &l : links) {
+        list.push_back(json_of(l));
+    }
+    return nlohmann::ordered_json{{"links", list}}.dump(2) + "\n";
+}
+
+} // namespace link_list

@@ -1,0 +1,74 @@
+// vornctl: the operator's tool. It asks the running daemon and prints; it keeps nothing and changes nothing.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "link_list/link_list.hpp"
+
+namespace
+{
+
+constexpr uint32_t TIMEOUT_MS = 3000;
+
+enum exit_status {
+    STATUS_OK = 0,
+    STATUS_FAILED = 1, // no registry, no daemon, no answer
+    STATUS_USAGE = 2,
+};
+
+constexpr const char *USAGE = "usage: vornctl links [--json]\n"
+                              "\n"
+                              "  links    the links that kap-vorn supervises, in ascending order of their reference\n"
+                              "  --json   the same as JSON; fields are added over time, never renamed or dropped\n"
+                              "\n"
+                              "Exit status: 0; 1 when kap-vorn or the registry cannot be reached; 2 for wrong usage.\n";
+
+bool connect_to_registry()
+{
+    const int result = itc_init(1, 0, nullptr, nullptr, 0);
+    if (result != 0) {
+        fprintf(stderr, "vornctl: the registry itcd cannot be reached: %s\n", strerror(result));
+        return false;
+    }
+    const std::string name = "vornctl." + std::to_string(getpid());
+    if (itc_create_mailbox(name.c_str(), 0) == ITC_NO_MBOX) {
+        fprintf(stderr, "vornctl: the registry itcd gives no mailbox\n");
+        itc_exit();
+        return false;
+    }
+    return true;
+}
+
+int print_links(bool as_json)
+{
+    if (!connect_to_registry()) {
+        return STATUS_FAILED;
+    }
+    std::string error;
+    const auto links = link_list::fetch(TIMEOUT_MS, &error);
+    itc_exit();
+    if (!links) {
+        fprintf(stderr, "vornctl: %s\n", error.c_str());
+        return STATUS_FAILED;
+    }
+    fputs((as_json ? link_list::to_json(*links) : link_list::to_table(*links)).c_str(), stdout);
+    return STATUS_OK;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+        fputs(USAGE, stdout);
+        return STATUS_OK;
+    }
+    const bool as_json = argc == 3 && strcmp(argv[2], "--json") == 0;
+    if (argc < 2 || strcmp(argv[1], "links") != 0 || (argc > 2 && !as_json)) {
+        fputs(USAGE, stderr);
+        return STATUS_USAGE;
+    }
+    return print_links(as_json);
+}
