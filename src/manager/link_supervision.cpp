@@ -43,7 +43,7 @@ constexpr uint16_t ETHER_TYPE_ECPRI = 0xAEFE;
 supervision_params common_params(const char *if_name, const iml_link *link)
 {
     supervision_params params = {};
-    snprintf(params.if_name, sizeof params.if_name, "%s", if_name);
+    (void)snprintf(params.if_name, sizeof params.if_name, "%s", if_name);
     params.reserved1 = 1;
     memcpy(params.dest_mac, link->link_data->farEndCpmMac.byte, sizeof params.dest_mac);
     params.vlantag = VLAN_TAG | link->link_data->vlanId;
@@ -203,7 +203,7 @@ void for_links_on_port(const char *iepcsi_port_name, void (*action)(const eth_po
         return;
     }
     char iemli_name[PORT_NAME_LEN + 1];
-    snprintf(iemli_name, sizeof iemli_name, "%s", iepcsi_to_iemli_port_name(iepcsi_port_name));
+    (void)snprintf(iemli_name, sizeof iemli_name, "%s", iepcsi_to_iemli_port_name(iepcsi_port_name));
     for (iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
         if (port_name_equal(link->link_data->imlPortName, iemli_name)) {
             action(port, link);

@@ -107,7 +107,7 @@ port_endpoint_request *alloc_request(uint32_t type, const char *port_name)
     auto *request = static_cast<port_endpoint_request *>(calloc(1, sizeof(port_endpoint_request)));
     if (request != nullptr) {
         request->type = type;
-        snprintf(request->port_name, sizeof request->port_name, "%s", port_name);
+        (void)snprintf(request->port_name, sizeof request->port_name, "%s", port_name);
     }
     return request;
 }

@@ -29,7 +29,7 @@ using name_buffer = char[PORT_NAME_LEN + 1];
 
 const char *store(name_buffer &buffer, const char *name)
 {
-    snprintf(buffer, sizeof buffer, "%s", name);
+    (void)snprintf(buffer, sizeof buffer, "%s", name);
     return buffer;
 }
 
@@ -65,7 +65,7 @@ void port_name_to_fmi_name(const char *name, char *buffer, uint8_t size)
             break;
         }
     }
-    snprintf(buffer, size, "%s", name);
+    (void)snprintf(buffer, size, "%s", name);
 }
 
 bool is_tn_port(const char *name) { return name != nullptr && strstr(name, "TN") != nullptr; }

@@ -67,7 +67,7 @@ bool append_emca_macs_of_link(mac_list *list, const IemliLinkData *data)
 void fill_rule(EmiEndpoint *rule, const char *fmi_name, const mac_address &mac, uint16_t vlan, uint32_t match_on_port)
 {
     *rule = {};
-    snprintf(rule->ifName, sizeof rule->ifName, "%s", fmi_name);
+    (void)snprintf(rule->ifName, sizeof rule->ifName, "%s", fmi_name);
     rule->mac = mac;
     rule->epType = to_be32(1);
     rule->vlanId = to_be32(vlan);
@@ -143,7 +143,7 @@ void setup_port_acl(const char *iepcsi_port_name)
 {
     char iemli_name[PORT_NAME_LEN];
     char fmi_name[64];
-    snprintf(iemli_name, sizeof iemli_name, "%s", iepcsi_to_iemli_port_name(iepcsi_port_name));
+    (void)snprintf(iemli_name, sizeof iemli_name, "%s", iepcsi_to_iemli_port_name(iepcsi_port_name));
     port_name_to_fmi_name(iepcsi_port_name, fmi_name, sizeof fmi_name);
     uint32_t emca_count = 0;
     uint32_t local_count = 0;

@@ -48,7 +48,7 @@ void split_chain(ref_index_node *node, ref_index_node **table, uint32_t i, uint3
 void grow(ref_index *index)
 {
     const uint32_t old_count = bucket_count(index);
-    auto *table = static_cast<ref_index_node **>(calloc(2 * static_cast<size_t>(old_count), sizeof(ref_index_node *)));
+    auto *table = static_cast<ref_index_node **>(calloc(2 * static_cast<size_t>(old_count), sizeof(void *)));
     if (table == nullptr) {
         return;
     }
