@@ -13,8 +13,6 @@ namespace
 
 int64_t slot_of(int64_t monotonic) { return monotonic / SLOT_NS; }
 
-uint64_t pings_of(const session &s) { return std::max<uint64_t>(1000 / s.interval, 1); }
-
 int64_t period_of(const session &s) { return static_cast<int64_t>(s.interval) * SLOTS_PER_SECOND; }
 
 // With a tag; an interface that comes back may need one.
@@ -258,14 +256,12 @@ void engine_add(engine &e, session *s, int64_t now)
         take_out_of_bucket(e, s);
         throw;
     }
-    e.pings_per_1000_s += pings_of(*s);
 }
 
 void engine_remove(engine &e, session *s)
 {
     take_out_of_bucket(e, s);
     leave_key(e, s);
-    e.pings_per_1000_s -= pings_of(*s);
 }
 
 void engine_rekey(engine &e, session *s, const session_key &key)
@@ -283,8 +279,6 @@ int64_t engine_deadline(const engine &e)
     }
     return earliest == NEVER ? NEVER : earliest * SLOT_NS;
 }
-
-bool engine_is_dense(const engine &e) { return e.pings_per_1000_s >= static_cast<uint64_t>(SLOTS_PER_SECOND) * 1000; }
 
 void engine_answer(engine &e, const answer &a, const clocks &now)
 {

@@ -112,7 +112,6 @@ struct bucket {
 struct engine {
     bucket buckets[SLOTS_PER_SECOND];
     std::unordered_map<session_key, session *, session_key_hash> by_key;
-    uint64_t pings_per_1000_s = 0;
     engine_counters counters{};
     std::vector<uint8_t> frame;
 };
@@ -126,8 +125,6 @@ void engine_rekey(engine &e, session *s, const session_key &key);
 
 // When the engine wants to run next, on the monotonic clock; NEVER without sessions.
 int64_t engine_deadline(const engine &e);
-// So many requests per second that there is something to do in every slot: waking for single answers does not pay.
-bool engine_is_dense(const engine &e);
 
 // Hands in an answer. `now`: both clocks, read after it was received.
 void engine_answer(engine &e, const answer &a, const clocks &now);

@@ -69,6 +69,8 @@ constexpr time_t STOP_PATIENCE_S = 5;
 constexpr size_t KEPT_FRAME_BYTES = 64; // of a received frame: all that is read of it, and no dummy bytes to speak of
 constexpr int MAX_BATCHES = 128;        // per turn and socket, so that a flood cannot hold up sending
 constexpr int64_t LATE_TRACE_PAUSE_NS = 10'000'000'000;
+// The kernel takes a moment to begin stamping frames when they arrive; it stamps them when they are read until then.
+constexpr int64_t STAMPS_SETTLE_NS = 1'000'000'000;
 
 // A network namespace with sessions in it.
 struct domain {
@@ -100,6 +102,7 @@ struct library {
     uint32_t last_domain = 0;
     int wake_fd = -1;
     bool has_thread = false;
+    int64_t first_domain_opened = 0;
     int64_t late_traced = -LATE_TRACE_PAUSE_NS;
 };
 
@@ -246,11 +249,12 @@ void close_empty_domains(library &l)
     std::erase_if(l.domains, [](const std::unique_ptr<domain> &d) { return d->sessions == 0 && close(d->fd) == 0; });
 }
 
-// What to sleep on: new sessions always; single answers only while they are few.
-void choose_polled(library &l)
+// What to sleep on: new sessions always; answers only when the next turn is more than a slot away. Before that they
+// can wait for it, their round trip is the kernel's stamp: so that thousands of sessions cost one wake-up per slot.
+void choose_polled(library &l, int64_t now, int64_t deadline)
 {
     l.polled.assign(1, {l.wake_fd, POLLIN, 0});
-    if (engine_is_dense(l.e)) {
+    if (deadline - now <= SLOT_NS && now - l.first_domain_opened >= STAMPS_SETTLE_NS) {
         return;
     }
     for (const auto &d : l.domains) {
@@ -269,8 +273,9 @@ int64_t take_turn(library &l)
     const engine_io io{nullptr, read_clocks, send_frame};
     const int64_t now = nanoseconds(CLOCK_MONOTONIC);
     tell_lateness(l, engine_run(l.e, now, io), now);
-    choose_polled(l);
-    return engine_deadline(l.e);
+    const int64_t deadline = engine_deadline(l.e);
+    choose_polled(l, now, deadline);
+    return deadline;
 }
 
 void sleep_until(library &l, int64_t deadline)
@@ -341,6 +346,9 @@ domain *open_domain(library &l, const struct stat &netns)
     d->fd = packet::open_socket(d->filter);
     if (d->fd < 0) {
         return nullptr;
+    }
+    if (l.domains.empty()) {
+        l.first_domain_opened = nanoseconds(CLOCK_MONOTONIC);
     }
     l.domains.push_back(std::move(d));
     return l.domains.back().get();

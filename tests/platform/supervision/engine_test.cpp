@@ -1,0 +1,485 @@
+// The engine under a clock that the test sets: who sends when, what is reported, and to whom an answer belongs.
+#include "engine.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <vector>
+
+namespace
+{
+
+using namespace supervision;
+
+constexpr int64_t MS = 1'000'000;
+constexpr int64_t SECOND = 1000 * MS;
+constexpr int64_t REAL_START = 1'700'000'000 * SECOND;
+
+struct Reported {
+    uint32_t session;
+    uint32_t result;
+    int64_t rtt; // -1: none
+    bool operator==(const Reported &) const = default;
+};
+
+std::ostream &operator<<(std::ostream &os, const Reported &r)
+{
+    return os << "{session " << r.session << ", result " << r.result << ", rtt " << r.rtt << "}";
+}
+
+std::vector<Reported> reported;
+
+void report(const supervision_rtt *rtt, uint32_t session, uint32_t result)
+{
+    reported.push_back({session, result, rtt == nullptr ? -1 : rtt->sec * SECOND + rtt->nsec});
+}
+
+struct Sent {
+    uint32_t session;
+    int64_t at; // monotonic
+    uint8_t measurement_id;
+    std::vector<uint8_t> frame;
+};
+
+class Engine : public ::testing::Test
+{
+protected:
+    void SetUp() override { reported.clear(); }
+
+    session *add(uint32_t interval = 1, uint8_t type = SUPERVISION_TYPE_LINK, uint8_t remote = 9)
+    {
+        auto s = std::make_unique<session>();
+        s->id = static_cast<uint32_t>(sessions_.size() + 1);
+        s->key = {1, 3, {{2, 0, 0, 0, 0, 1}}, {{2, 0, 0, 0, 0, remote}}, 100};
+        s->ether_type = 0xAEFE;
+        s->frame_size = 64;
+        s->tagged = true;
+        s->tag = {to_be16(0x8100), to_be16(0xE064)};
+        s->type = type;
+        s->interval = interval;
+        s->callback = report;
+        engine_add(e, s.get(), now);
+        sessions_.push_back(std::move(s));
+        return sessions_.back().get();
+    }
+
+    // The clocks go on by that much, and the engine runs whenever it wants to on the way.
+    void pass(int64_t time)
+    {
+        const int64_t end = now + time;
+        while (engine_deadline(e) <= end) {
+            now = std::max(now, engine_deadline(e));
+            engine_run(e, now, io());
+        }
+        now = end;
+    }
+
+    // The engine does not get to run meanwhile; then it does, once.
+    int64_t starve(int64_t time)
+    {
+        now += time;
+        return engine_run(e, now, io());
+    }
+
+    // The answer to the latest request of the session, received `after` its sending and handed in now.
+    answer answer_to(const session &s, int64_t after) const
+    {
+        for (auto it = sent.rbegin(); it != sent.rend(); ++it) {
+            if (it->session == s.id) {
+                return {s.key, it->measurement_id, true, real_of(it->at) + after};
+            }
+        }
+        ADD_FAILURE() << "session " << s.id << " has sent nothing";
+        return {};
+    }
+
+    void hand_in(const answer &a) { engine_answer(e, a, {now, real_of(now)}); }
+
+    [[nodiscard]] int64_t real_of(int64_t monotonic) const { return REAL_START + real_step + monotonic; }
+
+    engine_io io()
+    {
+        return {this,
+                [](void *self) {
+                    const auto *t = static_cast<Engine *>(self);
+                    return clocks{t->now, t->real_of(t->now)};
+                },
+                [](void *self, session &s, const uint8_t *frame, size_t length) {
+                    auto *t = static_cast<Engine *>(self);
+                    t->sent.push_back({s.id, t->now, s.measurement_id, {frame, frame + length}});
+                    return t->send_result;
+                }};
+    }
+
+    engine e;
+    int64_t now = 0;
+    int64_t real_step = 0; // by which the real-time clock was set
+    int send_result = 0;
+    std::vector<Sent> sent;
+
+private:
+    std::vector<std::unique_ptr<session>> sessions_;
+};
+
+TEST_F(Engine, WithoutSessionsNeverWantsToRun)
+{
+    EXPECT_EQ(engine_deadline(e), NEVER);
+    session *s = add();
+    EXPECT_LT(engine_deadline(e), NEVER);
+    engine_remove(e, s);
+    EXPECT_EQ(engine_deadline(e), NEVER);
+}
+
+TEST_F(Engine, SendsTheFirstRequestInTheNextSlotAndThenOncePerInterval)
+{
+    add(5);
+    pass(9 * MS);
+    EXPECT_TRUE(sent.empty());
+    pass(1 * MS);
+    ASSERT_EQ(sent.size(), 1u);
+    pass(5 * SECOND - 1);
+    EXPECT_EQ(sent.size(), 1u);
+    pass(1);
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[1].at - sent[0].at, 5 * SECOND);
+}
+
+TEST_F(Engine, RunsOnlyWhenSomethingIsDue)
+{
+    add(60);
+    pass(10 * MS);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(engine_deadline(e), 10 * MS + 60 * SECOND);
+}
+
+TEST_F(Engine, SpreadsSessionsOverTheSlotsOfASecond)
+{
+    for (int i = 0; i < 250; i++) {
+        add();
+    }
+    pass(SECOND);
+    std::map<int64_t, int> per_slot;
+    for (const Sent &s : sent) {
+        per_slot[s.at / SLOT_NS]++;
+    }
+    EXPECT_EQ(sent.size(), 250u);
+    EXPECT_EQ(per_slot.size(), 100u);
+    for (const auto &[slot, count] : per_slot) {
+        EXPECT_GE(count, 2);
+        EXPECT_LE(count, 3);
+    }
+}
+
+TEST_F(Engine, BuildsTheWholeFrame)
+{
+    const session *s = add();
+    pass(10 * MS);
+    ASSERT_EQ(sent.size(), 1u);
+    // 1,700,000,000 s and 10 ms; then the dummy bytes, with session and sequence in front.
+    std::vector<uint8_t> expected{0x02,
+                                  0,
+                                  0,
+                                  0,
+                                  0,
+                                  9,
+                                  0x02,
+                                  0,
+                                  0,
+                                  0,
+                                  0,
+                                  1,
+                                  0x81,
+                                  0x00,
+                                  0xE0,
+                                  0x64,
+                                  0xAE,
+                                  0xFE,
+                                  0x10,
+                                  5,
+                                  0,
+                                  46,
+                                  s->measurement_id,
+                                  0,
+                                  0,
+                                  0,
+                                  0x65,
+                                  0x53,
+                                  0xF1,
+                                  0x00,
+                                  0x00,
+                                  0x98,
+                                  0x96,
+                                  0x80,
+                                  0,
+                                  0,
+                                  0,
+                                  0,
+                                  0,
+                                  0,
+                                  0,
+                                  0,
+                                  0,
+                                  0,
+                                  0,
+                                  1,
+                                  0,
+                                  0,
+                                  0,
+                                  1};
+    expected.resize(68);
+    EXPECT_EQ(sent[0].frame, expected);
+}
+
+TEST_F(Engine, ReportsTheRoundTripByTheStampOfTheAnswerAndNotByWhenItWasRead)
+{
+    const session *s = add();
+    pass(10 * MS);
+    pass(900 * MS);
+    hand_in(answer_to(*s, 1234567));
+    EXPECT_EQ(reported, (std::vector<Reported>{{1, SUPERVISION_ANSWERED, 1234567}}));
+}
+
+TEST_F(Engine, TellsSecondsAndNanosecondsApart)
+{
+    const session *s = add(5);
+    pass(3 * SECOND);
+    hand_in(answer_to(*s, 2 * SECOND + 7));
+    EXPECT_EQ(reported, (std::vector<Reported>{{1, SUPERVISION_ANSWERED, 2 * SECOND + 7}}));
+}
+
+TEST_F(Engine, DeclaresARequestLostWhenTheNextIsDueAndNotBefore)
+{
+    add();
+    pass(10 * MS + SECOND - 1);
+    EXPECT_TRUE(reported.empty());
+    pass(1);
+    EXPECT_EQ(reported, (std::vector<Reported>{{1, SUPERVISION_LOST, -1}}));
+    EXPECT_EQ(sent.size(), 2u);
+}
+
+TEST_F(Engine, TakesAnAnswerUntilTheNextRequestIsDue)
+{
+    const session *s = add();
+    pass(10 * MS + SECOND - 1);
+    hand_in(answer_to(*s, SECOND - 1));
+    pass(1);
+    EXPECT_EQ(reported, (std::vector<Reported>{{1, SUPERVISION_ANSWERED, SECOND - 1}}));
+}
+
+TEST_F(Engine, IgnoresAnAnswerThatCameTooLateOrTwice)
+{
+    const session *s = add();
+    pass(10 * MS);
+    const answer first = answer_to(*s, 500);
+    pass(SECOND);
+    reported.clear();
+    hand_in(first); // to a request that was declared lost
+    EXPECT_TRUE(reported.empty());
+    hand_in(answer_to(*s, 500));
+    hand_in(answer_to(*s, 500));
+    EXPECT_EQ(reported.size(), 1u);
+    EXPECT_EQ(e.counters.stale, 2u);
+}
+
+TEST_F(Engine, MatchesByDomainInterfaceAddressesVlanAndId)
+{
+    const session *s = add();
+    pass(10 * MS);
+    const answer good = answer_to(*s, 500);
+    answer wrong[6] = {good, good, good, good, good, good};
+    wrong[0].key.domain++;
+    wrong[1].key.if_index++;
+    wrong[2].key.local.byte[5]++;
+    wrong[3].key.remote.byte[5]++;
+    wrong[4].key.vlan++;
+    wrong[5].measurement_id++;
+    for (const answer &a : wrong) {
+        hand_in(a);
+        EXPECT_TRUE(reported.empty());
+    }
+    hand_in(good);
+    EXPECT_EQ(reported.size(), 1u);
+}
+
+TEST_F(Engine, NeverGivesOneIdToTwoOutstandingRequestsBetweenTheSameAddresses)
+{
+    std::vector<const session *> twins;
+    for (int i = 0; i < 200; i++) {
+        twins.push_back(add());
+    }
+    pass(SECOND + 5 * MS);
+    ASSERT_EQ(sent.size(), 200u);
+    for (const session *s : twins) {
+        hand_in(answer_to(*s, s->id));
+    }
+    ASSERT_EQ(reported.size(), 200u);
+    for (const Reported &r : reported) {
+        EXPECT_EQ(r.rtt, r.session);
+    }
+}
+
+TEST_F(Engine, KeepAliveIsNeverReportedAsALinkIs)
+{
+    const session *s = add(1, SUPERVISION_TYPE_KEEP_ALIVE);
+    pass(20 * MS);
+    hand_in(answer_to(*s, 500));
+    pass(SECOND);
+    answer no_time = answer_to(*s, 500);
+    no_time.time_valid = false;
+    hand_in(no_time);
+    pass(2 * SECOND);
+    EXPECT_EQ(reported,
+              (std::vector<Reported>{
+                  {1, SUPERVISION_KEEP_ALIVE_OK, 500}, {1, SUPERVISION_KEEP_ALIVE_OK, -1}, {1, SUPERVISION_LOST, -1}}));
+}
+
+class UnusableTime : public Engine
+{
+protected:
+    void expect_no_time(const session &s, const answer &a)
+    {
+        hand_in(a);
+        EXPECT_EQ(reported, (std::vector<Reported>{{s.id, SUPERVISION_ANSWERED_NO_TIME, -1}}));
+    }
+};
+
+TEST_F(UnusableTime, WhenTheFarEndSaysSo)
+{
+    const session *s = add();
+    pass(20 * MS);
+    answer a = answer_to(*s, 500);
+    a.time_valid = false;
+    expect_no_time(*s, a);
+}
+
+TEST_F(UnusableTime, WhenTheAnswerWasReceivedBeforeTheRequestWasSent)
+{
+    const session *s = add();
+    pass(20 * MS);
+    expect_no_time(*s, answer_to(*s, -1));
+}
+
+TEST_F(UnusableTime, WhenTheKernelGaveNoStamp)
+{
+    const session *s = add();
+    pass(20 * MS);
+    answer a = answer_to(*s, 500);
+    a.received = 0;
+    expect_no_time(*s, a);
+}
+
+TEST_F(UnusableTime, WhenTheClockWasSetInBetweenForwardsOrBack)
+{
+    for (const int64_t step : {5 * MS, -5 * MS}) {
+        reported.clear();
+        real_step = 0;
+        const session *s = add();
+        pass(20 * MS);
+        real_step = step;
+        answer a = answer_to(*s, 6 * MS);
+        expect_no_time(*s, a);
+        pass(SECOND);
+        real_step = 0;
+    }
+}
+
+TEST_F(Engine, CountsARequestThatCouldNotBeSentAsLostWhenItsTimeHasCome)
+{
+    add();
+    send_result = ENETDOWN;
+    pass(SECOND);
+    EXPECT_TRUE(reported.empty());
+    pass(10 * MS);
+    EXPECT_EQ(reported, (std::vector<Reported>{{1, SUPERVISION_LOST, -1}}));
+    EXPECT_EQ(e.counters.not_sent, 2u);
+    EXPECT_EQ(e.counters.sent, 0u);
+}
+
+TEST_F(Engine, GivesAnUnansweredRequestOneMoreIntervalWhenItWasLateItself)
+{
+    const session *s = add();
+    pass(10 * MS);
+    EXPECT_EQ(starve(SECOND + LATE_SLOTS * SLOT_NS), LATE_SLOTS);
+    EXPECT_TRUE(reported.empty());
+    EXPECT_EQ(sent.size(), 1u);
+    EXPECT_EQ(e.counters.extended, 1u);
+    hand_in(answer_to(*s, SECOND));
+    EXPECT_EQ(reported, (std::vector<Reported>{{1, SUPERVISION_ANSWERED, SECOND}}));
+}
+
+TEST_F(Engine, IsNotLateOneSlotBelowTheLimit)
+{
+    add();
+    pass(10 * MS);
+    EXPECT_EQ(starve(SECOND + (LATE_SLOTS - 1) * SLOT_NS), 0);
+    EXPECT_EQ(reported.size(), 1u);
+}
+
+TEST_F(Engine, ExtendsARequestOnlyOnceHoweverLateItStays)
+{
+    add();
+    pass(10 * MS);
+    starve(SECOND + 200 * MS);
+    EXPECT_TRUE(reported.empty());
+    starve(SECOND + 200 * MS);
+    EXPECT_EQ(reported, (std::vector<Reported>{{1, SUPERVISION_LOST, -1}}));
+    EXPECT_EQ(sent.size(), 2u);
+}
+
+TEST_F(Engine, LeavesHalfAnIntervalForTheAnswerToALateRequest)
+{
+    const session *s = add();
+    pass(10 * MS);
+    hand_in(answer_to(*s, 500));
+    starve(SECOND + 800 * MS); // 200 ms before its next turn
+    ASSERT_EQ(sent.size(), 2u);
+    pass(200 * MS);
+    EXPECT_EQ(sent.size(), 2u);
+    pass(SECOND);
+    EXPECT_EQ(sent.size(), 3u);
+    EXPECT_EQ((sent[2].at - sent[0].at) % SECOND, 0);
+}
+
+TEST_F(Engine, DoesNotMakeUpForTurnsItMissed)
+{
+    const session *s = add();
+    pass(10 * MS);
+    hand_in(answer_to(*s, 500));
+    starve(30 * SECOND);
+    EXPECT_EQ(sent.size(), 2u);
+}
+
+TEST_F(Engine, ReportsNothingOfASessionThatWasRemoved)
+{
+    session *s = add();
+    session *other = add();
+    pass(SECOND);
+    const answer late = answer_to(*s, 500);
+    engine_remove(e, s);
+    hand_in(late);
+    pass(3 * SECOND);
+    for (const Reported &r : reported) {
+        EXPECT_EQ(r.session, other->id);
+    }
+    EXPECT_GE(reported.size(), 2u);
+}
+
+TEST_F(Engine, FindsASessionUnderItsNewKey)
+{
+    session *s = add();
+    pass(10 * MS);
+    answer a = answer_to(*s, 500);
+    session_key moved = s->key;
+    moved.if_index = 77;
+    engine_rekey(e, s, moved);
+    hand_in(a);
+    EXPECT_TRUE(reported.empty());
+    a.key = moved;
+    hand_in(a);
+    EXPECT_EQ(reported.size(), 1u);
+}
+
+} // namespace

@@ -1,0 +1,217 @@
+// What the packet socket relies on in the kernel, and what the platform's design rests on. If one of these fails, a
+// kernel behaves differently and the library must be looked at.
+#include "ecpri.hpp"
+#include "network.hpp"
+#include "packet_socket.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace
+{
+
+using net::Inside;
+using net::NetworkTest;
+using net::run;
+using net::wait_for;
+using Bytes = std::vector<uint8_t>;
+
+constexpr packet::filter REQUESTS{ecpri::ACTION_REQUEST, {0xAEFE}, 1};
+
+class Kernel : public NetworkTest
+{
+protected:
+    void SetUp() override
+    {
+        NetworkTest::SetUp();
+        lay_cable();
+        near_ = packet::open_socket(REQUESTS);
+        const Inside far("far");
+        far_ = packet::open_socket(REQUESTS);
+        ASSERT_TRUE(near_ >= 0 && far_ >= 0 && packet::batch_init(&batch_, 64));
+    }
+
+    void TearDown() override
+    {
+        packet::batch_free(&batch_);
+        close(near_);
+        close(far_);
+        NetworkTest::TearDown();
+    }
+
+    static Bytes frame(bool tagged, uint16_t ether_type = 0xAEFE, size_t size = 64, uint8_t action = 0)
+    {
+        const ecpri::vlan_tag tag{to_be16(0x8100), to_be16(0xE064)};
+        ecpri::measurement m{};
+        m.destination = net::FAR_MAC;
+        m.source = net::NEAR_MAC;
+        m.ether_type = ether_type;
+        m.action = action;
+        Bytes bytes(size + (tagged ? 4 : 0));
+        ecpri::put_measurement(bytes.data(), m, size, tagged ? &tag : nullptr);
+        return bytes;
+    }
+
+    [[nodiscard]] int send(const Bytes &f) const
+    {
+        return packet::send_frame(near_, packet::interface_index(near_, "near0"), f.data(), f.size());
+    }
+
+    // The next frame at the far side; waits for it.
+    packet::received next()
+    {
+        pollfd p{far_, POLLIN, 0};
+        EXPECT_EQ(poll(&p, 1, 5000), 1);
+        EXPECT_EQ(packet::receive(far_, &batch_), 1u);
+        return batch_.frames[0];
+    }
+
+    int near_ = -1;
+    int far_ = -1;
+    packet::batch batch_{};
+};
+
+int64_t real_now()
+{
+    timespec t{};
+    clock_gettime(CLOCK_REALTIME, &t);
+    return static_cast<int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec;
+}
+
+TEST_F(Kernel, TakesTheTagOffAFrameAndTellsIt)
+{
+    ASSERT_EQ(send(frame(true)), 0);
+    const packet::received r = next();
+    EXPECT_TRUE(r.tagged);
+    EXPECT_EQ(r.tpid, 0x8100);
+    EXPECT_EQ(r.tci, 0xE064);
+    EXPECT_EQ(r.length, 64u);
+    EXPECT_EQ(Bytes(r.bytes + 12, r.bytes + 16), (Bytes{0xAE, 0xFE, 0x10, 0x05}));
+}
+
+TEST_F(Kernel, TellsAFrameWithoutTag)
+{
+    ASSERT_EQ(send(frame(false)), 0);
+    const packet::received r = next();
+    EXPECT_FALSE(r.tagged);
+    EXPECT_EQ(r.length, 64u);
+}
+
+// Once it has begun to: that takes a moment after the first socket on the machine has asked for stamps. Until then a
+// frame is stamped when it is read.
+TEST_F(Kernel, StampsAFrameWhenItArrivesAndNotWhenItIsRead)
+{
+    EXPECT_TRUE(wait_for([&] {
+        const int64_t before = real_now();
+        EXPECT_EQ(send(frame(true)), 0);
+        pollfd p{far_, POLLIN, 0};
+        EXPECT_EQ(poll(&p, 1, 5000), 1);
+        const int64_t arrived = real_now();
+        while (real_now() < arrived + 20'000'000) {
+        }
+        const packet::received r = next();
+        EXPECT_GE(r.stamp, before);
+        return r.stamp <= arrived;
+    }));
+}
+
+TEST_F(Kernel, LetsOnlyWantedMeasurementsThroughTheFilter)
+{
+    Bytes other_type = frame(true);
+    other_type[19] = 2;
+    Bytes other_revision = frame(true);
+    other_revision[18] = 0x20;
+    ASSERT_EQ(send(frame(true, 0x0806)), 0);
+    ASSERT_EQ(send(frame(true, 0xAEFE, 64, ecpri::ACTION_RESPONSE)), 0);
+    ASSERT_EQ(send(other_type), 0);
+    ASSERT_EQ(send(other_revision), 0);
+    ASSERT_EQ(send(frame(true, 0xAEFE, 100)), 0);
+    EXPECT_EQ(next().length, 100u);
+    EXPECT_EQ(packet::receive(far_, &batch_), 0u);
+}
+
+TEST_F(Kernel, FilterTakesAsManyEtherTypesAsItPromises)
+{
+    packet::filter many{ecpri::ACTION_REQUEST, {}, packet::MAX_ETHER_TYPES};
+    for (size_t i = 0; i < many.count; i++) {
+        many.ether_types[i] = static_cast<uint16_t>(0x9000 + i);
+    }
+    ASSERT_TRUE(packet::set_filter(far_, many));
+    for (size_t i = 0; i < many.count; i++) {
+        ASSERT_EQ(send(frame(true, many.ether_types[i], 64 + i)), 0);
+        EXPECT_EQ(next().length, 64 + i);
+    }
+    ASSERT_EQ(send(frame(true, 0x9010)), 0);
+    ASSERT_EQ(send(frame(true, 0x9000, 200)), 0);
+    EXPECT_EQ(next().length, 200u);
+}
+
+TEST_F(Kernel, DoesNotHandASocketItsOwnFrames)
+{
+    ASSERT_EQ(send(frame(true)), 0);
+    next();
+    EXPECT_EQ(packet::receive(near_, &batch_), 0u);
+}
+
+TEST_F(Kernel, TellsTheLengthOfAFrameThatIsLongerThanWhatIsKept)
+{
+    ASSERT_EQ(send(frame(true, 0xAEFE, 1500)), 0);
+    const packet::received r = next();
+    EXPECT_EQ(r.length, 1500u);
+    EXPECT_EQ(r.available, 64u);
+}
+
+TEST_F(Kernel, TakesATaggedFrameOfTheWholeMtu)
+{
+    EXPECT_EQ(send(frame(true, 0xAEFE, 1514)), 0);
+    EXPECT_EQ(next().length, 1514u);
+    EXPECT_EQ(send(frame(true, 0xAEFE, 1515)), EMSGSIZE);
+}
+
+TEST_F(Kernel, SaysNetworkDownWhileAnInterfaceIsDownAndSendsAgainAfterwards)
+{
+    run("ip link set near0 down");
+    EXPECT_EQ(send(frame(true)), ENETDOWN);
+    run("ip link set near0 up");
+    ASSERT_TRUE(wait_for([&] { return send(frame(true)) == 0; }));
+    EXPECT_EQ(next().length, 64u);
+}
+
+TEST_F(Kernel, SaysNoBufferSpaceWhenTheCableIsOut)
+{
+    run("ip -n far link set far0 down");
+    EXPECT_TRUE(wait_for([&] { return send(frame(true)) == ENOBUFS; }));
+}
+
+TEST_F(Kernel, SaysNoSuchDeviceForTheIndexOfADeletedInterfaceAndGivesItsNameAnother)
+{
+    const int old_index = packet::interface_index(near_, "near0");
+    run("ip link del near0");
+    const Bytes f = frame(true);
+    EXPECT_EQ(packet::send_frame(near_, old_index, f.data(), f.size()), ENXIO);
+    EXPECT_EQ(packet::interface_index(near_, "near0"), 0);
+    run("ip link add near0 type veth peer name far0 netns far");
+    EXPECT_NE(packet::interface_index(near_, "near0"), old_index);
+    EXPECT_NE(packet::interface_index(near_, "near0"), 0);
+}
+
+TEST_F(Kernel, AnswersQuestionsForTheNamespaceOfTheSocketFromAnyOther)
+{
+    EXPECT_EQ(packet::interface_index(far_, "near0"), 0);
+    const int index = packet::interface_index(far_, "far0");
+    EXPECT_NE(index, 0);
+    char name[16];
+    ASSERT_TRUE(packet::interface_name(far_, index, name));
+    EXPECT_STREQ(name, "far0");
+    mac_address mac{};
+    ASSERT_TRUE(packet::interface_mac(far_, "far0", &mac));
+    EXPECT_TRUE(mac_equal(mac, net::FAR_MAC));
+    EXPECT_EQ(packet::interface_mtu(far_, "far0"), 1500);
+    EXPECT_EQ(packet::interface_vlan(far_, "far0"), -1);
+}
+
+} // namespace
