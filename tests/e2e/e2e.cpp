@@ -14,7 +14,7 @@ void EndToEnd::SetUp()
     std::string name = std::string(test->test_suite_name()) + "." + test->name();
     std::replace(name.begin(), name.end(), '/', '-');
     d.stage = stage_make("");
-    d.stage.log_dir = d.stage.bin_dir + "/../logs/" + name;
+    d.stage.log_dir = std::filesystem::path(d.stage.bin_dir).parent_path() / "logs" / name;
 }
 
 void EndToEnd::start() { demo_start(d); }

@@ -1,9 +1,34 @@
 // Links on real frames, seen by one client and by two.
-#include <csignal>
+#include <gmock/gmock.h>
+
+#include <sstream>
 
 #include "e2e.hpp"
 
 using namespace std::chrono_literals;
+
+namespace
+{
+
+// What the daemon traced of a supervision session, one letter per line: '0' to '3' a result, 'd' and 'e' the link
+// disabled and enabled for it. Level 13 has to be on.
+std::string supervision_story(const std::string &log, const std::string &session)
+{
+    std::string story;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("Received supervision ind with session id: " + session + ",rtt_sec") != std::string::npos) {
+            story += line.back();
+        } else if (line.find("Max pings lost") != std::string::npos) {
+            story += 'd';
+        } else if (line.find("to: enabled") != std::string::npos) {
+            story += 'e';
+        }
+    }
+    return story;
+}
+
+} // namespace
 
 TEST_F(EndToEnd, ALinkComesUpOnRealFrames)
 {
@@ -23,15 +48,21 @@ TEST_F(EndToEnd, ALinkOnATransportPortComesUpToo)
     EXPECT_GE(demo_far_end_counts(link).answered, 1u);
 }
 
-TEST_F(EndToEnd, ACutFarEndDisablesTheLinkAndAMendedOneEnablesItAgain)
+TEST_F(EndToEnd, SixResultsInARowWithoutAnAnswerDisableALinkAndTheFirstAnswerEnablesIt)
 {
     start();
-    demo_link &link = demo_create(d, demo_first_wish(d));
+    command_must({d.stage.bin_dir + "/kap-trace", "set", "kap_vorn_manager", "+13"});
+    iemli_link_wish wish = demo_first_wish(d);
+    wish.app_links.clear();
+    demo_link &link = demo_create(d, wish);
     demo_wait_status(d, link.link_ref, IML_LINK_ENABLED, 0, 5s);
     demo_set_far_end(d, false);
     demo_wait_status(d, link.link_ref, IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY, 10s);
     demo_set_far_end(d, true);
     demo_wait_status(d, link.link_ref, IML_LINK_ENABLED, 0, 5s);
+    std::string story = supervision_story(read_log(DAEMON), "1");
+    // The ping that was on its way when the far end was mended may be lost too.
+    EXPECT_THAT(story, testing::MatchesRegex("0e0*333333d3*0e")) << story;
 }
 
 TEST_F(EndToEnd, TheDeathOfAClientDeletesItsLinks)

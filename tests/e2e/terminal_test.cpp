@@ -1,6 +1,8 @@
 // The live table on a terminal: what it shows, its keys, and that the terminal is as before when it is gone.
 #include <csignal>
 #include <cstring>
+#include <iterator>
+#include <sstream>
 
 #include <poll.h>
 #include <pty.h>
@@ -76,6 +78,24 @@ protected:
         expect_terminal_as_before();
     }
 
+    static std::vector<pid_t> children_of(pid_t parent)
+    {
+        std::istringstream listed(command_run({"pgrep", "-P", std::to_string(parent)}).output);
+        return {std::istream_iterator<pid_t>(listed), std::istream_iterator<pid_t>()};
+    }
+
+    // The innermost process draws; its parent is the first of its sandbox, whose parent is the one that was called.
+    pid_t innermost() const { return children_of(children_of(pid).at(0)).at(0); }
+
+    static void expect_gone(pid_t process)
+    {
+        auto deadline = std::chrono::steady_clock::now() + 5s;
+        while (kill(process, 0) == 0 && std::chrono::steady_clock::now() < deadline) {
+            poll(nullptr, 0, 10);
+        }
+        EXPECT_NE(kill(process, 0), 0) << process;
+    }
+
     void expect_terminal_as_before()
     {
         termios after{};
@@ -113,14 +133,22 @@ TEST_F(LiveTable, EndsInOrderOnCtrlC)
 TEST_F(LiveTable, PutsTheTerminalBackWhenItIsKilledInside)
 {
     expect_shown("app links");
-    // The innermost process draws; its parent is the first of its sandbox, whose parent is the one that was called.
-    std::string first = command_must({"pgrep", "-P", std::to_string(pid)});
-    std::string innermost = command_must({"pgrep", "-P", std::to_string(std::stoi(first))});
-    ASSERT_EQ(kill(std::stoi(innermost), SIGKILL), 0);
+    ASSERT_EQ(kill(innermost(), SIGKILL), 0);
     int status = 0;
     expect_shown("\x1b[?1049l");
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     pid = -1;
     EXPECT_EQ(WEXITSTATUS(status), 128 + SIGKILL);
     expect_terminal_as_before();
+}
+
+TEST_F(LiveTable, LeavesNoProcessBehindWhenItIsKilledItself)
+{
+    expect_shown("app links");
+    std::vector<pid_t> inside = children_of(innermost());
+    EXPECT_EQ(inside.size(), 7u); // the registry, four services, the far end, the daemon
+    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    for (pid_t process : inside) {
+        expect_gone(process);
+    }
 }
