@@ -392,12 +392,15 @@ bool filter_lets_pass(domain *d, uint16_t ether_type)
 
 bool is_group(const uint8_t (&mac)[6]) { return (mac[0] & 1) != 0; }
 
+// What is smaller stands in a frame for its length.
+bool is_protocol(uint32_t ether_type) { return ether_type >= 0x0600; }
+
 bool params_are_valid(const supervision_params &p)
 {
     return p.if_name[0] != '\0' && memchr(p.if_name, '\0', sizeof p.if_name) != nullptr && p.interval >= 1 &&
            (p.sup_type == SUPERVISION_TYPE_LINK || p.sup_type == SUPERVISION_TYPE_KEEP_ALIVE) &&
-           p.frameSize >= ecpri::MIN_FRAME_SIZE && p.ether_type >= 0x0600 && !is_group(p.src_mac) &&
-           !is_group(p.dest_mac);
+           p.frameSize >= ecpri::MIN_FRAME_SIZE && is_protocol(p.ether_type) &&
+           (p.vlantag == 0 || is_protocol(p.vlantag >> 16)) && !is_group(p.src_mac) && !is_group(p.dest_mac);
 }
 
 void fill_entry(entry *x, const supervision_params &p, domain *home, supervision_callback_fn callback)

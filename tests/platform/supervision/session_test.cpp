@@ -365,6 +365,30 @@ TEST_F(Session, DropsExactlyTheNextRequestsItWasToldTo)
     EXPECT_EQ(far.counters()[0].dropped, 2u);
 }
 
+TEST_F(Session, LosesAboutAsManyRequestsByChanceAsItWasToldTo)
+{
+    lay_cable();
+    const FarEnd far({"far0"});
+    far.set({.loss_percent = 30});
+    for (uint32_t i = 0; i < 300; i++) {
+        supervision_params p = params();
+        p.interval = 60; // one request each
+        p.vlantag = 0x8100E000 | (i + 1);
+        start(p);
+    }
+    const auto total = [&](uint64_t far_end_counters::*counter) {
+        uint64_t sum = 0;
+        for (const far_end_counters &c : far.counters()) {
+            sum += c.*counter;
+        }
+        return sum;
+    };
+    ASSERT_TRUE(wait_for([&] { return total(&far_end_counters::requests) == 300; }));
+    EXPECT_GT(total(&far_end_counters::dropped), 60u);
+    EXPECT_LT(total(&far_end_counters::dropped), 120u);
+    EXPECT_EQ(total(&far_end_counters::dropped) + total(&far_end_counters::answered), 300u);
+}
+
 TEST_F(Session, StaysInTheNamespaceInWhichItWasStarted)
 {
     lay_cable();
@@ -467,6 +491,7 @@ TEST_F(Session, RefusesParametersThatMakeNoFrame)
     EXPECT_TRUE(refused([](supervision_params &p) { p.frameSize = 37; }));
     EXPECT_TRUE(refused([](supervision_params &p) { p.frameSize = 1515; }));
     EXPECT_TRUE(refused([](supervision_params &p) { p.ether_type = 46; }));
+    EXPECT_TRUE(refused([](supervision_params &p) { p.vlantag = 100; }));
     EXPECT_TRUE(refused([](supervision_params &p) { p.if_name[0] = '\0'; }));
     EXPECT_TRUE(refused([](supervision_params &p) { memset(p.if_name, 'x', sizeof p.if_name); }));
     EXPECT_TRUE(refused([](supervision_params &p) { p.src_mac[0] = 0x01; }));
