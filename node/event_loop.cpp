@@ -136,7 +136,7 @@ int event_loop::run(program &runs)
             handle(runs, itc_sender(message), {reinterpret_cast<const uint8_t *>(message), itc_size(message)});
             itc_free(&message);
         } else if (!deadline || now_ms() + 1 < *deadline) {
-            fprintf(stderr, "kap-node: the message registry is lost\n");
+            (void)fprintf(stderr, "kap-node: the message registry is lost\n");
             return 1;
         }
         on_timers(runs, now_ms());

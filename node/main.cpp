@@ -111,7 +111,7 @@ int run_ctl(const std::string &service_name, const arguments &words)
     }
     const json result = control_command(service_name, words);
     if (!result.is_null()) {
-        printf("%s\n", result.dump(2).c_str());
+        (void)printf("%s\n", result.dump(2).c_str());
     }
     itc_exit();
     return 0;
@@ -119,14 +119,14 @@ int run_ctl(const std::string &service_name, const arguments &words)
 
 int usage()
 {
-    fputs(USAGE, stderr);
+    (void)fputs(USAGE, stderr);
     return 2;
 }
 
 int run(const arguments &words)
 {
     if (words.size() == 1 && (words[0] == "--help" || words[0] == "-h")) {
-        fputs(USAGE, stdout);
+        (void)fputs(USAGE, stdout);
         return 0;
     }
     if (words.size() >= 3 && words[0] == "ctl") {
@@ -146,8 +146,8 @@ int main(int argc, char **argv)
     try {
         return run(words);
     } catch (const std::exception &problem) {
-        fprintf(stderr, "kap-node%s%s: %s\n", words.empty() ? "" : " ", words.empty() ? "" : words[0].c_str(),
-                problem.what());
+        (void)fprintf(stderr, "kap-node%s%s: %s\n", words.empty() ? "" : " ", words.empty() ? "" : words[0].c_str(),
+                      problem.what());
         return 1;
     }
 }
