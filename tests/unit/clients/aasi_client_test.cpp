@@ -293,6 +293,54 @@ TEST_F(AasiClient, RaisesDownOnceForTwoRemovalsInARowAndComesUpAgain)
     EXPECT_EQ(req.bytes, Bytes(Builder().u32(0x1A00440).hex("00000001 000001f4 00000001 00000001")));
 }
 
+TEST_F(AasiClient, KeepsTheConnectionRefOfAConfirmInTheWrongState)
+{
+    client_.enter(2);
+    EXPECT_TRUE(client_.receive(message(0x1A004C0, 3, 0x77).n32(1)));
+    EXPECT_EQ(aasi_client_state(), 3U);
+    aasi_send_path_info(1, 0, 0, 0, 1);
+    EXPECT_EQ(fake::take_sent().bytes,
+              Bytes(Builder().u32(0x1A00446).hex("00000002 00000077 00000001 00000000 00000000 00000000 00000001")));
+}
+
+TEST_F(AasiClient, TakesTheAnnouncedServerInEveryState)
+{
+    for (uint32_t state = 1; state < 4; ++state) {
+        client_.enter(state);
+        fake::name("aasi-server", SERVER + 1);
+        EXPECT_TRUE(client_.receive(added()));
+        EXPECT_EQ(aasi_client_state(), 3U);
+        aasi_send_path_info(1, 0, 0, 0, 1);
+        EXPECT_EQ(fake::take_sent().to, SERVER + 1);
+    }
+}
+
+TEST_F(AasiClient, GoesByTheLatestSubscription)
+{
+    client_.enter(2);
+    EXPECT_TRUE(client_.receive(subscribe_rsp(9)));
+    EXPECT_TRUE(client_.receive(removed(SID)));
+    EXPECT_EQ(aasi_client_state(), 2U);
+    EXPECT_TRUE(client_.receive(removed(9)));
+    EXPECT_EQ(aasi_client_state(), 0U);
+}
+
+// The manager may ask for the state, or send, out of its handler.
+TEST_F(AasiClient, IsFaultyWhenItSaysSoOnlyAfterAForeignSid)
+{
+    client_.enter(2);
+    EXPECT_TRUE(client_.receive(added(9)));
+    ASSERT_EQ(raised(), (std::vector<uint32_t>{AASI_SERVICE_FAULTY}));
+    EXPECT_EQ(events()[0].state, 3U);
+    for (const Bytes &fault : {added(), conn_cfm(), Bytes(message(0x1A004C1).n32(0))}) {
+        client_.enter(2);
+        EXPECT_TRUE(client_.receive(fault));
+        ASSERT_EQ(raised(), (std::vector<uint32_t>{AASI_SERVICE_FAULTY}));
+        EXPECT_EQ(events()[0].state, 2U);
+        EXPECT_EQ(aasi_client_state(), 3U);
+    }
+}
+
 TEST_F(AasiClient, UnsubscribesAtAReject)
 {
     client_.enter(1);
@@ -327,7 +375,21 @@ TEST_F(AasiClient, StartsAnewWhenInitialisedInAnyOtherState)
         EXPECT_EQ(fake::calls(), (std::vector<std::string>{"ns_subscribe(automationagentsi,tn,65537,)"}));
         EXPECT_TRUE(client_.receive(added()));
         EXPECT_EQ(fake::take_sent().bytes, Bytes(Builder().u32(0x1A00440).hex("00000001 000001f4 00000001 00000001")));
+        EXPECT_TRUE(events().empty());
     }
+}
+
+TEST_F(AasiClient, ForgetsAtInitItsServerAndWhatItRaisedLast)
+{
+    client_.enter(3);
+    aasi_client_init(record_event);
+    aasi_send_path_info(1, 0, 0, 0, 1);
+    const fake::Sent ind = fake::take_sent();
+    EXPECT_EQ(ind.to, ITC_NO_MBOX);
+    EXPECT_EQ(ind.bytes,
+              Bytes(Builder().u32(0x1A00446).hex("00000001 00000000 00000001 00000000 00000000 00000000 00000001")));
+    EXPECT_TRUE(client_.receive(added(9)));
+    EXPECT_EQ(raised(), (std::vector<uint32_t>{AASI_SERVICE_FAULTY}));
 }
 
 TEST_F(AasiClient, SendsAPathWithTheLinksDataAndAppLinks)
@@ -385,6 +447,20 @@ TEST_F(AasiClient, SendsADelete)
                                  "link_ref=7, port_name=IDL_A1, vlan_id=100"));
 }
 
+TEST_F(AasiClient, ReadsAPortNameNoFurtherThanItsField)
+{
+    client_.enter(2);
+    const iml_link *link = add_link(1);
+    memset(link->link_data->imlPortName, 'p', sizeof link->link_data->imlPortName);
+    const Bytes name = Builder().text(std::string(17, 'p'), 32);
+    aasi_send_path_update(link);
+    const Bytes update = fake::take_sent().bytes;
+    EXPECT_EQ(Bytes(update.begin() + 20, update.begin() + 52), name);
+    aasi_send_path_delete(link->link_data, 7);
+    const Bytes remove = fake::take_sent().bytes;
+    EXPECT_EQ(Bytes(remove.begin() + 16, remove.begin() + 48), name);
+}
+
 TEST_F(AasiClient, SendsPathInfo)
 {
     client_.enter(2);
@@ -412,6 +488,20 @@ TEST_F(AasiClient, SendsEveryPathOnceWhenAConfigUpdateNamesThem)
     EXPECT_TRUE(client_.receive(config_update({5, 2})));
     EXPECT_TRUE(client_.receive(config_update({})));
     EXPECT_TRUE(fake::sent().empty());
+}
+
+TEST_F(AasiClient, SendsPathsInTheOrderOfTheirLinkRefs)
+{
+    client_.enter(2);
+    iml_link *first = add_link(0);
+    add_link(1);
+    iml_link_remove(first);
+    iml_link_free(first);
+    add_link(2); // takes the reference 1 again
+    EXPECT_TRUE(client_.receive(config_update({1})));
+    ASSERT_EQ(fake::sent().size(), 2U);
+    EXPECT_EQ(fake::take_sent().bytes.size(), 72U + 2 * 12);
+    EXPECT_EQ(fake::take_sent().bytes.size(), 72U + 12);
 }
 
 TEST_F(AasiClient, DeclinesRequestsAndNumbersThatAreNotItsOwn)

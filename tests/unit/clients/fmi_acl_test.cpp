@@ -214,6 +214,18 @@ TEST_F(FmiAcl, ReplacesAStaticRuleOfAnotherType)
     EXPECT_EQ(asked(), (AskedList{{APPEND_STATIC, 1}, {REMOVE_STATIC, 1001}, {APPEND_STATIC, 2}}));
 }
 
+TEST_F(FmiAcl, RemovesAStaticRuleBeforeItsSuccessorIsRefused)
+{
+    add_record();
+    EXPECT_TRUE(fmi_set_static_rule(PORT, 1));
+    fake::sent().clear();
+    server_.refused = {APPEND_STATIC};
+    EXPECT_FALSE(fmi_set_static_rule(PORT, 2));
+    server_.refused = {};
+    EXPECT_TRUE(fmi_set_static_rule(PORT, 2));
+    EXPECT_EQ(asked(), (AskedList{{REMOVE_STATIC, 1001}, {APPEND_STATIC, 2}, {APPEND_STATIC, 2}}));
+}
+
 TEST_F(FmiAcl, AsksAgainForAStaticRuleThatWasRefused)
 {
     add_record();
