@@ -234,6 +234,18 @@ TEST_F(EmiClient, ResetsAtAConnectionRejectButKeepsTheMonitor)
     EXPECT_EQ(events().size(), 1U);
 }
 
+TEST_F(EmiClient, RaisesAFaultBeforeItEntersFaultyButAfterACapabilityReject)
+{
+    client_.enter(3);
+    EXPECT_TRUE(client_.receive(message(0x1B0CE5)));
+    ASSERT_EQ(events().size(), 1U);
+    EXPECT_EQ(events()[0].state, 3U);
+    client_.enter(2);
+    EXPECT_TRUE(client_.receive(message(0x1B10C5).n32(1)));
+    ASSERT_EQ(events().size(), 1U);
+    EXPECT_EQ(events()[0].state, 4U);
+}
+
 TEST_F(EmiClient, SwallowsASecondFaultInARow)
 {
     client_.enter(3);

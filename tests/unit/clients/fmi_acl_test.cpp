@@ -263,6 +263,17 @@ TEST_F(FmiAcl, SendsADefaultActionOnceAndAgainWhenItChanges)
     EXPECT_EQ(asked(), (AskedList{{SET_DEFAULT_ACTION, 0}, {SET_DEFAULT_ACTION, 1}}));
 }
 
+TEST_F(FmiAcl, SendsEveryFirstDefaultActionOfARecordThatARuleMade)
+{
+    for (uint32_t action : {0U, 1U, 3U}) {
+        const std::string port = "DiPort_" + std::to_string(action);
+        EXPECT_TRUE(fmi_set_emca_acl_rule(port.c_str(), MACS, 1));
+        fake::sent().clear();
+        EXPECT_TRUE(fmi_set_default_action(port.c_str(), action));
+        EXPECT_EQ(asked(), (AskedList{{SET_DEFAULT_ACTION, action}}));
+    }
+}
+
 TEST_F(FmiAcl, FailsARefusedDefaultActionOnlyOnAPortWithoutARecord)
 {
     server_.refused = {SET_DEFAULT_ACTION};

@@ -149,6 +149,18 @@ TEST_F(FmiClient, DropsEveryMessageThatIsTooShort)
                   {"FMI_GET_CAPABILITIES_REJ", message(0x1B0F55).n32(1), 2}});
 }
 
+TEST_F(FmiClient, RaisesAFaultBeforeItEntersFaultyButAfterACapabilityReject)
+{
+    client_.enter(1);
+    EXPECT_TRUE(client_.receive(message(0x1B0F52).n32(1)));
+    ASSERT_EQ(events().size(), 1U);
+    EXPECT_EQ(events()[0].state, 1U);
+    client_.enter(2);
+    EXPECT_TRUE(client_.receive(message(0x1B0F55).n32(1)));
+    ASSERT_EQ(events().size(), 1U);
+    EXPECT_EQ(events()[0].state, 4U);
+}
+
 TEST_F(FmiClient, TracesWithEveryRejectItsErrorCode)
 {
     const char *texts[] = {"UNKNOWN_REJECT_REASON",        "FMI_ERROR_UNSUCCESSFUL",

@@ -265,6 +265,13 @@ TEST_F(FmiRequests, TakesAnAnswerWhoseLastStringIsCutOrMissing)
     EXPECT_TRUE(fmi_request_default_action(PORT, 1));
 }
 
+TEST_F(FmiRequests, TakesAnAnswerFromAnyMailbox)
+{
+    fake::on_send(nullptr);
+    fake::push(SERVER + 1, confirm(APPEND_STATIC, 5, 77));
+    EXPECT_EQ(fmi_append_static_rule(PORT, 1), 77U);
+}
+
 TEST_F(FmiRequests, LeavesEveryOtherMessageQueuedInItsOrder)
 {
     fake::on_send(nullptr);
