@@ -157,7 +157,7 @@ void client_raise_result(client_record *client, uint32_t code, const itc_msg *ms
     client->handler(&client->result);
 }
 
-void client_fail(client_record *client, uint32_t faulty_event, uint32_t faulty_state)
+void client_fail(client_record *client, uint32_t faulty_event, client_state faulty_state)
 {
     client_raise_service_event(client, faulty_event);
     client->state = faulty_state;
@@ -192,7 +192,7 @@ bool client_dispatch(const client_message *messages, size_t count, const char *(
     return true;
 }
 
-const char *client_state_text(const char *const *texts, size_t count, uint32_t state)
+const char *client_state_text(const char *const *texts, size_t count, client_state state)
 {
     return state < count ? texts[state] : "UNKNOWN_STATE";
 }

@@ -2,14 +2,17 @@
 // building and sending messages, raising events, and a dispatcher that measures a message before anybody reads it.
 //
 // It knows no protocol: numbers, layouts, trace texts and the order of a protocol's own steps belong to its module,
-// which owns its record. The state is written by the modules; only losing the server and failing are written here.
+// which owns its record. The state is written by the modules; only the way back to INIT and failing are written here.
 #pragma once
 
 #include "client_messages.hpp"
 
+// Where a client stands. Each names the values for itself; INIT is 0 in every one.
+using client_state = uint32_t;
+
 // Kept as a module's only instance; the initialisers are how the process starts.
 struct client_record {
-    uint32_t state = 0; // INIT is 0 in every client
+    client_state state = 0;
     uint32_t server_mbox = ITC_NO_MBOX;
     uint32_t own_mbox = ITC_NO_MBOX;
     uint32_t connection_ref = 0; // the server's
@@ -69,7 +72,7 @@ void client_raise_service_event(client_record *client, uint32_t event);
 // Never swallowed. `msg`: the answer whose procedure_ref the manager waits for.
 void client_raise_result(client_record *client, uint32_t code, const itc_msg *msg);
 // Raises the faulty event, then enters the faulty state.
-void client_fail(client_record *client, uint32_t faulty_event, uint32_t faulty_state);
+void client_fail(client_record *client, uint32_t faulty_event, client_state faulty_state);
 
 // ---- Dispatch ----
 
@@ -90,7 +93,7 @@ bool client_is_long_enough(const itc_msg *msg, uint64_t min_size, const char *na
 
 // ---- Texts ----
 
-const char *client_state_text(const char *const *texts, size_t count, uint32_t state);
+const char *client_state_text(const char *const *texts, size_t count, client_state state);
 
 // Copies at most `bound` characters of `text`, cut to the field, always terminated.
 void client_copy_text(char *field, size_t size, const char *text, size_t bound);
