@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "app_link_index.hpp"
 #include "manager/port_mapping.hpp"
 #include "vorn_trace.hpp"
 
@@ -14,11 +15,6 @@ constexpr uint8_t MAX_MP_ID = 63;
 constexpr uint16_t MAX_VLAN_ID = 4094;
 constexpr uint32_t RTT_PERIOD = 60; // seconds; a whole number of batches fits in
 constexpr const char *UNKNOWN_PORT = "INVALID_PORT";
-
-bool app_link_equal(const IemliAppLink &a, const IemliAppLink &b)
-{
-    return mac_equal(a.nearEndAppMac, b.nearEndAppMac) && mac_equal(a.farEndAppMac, b.farEndAppMac);
-}
 
 bool is_same_link(const IemliLinkData *a, const IemliLinkData *b)
 {
@@ -32,19 +28,18 @@ bool is_same_vlan_on_other_port(const IemliLinkData *a, const IemliLinkData *b)
     return a->vlanId == b->vlanId && !port_name_equal(a->imlPortName, b->imlPortName);
 }
 
-bool shares_far_end_app(const IemliLinkData *a, const IemliLinkData *b)
+// `requested`: the app links of the link that is asked for.
+bool shares_far_end_app(const app_link_index &requested, const IemliLinkData *existing)
 {
-    for (uint32_t i = 0; i < a->numberOfAppLinks; ++i) {
-        for (uint32_t j = 0; j < b->numberOfAppLinks; ++j) {
-            if (mac_equal(iemli_app_links(a)[i].farEndAppMac, iemli_app_links(b)[j].farEndAppMac)) {
-                return true;
-            }
+    for (uint32_t i = 0; i < existing->numberOfAppLinks; ++i) {
+        if (app_link_index_has_far_end(requested, iemli_app_links(existing)[i].farEndAppMac)) {
+            return true;
         }
     }
     return false;
 }
 
-uint32_t check_against_link(const IemliLinkData *link, const IemliLinkData *existing)
+uint32_t check_against_link(const IemliLinkData *link, const app_link_index &app_links, const IemliLinkData *existing)
 {
     if (is_same_link(link, existing)) {
         return IEMLI_REJ_LINK_ALREADY_CREATED;
@@ -52,7 +47,7 @@ uint32_t check_against_link(const IemliLinkData *link, const IemliLinkData *exis
     if (!is_same_vlan_on_other_port(link, existing)) {
         return IEMLI_NO_REJECT;
     }
-    if (shares_far_end_app(link, existing)) {
+    if (shares_far_end_app(app_links, existing)) {
         return IEMLI_REJ_APP_LINK_ALREADY_USED;
     }
     if (mac_equal(link->farEndCpmMac, existing->farEndCpmMac)) {
@@ -61,10 +56,10 @@ uint32_t check_against_link(const IemliLinkData *link, const IemliLinkData *exis
     return IEMLI_NO_REJECT;
 }
 
-uint32_t check_against_links(const IemliLinkData *link)
+uint32_t check_against_links(const IemliLinkData *link, const app_link_index &app_links)
 {
     for (const iml_link *existing = iml_link_first(); existing != nullptr; existing = existing->next) {
-        const uint32_t reason = check_against_link(link, existing->link_data);
+        const uint32_t reason = check_against_link(link, app_links, existing->link_data);
         if (reason != IEMLI_NO_REJECT) {
             return reason;
         }
@@ -72,31 +67,30 @@ uint32_t check_against_links(const IemliLinkData *link)
     return IEMLI_NO_REJECT;
 }
 
-bool occurs_in(const IemliAppLink &app_link, const IemliAppLink *app_links, uint32_t count)
+uint32_t check_app_link(const mac_address &far_end_cpm, const IemliAppLink &app_link)
 {
-    for (uint32_t i = 0; i < count; ++i) {
-        if (app_link_equal(app_link, app_links[i])) {
-            return true;
-        }
+    if (mac_equal(app_link.farEndAppMac, far_end_cpm) || mac_equal(app_link.nearEndAppMac, far_end_cpm)) {
+        return IEMLI_REJ_SAME_CPM_APP_MAC;
     }
-    return false;
-}
-
-uint32_t check_app_links(const mac_address &far_end_cpm, const IemliAppLink *app_links, uint32_t count)
-{
-    for (uint32_t i = 0; i < count; ++i) {
-        const IemliAppLink &app_link = app_links[i];
-        if (mac_equal(app_link.farEndAppMac, far_end_cpm) || mac_equal(app_link.nearEndAppMac, far_end_cpm)) {
-            return IEMLI_REJ_SAME_CPM_APP_MAC;
-        }
-        if (mac_equal(app_link.nearEndAppMac, app_link.farEndAppMac)) {
-            return IEMLI_REJ_SAME_SRC_DST_APP_MAC;
-        }
-        if (occurs_in(app_link, app_links + i + 1, count - i - 1)) {
-            return IEMLI_REJ_DUPLICATE_APP_LINKS;
-        }
+    if (mac_equal(app_link.nearEndAppMac, app_link.farEndAppMac)) {
+        return IEMLI_REJ_SAME_SRC_DST_APP_MAC;
     }
     return IEMLI_NO_REJECT;
+}
+
+// App links are checked in order, each for its own MACs and then for whether it occurs again further on. So the first
+// one with wrong MACs decides, unless one before it is repeated.
+uint32_t check_app_links(const mac_address &far_end_cpm, const app_link_index &app_links)
+{
+    uint32_t reason = IEMLI_NO_REJECT;
+    uint32_t sound = 0;
+    for (; sound < app_links.count; ++sound) {
+        reason = check_app_link(far_end_cpm, app_links.app_links[sound]);
+        if (reason != IEMLI_NO_REJECT) {
+            break;
+        }
+    }
+    return app_link_index_repeats(app_links, sound) ? IEMLI_REJ_DUPLICATE_APP_LINKS : reason;
 }
 
 bool is_known_port(const IemliLinkData *link)
@@ -104,25 +98,42 @@ bool is_known_port(const IemliLinkData *link)
     return strcmp(iemli_to_iepcsi_port_name(iemli_port_name_of(link).text), UNKNOWN_PORT) != 0;
 }
 
-// As many app links as now, and every one of now is among them, in whatever order.
-bool changes_nothing(const IemliLinkData *link, uint32_t count, const IemliAppLink *app_links)
+// What a create asks for, held against the links that exist, in itself and against the ports.
+uint32_t check_link(const IemliLinkData *link, const app_link_index &app_links)
 {
-    if (count != link->numberOfAppLinks) {
+    uint32_t reason = check_against_links(link, app_links);
+    if (reason != IEMLI_NO_REJECT) {
+        return reason;
+    }
+    reason = check_app_links(link->farEndCpmMac, app_links);
+    if (reason != IEMLI_NO_REJECT) {
+        return reason;
+    }
+    if (!is_known_port(link)) {
+        return IEMLI_REJ_UNKNOWN_PORT_NAME;
+    }
+    return IEMLI_NO_REJECT;
+}
+
+// As many app links as now, and every one of now is among them, in whatever order.
+bool changes_nothing(const IemliLinkData *link, const app_link_index &app_links)
+{
+    if (app_links.count != link->numberOfAppLinks) {
         return false;
     }
-    for (uint32_t i = 0; i < count; ++i) {
-        if (!occurs_in(iemli_app_links(link)[i], app_links, count)) {
+    for (uint32_t i = 0; i < link->numberOfAppLinks; ++i) {
+        if (!app_link_index_has(app_links, iemli_app_links(link)[i])) {
             return false;
         }
     }
     return true;
 }
 
-bool collides_with_other_link(uint32_t link_ref, const IemliLinkData *candidate)
+bool collides_with_other_link(uint32_t link_ref, const IemliLinkData *candidate, const app_link_index &app_links)
 {
     for (const iml_link *other = iml_link_first(); other != nullptr; other = other->next) {
         if (other->link_ref != link_ref && is_same_vlan_on_other_port(candidate, other->link_data) &&
-            shares_far_end_app(candidate, other->link_data)) {
+            shares_far_end_app(app_links, other->link_data)) {
             return true;
         }
     }
@@ -130,17 +141,29 @@ bool collides_with_other_link(uint32_t link_ref, const IemliLinkData *candidate)
 }
 
 // The link as it would be with the new app links, held against all others.
-uint32_t check_candidate(const iml_link *link, uint32_t count, const IemliAppLink *app_links)
+uint32_t check_candidate(const iml_link *link, const app_link_index &app_links)
 {
-    IemliLinkData *candidate = iml_link_data_copy(link->link_data, count);
+    IemliLinkData *candidate = iml_link_data_copy(link->link_data, app_links.count);
     if (candidate == nullptr) {
         VORN_TRACE(TRACE_ERROR, "Memory allocation failed");
         return IEMLI_REJ_OTHER_REASON;
     }
-    memcpy(iemli_app_links(candidate), app_links, count * sizeof(IemliAppLink));
-    const bool collides = collides_with_other_link(link->link_ref, candidate);
+    memcpy(iemli_app_links(candidate), app_links.app_links, app_links.count * sizeof(IemliAppLink));
+    const bool collides = collides_with_other_link(link->link_ref, candidate, app_links);
     free(candidate);
     return collides ? IEMLI_REJ_APP_LINK_ALREADY_USED : IEMLI_NO_REJECT;
+}
+
+uint32_t check_new_app_links(const iml_link *link, const app_link_index &app_links)
+{
+    if (changes_nothing(link->link_data, app_links)) {
+        return IEMLI_REJ_LINK_DATA_NO_CHANGE;
+    }
+    const uint32_t reason = check_app_links(link->link_data->farEndCpmMac, app_links);
+    if (reason != IEMLI_NO_REJECT) {
+        return reason;
+    }
+    return check_candidate(link, app_links);
 }
 
 bool rtt_settings_valid(const rtt_settings &settings)
@@ -184,30 +207,18 @@ uint32_t iemli_check_create(const IemliLinkData *link)
     if (check_mac(link->farEndCpmMac, &not_checked)) {
         return IEMLI_REJ_REMOTE_CPM_MAC_CONFLICT;
     }
-    uint32_t reason = check_against_links(link);
-    if (reason != IEMLI_NO_REJECT) {
-        return reason;
-    }
-    reason = check_app_links(link->farEndCpmMac, iemli_app_links(link), link->numberOfAppLinks);
-    if (reason != IEMLI_NO_REJECT) {
-        return reason;
-    }
-    if (!is_known_port(link)) {
-        return IEMLI_REJ_UNKNOWN_PORT_NAME;
-    }
-    return IEMLI_NO_REJECT;
+    app_link_index app_links = app_link_index_build(iemli_app_links(link), link->numberOfAppLinks);
+    const uint32_t reason = check_link(link, app_links);
+    app_link_index_free(&app_links);
+    return reason;
 }
 
 uint32_t iemli_check_update(const iml_link *link, uint32_t count, const IemliAppLink *app_links)
 {
-    if (changes_nothing(link->link_data, count, app_links)) {
-        return IEMLI_REJ_LINK_DATA_NO_CHANGE;
-    }
-    const uint32_t reason = check_app_links(link->link_data->farEndCpmMac, app_links, count);
-    if (reason != IEMLI_NO_REJECT) {
-        return reason;
-    }
-    return check_candidate(link, count, app_links);
+    app_link_index index = app_link_index_build(app_links, count);
+    const uint32_t reason = check_new_app_links(link, index);
+    app_link_index_free(&index);
+    return reason;
 }
 
 uint32_t iemli_check_enable_rtt(const iml_link *link, uint32_t server_conn_ref, const rtt_settings &settings)
