@@ -8,6 +8,7 @@
 
 #include "clients/fmi_client.hpp"
 #include "clients/iepcsi_client.hpp"
+#include "iemli/app_link_index.hpp"
 #include "link_table.hpp"
 #include "port_mapping.hpp"
 #include "vorn_trace.hpp"
@@ -86,18 +87,6 @@ bool set_port_rules(const char *fmi_name, uint32_t tn, const mac_address *emcas,
     return fmi_set_default_action(fmi_name, tn) && fmi_set_static_rule(fmi_name, tn) &&
            (emcas == nullptr || fmi_set_emca_acl_rule(fmi_name, emcas, emca_count)) && fmi_set_ptp_macs(fmi_name) &&
            fmi_set_lldp_macs(fmi_name);
-}
-
-bool has_app_link(const IemliLinkData *data, const IemliAppLink &app_link)
-{
-    for (uint32_t i = 0; i < data->numberOfAppLinks; ++i) {
-        const IemliAppLink &other = iemli_app_links(data)[i];
-        if (mac_equal(other.farEndAppMac, app_link.farEndAppMac) &&
-            mac_equal(other.nearEndAppMac, app_link.nearEndAppMac)) {
-            return true;
-        }
-    }
-    return false;
 }
 
 } // namespace
@@ -229,9 +218,10 @@ void build_new_app_link_acl_rules(const IemliLinkData *link, const IemliLinkData
     port_name_to_fmi_name(link->imlPortName, fmi_name, sizeof fmi_name);
     *out = nullptr;
     *count = 0;
+    app_link_index old_app_links = app_link_index_build(iemli_app_links(old_link), old_link->numberOfAppLinks);
     for (uint32_t i = 0; i < link->numberOfAppLinks; ++i) {
         const IemliAppLink &app_link = iemli_app_links(link)[i];
-        if (has_app_link(old_link, app_link)) {
+        if (app_link_index_has(old_app_links, app_link)) {
             continue;
         }
         void *grown = realloc(*out, (static_cast<size_t>(*count) + 2) * sizeof(EmiEndpoint));
@@ -240,10 +230,11 @@ void build_new_app_link_acl_rules(const IemliLinkData *link, const IemliLinkData
             free(*out);
             *out = nullptr;
             *count = 0;
-            return;
+            break;
         }
         *out = static_cast<EmiEndpoint *>(grown);
         fill_app_link_rules(*out + *count, fmi_name, app_link, link->vlanId);
         *count += 2;
     }
+    app_link_index_free(&old_app_links);
 }

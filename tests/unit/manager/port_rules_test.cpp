@@ -247,6 +247,45 @@ TEST_F(PortRules, TakeAnAppLinkAsNewWhenOneOfItsMacsDiffers)
     EXPECT_THAT(new_rules({.app_links = {APP_2, APP_1}}, {.app_links = {APP_1, APP_2}}), IsEmpty());
 }
 
+// 60 app links, of which every third is old, and 40 more old ones.
+TEST_F(PortRules, AreThoseOfTheNewAmongManyAppLinksWithAndWithoutMemoryToSortThem)
+{
+    std::vector<std::string> macs;
+    for (unsigned i = 0; i < 200; ++i) {
+        char text[18];
+        snprintf(text, sizeof text, "02:00:00:00:%02X:%02X", i % 2 == 0 ? 0x0A : 0x0B, (i / 2 * 37) % 100);
+        macs.emplace_back(text);
+    }
+    const auto app = [&macs](size_t i) { return daemon_test::AppLink{macs[2 * i].c_str(), macs[2 * i + 1].c_str()}; };
+    Link link;
+    Link old_link;
+    Builder expected;
+    for (size_t i = 0; i < 60; ++i) {
+        link.app_links.push_back(app(i));
+        if (i % 3 == 0) {
+            old_link.app_links.insert(old_link.app_links.begin(), app(i));
+            continue;
+        }
+        rule(expected, "DiPort_A1", app(i).far_end, 100, 1);
+        rule(expected, "", app(i).near_end, 100, 0);
+    }
+    for (size_t i = 60; i < 100; ++i) {
+        old_link.app_links.push_back(app(i));
+    }
+    EXPECT_EQ(fake::to_hex(new_rules(link, old_link)), fake::to_hex(expected));
+    EXPECT_TRUE(fake::traces().empty());
+    IemliLinkData *data = make_link_data(link);
+    IemliLinkData *old_data = make_link_data(old_link);
+    EmiEndpoint *rules = nullptr;
+    uint32_t count = 0;
+    fake::fail_allocation(1);
+    build_new_app_link_acl_rules(data, old_data, &rules, &count);
+    EXPECT_EQ(fake::to_hex(bytes_of(rules, count)), fake::to_hex(expected));
+    free(rules);
+    free(data);
+    free(old_data);
+}
+
 TEST_F(PortRules, AreNoneOfTheNewAppLinksWhenMemoryIsOut)
 {
     IemliLinkData *data = make_link_data({.app_links = {APP_1, APP_2}});
