@@ -315,6 +315,15 @@ TEST_F(AasiClient, TakesTheAnnouncedServerInEveryState)
     }
 }
 
+TEST_F(AasiClient, ComplainsOfItsStateBeforeOfAServerThatIsNotThere)
+{
+    client_.enter(2);
+    EXPECT_TRUE(client_.receive(service_ind(0x1900001, SID, "nowhere")));
+    EXPECT_TRUE(fake::traced(1, "NGNS_SERVICE_ADDED_IND received in wrong state, state_INITIATED"));
+    EXPECT_FALSE(fake::traced(1, "Automationagentsi server mbox is not found"));
+    EXPECT_EQ(aasi_client_state(), 3U);
+}
+
 TEST_F(AasiClient, GoesByTheLatestSubscription)
 {
     client_.enter(2);
