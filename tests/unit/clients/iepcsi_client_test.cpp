@@ -250,6 +250,7 @@ TEST_F(IepcsiClient, TracesTheSubscriptions)
 }
 
 eth_port seen_port;
+std::vector<std::string> seen_namespaces; // of the port, one per event
 
 void look_at_port(const client_event *event)
 {
@@ -257,6 +258,7 @@ void look_at_port(const client_event *event)
     if (event->type == IEPCSI_EVENT) {
         ASSERT_TRUE(iepcsi_fetch_port_data("IDLA1", &seen_port));
         events().back().state = seen_port.adm_state * 10 + seen_port.oper_state;
+        seen_namespaces.emplace_back(seen_port.name_space);
     }
 }
 
@@ -268,10 +270,12 @@ TEST_F(IepcsiClient, ReportsTheAdminStateFirstAndTheOperStateBeforeItIsStored)
     EXPECT_TRUE(client_.receive(message(0x1B1044).n32(1)));
     EXPECT_TRUE(client_.receive(ports({{"IDLA1", 2}})));
     Client::forget_records();
+    seen_namespaces.clear();
     EXPECT_TRUE(client_.receive(status("IDLA1", 1, 1, "nsA")));
     EXPECT_EQ(raised(), (std::vector<uint32_t>{203, 201}));
     EXPECT_EQ(events()[0].state, 10U) << "the new admin state, the old oper state";
     EXPECT_EQ(events()[1].state, 10U) << "still the old oper state";
+    EXPECT_EQ(seen_namespaces, (std::vector<std::string>{"", "nsA"})) << "stored between the two events";
     EXPECT_EQ(fake::traces(),
               (std::vector<fake::Trace>{
                   {17, "IEPCSI_ETH_PORT_STATUS_IND: connection_ref =85, procedure_ref=0x21, port_name=IDLA1, "
@@ -429,6 +433,19 @@ TEST_F(IepcsiClient, StartsAnewWhenInitialisedInAnyOtherState)
         EXPECT_EQ(iepcsi_get_port_list(), nullptr);
         deliver_next(iepcsi_client_dispatch);
     }
+}
+
+TEST_F(IepcsiClient, RaisesEventsOfTheSameTypesWhenItIsUpAgain)
+{
+    client_.enter(3);
+    EXPECT_TRUE(client_.receive(message(0x1B1042)));
+    Client::forget_records();
+    drive(3);
+    EXPECT_TRUE(client_.receive(status("IDLA1", 0, 1)));
+    EXPECT_TRUE(client_.receive(vlan("IDLA1", 7, 1)));
+    EXPECT_EQ(raised(), (std::vector<uint32_t>{IEPCSI_SERVICE_UP, 201, 205}));
+    EXPECT_EQ(events()[0].event.type, SERVICE_EVENT);
+    EXPECT_EQ(events()[1].event.type, IEPCSI_EVENT);
 }
 
 TEST_F(IepcsiClient, RaisesNoPortEventWithoutAHandlerANameOrAKnownId)

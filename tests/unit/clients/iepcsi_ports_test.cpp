@@ -79,6 +79,19 @@ TEST_F(IepcsiPorts, FindsAVlanOfAPort)
     EXPECT_EQ(vlan, nullptr);
 }
 
+TEST_F(IepcsiPorts, SharesItsLiveVlansWithAFetchedCopy)
+{
+    EXPECT_TRUE(client_.receive(ports({{"TNA", 2}})));
+    EXPECT_TRUE(iepcsi_add_port_vlan("TNA", "tn.1", "one", 1));
+    EXPECT_TRUE(iepcsi_add_port_vlan("TNA", "tn.2", "two", 2));
+    eth_port port;
+    ASSERT_TRUE(iepcsi_fetch_port_data("TNA", &port));
+    EXPECT_EQ(port.vlans, iepcsi_get_port_list()->vlans);
+    EXPECT_TRUE(iepcsi_remove_port_vlan("TNA", 1));
+    const port_vlan *vlan = nullptr;
+    EXPECT_FALSE(iepcsi_find_port_vlan(&port, 1, &vlan));
+}
+
 TEST_F(IepcsiPorts, StoresANamespaceOf20CharactersAsItsFirst15)
 {
     EXPECT_TRUE(client_.receive(ports({{"TNA", 2}})));

@@ -329,6 +329,34 @@ TEST_F(PmiClient, RaisesAFaultAfterADown)
     EXPECT_EQ(raised(), (std::vector<uint32_t>{PMI_SERVICE_DOWN, PMI_SERVICE_FAULTY}));
 }
 
+TEST_F(PmiClient, IsFaultyAfterASecondLocateAnswerAndAsksForNoSecondConnection)
+{
+    client_.enter(1);
+    EXPECT_TRUE(client_.receive(message(0x1B1001), SERVER + 1));
+    EXPECT_EQ(pmi_client_state(), 4U);
+    EXPECT_EQ(raised(), (std::vector<uint32_t>{PMI_SERVICE_FAULTY}));
+    EXPECT_TRUE(fake::sent().empty());
+    ASSERT_EQ(fake::monitors().size(), 1U);
+    EXPECT_EQ(fake::monitors()[0].mbox, SERVER) << "the first server stays the one that is watched";
+}
+
+TEST_F(PmiClient, IsFaultyAfterACapabilityRejectThatComesWhenItIsUp)
+{
+    client_.enter(3);
+    EXPECT_TRUE(client_.receive(message(0x1B1008).n32(1)));
+    EXPECT_EQ(pmi_client_state(), 4U);
+    EXPECT_EQ(raised(), (std::vector<uint32_t>{PMI_SERVICE_FAULTY}));
+}
+
+TEST_F(PmiClient, StillHearsOfItsServersDeathWhenFaulty)
+{
+    client_.enter(4);
+    fake::kill(SERVER);
+    EXPECT_EQ(deliver_next(pmi_client_dispatch), Bytes(Builder().u32(0x1B1002).n32(2).zeros(4)));
+    EXPECT_EQ(pmi_client_state(), 0U);
+    EXPECT_EQ(raised(), (std::vector<uint32_t>{PMI_SERVICE_DOWN}));
+}
+
 TEST_F(PmiClient, DoesNotLookForItsServerAgain)
 {
     client_.enter(3);
