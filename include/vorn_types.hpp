@@ -29,9 +29,8 @@ struct mac_address {
 
 inline bool mac_equal(const mac_address &a, const mac_address &b) { return memcmp(a.byte, b.byte, sizeof a.byte) == 0; }
 
-// The text form of a MAC address, for format strings; the client of the port control server prints lower case.
+// The text form of a MAC address, for format strings.
 #define MAC_FMT "%02X:%02X:%02X:%02X:%02X:%02X"
-#define MAC_FMT_LOWER "%02x:%02x:%02x:%02x:%02x:%02x"
 #define MAC_ARGS(m) (m).byte[0], (m).byte[1], (m).byte[2], (m).byte[3], (m).byte[4], (m).byte[5]
 
 // Port names are significant over this many characters.
