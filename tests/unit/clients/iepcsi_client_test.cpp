@@ -448,6 +448,32 @@ TEST_F(IepcsiClient, RaisesEventsOfTheSameTypesWhenItIsUpAgain)
     EXPECT_EQ(events()[1].event.type, IEPCSI_EVENT);
 }
 
+TEST_F(IepcsiClient, ForgetsTheEventRaisedLastWhenItsServerIsGone)
+{
+    client_.enter(2);
+    EXPECT_TRUE(client_.receive(ports({{"fifteen_letters", 2}})));
+    EXPECT_TRUE(client_.receive(vlan("fifteen_letters", 7, 1)));
+    EXPECT_NE(events().back().event.word[5], 0U) << "a VLAN event's name reaches further than a port event's";
+    EXPECT_TRUE(client_.receive(message(0x1B1042)));
+    drive(3);
+    EXPECT_TRUE(client_.receive(status("IDLA1", 0, 1)));
+    EXPECT_EQ(events().back().event.word[5], 0U);
+}
+
+TEST_F(IepcsiClient, ReadsNoNameOfAnIndicationBehindItsField)
+{
+    const std::string name = "0123456789abcdef";
+    client_.enter(3);
+    EXPECT_TRUE(client_.receive(status(name, 1, 1, "X")));
+    EXPECT_TRUE(client_.receive(vlan(name, 7, 1, "X", "fedcba9876543210")));
+    EXPECT_TRUE(fake::traced(17, "IEPCSI_ETH_PORT_STATUS_IND: connection_ref =85, procedure_ref=0x21, port_name=" +
+                                     name + ", port_adm_state=1, port_oper_state=1, name_space=X"));
+    EXPECT_TRUE(fake::traced(17, "IEPCSI_PORT_VLAN_STATUS_IND: connection_ref=85, procedure_ref=0x21, vlan_id=7, "
+                                 "vlan_action=1, port_role=2, if_name=fedcba9876543210, port_name=" +
+                                     name + ", namespace=X"));
+    EXPECT_TRUE(events().empty());
+}
+
 TEST_F(IepcsiClient, RaisesNoPortEventWithoutAHandlerANameOrAKnownId)
 {
     iepcsi_raise_port_event(PORT_OPER_UP, "IDLA1");
