@@ -46,7 +46,7 @@ std::vector<std::string> lines(const std::string &drawn)
 
 TEST_F(Screen, ShowsEverythingThatIsKnownOfALink)
 {
-    EXPECT_THAT(draw(132, 40), HasSubstr("     1  IDL_A1   100  02:00:00:00:A1:FE         2  enabled"));
+    EXPECT_THAT(draw(132, 40), HasSubstr("    1  IDL_A1  100  02:00:00:00:A1:FE    2  enabled"));
     EXPECT_THAT(draw(132, 40), HasSubstr("      17"));
 }
 
@@ -55,6 +55,14 @@ TEST_F(Screen, SaysWhyALinkIsDisabled)
     d.links[0].status = IML_LINK_DISABLED;
     d.links[0].reason = IML_LINK_REASON_NO_CONNECTIVITY;
     EXPECT_THAT(draw(132, 40), HasSubstr("disabled with reason no connectivity"));
+}
+
+TEST_F(Screen, HasEveryColumnOnATerminalOfTheUsualWidth)
+{
+    d.links[0].status = IML_LINK_DISABLED;
+    d.links[0].reason = IML_LINK_REASON_NO_CONNECTIVITY;
+    EXPECT_THAT(draw(80, 24), HasSubstr("  no connectivity "));
+    EXPECT_THAT(draw(80, 24), HasSubstr("      17\x1b[K"));
 }
 
 TEST_F(Screen, ShowsTheStateOfPortsAndFarEnd)
@@ -71,7 +79,7 @@ TEST_F(Screen, CutsLinesAtItsWidthAndShowsNoMoreThanFit)
     auto drawn = lines(draw(40, 12));
     EXPECT_EQ(drawn.size(), 11u); // the last row stays free: a line feed there would scroll
     for (const std::string &line : drawn) {
-        EXPECT_LE(line.size(), 40u + std::string("\x1b[K\r").size()) << line;
+        EXPECT_LE(line.size(), 40u + std::string("\x1b[K").size()) << line;
     }
 }
 

@@ -112,6 +112,9 @@ void demo_start(demo &d)
     stage_wait(d.stage, "the daemon publishes its service", 15s,
                [&] { return iemli_client_wait_published(d.client, 10); });
     expect_confirmed(iemli_client_open(d.client), "the session");
+    while (auto event = iemli_client_next_event(d.client, 0)) {
+        take_event(d, *event);
+    }
 }
 
 iemli_link_wish demo_wish(const demo &d, const std::string &port, uint16_t vlan, unsigned app_links)

@@ -59,10 +59,7 @@ int main(int argc, char **argv)
         print_usage(o.help ? stdout : stderr);
         return o.help ? 0 : 2;
     }
-    bool table = !o.tour && terminal_there();
-    if (table) {
-        terminal_remember();
-    }
+    bool table = !o.tour && terminal_there() && terminal_remember();
     std::string error;
     if (!sandbox_enter(error, table ? terminal_restore : nullptr)) {
         fprintf(stderr, "kap-demo: %s\n", error.c_str());

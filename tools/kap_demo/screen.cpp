@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 namespace
@@ -62,25 +63,38 @@ void add_line(canvas &c, const std::string &line, const char *colour = nullptr)
     }
     std::string cut = line.substr(0, static_cast<size_t>(c.size.columns));
     bool coloured = colour != nullptr && c.colour;
-    c.text += (coloured ? colour + cut + PLAIN : cut) + "\x1b[K\r\n";
+    c.text += (coloured ? colour + cut + PLAIN : cut) + "\x1b[K\n";
     c.lines++;
+}
+
+// The whole text of a status needs a wide screen; on a narrow one the reason alone says enough.
+constexpr int WIDE_COLUMNS = 96;
+
+const char *status_text(const demo_link &link, bool wide)
+{
+    if (!link.told) {
+        return "created";
+    }
+    const char *whole = iemli_client_status_text(link.status, link.reason);
+    const char *reason = strstr(whole, "reason ");
+    return wide || reason == nullptr ? whole : reason + strlen("reason ");
 }
 
 void add_link(canvas &c, const demo_link &link, uint64_t answered)
 {
-    const char *status = link.told ? iemli_client_status_text(link.status, link.reason) : "created, nothing told yet";
+    bool wide = c.size.columns >= WIDE_COLUMNS;
     add_line(c,
-             text("  %4u  %-7s %4u  %-17s %9zu  %-37s %-8s %8llu", link.link_ref, link.wish.port.c_str(),
-                  link.wish.vlan, mac_to_text(link.wish.far_cpm_mac).c_str(), link.wish.app_links.size(), status,
-                  clock_text(link.changed).c_str(), static_cast<unsigned long long>(answered)),
+             text(" %4u  %-6s %4u  %-17s %4zu  %-*s %-8s %8llu", link.link_ref, link.wish.port.c_str(), link.wish.vlan,
+                  mac_to_text(link.wish.far_cpm_mac).c_str(), link.wish.app_links.size(), wide ? 36 : 15,
+                  status_text(link, wide), clock_text(link.changed).c_str(), static_cast<unsigned long long>(answered)),
              link.status == IML_LINK_ENABLED ? GREEN : RED);
 }
 
 void add_links(canvas &c, const demo &d, const screen_view &view)
 {
     add_line(c,
-             text("  %4s  %-7s %4s  %-17s %9s  %-37s %-8s %8s", "link", "port", "VLAN", "far-end CPM MAC", "app links",
-                  "status", "since", "answered"),
+             text(" %4s  %-6s %4s  %-17s %4s  %-*s %-8s %8s", "link", "port", "VLAN", "far-end CPM MAC", "apps",
+                  c.size.columns >= WIDE_COLUMNS ? 36 : 15, "status", "since", "answered"),
              BOLD);
     for (size_t i = 0; i < d.links.size(); i++) {
         add_link(c, d.links[i], view.answered.at(i));

@@ -5,14 +5,18 @@
 
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <termios.h>
 #include <unistd.h>
 
 namespace
 {
 
-bool remembered = false;
 termios settings_before;
+
+// Whether the screen is taken over, known to every process that was forked since: whoever puts it back, it is put back
+// once. A second time would move the cursor up again.
+bool *taken = nullptr;
 
 void write_whole(const std::string &text)
 {
@@ -33,11 +37,17 @@ constexpr const char *OWN_SCREEN = "\x1b[?25h\x1b[?1049l";
 
 bool terminal_there() { return isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1; }
 
-void terminal_remember() { remembered = tcgetattr(STDIN_FILENO, &settings_before) == 0; }
+bool terminal_remember()
+{
+    void *shared = mmap(nullptr, sizeof(bool), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    taken = shared == MAP_FAILED ? nullptr : static_cast<bool *>(shared);
+    return taken != nullptr && tcgetattr(STDIN_FILENO, &settings_before) == 0;
+}
 
 void terminal_restore()
 {
-    if (remembered) {
+    if (taken != nullptr && *taken) {
+        *taken = false;
         write_whole(OWN_SCREEN);
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &settings_before);
     }
@@ -46,6 +56,7 @@ void terminal_restore()
 // Ctrl-C stays a signal. Ctrl-Z is switched off: it would leave a shell with this screen.
 void terminal_take()
 {
+    *taken = true;
     termios settings = settings_before;
     settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     settings.c_cc[VMIN] = 1;

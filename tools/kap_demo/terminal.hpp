@@ -11,8 +11,9 @@ struct terminal_size {
 
 bool terminal_there(); // standard input and output are one
 
-// Keeps the terminal's settings; terminal_restore, in this process or one that was forked from it, brings them back.
-void terminal_remember();
+// Keeps the terminal's settings; terminal_restore, in this process or one that was forked from it, brings them back
+// when the screen was taken. False: they cannot be kept.
+bool terminal_remember();
 void terminal_restore();
 
 // Takes the screen over.
