@@ -1,6 +1,7 @@
 // The live table on a terminal: what it shows, its keys, and that the terminal is as before when it is gone.
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
 #include <sstream>
 
@@ -34,7 +35,7 @@ protected:
         pid = forkpty(&master, nullptr, nullptr, &size);
         ASSERT_GE(pid, 0);
         if (pid == 0) {
-            std::string logs = bin + "/../logs/LiveTable." + name;
+            std::string logs = std::filesystem::path(bin).parent_path() / "logs" / ("LiveTable." + name);
             execl((bin + "/kap-demo").c_str(), "kap-demo", "--logs", logs.c_str(), nullptr);
             _exit(127);
         }
@@ -50,7 +51,7 @@ protected:
         close(master);
     }
 
-    // Reads what is drawn until a text has been shown that was not there before.
+    // Reads what is drawn until a text has been shown that was not there before; throws when it is not.
     void expect_shown(const std::string &text)
     {
         shown.clear();
@@ -60,7 +61,7 @@ protected:
             char buffer[4096];
             ssize_t got = poll(&readable, 1, 100) == 1 ? read(master, buffer, sizeof buffer) : 0;
             if (got < 0 || std::chrono::steady_clock::now() > deadline) {
-                FAIL() << "\"" << text << "\" is not shown, but: " << shown;
+                throw std::runtime_error("\"" + text + "\" is not shown, but: " + shown);
             }
             shown.append(buffer, static_cast<size_t>(got));
         }

@@ -84,13 +84,22 @@ bool try_enter_itc(const std::string &mbox_name)
     return true;
 }
 
+// Every program of the node takes commands, and ends in order, once its mailbox is there.
+void wait_node_is_there(stage &s)
+{
+    for (const auto &[name, child] : s.processes) {
+        std::string mailbox = kap_node::control_mailbox(name);
+        if (!mailbox.empty()) {
+            stage_wait(s, name + " is there", 15s, [&] { return itc_locate(mailbox.c_str()) != ITC_NO_MBOX; });
+        }
+    }
+}
+
 // A VLAN that no interface stands for: the port's own interface carries it, and whoever sends there tags.
-void add_tagged_vlans(stage &s)
+void add_tagged_vlans(const stage &s)
 {
     for (const stage_port &port : s.ports) {
         if (port.wire.vlan_device != 0 && !wires_kernel_has_vlan_devices()) {
-            stage_wait(s, "the port control server is there", 10s,
-                       [] { return itc_locate("iepcsi-server") != ITC_NO_MBOX; });
             stage_control("iepcsi", {"vlan-add", port.node_name, std::to_string(port.wire.vlan_device),
                                      port.wire.interface, NEAR_NAMESPACE});
         }
@@ -182,9 +191,10 @@ void stage_start(stage &s, const std::string &mbox_name)
     for (const char *service : NODE_SERVICES) {
         stage_start_process(s, service);
     }
-    add_tagged_vlans(s);
     stage_start_process(s, FAR_END);
     stage_start_process(s, DAEMON);
+    wait_node_is_there(s);
+    add_tagged_vlans(s);
 }
 
 void stage_check(stage &s)
