@@ -3,7 +3,9 @@
  *
  * A message is a block of memory whose first 32-bit word is its message number, in host byte order; the rest is the
  * business of the protocol it belongs to. A mailbox is named by a 32-bit id that is unique on the machine while it
- * lives. Every mailbox of a process belongs to the thread that created it; only that thread receives from it.
+ * lives. Every mailbox of a process belongs to the thread that created it; only that thread receives from it, and the
+ * mailboxes of a thread that ends are deleted. A thread with several mailboxes receives from all of them, in the order
+ * of arrival. A process does not fork after itc_init, except to execute another program.
  * itc_alloc and itc_send may be called from any thread, also from one that owns no mailbox.
  *
  * Ownership: itc_alloc and itc_receive give a message to the caller. itc_send, itc_locate_async and itc_monitor take
@@ -38,7 +40,7 @@ struct itc_msg {
 /*
  * Connects the process to the registry. `mailbox_count`: how many mailboxes the process will have at the most.
  * The other arguments are reserved and 0. Returns 0, or an errno value (ECONNREFUSED, ENOENT: no registry runs;
- * EACCES: its policy refuses this user; EALREADY: called twice).
+ * EACCES: its policy refuses this user; ETIMEDOUT: it does not answer within 2 s; EINVAL; EALREADY: called twice).
  */
 int itc_init(int mailbox_count, int alloc_scheme, const void *scheme_params, const char *name_space, uint32_t flags);
 
@@ -55,7 +57,10 @@ uint32_t itc_create_mailbox(const char *name, uint32_t flags);
 /* Deletes a mailbox and every message in it; whoever monitors it is told. Returns 0, or EINVAL for one not ours. */
 int itc_delete_mailbox(uint32_t mbox);
 
-/* Gives an own mailbox one more name. Returns 0, or an errno value (EEXIST, EACCES, EINVAL). */
+/*
+ * Gives an own mailbox one more name; again, if it has it already. Returns 0, or an errno value: EEXIST (another
+ * mailbox has it), EACCES, EINVAL.
+ */
 int itc_add_name(uint32_t mbox, const char *name);
 
 /* The calling thread's mailbox (the first it created), or ITC_NO_MBOX. */
@@ -81,7 +86,8 @@ uint32_t itc_sender(const struct itc_msg *msg);
 
 /*
  * Sends a message. Never blocks, never fails: what cannot go out now waits in an outbox that later ITC calls flush;
- * the outbox is bounded, and what the bound drops is counted and traced. `from`: an own mailbox or ITC_MY_MBOX.
+ * the outbox is bounded, and what the bound drops is counted and traced. `from`: an own mailbox or ITC_MY_MBOX; for a
+ * mailbox that is not ours, and from a thread that has none, the message arrives with the sender ITC_NO_MBOX.
  */
 void itc_send(struct itc_msg **msg, uint32_t to, uint32_t from);
 
@@ -95,7 +101,7 @@ void itc_send(struct itc_msg **msg, uint32_t to, uint32_t from);
  */
 struct itc_msg *itc_receive(const uint32_t *filter, uint32_t timeout_ms, uint32_t from);
 
-/* The mailbox of that name now, or ITC_NO_MBOX. */
+/* The mailbox of that name now, or ITC_NO_MBOX. Asks the registry, and waits for its answer for at most 2 s. */
 uint32_t itc_locate(const char *name);
 
 /* Delivers *msg once to the own mailbox `deliver_to`, now or as soon as a mailbox of that name exists. */

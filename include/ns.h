@@ -3,6 +3,9 @@
  *
  * A service has a name, a scope ("" = every scope), the mailbox that offers it and a path: the ITC name under which
  * itc_locate finds that mailbox ("" = the service's name). It is withdrawn by ns_unpublish or when its mailbox is gone.
+ * A name is published once per scope; publishing it again from the same mailbox changes nothing, or only the path.
+ * Whoever subscribes in a scope is told of the services of that scope and of those of every scope; whoever subscribes
+ * in the scope "" is told of all.
  *
  * A subscriber gets, as messages to its mailbox, first NS_SUBSCRIBE_RSP, then NS_SERVICE_ADDED_IND for every service
  * of that name that is there already or appears later, and NS_SERVICE_REMOVED_IND for every one that goes.
@@ -38,7 +41,10 @@ struct ns_service_ind {
     char path[];
 };
 
-/* Each returns 0, or an errno value: EEXIST (published already by another mailbox), ENOENT, EACCES, EINVAL. */
+/*
+ * Each returns 0, or an errno value: EEXIST (published already by another mailbox), ENOENT, EACCES, EINVAL, ENOTCONN
+ * (the registry is lost), ETIMEDOUT (it does not answer within 2 s). `mbox` is an own mailbox.
+ */
 int ns_publish(const char *name, const char *scope, uint32_t mbox, const char *path);
 int ns_unpublish(const char *name, const char *scope, uint32_t mbox, const char *path);
 int ns_subscribe(const char *name, const char *scope, uint32_t mbox);

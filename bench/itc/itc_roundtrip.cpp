@@ -292,12 +292,12 @@ void measure(int rounds, uint32_t to, int echo, int sink)
 
 int main(int argc, char **argv)
 {
-    const int rounds = argc > 1 ? atoi(argv[1]) : 5;
-    if (rounds < 1) {
-        fprintf(stderr, "usage: itc_roundtrip [rounds]\n");
+    const long rounds = argc > 1 ? strtol(argv[1], nullptr, 10) : 5;
+    if (rounds < 1 || rounds > 1000) {
+        (void)fprintf(stderr, "usage: itc_roundtrip [rounds]\n");
         return 2;
     }
-    signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN);
     start_registry();
     stay_on_one_core();
     start(itc_echo, 0);
@@ -312,7 +312,7 @@ int main(int argc, char **argv)
     }
     const uint32_t to = itc_sender(found);
     itc_free(&found);
-    measure(rounds, to, echo, sink);
+    measure(static_cast<int>(rounds), to, echo, sink);
     itc_statistics now{};
     itc_get_statistics(&now);
     if (now.dropped_full != 0) {

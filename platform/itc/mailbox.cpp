@@ -306,6 +306,8 @@ uint32_t itc_create_mailbox(const char *name, uint32_t flags)
         return error == 0 ? mbox : ITC_NO_MBOX;
     }
     forget_mailbox(mbox);
+    itc_wire::writer taken_back(itc_wire::delete_box, 0); // should the registry create it after we gave up waiting
+    registry_send(taken_back.u32(mbox));
     return ITC_NO_MBOX;
 }
 

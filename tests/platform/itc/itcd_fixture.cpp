@@ -57,7 +57,7 @@ bool Gate::wait() const
 
 Child::Child(const std::function<int()> &body)
 {
-    fflush(nullptr);
+    (void)fflush(nullptr);
     pid = fork();
     if (pid < 0) {
         end("fork");
@@ -65,7 +65,7 @@ Child::Child(const std::function<int()> &body)
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         const int status = body();
-        fflush(nullptr);
+        (void)fflush(nullptr);
         exit(status);
     }
 }
@@ -113,7 +113,7 @@ void ItcTest::TearDown()
 
 void ItcTest::start_registry(const std::vector<std::string> &arguments)
 {
-    ::remove(registry_log);
+    (void)::remove(registry_log);
     registry = fork();
     ASSERT_GE(registry, 0);
     if (registry == 0) {
@@ -157,7 +157,7 @@ uint32_t join(const char *name, int mailbox_count)
     const int error = itc_init(mailbox_count, 0, nullptr, nullptr, 0);
     const uint32_t mbox = error == 0 ? itc_create_mailbox(name, 0) : ITC_NO_MBOX;
     if (mbox == ITC_NO_MBOX) {
-        fprintf(stderr, "%s cannot join: %s\n", name, error != 0 ? strerror(error) : "no mailbox");
+        (void)fprintf(stderr, "%s cannot join: %s\n", name, error != 0 ? strerror(error) : "no mailbox");
         _exit(98);
     }
     return mbox;

@@ -621,7 +621,7 @@ TEST_F(ItcMailbox, WhatADeadPeerHadSentIsDeliveredBeforeItsDeath)
             for (uint32_t i = 0; i < 200; i++) {
                 send_number(to, PONG, i);
             }
-            raise(SIGKILL);
+            (void)raise(SIGKILL);
             return 1;
         });
         Child watcher([&] {

@@ -15,6 +15,7 @@
 #include <sched.h>
 #include <set>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -462,7 +463,8 @@ TEST_F(ItcSystem, ExitLeavesNoDescriptorOpen)
 TEST_F(ItcSystem, TheRegistryKeepsNoDescriptorOfChannelsAndOfProcessesThatAreGone)
 {
     start_registry();
-    Gate never;
+    uint32_t process = 0;
+    const int witness = raw_join(&process); // once it has served somebody, it has opened what it needs for itself
     const std::set<std::string> before = open_descriptors(registry);
     for (int i = 0; i < 5; i++) {
         Child a([] { return answer_once("peer"); });
@@ -477,6 +479,7 @@ TEST_F(ItcSystem, TheRegistryKeepsNoDescriptorOfChannelsAndOfProcessesThatAreGon
         EXPECT_EQ(b.finish(), 0);
     }
     EXPECT_TRUE(eventually([&] { return open_descriptors(registry) == before; }));
+    close(witness);
 }
 
 TEST_F(ItcSystem, NoSocketHasAnAbstractName)
@@ -932,6 +935,36 @@ TEST_F(ItcSystem, ANameThatIsAwaitedTwiceUnderOneTokenEndsTheConnection)
     write_all(fd, frame(AWAIT, 4, name));
     EXPECT_TRUE(ended(fd));
     close(fd);
+}
+
+TEST_F(ItcSystem, WhenItHasNoDescriptorLeftANewcomerIsTurnedAwayAndTheOthersAreServed)
+{
+    start_registry();
+    const uint32_t own = join("own");
+    const rlimit few{24, 24};
+    ASSERT_EQ(prlimit(registry, RLIMIT_NOFILE, &few, nullptr), 0);
+    std::vector<int> taken;
+    bool refused = false;
+    while (!refused && taken.size() < 40) {
+        const int fd = raw_connect();
+        ASSERT_GE(fd, 0);
+        write_all(fd, frame(HELLO, 0, words({1})));
+        taken.push_back(fd);
+        refused = read_frame(fd).empty();
+    }
+    EXPECT_TRUE(refused);
+    EXPECT_NE(registry_says().find("itcd: too many processes, one turned away\n"), std::string::npos);
+    EXPECT_EQ(itc_locate("own"), own);
+    for (const int fd : taken) {
+        close(fd);
+    }
+    EXPECT_TRUE(eventually([&] {
+        const int fd = raw_connect();
+        write_all(fd, frame(HELLO, 0, words({1})));
+        const bool welcome = !read_frame(fd).empty();
+        close(fd);
+        return welcome;
+    }));
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <unistd.h>
 
 using namespace itc_test;
 
@@ -292,6 +293,26 @@ TEST_F(NameService, ADeletedMailboxIsNoSubscriberAnyMore)
     ASSERT_EQ(itc_delete_mailbox(second), 0);
     ASSERT_EQ(ns_publish("service", "", own, ""), 0);
     EXPECT_EQ(next_now(), Bytes{});
+}
+
+class ReservedName : public ItcTest
+{
+};
+
+TEST_F(ReservedName, IsNotPublishedByAnotherUser)
+{
+    start_registry({"--allow-user", "nobody", "--reserve", "KAP_=root"});
+    Child guest([] {
+        if (setgid(65534) != 0 || setuid(65534) != 0) {
+            return 97;
+        }
+        const uint32_t own = join("guest");
+        const bool refused = ns_publish("KAP_IEMLI_SERVICE_NAME", "", own, "") == EACCES;
+        const bool allowed = ns_publish("other", "", own, "") == 0;
+        itc_exit();
+        return refused && allowed ? 0 : 1;
+    });
+    EXPECT_EQ(guest.finish(), 0);
 }
 
 } // namespace
