@@ -97,12 +97,13 @@ TEST_F(ManagerState, AsksForThePolicersOfEveryPortBeforeItPublishes)
                             "DiPort_B1=5000000", "DiPort_B1=1000000", "TNA=10000000", "TNA=5000000", "TNA=1000000"));
 }
 
-TEST_F(ManagerState, CutsTheNameOfAPolicersPortTo15Characters)
+TEST_F(ManagerState, AsksForThePolicersOfAnUnknownPortByItsFirst15Characters)
 {
-    ports = {{"UnknownPortName", "02:00:00:00:00:01", "eth0", "ns"}};
-    ports[0].name = "UnknownPortNam"; // 14 characters fit
-    start();
-    EXPECT_EQ(manager_state(), KAP_VORN_INITIATED);
+    ports = {{"0123456789abcdef", "02:00:00:00:00:01", "eth0", "ns"}};
+    start({"iepcsi-server", "pmi-server", "endpoint_mgr"});
+    start_server("flow-manager");
+    EXPECT_THAT(policers(),
+                ElementsAre("0123456789abcde=10000000", "0123456789abcde=5000000", "0123456789abcde=1000000"));
 }
 
 TEST_F(ManagerState, SetsTheDefaultActionsWhenTheSecondOfFmiAndIepcsiArrives)
