@@ -9,11 +9,6 @@ using namespace itc;
 namespace
 {
 
-bool name_is_good(const char *name)
-{
-    return name != nullptr && *name != 0 && strnlen(name, itc_wire::name_limit + 1) <= itc_wire::name_limit;
-}
-
 // Takes the message of that monitor out of whatever queue it was delivered to.
 void take_back(uint32_t monitor_id)
 {

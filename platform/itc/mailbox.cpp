@@ -103,11 +103,6 @@ uint32_t free_box()
     return box;
 }
 
-bool name_is_good(const char *name)
-{
-    return name != nullptr && *name != 0 && strnlen(name, itc_wire::name_limit + 1) <= itc_wire::name_limit;
-}
-
 uint32_t first_box_of(const thread *t)
 {
     for (uint32_t box = 0; box < itc_wire::box_limit; box++) {
@@ -193,6 +188,11 @@ uint32_t sender_for(uint32_t from)
 }
 
 } // namespace
+
+bool name_is_good(const char *name)
+{
+    return name != nullptr && *name != 0 && strnlen(name, itc_wire::name_limit + 1) <= itc_wire::name_limit;
+}
 
 thread *thread_current()
 {

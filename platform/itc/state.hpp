@@ -200,6 +200,7 @@ void flush_everything(hold &lock, clock::duration limit);
 
 // ---- mailbox.cpp: itc_init, itc_exit, threads and their mailboxes ---------------------------------------------------
 
+bool name_is_good(const char *name);      // 1 to 255 bytes
 thread *thread_current();                 // NULL if the calling thread owns no mailbox
 bool mbox_is_own(uint32_t mbox);          // a living mailbox of this process
 void mbox_deliver(block *b, uint32_t to); // to a mailbox of this process; counts and frees what nobody receives
