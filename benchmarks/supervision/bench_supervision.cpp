@@ -20,13 +20,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <queue>
 #include <string>
 #include <vector>
 
-#include "ecpri.hpp"
 #include "far_end.hpp"
-#include "packet_socket.hpp"
+#include "naive_peer/naive_peer.hpp"
 #include "supervision.h"
 
 namespace
@@ -35,11 +33,7 @@ namespace
 constexpr int64_t SECOND = 1'000'000'000;
 constexpr int WARM_UP_SECONDS = 2;
 
-struct figures {
-    uint64_t pings; // answered
-    uint64_t lost;
-    double cpu_us;
-};
+using figures = ping_figures;
 
 int64_t nanoseconds(clockid_t clock)
 {
@@ -66,15 +60,6 @@ void enter_far()
 }
 
 mac_address near_mac() { return {{0x02, 0, 0, 0, 0, 1}}; }
-
-// Each session has a far end of its own, and VLANs are shared by a few.
-mac_address far_mac(uint32_t session)
-{
-    return {{0x02, 1, 0, static_cast<uint8_t>(session >> 16), static_cast<uint8_t>(session >> 8),
-             static_cast<uint8_t>(session)}};
-}
-
-uint16_t vlan_of(uint32_t session) { return static_cast<uint16_t>(1 + session % 4000); }
 
 // ---- The far end ----
 
@@ -122,8 +107,8 @@ figures measure_library(uint32_t sessions, int seconds)
         p.sup_type = SUPERVISION_TYPE_LINK;
         p.frameSize = 64;
         memcpy(p.src_mac, near_mac().byte, sizeof p.src_mac);
-        memcpy(p.dest_mac, far_mac(i).byte, sizeof p.dest_mac);
-        p.vlantag = 0x8100E000u | vlan_of(i);
+        memcpy(p.dest_mac, naive_peer_far_mac(i).byte, sizeof p.dest_mac);
+        p.vlantag = 0x8100E000u | naive_peer_vlan(i);
         p.ether_type = 0xAEFE;
         uint32_t id = 0;
         must(start_supervision_session(&id, &p, count) == 0, "start_supervision_session");
@@ -137,76 +122,9 @@ figures measure_library(uint32_t sessions, int seconds)
     return {answered - answered_before, lost - lost_before, cpu / 1000};
 }
 
-// ---- The peer ----
-
-struct peer_session {
-    int64_t due;
-    uint32_t number;
-    bool operator<(const peer_session &other) const { return due > other.due; }
-};
-
-void send_peer_request(int fd, int if_index, uint32_t session, uint8_t id)
-{
-    const int64_t now = nanoseconds(CLOCK_REALTIME);
-    const ecpri::measurement m{.destination = far_mac(session),
-                               .source = near_mac(),
-                               .ether_type = 0xAEFE,
-                               .measurement_id = id,
-                               .action = ecpri::ACTION_REQUEST,
-                               .seconds = static_cast<uint64_t>(now / SECOND),
-                               .nanoseconds = static_cast<uint32_t>(now % SECOND)};
-    const ecpri::vlan_tag tag{to_be16(0x8100), to_be16(static_cast<uint16_t>(0xE000 | vlan_of(session)))};
-    uint8_t frame[68] = {};
-    ecpri::put_measurement(frame, m, 64, &tag);
-    packet::send_frame(fd, if_index, frame, sizeof frame);
-}
-
-figures measure_peer(uint32_t sessions, int seconds)
-{
-    const packet::filter answers{ecpri::ACTION_RESPONSE, {0xAEFE}, 1};
-    const int fd = packet::open_socket(answers);
-    must(fd >= 0, "packet socket");
-    const int if_index = packet::interface_index(fd, "near0");
-    packet::batch batch{};
-    must(packet::batch_init(&batch, 64), "memory");
-
-    const int64_t start = nanoseconds(CLOCK_MONOTONIC);
-    const int64_t begin = start + WARM_UP_SECONDS * SECOND;
-    const int64_t end = begin + seconds * SECOND;
-    std::priority_queue<peer_session> due;
-    for (uint32_t i = 0; i < sessions; i++) {
-        due.push({start + static_cast<int64_t>(i) * (SECOND / sessions), i});
-    }
-    figures f{};
-    int64_t cpu_before = -1;
-    uint64_t sent = 0;
-    for (int64_t now = start; now < end; now = nanoseconds(CLOCK_MONOTONIC)) {
-        if (cpu_before < 0 && now >= begin) {
-            cpu_before = nanoseconds(CLOCK_PROCESS_CPUTIME_ID);
-            f.pings = 0;
-            sent = 0;
-        }
-        f.pings += packet::receive(fd, &batch);
-        if (due.top().due <= now) {
-            peer_session next = due.top();
-            due.pop();
-            send_peer_request(fd, if_index, next.number, static_cast<uint8_t>(next.due / SECOND));
-            next.due += SECOND;
-            due.push(next);
-            sent++;
-            continue;
-        }
-        const int64_t left = due.top().due - now;
-        const timespec timeout{left / SECOND, left % SECOND};
-        pollfd p{fd, POLLIN, 0};
-        ppoll(&p, 1, &timeout, nullptr);
-    }
-    f.cpu_us = static_cast<double>(nanoseconds(CLOCK_PROCESS_CPUTIME_ID) - cpu_before) / 1000;
-    f.lost = sent > f.pings ? sent - f.pings : 0;
-    return f;
-}
-
 // ---- The comparison ----
+
+figures measure_peer(uint32_t sessions, int seconds) { return naive_peer_measure("near0", sessions, seconds); }
 
 figures in_process(figures (*measure)(uint32_t, int), uint32_t sessions, int seconds)
 {
