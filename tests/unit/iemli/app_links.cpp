@@ -252,7 +252,8 @@ TEST_F(IemliAppLinks, OfAnUpdateAreCheckedByTheDefinition)
         if (link == nullptr) {
             continue;
         }
-        const Apps apps = some_new_apps(link, max_count);
+        Apps apps = some_new_apps(link, max_count);
+        apps.reserve(1); // a request has an app link slot even without an app link
         const uint32_t expected = update_by_definition(link, apps);
         for (const bool scarce : {false, true}) {
             forget_memory(scarce, static_cast<uint32_t>(apps.size()));
