@@ -3,7 +3,6 @@
 #include "iemli_handlers.hpp"
 
 #include <cstdlib>
-#include <cstring>
 
 #include "iemli_checks.hpp"
 #include "iemli_server.hpp"
@@ -83,18 +82,6 @@ IemliPendingRequest *new_pending(const IemliSession *session, const itc_msg *msg
     return pending;
 }
 
-// The link as it is kept: its port name ends within its field, whatever the client sent.
-IemliLinkData *new_link_data(const IemliLinkData *requested)
-{
-    IemliLinkData *link = iml_link_data_copy(requested, requested->numberOfAppLinks);
-    if (link == nullptr) {
-        VORN_TRACE(TRACE_ERROR, "Memory allocation failed");
-        return nullptr;
-    }
-    link->imlPortName[PORT_NAME_LEN] = '\0';
-    return link;
-}
-
 } // namespace
 
 void iemli_trace_request(const IemliSession *session, const itc_msg *msg)
@@ -119,15 +106,12 @@ void handle_create_iml_link_req(IemliSession *session, const itc_msg *msg)
         return;
     }
     IemliPendingRequest *pending = new_pending(session, msg, 0, IEMLI_PENDING_CREATE);
-    IemliLinkData *link = pending != nullptr ? new_link_data(requested) : nullptr;
-    if (link == nullptr) {
-        free(pending);
+    if (pending == nullptr) {
         send_create_rej(client, IEMLI_REJ_OTHER_REASON);
         return;
     }
     session->busy = true;
-    iml_link_create(link, &pending);
-    free(link);
+    iml_link_create(requested, &pending); // as it came: the name of a known port ends within its field
 }
 
 void handle_update_iml_link_req(IemliSession *session, const itc_msg *msg)
