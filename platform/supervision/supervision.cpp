@@ -244,9 +244,16 @@ void tell_lateness(library &l, int64_t late_slots, int64_t now)
                             static_cast<unsigned long long>(l.e.counters.extended), drops));
 }
 
-void close_empty_domains(library &l)
+std::vector<int> take_sockets_of_empty_domains(library &l)
 {
-    std::erase_if(l.domains, [](const std::unique_ptr<domain> &d) { return d->sessions == 0 && close(d->fd) == 0; });
+    std::vector<int> sockets;
+    std::erase_if(l.domains, [&](const std::unique_ptr<domain> &d) {
+        if (d->sessions == 0) {
+            sockets.push_back(d->fd);
+        }
+        return d->sessions == 0;
+    });
+    return sockets;
 }
 
 // What to sleep on: new sessions always; answers only when the next turn is more than a slot away. Before that they
@@ -262,11 +269,11 @@ void choose_polled(library &l, int64_t now, int64_t deadline)
     }
 }
 
-// One turn; returns when the next is due at the latest.
-int64_t take_turn(library &l)
+// One turn; returns when the next is due at the latest. `unused` gets the sockets that nobody needs any more.
+int64_t take_turn(library &l, std::vector<int> *unused)
 {
     const guard g(l);
-    close_empty_domains(l);
+    *unused = take_sockets_of_empty_domains(l);
     for (const auto &d : l.domains) {
         drain(l, *d);
     }
@@ -302,7 +309,13 @@ void *run(void *)
         birth_netns = -1;
     }
     for (;;) {
-        sleep_until(l, take_turn(l));
+        std::vector<int> unused;
+        const int64_t deadline = take_turn(l, &unused);
+        // Closing a packet socket takes the kernel up to 15 ms: nobody who starts a session has to wait for that.
+        for (const int fd : unused) {
+            close(fd);
+        }
+        sleep_until(l, deadline);
     }
     return nullptr;
 }
