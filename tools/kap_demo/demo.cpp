@@ -101,6 +101,13 @@ void expect_confirmed(const iemli_answer &answer, const std::string &what)
     }
 }
 
+void expect_ended_well(const demo &d, const std::string &name, const std::string &status)
+{
+    if (status != "exit status 0") {
+        throw stage_failure(name + " ended with " + status + ", see " + d.stage.log_dir + "/" + name + ".log");
+    }
+}
+
 } // namespace
 
 void demo_start(demo &d)
@@ -218,18 +225,14 @@ far_end_counts demo_far_end_counts(const demo_link &link)
 void demo_stop_daemon(demo &d)
 {
     child_process daemon = stage_stop_process(d.stage, DAEMON, SIGTERM, 5s);
-    if (process_status_text(daemon) != "exit status 0") {
-        throw stage_failure("the daemon ended with " + process_status_text(daemon) + ", see " + daemon.log_path);
-    }
+    expect_ended_well(d, DAEMON, process_status_text(daemon));
 }
 
 void demo_stop_rest(demo &d)
 {
     iemli_client_stop(d.client);
     for (const auto &[name, status] : stage_stop(d.stage)) {
-        if (status != "exit status 0") {
-            throw stage_failure(name + " ended with " + status + ", see " + d.stage.log_dir);
-        }
+        expect_ended_well(d, name, status);
     }
     std::string left = stage_leftovers();
     if (!left.empty()) {
@@ -240,6 +243,6 @@ void demo_stop_rest(demo &d)
 std::string demo_seconds(std::chrono::milliseconds time)
 {
     char text[32];
-    snprintf(text, sizeof text, "%.2f s", static_cast<double>(time.count()) / 1000);
+    (void)snprintf(text, sizeof text, "%.2f s", static_cast<double>(time.count()) / 1000);
     return text;
 }

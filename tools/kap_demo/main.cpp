@@ -38,11 +38,11 @@ options read_options(int argc, char **argv)
 
 void print_usage(FILE *out)
 {
-    fputs("usage: kap-demo [--tour] [--logs DIR]\n"
-          "  without --tour, on a terminal: a live table until q or Ctrl-C\n"
-          "  --tour       the tour: every step checked, exit status 0 only if every step held\n"
-          "  --logs DIR   where the logs of the processes go (default: logs beside the programs)\n",
-          out);
+    (void)fputs("usage: kap-demo [--tour] [--logs DIR]\n"
+                "  without --tour, on a terminal: a live table until q or Ctrl-C\n"
+                "  --tour       the tour: every step checked, exit status 0 only if every step held\n"
+                "  --logs DIR   where the logs of the processes go (default: logs beside the programs)\n",
+                out);
 }
 
 std::string default_log_dir()
@@ -62,7 +62,7 @@ int main(int argc, char **argv)
     bool table = !o.tour && terminal_there() && terminal_remember();
     std::string error;
     if (!sandbox_enter(error, table ? terminal_restore : nullptr)) {
-        fprintf(stderr, "kap-demo: %s\n", error.c_str());
+        (void)fprintf(stderr, "kap-demo: %s\n", error.c_str());
         return 3;
     }
     demo d;

@@ -33,7 +33,7 @@ __attribute__((format(printf, 1, 2))) std::string text(const char *format, ...)
     char buffer[512];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(buffer, sizeof buffer, format, arguments);
+    (void)vsnprintf(buffer, sizeof buffer, format, arguments);
     va_end(arguments);
     return buffer;
 }
@@ -44,7 +44,7 @@ std::string clock_text(std::chrono::system_clock::time_point when)
     tm parts{};
     localtime_r(&seconds, &parts);
     char buffer[16];
-    strftime(buffer, sizeof buffer, "%H:%M:%S", &parts);
+    (void)strftime(buffer, sizeof buffer, "%H:%M:%S", &parts);
     return buffer;
 }
 
@@ -217,9 +217,9 @@ std::string screen_render(const demo &d, const screen_view &view, terminal_size 
 
 int screen_run(demo &d)
 {
-    signal(SIGINT, ask_to_end);
-    signal(SIGTERM, ask_to_end);
-    signal(SIGHUP, ask_to_end);
+    (void)signal(SIGINT, ask_to_end);
+    (void)signal(SIGTERM, ask_to_end);
+    (void)signal(SIGHUP, ask_to_end);
     try {
         printf("starting the registry, the node's services, the far end and kap-vorn\n");
         demo_start(d);

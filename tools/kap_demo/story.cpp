@@ -227,7 +227,7 @@ bool run_step(demo &d, size_t number)
     }
     printf("%2zu  %-48s %-4s %7s  %s\n", number + 1, step.title, held ? "ok" : "FAIL",
            demo_seconds(since(start)).c_str(), seen.c_str());
-    fflush(stdout);
+    (void)fflush(stdout);
     return held;
 }
 

@@ -32,10 +32,10 @@ void hand_on(int signo)
 [[noreturn]] void wait_and_exit(pid_t child, void (*at_end)())
 {
     signal_target = child;
-    signal(SIGINT, SIG_IGN);
-    signal(SIGQUIT, SIG_IGN);
-    signal(SIGTERM, hand_on);
-    signal(SIGHUP, hand_on);
+    (void)signal(SIGINT, SIG_IGN);
+    (void)signal(SIGQUIT, SIG_IGN);
+    (void)signal(SIGTERM, hand_on);
+    (void)signal(SIGHUP, hand_on);
     for (;;) {
         int status = 0;
         pid_t ended = waitpid(-1, &status, 0);
@@ -152,7 +152,7 @@ bool go_on_in_child(int alive_pipe[2], void (*at_end)())
 
 bool sandbox_enter(std::string &error, void (*at_end)())
 {
-    fflush(nullptr);
+    (void)fflush(nullptr);
     int alive_pipe[2];
     if (!enter_namespaces(error)) {
         return false;

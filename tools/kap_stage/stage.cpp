@@ -122,7 +122,7 @@ std::string left_processes()
         if (is_number(pid) && pid != "1" && pid != std::to_string(getpid())) {
             std::string name;
             std::getline(std::ifstream(entry.path() / "comm"), name);
-            left += "process " + pid + " (" + name + "); ";
+            left.append("process ").append(pid).append(" (").append(name).append("); ");
         }
     }
     return left;

@@ -93,6 +93,6 @@ void wires_set_near(const std::string &interface, bool up)
 std::string mac_to_text(const mac_address &mac)
 {
     char text[18];
-    snprintf(text, sizeof text, MAC_FMT, MAC_ARGS(mac));
+    (void)snprintf(text, sizeof text, MAC_FMT, MAC_ARGS(mac));
     return text;
 }
