@@ -36,7 +36,8 @@ struct LinkBlock {
     {
         data()->nearEndMpId = 5;
         data()->farEndCpmMac = cpm;
-        strncpy(data()->imlPortName, port, 16);
+        const size_t name = strnlen(port, 16); // the optimised build warns of a bounded string copy into the block here
+        std::copy_n(port, name, data()->imlPortName);
         data()->vlanId = vlan;
         data()->numberOfAppLinks = static_cast<uint32_t>(apps.size());
         std::copy(apps.begin(), apps.end(), iemli_app_links(data()));
