@@ -494,6 +494,44 @@ TEST_F(LinkStatus, GoesToTheAutomationAgentWhileItIsUp)
     EXPECT_THAT(paths(), IsEmpty());
 }
 
+TEST_F(LinkStatus, IsToldToTheOwnerBeforeTheAutomationAgent)
+{
+    start_aasi();
+    fake::sent().clear();
+    supervision(1, SUPERVISION_ANSWERED);
+    set_port("IDLA1", 1, 0);
+    std::vector<uint32_t> receivers;
+    for (const fake::Sent &message : fake::sent()) {
+        receivers.push_back(message.to);
+    }
+    EXPECT_THAT(receivers, ElementsAre(daemon_test::CLIENT, daemon_test::AASI, daemon_test::CLIENT, daemon_test::AASI));
+}
+
+TEST_F(LinkStatus, IsLostWithTheSixthFrameAlsoAfterASessionStartedAnewWhileTheLinkIsEnabled)
+{
+    supervision(1, SUPERVISION_ANSWERED);
+    request(enable_rtt_request(session, 50, 1, 5, 1, 64));
+    forget_records();
+    EXPECT_EQ(link->status, 1u) << "a restart leaves the status";
+    for (int i = 0; i < 5; ++i) {
+        supervision(link->supervision_session_id, SUPERVISION_LOST);
+    }
+    EXPECT_EQ(link->status, 1u);
+    supervision(link->supervision_session_id, SUPERVISION_LOST);
+    EXPECT_EQ(link->status, 0u);
+}
+
+TEST_F(LinkStatus, IsNotTouchedByAnIndicationOfNoSession)
+{
+    set_port("IDLA1", 1, 0); // the link has no session now
+    forget_records();
+    fake::push(fake::OWN_MBOX, Builder().u32(0x1B0CE6).u32(0).u32(0).u32(0).u32(0));
+    run();
+    EXPECT_EQ(link->status, 0u);
+    EXPECT_THAT(notices(),
+                ElementsAre(Trace{4, "WARNING: Received supervision ind(0) for link that doesn't exist any more."}));
+}
+
 TEST_F(LinkStatus, IsLeftAloneWhenAPortComesUpTwice)
 {
     start_supervision_on_port("IDLA1");

@@ -152,6 +152,7 @@ TEST_F(PortEndpoints, AreTakenBackWhenAPortIsLocked)
     EXPECT_TRUE(asked_of_fmi(APPEND_DYNAMIC, "DiPort_B1")) << "the supervision rule of the ports that are left";
     EXPECT_FALSE(asked_of_fmi(APPEND_DYNAMIC, "DiPort_A1"));
     EXPECT_TRUE(asked_of_fmi(0x1B0F5E, "DiPort_A1")) << "the port's own rules are gone";
+    EXPECT_FALSE(asked_of_fmi(SET_DEFAULT_ACTION, "DiPort_A1")) << "and nothing else of it is touched";
     forget_records();
     confirm(lldp);
     EXPECT_TRUE(fake::traced(6, "Ptp endpoints removed for port IDLA1")) << "the same text for LLDP";
@@ -215,6 +216,48 @@ TEST_F(PortEndpoints, OfAnUnlockAndALockInARowAreMatchedEachByItself)
                                    "Added ptp endpoints for port IDLA1", "Ptp endpoints removed for port IDLA1"));
 }
 
+TEST_F(PortEndpoints, DoNotWaitWithTheSetUpForARemovalThatIsAwaited)
+{
+    start();
+    unlock("IDLA1");
+    lock("IDLA1");
+    const Message ptp = take_to(daemon_test::EMI, ADD_ENDPOINT);
+    const Message lldp = take_to(daemon_test::EMI, ADD_ENDPOINT);
+    forget_records();
+    confirm(ptp);
+    confirm(lldp);
+    EXPECT_TRUE(asked_of_fmi(APPEND_STATIC, "DiPort_A1"));
+}
+
+TEST_F(PortEndpoints, ThatAwaitARemovalAreNoAddsAndTheOtherWayRound)
+{
+    start();
+    lock("IDLA1");
+    set_port("IDLA1", 1, 1);
+    lock("IDLA1");
+    forget_records();
+    // No add of the requests that remove, and no removal of those that add, was ever asked for under a reference.
+    EXPECT_FALSE(handle_port_endpoint_result(EMI_ADD_ENDPOINT_DONE, 0));
+    EXPECT_FALSE(handle_port_endpoint_result(EMI_ADD_ENDPOINT_FAILED, 0));
+    EXPECT_FALSE(handle_port_endpoint_result(EMI_REMOVE_ENDPOINT_DONE, 0));
+    EXPECT_FALSE(handle_port_endpoint_result(EMI_REMOVE_ENDPOINT_FAILED, 0));
+}
+
+TEST_F(PortEndpoints, OfOneReferenceAreAnsweredInTheOrderInWhichTheyWereAskedFor)
+{
+    start();
+    for (const char *port : {"IDLB1", "IDLA1"}) {
+        emi_client_forget_all(); // which counts its references from 1 again
+        handle_port_adm_event(port, PORT_ADM_UNLOCKED);
+    }
+    forget_records();
+    EXPECT_TRUE(handle_port_endpoint_result(EMI_ADD_ENDPOINT_DONE, 1));
+    EXPECT_TRUE(fake::traced(6, "Added ptp endpoints for port IDLB1"));
+    EXPECT_TRUE(handle_port_endpoint_result(EMI_ADD_ENDPOINT_DONE, 1));
+    EXPECT_TRUE(fake::traced(6, "Added ptp endpoints for port IDLA1"));
+    EXPECT_FALSE(handle_port_endpoint_result(EMI_ADD_ENDPOINT_DONE, 1));
+}
+
 TEST_F(PortEndpoints, TakeAnAnswerBeforeALinkProcedureOfTheSameReference)
 {
     start();
@@ -243,6 +286,15 @@ TEST_F(PortEndpoints, AreNotForTnPorts)
     EXPECT_THAT(numbers_to(daemon_test::EMI), IsEmpty());
     EXPECT_TRUE(asked_of_fmi(0x1B0F5E, "TNA")) << "the static rule is removed";
     EXPECT_TRUE(asked_of_fmi(SET_DEFAULT_ACTION, "TNA"));
+}
+
+TEST_F(PortEndpoints, OfATnPortAreNotSetUpByAnotherEvent)
+{
+    start();
+    handle_port_adm_event("TNA", 5);
+    EXPECT_FALSE(asked_of_fmi(APPEND_STATIC, "TNA"));
+    EXPECT_TRUE(asked_of_fmi(SET_DEFAULT_ACTION, "TNA"));
+    EXPECT_THAT(numbers_to(daemon_test::EMI), IsEmpty());
 }
 
 TEST_F(PortEndpoints, OfATnPortLeaveFmiAloneWhileItIsDown)

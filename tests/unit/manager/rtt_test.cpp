@@ -148,6 +148,8 @@ TEST_F(RttSamples, AreLeftOutWhenTheyAreNotValid)
 {
     EXPECT_EQ(text(stats_of({{0, 0, 1}, {1, 0, 50}, {0, 9, 9}}, 3)), "0.50 0.50 0.50 1");
     EXPECT_EQ(text(stats_of({{0, 0, 1}, {0, 0, 2}}, 2)), "0.0 0.0 0.0 0");
+    EXPECT_EQ(text(stats_of({{1, 0, 900}, {0, 0, 0}, {1, 0, 20}}, 2)), "0.20 0.20 0.20 1")
+        << "one that is not valid has its place among the newest";
 }
 
 TEST_F(RttSamples, KeepTheFirstOfEqualOnes) { EXPECT_EQ(text(stats_of({{1, 3, 7}, {1, 3, 7}}, 2)), "3.7 3.7 3.7 1"); }
@@ -239,10 +241,14 @@ TEST_F(RttReport, DoesNotComeForResult2)
 TEST_F(RttReport, TakesTheBatchFromWhatWasCounted)
 {
     enable(2);
+    measure(0, 0, 1);
+    link->rtt_enabled = 0;
+    measure(0, 0, 4);
+    link->rtt_enabled = 1;
     link->samples_since_report = 2; // more than a batch
     measure(0, 0, 7);
     EXPECT_EQ(link->samples_since_report, 1u) << "the batch is subtracted, the rest goes on";
-    EXPECT_EQ(reports().size(), 1u);
+    EXPECT_THAT(reports(), ElementsAre(report(1, 4, 7))) << "over all that was counted";
 }
 
 TEST_F(RttReport, DoesNotComeWhileRttIsDisabled)
@@ -264,6 +270,47 @@ TEST_F(RttReport, GoesToTheAutomationAgentInNanosecondsOfASecond)
     const Message info = take_to(daemon_test::AASI, 0x1A00446);
     EXPECT_EQ(fake::to_hex({info.bytes.begin() + 12, info.bytes.end()}),
               fake::to_hex(Builder().n32(1).n32(200000000).n32(200000002).n32(200000001).n32(1)));
+}
+
+TEST_F(RttReport, TellsTheAutomationAgentTheStatusThatTheLinkHas)
+{
+    start_aasi();
+    enable(2);
+    measure(3);
+    forget_records();
+    measure(3);
+    const Message info = take_to(daemon_test::AASI, 0x1A00446);
+    EXPECT_EQ(fake::to_hex({info.bytes.begin() + 12, info.bytes.end()}),
+              fake::to_hex(Builder().n32(1).n32(0).n32(0).n32(0).n32(0)));
+}
+
+TEST_F(RttReport, DoesNotGoToAnAutomationAgentThatIsDown)
+{
+    start_aasi();
+    handle_service_event(AASI_SERVICE_DOWN);
+    enable(2);
+    measure(0, 0, 7);
+    measure(0, 0, 7);
+    EXPECT_EQ(reports().size(), 1u);
+    EXPECT_THAT(messages_to(daemon_test::AASI), IsEmpty());
+}
+
+// The result changes the status first, then it is a sample; the owner hears of each before the automation agent does.
+TEST_F(RttReport, FollowsTheStatusThatItsLastSampleChanged)
+{
+    start_aasi();
+    enable(2);
+    measure(3);
+    forget_records();
+    measure(0, 0, 7);
+    std::vector<std::pair<uint32_t, uint32_t>> sent;
+    for (const fake::Sent &message : fake::sent()) {
+        sent.emplace_back(message.to, message.msgno());
+    }
+    EXPECT_THAT(sent, ElementsAre(testing::Pair(daemon_test::CLIENT, IEMLI_INTER_ME_LINK_STATUS_IND),
+                                  testing::Pair(daemon_test::AASI, 0x1A00446),
+                                  testing::Pair(daemon_test::CLIENT, IEMLI_INTER_ME_LINK_RTT_IND),
+                                  testing::Pair(daemon_test::AASI, 0x1A00446)));
 }
 
 TEST_F(RttReport, SettingsRestartTheSession)
