@@ -274,11 +274,13 @@ int64_t take_turn(library &l, std::vector<int> *unused)
 {
     const guard g(l);
     *unused = take_sockets_of_empty_domains(l);
+    // Read before the sockets are: what is due by then has had its answer handed in, if there is one, however long
+    // that takes.
+    const int64_t now = nanoseconds(CLOCK_MONOTONIC);
     for (const auto &d : l.domains) {
         drain(l, *d);
     }
     const engine_io io{nullptr, read_clocks, send_frame};
-    const int64_t now = nanoseconds(CLOCK_MONOTONIC);
     tell_lateness(l, engine_run(l.e, now, io), now);
     const int64_t deadline = engine_deadline(l.e);
     choose_polled(l, now, deadline);

@@ -6,10 +6,12 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <thread>
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -362,21 +364,22 @@ TEST_F(Session, LosesAboutAsManyRequestsByChanceAsItWasToldTo)
     far.set({.loss_percent = 30});
     for (uint32_t i = 0; i < 300; i++) {
         supervision_params p = params();
-        p.interval = 60; // one request each
         p.vlantag = 0x8100E000 | (i + 1);
         start(p);
     }
-    const auto total = [&](uint64_t far_end_counters::*counter) {
-        uint64_t sum = 0;
+    far_end_counters sum{};
+    ASSERT_TRUE(wait_for([&] {
+        sum = {};
         for (const far_end_counters &c : far.counters()) {
-            sum += c.*counter;
+            sum.requests += c.requests;
+            sum.dropped += c.dropped;
+            sum.answered += c.answered;
         }
-        return sum;
-    };
-    ASSERT_TRUE(wait_for([&] { return total(&far_end_counters::requests) == 300; }));
-    EXPECT_GT(total(&far_end_counters::dropped), 60u);
-    EXPECT_LT(total(&far_end_counters::dropped), 120u);
-    EXPECT_EQ(total(&far_end_counters::dropped) + total(&far_end_counters::answered), 300u);
+        return sum.requests >= 300;
+    }));
+    EXPECT_GT(sum.dropped, sum.requests / 5);
+    EXPECT_LT(sum.dropped, sum.requests * 2 / 5);
+    EXPECT_EQ(sum.dropped + sum.answered, sum.requests);
 }
 
 TEST_F(Session, StaysInTheNamespaceInWhichItWasStarted)
@@ -455,6 +458,110 @@ TEST_F(Session, HundredsInManyVlansAreAllAnsweredAndNoneIsLost)
     for (const uint32_t session : sessions) {
         EXPECT_EQ(count_of(session, SUPERVISION_LOST), 0u);
     }
+}
+
+TEST_F(Session, ManySessionsOfANamespaceShareOneSocket)
+{
+    lay_cable();
+    const FarEnd far({"far0"});
+    for (uint32_t vlan = 1; vlan <= 50; vlan++) {
+        supervision_params p = params();
+        p.vlantag = 0x8100E000 | vlan;
+        start(p);
+    }
+    // A head line, and one line per packet socket of this namespace.
+    EXPECT_EQ(run("wc -l < /proc/net/packet"), "2\n");
+}
+
+// What is said on stderr while it lives.
+class SaidOnStderr
+{
+public:
+    SaidOnStderr() : before_(dup(STDERR_FILENO)), file_(memfd_create("stderr", MFD_CLOEXEC))
+    {
+        dup2(file_, STDERR_FILENO);
+    }
+    ~SaidOnStderr()
+    {
+        dup2(before_, STDERR_FILENO);
+        close(before_);
+        close(file_);
+    }
+    SaidOnStderr(const SaidOnStderr &) = delete;
+    SaidOnStderr &operator=(const SaidOnStderr &) = delete;
+    [[nodiscard]] bool has(const std::string &text) const
+    {
+        std::string all(65536, '\0');
+        const ssize_t got = pread(file_, all.data(), all.size(), 0);
+        return got > 0 && all.find(text) < static_cast<size_t>(got);
+    }
+
+private:
+    int before_;
+    int file_;
+};
+
+// The library's thread is held up in a callback, while the answer to the request of another session arrives and the
+// next turn of that session passes.
+class HeldUp : public Session
+{
+protected:
+    static inline std::atomic<int64_t> hold_ms;
+
+    // Returns the session that is watched. The first report of the other one, 300 ms after its request, holds the
+    // thread up for `hold_ms`; by then the watched one has sent its own request.
+    uint32_t start_both()
+    {
+        lay_cable();
+        far_.emplace(std::vector<std::string>{"far0"});
+        far_->set({.delay_us = 300000});
+        supervision_params p = params();
+        p.vlantag = 0x8100E065;
+        EXPECT_EQ(start_supervision_session(&holding_, &p,
+                                            [](const supervision_rtt *, uint32_t, uint32_t) {
+                                                std::this_thread::sleep_for(
+                                                    std::chrono::milliseconds(hold_ms.exchange(0)));
+                                            }),
+                  0u);
+        EXPECT_TRUE(wait_for([&] { return requests_of(*far_, 101) == 1; }));
+        return start(params());
+    }
+    void TearDown() override
+    {
+        hold_ms = 0;
+        EXPECT_EQ(stop(holding_), 0u);
+        Session::TearDown();
+    }
+
+private:
+    std::optional<FarEnd> far_;
+    uint32_t holding_ = 0;
+};
+
+TEST_F(HeldUp, TakesWhatHasArrivedBeforeItDeclaresAnythingLost)
+{
+    // Until shortly after the watched session's second request is due: the answer to its first waits in the socket.
+    hold_ms = 760;
+    const uint32_t watched = start_both();
+    ASSERT_TRUE(answered(watched, 3));
+    EXPECT_EQ(hold_ms, 0);
+    EXPECT_EQ(count_of(watched, SUPERVISION_LOST), 0u);
+}
+
+TEST_F(HeldUp, SaysThatItWasLateAndDoesNotBlameTheLink)
+{
+    const SaidOnStderr said;
+    const uint32_t watched = start_both();
+    // It does not say so more often than every ten seconds, and something else may have made it late before.
+    ASSERT_TRUE(wait_for(
+        [&] {
+            hold_ms = 1700;
+            return said.has("WARNING: Supervision ran ") && said.has(" ms late. Requests sent late: ");
+        },
+        30));
+    hold_ms = 0;
+    ASSERT_TRUE(answered(watched, 3));
+    EXPECT_EQ(count_of(watched, SUPERVISION_LOST), 0u);
 }
 
 TEST_F(Session, RefusesAnInterfaceThatIsNotThere)
