@@ -68,6 +68,10 @@ int64_t quietest_slot(const engine &e, int64_t now_slot)
     return best;
 }
 
+// Which second of its interval a session begins in: each in turn, so that sessions started together do not all send in
+// one second and then leave the wire alone until the interval is over.
+int64_t next_second(engine &e, const session &s) { return s.interval > 1 ? e.longer_added++ % s.interval : 0; }
+
 // ---- Keys ----
 
 void enter_key(engine &e, session *s)
@@ -244,7 +248,7 @@ size_t session_key_hash::operator()(const session_key &key) const
 
 void engine_add(engine &e, session *s, int64_t now)
 {
-    s->due = quietest_slot(e, slot_of(now));
+    s->due = quietest_slot(e, slot_of(now)) + next_second(e, *s) * SLOTS_PER_SECOND;
     s->bucket = static_cast<size_t>(s->due % SLOTS_PER_SECOND);
     s->outstanding = false;
     // All memory is taken here, where the caller can be told that there is none.

@@ -2,7 +2,7 @@
 // thread, no socket and no clock of its own; supervision.cpp drives it, and tests drive it with a clock they warp.
 //
 // Time. Sending goes in slots of 10 ms of the monotonic clock. A session sends once per interval, always in the same
-// slot of its second; sessions are spread over the hundred slots of a second. A request is lost when the session's
+// slot of its second; sessions are spread over the slots of their interval. A request is lost when the session's
 // next one is due and no answer was handed in before. Round trips are taken from the real-time clock, because that is
 // the one the kernel stamps received frames with; each request keeps both clocks, so that a step of the real-time
 // clock is seen and such a round trip is not passed off as one.
@@ -112,11 +112,13 @@ struct bucket {
 struct engine {
     bucket buckets[SLOTS_PER_SECOND];
     std::unordered_map<session_key, session *, session_key_hash> by_key;
+    uint32_t longer_added = 0; // sessions added so far whose interval is longer than a second
     engine_counters counters{};
     std::vector<uint8_t> frame;
 };
 
-// Adds a session; its first request is due in one of the next hundred slots, the first of those that have least to do.
+// Adds a session; its first request is due within its interval, in the slot of the second that has least to do and is
+// next.
 // Throws std::bad_alloc, and has then added nothing.
 void engine_add(engine &e, session *s, int64_t now);
 void engine_remove(engine &e, session *s);

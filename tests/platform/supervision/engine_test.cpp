@@ -173,6 +173,34 @@ TEST_F(Engine, SpreadsSessionsOverTheSlotsOfASecond)
     }
 }
 
+TEST_F(Engine, SpreadsSessionsOverTheSecondsOfTheirInterval)
+{
+    for (int i = 0; i < 500; i++) {
+        add();
+        add(5);
+    }
+    pass(20 * SECOND);
+    std::map<int64_t, int> per_second;
+    for (const Sent &s : sent) {
+        per_second[(s.at - SLOT_NS) / SECOND]++;
+    }
+    ASSERT_EQ(per_second.size(), 20u);
+    for (const auto &[second, count] : per_second) {
+        EXPECT_EQ(count, 600) << second;
+    }
+}
+
+TEST_F(Engine, SendsTheFirstRequestOfALongIntervalWithinIt)
+{
+    for (int i = 0; i < 7; i++) {
+        add(3);
+    }
+    pass(3 * SECOND);
+    EXPECT_EQ(sent.size(), 7u);
+    pass(3 * SECOND);
+    EXPECT_EQ(sent.size(), 14u);
+}
+
 TEST_F(Engine, BuildsTheWholeFrame)
 {
     const session *s = add();
