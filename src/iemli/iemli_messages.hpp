@@ -120,6 +120,8 @@ struct iemli_header {
     uint32_t connection_ref;
 };
 static_assert(sizeof(iemli_header) == 12);
+static_assert(offsetof(iemli_header, procedure_ref) == 4);
+static_assert(offsetof(iemli_header, connection_ref) == 8);
 
 inline const iemli_header *iemli_header_of(const itc_msg *msg) { return reinterpret_cast<const iemli_header *>(msg); }
 
@@ -265,6 +267,8 @@ struct rtt_settings {
     uint16_t frameSize;
 };
 static_assert(sizeof(rtt_settings) == 6);
+static_assert(offsetof(rtt_settings, measureInterval) == 2);
+static_assert(offsetof(rtt_settings, frameSize) == 4);
 
 struct iemli_enable_rtt_req {
     iemli_header header;
@@ -301,6 +305,12 @@ struct rtt_stats {
     uint8_t padding[3];
 };
 static_assert(sizeof(rtt_stats) == 28);
+static_assert(offsetof(rtt_stats, min_nsec) == 4);
+static_assert(offsetof(rtt_stats, avg_sec) == 8);
+static_assert(offsetof(rtt_stats, avg_nsec) == 12);
+static_assert(offsetof(rtt_stats, max_sec) == 16);
+static_assert(offsetof(rtt_stats, max_nsec) == 20);
+static_assert(offsetof(rtt_stats, rtt_validity) == 24);
 
 struct iemli_link_rtt_ind {
     iemli_header header;

@@ -20,12 +20,14 @@ static_assert(sizeof(supervision_params) == 48);
 static_assert(offsetof(supervision_params, if_name) == 0);
 static_assert(offsetof(supervision_params, interval) == 16);
 static_assert(offsetof(supervision_params, sup_type) == 20);
+static_assert(offsetof(supervision_params, reserved0) == 21);
 static_assert(offsetof(supervision_params, frameSize) == 22);
 static_assert(offsetof(supervision_params, reserved1) == 24);
 static_assert(offsetof(supervision_params, dest_mac) == 28);
 static_assert(offsetof(supervision_params, src_mac) == 34);
 static_assert(offsetof(supervision_params, vlantag) == 40);
 static_assert(offsetof(supervision_params, ether_type) == 44);
+static_assert(offsetof(supervision_params, padding) == 46);
 
 namespace
 {

@@ -20,6 +20,7 @@ struct shell_rtt {
     uint32_t hundredths; // of a microsecond
 };
 static_assert(sizeof(shell_rtt) == 8);
+static_assert(offsetof(shell_rtt, hundredths) == 4);
 
 struct shell_link_record {
     uint32_t connection_ref;
@@ -48,6 +49,7 @@ struct shell_link_record {
     shell_rtt rtt_maximum;
 };
 static_assert(sizeof(shell_link_record) == 344);
+static_assert(offsetof(shell_link_record, link_ref) == 4);
 static_assert(offsetof(shell_link_record, near_end_mp_id) == 8);
 static_assert(offsetof(shell_link_record, near_end_cpm_mac) == 9);
 static_assert(offsetof(shell_link_record, far_end_cpm_mac) == 15);

@@ -1,6 +1,8 @@
 // The common half of the clients: copies of texts, and what holds for every client alike.
 #include "clients/client_framework.hpp"
 
+#include <type_traits>
+
 #include "client_test.hpp"
 
 using namespace client_test;
@@ -17,6 +19,25 @@ std::string as_format(const char *text, size_t size = 256)
     std::vector<char> field(size, 'x');
     client_copy_as_format(field.data(), size, text);
     return field.data();
+}
+
+// A conversion that was forgotten does not compile, in either direction.
+template <class Net, class Host>
+constexpr bool NEVER_CONVERTS = !std::is_convertible_v<Net, Host> && !std::is_convertible_v<Host, Net> &&
+                                !std::is_assignable_v<Host &, Net> && !std::is_assignable_v<Net &, Host>;
+static_assert(NEVER_CONVERTS<be16, uint16_t> && NEVER_CONVERTS<be32, uint32_t>);
+static_assert(NEVER_CONVERTS<be16, uint32_t> && NEVER_CONVERTS<be32, uint16_t> && NEVER_CONVERTS<be32, be16>);
+
+TEST(NetworkOrder, PutsTheHighestByteFirst)
+{
+    const be16 half = to_be16(0x0102);
+    const be32 word = to_be32(0x03040506);
+    const uint8_t half_bytes[] = {1, 2};
+    const uint8_t word_bytes[] = {3, 4, 5, 6};
+    EXPECT_EQ(memcmp(&half, half_bytes, sizeof half), 0);
+    EXPECT_EQ(memcmp(&word, word_bytes, sizeof word), 0);
+    EXPECT_EQ(from_be16(half), 0x0102);
+    EXPECT_EQ(from_be32(word), 0x03040506u);
 }
 
 TEST_F(ClientFramework, CopiesATextWithoutConversionsAsItIs)
