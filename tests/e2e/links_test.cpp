@@ -65,6 +65,28 @@ TEST_F(EndToEnd, SixResultsInARowWithoutAnAnswerDisableALinkAndTheFirstAnswerEna
     EXPECT_THAT(story, testing::MatchesRegex("0e0*333333d3*0e")) << story;
 }
 
+TEST_F(EndToEnd, ADaemonThatWaitsForAnAnswerLosesNoPings)
+{
+    start();
+    command_must({d.stage.bin_dir + "/kap-trace", "set", "kap_vorn_manager", "+13"});
+    iemli_link_wish wish = demo_first_wish(d);
+    wish.app_links.clear();
+    demo_link &link = demo_create(d, wish);
+    demo_wait_status(d, link.link_ref, IML_LINK_ENABLED, 0, 5s);
+    // The daemon waits half a second for each answer that never comes, and does nothing else meanwhile.
+    stage_control("fmi", {"fault", "silent", "any", "1000"});
+    for (int i = 0; i < 4; i++) {
+        stage_control("iepcsi", {"lock", "TNA"});
+        stage_control("iepcsi", {"unlock", "TNA"});
+    }
+    stage_wait(d.stage, "the daemon has waited for eight answers", 15s,
+               [] { return stage_control("fmi", {"show"})["counters"]["kept_silent"].get<uint64_t>() >= 8; });
+    stage_control("fmi", {"fault", "clear"});
+    stage_wait(d.stage, "the daemon has taken in what was reported meanwhile", 15s,
+               [&] { return supervision_story(read_log(DAEMON), "1").size() >= 6; });
+    EXPECT_THAT(supervision_story(read_log(DAEMON), "1"), testing::MatchesRegex("0e0*"));
+}
+
 TEST_F(EndToEnd, TheDeathOfAClientDeletesItsLinks)
 {
     start();
