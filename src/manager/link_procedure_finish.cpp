@@ -116,13 +116,13 @@ void take_back_added_endpoints(iml_link_proc *proc)
 
 // ---- Update ----
 
-// `resized`, when there is one, holds the new app links and becomes the link's; else they fit where the old ones are.
+// Of the procedure's parameters only the app links are taken over. `resized`, when there is one, is a copy of the
+// link's own data with room for them and becomes the link's; else they fit where the old ones are.
 void store_app_links(iml_link *link, const IemliLinkData *data, IemliLinkData *resized)
 {
     if (resized != nullptr) {
         free(link->link_data);
         link->link_data = resized;
-        return;
     }
     memcpy(iemli_app_links(link->link_data), iemli_app_links(data), data->numberOfAppLinks * sizeof(IemliAppLink));
 }
@@ -217,7 +217,7 @@ void link_proc_finish_update(iml_link_proc *proc)
     }
     IemliLinkData *resized = nullptr;
     if (link->link_data->numberOfAppLinks != proc->link_data->numberOfAppLinks) {
-        resized = iml_link_data_copy(proc->link_data, proc->link_data->numberOfAppLinks);
+        resized = iml_link_data_copy(link->link_data, proc->link_data->numberOfAppLinks);
         if (resized == nullptr) {
             reject_out_of_memory(proc);
             return;

@@ -691,6 +691,32 @@ TEST_F(LinkProcedure, UpdateFindsItsLinkGoneAtTheEnd)
     }
 }
 
+// The session was ended with the service, and a new one has taken its reference and made another link.
+TEST_F(LinkProcedure, UpdateOfALinkThatWasReplacedChangesNothingButAppLinks)
+{
+    have_link();
+    answer_by_hand();
+    request(update_request(session, 9, 1, {APP_2, APP_3}));
+    const Message removal = emi_request(REMOVE_ENDPOINT);
+    const Message addition = emi_request(ADD_ENDPOINT);
+    handle_service_event(PMI_SERVICE_DOWN);
+    handle_service_event(PMI_SERVICE_UP);
+    ASSERT_EQ(iml_link_count(), 0u);
+    ASSERT_EQ(open_session(), session);
+    pmi_answers = answer::confirm;
+    emi_answers = answer::confirm;
+    have_link({.cpm = "02:00:00:00:0C:02", .port = "IDL_B1", .vlan = 101});
+    confirm(removal);
+    confirm(addition);
+    EXPECT_EQ(link_procedure_count(), 1u) << "the delete of the old link, which is not answered";
+    const IemliLinkData *data = iml_link_first()->link_data;
+    EXPECT_STREQ(data->imlPortName, "IDL_B1");
+    EXPECT_EQ(data->vlanId, 101);
+    EXPECT_TRUE(mac_equal(data->farEndCpmMac, daemon_test::to_mac("02:00:00:00:0C:02")));
+    EXPECT_EQ(data->numberOfAppLinks, 2u);
+    EXPECT_TRUE(mac_equal(iemli_app_links(data)[1].farEndAppMac, daemon_test::to_mac(APP_3.far_end)));
+}
+
 TEST_F(LinkProcedure, UpdateUpdatesThePathOfTheLink)
 {
     start_aasi();
