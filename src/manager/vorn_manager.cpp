@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "clients/aasi_client.hpp"
 #include "clients/emi_client.hpp"
@@ -28,11 +29,11 @@ constexpr int TRI_OPEN_ALREADY = 4;
 uint32_t own_mailbox = ITC_NO_MBOX;
 
 // Every message is offered to all of them, in this order.
-constexpr bool (*DISPATCHERS[])(const itc_msg *) = {
+constexpr message_dispatcher DISPATCHERS[] = {
     iemli_server_dispatch, shell_client_dispatch, iepcsi_client_dispatch, pmi_client_dispatch,
     emi_client_dispatch,   fmi_client_dispatch,   aasi_client_dispatch,   supervision_dispatch,
 };
-static_assert(sizeof DISPATCHERS / sizeof DISPATCHERS[0] == 8);
+static_assert(std::size(DISPATCHERS) == 8);
 
 void start_tracing()
 {
@@ -63,11 +64,7 @@ bool create_own_mailbox()
 
 void dispatch_message(const itc_msg *msg)
 {
-    bool handled = false;
-    for (auto *dispatcher : DISPATCHERS) {
-        handled |= dispatcher(msg);
-    }
-    if (!handled) {
+    if (!offer_message(DISPATCHERS, std::size(DISPATCHERS), msg)) {
         VORN_TRACE(TRACE_WARNING, "Message 0x%x not handled in VORN manager!", msg->msgno);
     }
 }
@@ -96,6 +93,15 @@ void receive_loop()
         dispatch_message(msg);
         itc_free(&msg);
     }
+}
+
+bool offer_message(const message_dispatcher *dispatchers, size_t count, const itc_msg *msg)
+{
+    bool handled = false;
+    for (size_t i = 0; i < count; ++i) {
+        handled |= dispatchers[i](msg);
+    }
+    return handled;
 }
 
 void handle_signal(int signo)

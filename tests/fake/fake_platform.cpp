@@ -73,6 +73,7 @@ struct Platform {
     std::map<std::string, int> ns_results;
 
     std::vector<fake::Trace> traces;
+    size_t traced_before_exit = 0;
     int tri_init_result = 0;
     std::string thread_name;
 
@@ -329,6 +330,8 @@ std::ostream &operator<<(std::ostream &os, const Trace &trace)
 
 std::vector<Trace> &traces() { return p().traces; }
 
+size_t traced_before_exit() { return p().traced_before_exit; }
+
 size_t count_traced(uint32_t level, const std::string &text)
 {
     size_t n = 0;
@@ -480,7 +483,11 @@ int itc_init(int mailbox_count, int alloc_scheme, const void *scheme_params, con
     return p().init_result;
 }
 
-void itc_exit(void) { p().calls.emplace_back("itc_exit()"); }
+void itc_exit(void)
+{
+    p().calls.emplace_back("itc_exit()");
+    p().traced_before_exit = p().traces.size();
+}
 
 uint32_t itc_create_mailbox(const char *name, uint32_t flags)
 {

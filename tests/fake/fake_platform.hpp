@@ -87,6 +87,7 @@ std::ostream &operator<<(std::ostream &os, const Trace &trace);
 std::vector<Trace> &traces();
 bool traced(uint32_t level, const std::string &text);
 size_t count_traced(uint32_t level, const std::string &text);
+size_t traced_before_exit(); // how many traces there were when itc_exit was called last
 void set_trace_mask(uint32_t mask);
 void set_tri_init_result(int result);
 std::string thread_name();

@@ -1,5 +1,6 @@
 // Start-up in its order, the loop, and signals.
 #include <csignal>
+#include <set>
 
 #include <gmock/gmock.h>
 
@@ -63,6 +64,7 @@ TEST_F(VornManager, LeavesItcBeforeItTracesThatTheMailboxIsMissing)
     fake::set_create_result(ITC_NO_MBOX);
     EXPECT_EQ(vorn_manager_run(), 1);
     EXPECT_THAT(fake::traces(), ElementsAre(Trace{1, "VORN Mailbox not initialized kap-vorn"}));
+    EXPECT_EQ(fake::traced_before_exit(), 0u);
     EXPECT_THAT(fake::calls(), ElementsAre("set_signal_handler()", "tri_init()", "itc_init(1,0,0,0,0)",
                                            "itc_create_mailbox(kap-vorn,0)", "itc_exit()"));
 }
@@ -98,6 +100,62 @@ TEST_F(VornManager, OffersAMessageToTheDispatchersUntilTheLast)
     run();
     EXPECT_THAT(notices(),
                 ElementsAre(Trace{4, "WARNING: Received supervision ind(99) for link that doesn't exist any more."}));
+}
+
+std::vector<std::string> asked;
+
+bool take_it(const itc_msg *)
+{
+    asked.emplace_back("takes it");
+    return true;
+}
+bool decline(const itc_msg *)
+{
+    asked.emplace_back("declines");
+    return false;
+}
+
+TEST_F(VornManager, OffersAMessageToEveryDispatcherInOrderAlsoWhenOneHasTakenIt)
+{
+    const message_dispatcher two_of_four[] = {decline, take_it, take_it, decline};
+    const message_dispatcher none[] = {decline, decline};
+    itc_msg *msg = fake::make(daemon_test::STRANGER, fake::Builder().u32(1));
+    asked.clear();
+    EXPECT_TRUE(offer_message(two_of_four, 4, msg));
+    EXPECT_THAT(asked, ElementsAre("declines", "takes it", "takes it", "declines"));
+    EXPECT_FALSE(offer_message(none, 2, msg));
+    itc_free(&msg);
+}
+
+// Every number of a protocol's range, and those beside it: too short for anything else than to be claimed or not.
+TEST_F(VornManager, ClaimsTheNumbersOfItsProtocolsAndNoOther)
+{
+    const std::set<uint32_t> claimed = {
+        0x1B0E00,  0x1B0E03,  0x1B0E06,  0x1B0E08,  0x1B0E0B,  0x1B0E0E,  0x1B0E11,  0x1B0E14,  0x1B0E17, 0x1B0CE3,
+        0x1B1041,  0x1B1042,  0x1B1044,  0x1B1045,  0x1B1047,  0x1B1049,  0x1B104A,  0x1B1051,  0x1B1052, 0x1B1055,
+        0x1B1064,  0x1B1065,  0x1B1068,  0x1B1001,  0x1B1002,  0x1B1004,  0x1B1005,  0x1B1007,  0x1B1008, 0x1B100A,
+        0x1B100B,  0x1B100D,  0x1B100E,  0x1B0CE4,  0x1B0CE5,  0x1B10C1,  0x1B10C2,  0x1B10C4,  0x1B10C5, 0x1B10C7,
+        0x1B10C8,  0x1B10CA,  0x1B10CB,  0x1B0F51,  0x1B0F52,  0x1B0F54,  0x1B0F55,  0x1B0F56,  0x1B0F57, 0x1900000,
+        0x1900001, 0x1900002, 0x1A004C0, 0x1A004C1, 0x1A004C4, 0x1A004C5, 0x1A004C6, 0x1A004C7, 0x1B0CE6,
+    };
+    const std::pair<uint32_t, uint32_t> ranges[] = {
+        {0x1B0CE0, 0x1B0CE8}, {0x1B0DFF, 0x1B0E1A},   {0x1B0F4F, 0x1B0F6A},   {0x1B1000, 0x1B1069},
+        {0x1B10BF, 0x1B10CC}, {0x18FFFFF, 0x1900003}, {0x1A0043F, 0x1A004C8},
+    };
+    std::set<uint32_t> found;
+    for (const auto &[first, last] : ranges) {
+        for (uint32_t msgno = first; msgno <= last; ++msgno) {
+            fake::traces().clear();
+            fake::push(daemon_test::STRANGER, fake::Builder().u32(msgno));
+            run();
+            char text[64];
+            snprintf(text, sizeof text, "Message 0x%x not handled in VORN manager!", msgno);
+            if (!fake::traced(4, text)) {
+                found.insert(msgno);
+            }
+        }
+    }
+    EXPECT_THAT(found, testing::ContainerEq(claimed));
 }
 
 TEST_F(VornManager, StaysAsItIsOnSighup)
@@ -140,6 +198,31 @@ TEST_P(VornManagerDeathTest, WithdrawsTheServiceLeavesItcAndExitsWithStatus0)
         testing::ExitedWithCode(0),
         "ns_unpublish\\(KAP_IEMLI_SERVICE_NAME,,65537,\\);itc_delete_mailbox\\(65537\\);"
         "itc_exit\\(\\);");
+}
+
+// The sessions that end delete their links in the ordinary way; nobody waits for the answers.
+TEST_P(VornManagerDeathTest, EndsTheSessionsAndTheirLinksBeforeItLeaves)
+{
+    start();
+    ASSERT_EQ(create_link(open_session(), {}), 1u);
+    pmi_answers = daemon_test::answer::never;
+    emi_answers = daemon_test::answer::never;
+    forget_records();
+    fake::calls().clear();
+    EXPECT_EXIT(
+        {
+            atexit(print_calls_at_exit);
+            atexit([] {
+                fprintf(stderr, "links %u, supervised %zu, asked of pmi %zx, of emi %zx;", iml_link_count(),
+                        fake::sessions().size(), size_t{numbers_to(daemon_test::PMI).at(0)},
+                        size_t{numbers_to(daemon_test::EMI).at(0)});
+            });
+            handle_signal(GetParam());
+        },
+        testing::ExitedWithCode(0),
+        "links 0, supervised 0, asked of pmi 1b100c, of emi 1b10c9;"
+        "ns_unpublish\\(KAP_IEMLI_SERVICE_NAME,,65537,\\);itc_unmonitor\\([0-9]+\\);"
+        "itc_delete_mailbox\\(65537\\);itc_exit\\(\\);");
 }
 
 INSTANTIATE_TEST_SUITE_P(OnSigintAndSigterm, VornManagerDeathTest, testing::Values(SIGINT, SIGTERM));
