@@ -236,6 +236,9 @@ TEST_F(LinkProcedure, CreateIsRejectedAndTheEndpointsTakenBackWhenPmiRefuses)
                                 "mac: 02:00:00:00:0C:01) pmi.state = 3, emi_add.state = 2, emi_del.state = 0"));
     const Message back = emi_request(REMOVE_ENDPOINT);
     EXPECT_EQ(back.net_word(3), 5u);
+    const iml_link_proc *proc = link_proc_find(PROC_STEP_EMI_DEL, back.net_word(1));
+    ASSERT_NE(proc, nullptr);
+    EXPECT_EQ(proc->steps[PROC_STEP_EMI_ADD].state, PROC_STEP_IDLE);
     forget_records();
     reject(back);
     EXPECT_TRUE(fake::traced(1, "Endpoint not removed successfuly"));
@@ -429,6 +432,22 @@ TEST_F(LinkProcedure, SurvivesTheDeathOfItsClientWhileTheCreateIsOut)
     EXPECT_EQ(iml_link_count(), 0u);
     confirm(pmi_request(DISABLE_VLAN));
     confirm(emi_request(REMOVE_ENDPOINT));
+    EXPECT_EQ(link_procedure_count(), 0u);
+}
+
+// The procedure goes on; its answer and the status of its link have nobody to go to.
+TEST_F(LinkProcedure, CreateGoesOnWhenItsSessionEndedWithTheService)
+{
+    answer_by_hand();
+    request(create_request(session, 7, {}));
+    handle_service_event(FMI_SERVICE_DOWN);
+    EXPECT_EQ(link_procedure_count(), 1u);
+    confirm(pmi_request(ENABLE_VLAN));
+    confirm(emi_request(ADD_ENDPOINT));
+    EXPECT_TRUE(fake::traced(6, "Session 1 lost while waiting for response from lower layer."));
+    EXPECT_TRUE(fake::traced(4, "WARNING:Unexisting session for connection-ref=1"));
+    EXPECT_THAT(numbers_to(daemon_test::CLIENT), IsEmpty());
+    EXPECT_EQ(iml_link_count(), 1u);
     EXPECT_EQ(link_procedure_count(), 0u);
 }
 
@@ -653,6 +672,18 @@ TEST_F(LinkProcedure, UpdateThatFailsWithNothingInPlaceTakesNothingBack)
     EXPECT_EQ(link_procedure_count(), 0u);
 }
 
+TEST_F(LinkProcedure, UpdateThatFailsInBothStepsTakesNothingBack)
+{
+    have_link();
+    answer_by_hand();
+    request(update_request(session, 9, 1, {APP_2}));
+    reject(emi_request(REMOVE_ENDPOINT));
+    reject(emi_request(ADD_ENDPOINT));
+    EXPECT_EQ(rejected(IEMLI_UPDATE_INTER_ME_LINK_REJ), 99u);
+    EXPECT_TRUE(fake::sent().empty());
+    EXPECT_EQ(link_procedure_count(), 0u);
+}
+
 TEST_F(LinkProcedure, UpdateThatFailsTakesNothingBackWhenMemoryIsOut)
 {
     have_link();
@@ -799,6 +830,18 @@ TEST_F(LinkProcedure, DeleteOnALockedPortProgramsNoRule)
     request(delete_request(session, 9, 1));
     EXPECT_THAT(emca_rules(), IsEmpty());
     EXPECT_FALSE(fake::traced(4, "WARNING: Set emca acl rule on port (eth_a1) for 0 new emcas failed."));
+}
+
+TEST_F(LinkProcedure, DeleteOnAPortThatIsDownStopsNothing)
+{
+    have_link();
+    set_port("IDLA1", 1, 0);
+    forget_records();
+    request(delete_request(session, 9, 1));
+    for (const Trace &trace : notices()) {
+        EXPECT_THAT(trace.text, testing::Not(testing::HasSubstr("stop"))) << "the sessions ended with the port";
+    }
+    EXPECT_EQ(iml_link_count(), 0u);
 }
 
 TEST_F(LinkProcedure, DeleteOpensNothingForALinkThatIsNotThere)

@@ -324,6 +324,7 @@ TEST_F(LinkTable, DeletesTheLinksOfOneConnectionOnly)
     iml_link_delete_all_of_connection(1);
     EXPECT_THAT(refs(), ElementsAre(2));
     EXPECT_EQ(link_procedure_count(), 2u);
+    EXPECT_FALSE(fake::traced(6, "Conn_ref 1 tried to delete link with ref 2 that belongs to conn ref 2"));
     EXPECT_TRUE(numbers_to(daemon_test::CLIENT).empty());
 }
 

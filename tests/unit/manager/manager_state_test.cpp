@@ -97,6 +97,23 @@ TEST_F(ManagerState, AsksForThePolicersOfEveryPortBeforeItPublishes)
                             "DiPort_B1=5000000", "DiPort_B1=1000000", "TNA=10000000", "TNA=5000000", "TNA=1000000"));
 }
 
+TEST_F(ManagerState, IsServicesUpWhileItAsksForPolicersAndPublishes)
+{
+    start({"iepcsi-server", "pmi-server", "endpoint_mgr"});
+    start_server("flow-manager");
+    std::vector<std::string> order;
+    for (const Trace &trace : fake::traces()) {
+        if (trace.text.rfind("New state is", 0) == 0 || trace.text == "Iemli server published") {
+            order.push_back(trace.text);
+        } else if (trace.level == 18 && trace.text.rfind("FMI_ACL_CREATE_POLICER_REQ", 0) == 0) {
+            order.emplace_back("policer");
+        }
+    }
+    order.erase(std::unique(order.begin(), order.end()), order.end());
+    EXPECT_THAT(order, ElementsAre("New state is: KAP_VORN_SERVICES_UP", "policer", "Iemli server published",
+                                   "New state is: KAP_VORN_INITIATED"));
+}
+
 TEST_F(ManagerState, AsksForThePolicersOfAnUnknownPortByItsFirst15Characters)
 {
     ports = {{"0123456789abcdef", "02:00:00:00:00:01", "eth0", "ns"}};
@@ -116,6 +133,13 @@ TEST_F(ManagerState, SetsTheDefaultActionsWhenTheSecondOfFmiAndIepcsiArrives)
     forget_records();
     start_server("pmi-server");
     EXPECT_THAT(default_actions(), IsEmpty());
+}
+
+TEST_F(ManagerState, SetsTheDefaultActionsAgainWhenIepcsiIsAddedTwice)
+{
+    start({"flow-manager", "iepcsi-server"});
+    handle_service_event(IEPCSI_SERVICE_UP);
+    EXPECT_THAT(default_actions(), ElementsAre("DiPort_A1=0", "DiPort_B1=0")) << "the TN port has its own already";
 }
 
 TEST_F(ManagerState, SetsNoDefaultActionWhileThePortStatesAreUnknown)

@@ -395,6 +395,16 @@ TEST_F(PortAcl, WithoutAnyUnlockedPortHasNoSupervisionRules)
                                      "rule DiPort_A1 88cc x1"));
 }
 
+TEST_F(PortAcl, HasNoSupervisionRulesWhenThereIsNoMemoryForTheirMacs)
+{
+    start_fresh();
+    fake::fail_allocation(1);
+    setup_port_acl("IDLA1");
+    EXPECT_TRUE(fake::traced(1, "Out of memory"));
+    EXPECT_THAT(asked(), ElementsAre("default DiPort_A1 0", "static DiPort_A1 0", "rule DiPort_A1 88f7 x2",
+                                     "rule DiPort_A1 88cc x1"));
+}
+
 TEST_F(PortAcl, FallsBackAtTheFirstStepThatIsRefused)
 {
     start_fresh();

@@ -77,6 +77,15 @@ TEST_F(VornManager, EmptiesTheLinkTableAtStartUp)
     EXPECT_EQ(iml_link_count(), 0u);
 }
 
+TEST_F(VornManager, StartsWithNothingUp)
+{
+    handle_service_event(AASI_SERVICE_UP);
+    handle_service_event(PMI_SERVICE_UP);
+    vorn_manager_run();
+    EXPECT_FALSE(is_aasi_service_up());
+    EXPECT_EQ(manager_service_mask(), 0u);
+}
+
 TEST_F(VornManager, TracesAMessageThatNobodyClaims)
 {
     start();
@@ -223,6 +232,37 @@ TEST_P(VornManagerDeathTest, EndsTheSessionsAndTheirLinksBeforeItLeaves)
         "links 0, supervised 0, asked of pmi 1b100c, of emi 1b10c9;"
         "ns_unpublish\\(KAP_IEMLI_SERVICE_NAME,,65537,\\);itc_unmonitor\\([0-9]+\\);"
         "itc_delete_mailbox\\(65537\\);itc_exit\\(\\);");
+}
+
+// A wait for the flow manager takes signals too: the procedure in hand never goes on, and what it holds is let go once.
+TEST_P(VornManagerDeathTest, LeavesOutOfTheMiddleOfAProcedure)
+{
+    for (const bool creating : {true, false}) {
+        SetUp();
+        start();
+        const uint32_t session = open_session();
+        if (!creating) {
+            ASSERT_EQ(create_link(session, {.vlan = 1}), 1u);
+            ASSERT_EQ(create_link(session, {.vlan = 2}), 2u);
+        }
+        fake::push(daemon_test::CLIENT, creating ? create_request(session, 7, {}) : term_request(session, 7));
+        EXPECT_EXIT(
+            {
+                bool once = false;
+                fake::on_send([this, &once](const fake::Sent &message) {
+                    if (message.to == daemon_test::FMI && !once) {
+                        once = true;
+                        handle_signal(GetParam());
+                    }
+                    if (message.to == daemon_test::PMI || message.to == daemon_test::EMI) {
+                        answer_to(message, true);
+                    }
+                });
+                atexit([] { fprintf(stderr, "links %u;", iml_link_count()); });
+                run();
+            },
+            testing::ExitedWithCode(0), "links 0;");
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(OnSigintAndSigterm, VornManagerDeathTest, testing::Values(SIGINT, SIGTERM));
