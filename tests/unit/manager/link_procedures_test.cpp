@@ -506,6 +506,13 @@ TEST_F(LinkProcedure, UpdateExchangesTheKeepAlivesAndTheRule)
     EXPECT_EQ(link->keep_alive_count, 2u);
     EXPECT_EQ(fake::sessions().size(), 3u);
     EXPECT_THAT(emca_rules(), ElementsAre("DiPort_A1 x2"));
+    std::string order;
+    for (const Trace &trace : fake::traces()) {
+        for (const char *what : {"Keep alive stopped", "FMI_ACL_APPEND_DYNAMIC_RULE_REQ", "Keep alive started"}) {
+            order += trace.text.rfind(what, 0) == 0 ? std::string(what) + ";" : "";
+        }
+    }
+    EXPECT_EQ(order, "Keep alive stopped;FMI_ACL_APPEND_DYNAMIC_RULE_REQ;Keep alive started;Keep alive started;");
 }
 
 TEST_F(LinkProcedure, UpdateToFewerAndToNoAppLinksKeepsTheRest)
@@ -748,6 +755,18 @@ TEST_F(LinkProcedure, UpdateOfALinkThatWasReplacedChangesNothingButAppLinks)
     EXPECT_TRUE(mac_equal(iemli_app_links(data)[1].farEndAppMac, daemon_test::to_mac(APP_3.far_end)));
 }
 
+TEST_F(LinkProcedure, UpdateFindsItsLinkInOtherHandsAtTheEnd)
+{
+    iml_link *link = have_link();
+    answer_by_hand();
+    request(update_request(session, 9, 1, {APP_1, APP_2}));
+    link->connection_ref = session + 1;
+    confirm(emi_request(ADD_ENDPOINT));
+    EXPECT_EQ(rejected(IEMLI_UPDATE_INTER_ME_LINK_REJ), 3u);
+    EXPECT_TRUE(fake::traced(1, "Update finished for non-existing IML link, link_ref=1"));
+    EXPECT_EQ(link->link_data->numberOfAppLinks, 1u);
+}
+
 TEST_F(LinkProcedure, UpdateUpdatesThePathOfTheLink)
 {
     start_aasi();
@@ -837,6 +856,7 @@ TEST_F(LinkProcedure, DeleteOnAPortThatIsDownStopsNothing)
     have_link();
     set_port("IDLA1", 1, 0);
     forget_records();
+    fake::set_stop_result(1); // so that every stop is traced
     request(delete_request(session, 9, 1));
     for (const Trace &trace : notices()) {
         EXPECT_THAT(trace.text, testing::Not(testing::HasSubstr("stop"))) << "the sessions ended with the port";
@@ -953,6 +973,16 @@ TEST_F(LinkProcedure, ForgetsOpenProceduresWithTheirRequests)
     link_procedures_forget_all();
     EXPECT_EQ(link_procedure_count(), 0u);
     EXPECT_THAT(numbers_to(daemon_test::CLIENT), IsEmpty());
+}
+
+TEST_F(LinkProcedure, TellsNoAutomationAgentThatIsNotThere)
+{
+    have_link();
+    request(update_request(session, 8, 1, {APP_2}));
+    request(delete_request(session, 9, 1));
+    EXPECT_THAT(numbers_to(ITC_NO_MBOX), IsEmpty());
+    ASSERT_EQ(create_link(session, {}), 1u);
+    EXPECT_THAT(numbers_to(ITC_NO_MBOX), IsEmpty());
 }
 
 // ---- Paths ----

@@ -157,6 +157,9 @@ TEST_F(ManagerState, AsksOnceMoreWithAction1WhenADefaultActionIsRefused)
     start_server("flow-manager");
     EXPECT_THAT(default_actions(),
                 ElementsAre("DiPort_A1=0", "DiPort_A1=1", "DiPort_B1=0", "DiPort_B1=1", "TNA=1", "TNA=1"));
+    forget_records();
+    start_server("pmi-server");
+    EXPECT_THAT(default_actions(), IsEmpty()) << "another service is no occasion to ask again";
 }
 
 TEST_F(ManagerState, GoesThroughServicesUpAgainWhenAServiceIsAddedTwice)

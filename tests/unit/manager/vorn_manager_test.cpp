@@ -249,7 +249,7 @@ TEST_P(VornManagerDeathTest, LeavesOutOfTheMiddleOfAProcedure)
         EXPECT_EXIT(
             {
                 bool once = false;
-                fake::on_send([this, &once](const fake::Sent &message) {
+                fake::on_send([&once](const fake::Sent &message) {
                     if (message.to == daemon_test::FMI && !once) {
                         once = true;
                         handle_signal(GetParam());
