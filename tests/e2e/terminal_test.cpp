@@ -158,7 +158,7 @@ TEST_F(LiveTable, LeavesNoProcessBehindWhenItIsKilledItself)
 {
     expect_shown("far-end CPM MAC");
     std::vector<pid_t> inside = children_of(innermost());
-    EXPECT_EQ(inside.size(), 7u); // the registry, four services, the far end, the daemon
+    EXPECT_EQ(inside.size(), 8u); // the registry, five services, the far end, the daemon
     ASSERT_EQ(kill(pid, SIGKILL), 0);
     for (pid_t process : inside) {
         expect_gone(process);

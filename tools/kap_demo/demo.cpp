@@ -23,12 +23,22 @@ void note(demo &d, const std::string &text)
     }
 }
 
-void take_status(demo &d, const iemli_event &event)
+// Null, and a note of it: the event speaks of a link that is not ours.
+demo_link *link_of(demo &d, const iemli_event &event, const char *what)
 {
     auto link =
         std::find_if(d.links.begin(), d.links.end(), [&](const demo_link &l) { return l.link_ref == event.link_ref; });
     if (link == d.links.end()) {
-        note(d, "status of link " + std::to_string(event.link_ref) + ", which is not ours");
+        note(d, std::string(what) + " of link " + std::to_string(event.link_ref) + ", which is not ours");
+        return nullptr;
+    }
+    return &*link;
+}
+
+void take_status(demo &d, const iemli_event &event)
+{
+    demo_link *link = link_of(d, event, "status");
+    if (link == nullptr) {
         return;
     }
     link->status = event.status;
@@ -37,6 +47,15 @@ void take_status(demo &d, const iemli_event &event)
     link->changed = std::chrono::system_clock::now();
     note(d, "link " + std::to_string(link->link_ref) + " is " +
                 iemli_client_status_text(event.status, event.disabled_reason));
+}
+
+void take_rtt(demo &d, const iemli_event &event)
+{
+    demo_link *link = link_of(d, event, "RTT");
+    if (link != nullptr) {
+        link->batches.push_back(event.rtt);
+        note(d, "link " + std::to_string(link->link_ref) + " RTT: " + demo_rtt_text(event.rtt));
+    }
 }
 
 void take_event(demo &d, const iemli_event &event)
@@ -52,6 +71,7 @@ void take_event(demo &d, const iemli_event &event)
         note(d, "the service was withdrawn");
         break;
     case iemli_event_kind::link_rtt:
+        take_rtt(d, event);
         break;
     case iemli_event_kind::server_died:
         throw stage_failure("the daemon died");
@@ -163,6 +183,21 @@ void demo_delete_all(demo &d)
     }
 }
 
+void demo_enable_rtt(demo &d, demo_link &link, const rtt_settings &settings)
+{
+    expect_confirmed(iemli_client_enable_rtt(d.client, link.link_ref, settings), "RTT");
+    link.rtt = settings;
+    link.batches.clear();
+    note(d, "link " + std::to_string(link.link_ref) + " has RTT enabled");
+}
+
+void demo_disable_rtt(demo &d, demo_link &link)
+{
+    expect_confirmed(iemli_client_disable_rtt(d.client, link.link_ref), "the end of RTT");
+    link.rtt = {};
+    note(d, "link " + std::to_string(link.link_ref) + " has RTT disabled");
+}
+
 void demo_listen(demo &d, std::chrono::milliseconds most)
 {
     stage_check(d.stage);
@@ -222,6 +257,30 @@ far_end_counts demo_far_end_counts(const demo_link &link)
     return counts;
 }
 
+std::optional<agent_path> demo_agent_path(uint32_t link_ref)
+{
+    const nlohmann::json shown = stage_control(AGENT, {"show"});
+    for (const auto &path : shown["paths"]) {
+        if (path["link_ref"] == link_ref) {
+            const auto &info = path["info"];
+            return agent_path{static_cast<uint32_t>(path["app_links"].size()),
+                              info["link_status"],
+                              info["min"],
+                              info["avg"],
+                              info["max"],
+                              info["reports"]};
+        }
+    }
+    return std::nullopt;
+}
+
+void demo_set_locked(demo &d, const stage_port &port, bool locked)
+{
+    stage_control("iepcsi", {locked ? "lock" : "unlock", port.node_name});
+    d.port_locked = locked;
+    note(d, port.iemli_name + (locked ? " is locked" : " is unlocked"));
+}
+
 void demo_stop_daemon(demo &d)
 {
     child_process daemon = stage_stop_process(d.stage, DAEMON, SIGTERM, 5s);
@@ -244,5 +303,16 @@ std::string demo_seconds(std::chrono::milliseconds time)
 {
     char text[32];
     (void)snprintf(text, sizeof text, "%.2f s", static_cast<double>(time.count()) / 1000);
+    return text;
+}
+
+double demo_microseconds(uint32_t sec, uint32_t nsec) { return sec * 1e6 + nsec / 1e3; }
+
+std::string demo_rtt_text(const rtt_stats &stats)
+{
+    char text[96];
+    (void)snprintf(text, sizeof text, "min %.2f avg %.2f max %.2f us, %s",
+                   demo_microseconds(stats.min_sec, stats.min_nsec), demo_microseconds(stats.avg_sec, stats.avg_nsec),
+                   demo_microseconds(stats.max_sec, stats.max_nsec), stats.rtt_validity == 1 ? "valid" : "not valid");
     return text;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,8 @@ struct demo_link {
     uint32_t reason = 0;
     bool told = false; // an indication has come
     std::chrono::system_clock::time_point changed;
+    rtt_settings rtt = {};          // batch size 0: not enabled
+    std::vector<rtt_stats> batches; // one per RTT indication since it was enabled
 };
 
 // One line of what happened, newest last.
@@ -32,6 +35,7 @@ struct demo {
     std::vector<demo_link> links;
     std::vector<demo_note> notes;
     bool far_end_answers = true;
+    bool port_locked = false; // the first port of the stage
 };
 
 // Starts everything and opens the session. Throws stage_failure.
@@ -48,6 +52,10 @@ demo_link &demo_create(demo &d, const iemli_link_wish &wish);
 // Deletes every link that is kept.
 void demo_delete_all(demo &d);
 
+// RTT of a link: its batches are counted anew. Throws stage_failure unless it is confirmed.
+void demo_enable_rtt(demo &d, demo_link &link, const rtt_settings &settings);
+void demo_disable_rtt(demo &d, demo_link &link);
+
 // Takes in what the daemon says for at most that long; returns after the first event.
 void demo_listen(demo &d, std::chrono::milliseconds most);
 // Waits until a link has this status. Gives the time it took; throws stage_failure when the bound is over.
@@ -63,8 +71,24 @@ struct far_end_counts {
 void demo_set_far_end(demo &d, bool answers);
 far_end_counts demo_far_end_counts(const demo_link &link);
 
+// What the automation agent has of a link. Nothing: no path.
+struct agent_path {
+    uint32_t app_links;
+    uint32_t link_status;
+    uint32_t min_nsec;
+    uint32_t avg_nsec;
+    uint32_t max_nsec;
+    uint64_t reports;
+};
+std::optional<agent_path> demo_agent_path(uint32_t link_ref);
+
+// Locks or unlocks a port of the stage at the port control server.
+void demo_set_locked(demo &d, const stage_port &port, bool locked);
+
 // Stops everything as an operator would. The daemon's exit status is looked at. Throws stage_failure.
 void demo_stop_daemon(demo &d);
 void demo_stop_rest(demo &d);
 
 std::string demo_seconds(std::chrono::milliseconds time); // "1.25 s"
+std::string demo_rtt_text(const rtt_stats &stats);        // "min 40.12 avg 51.00 max 60.33 us, valid"
+double demo_microseconds(uint32_t sec, uint32_t nsec);

@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 constexpr const char *CONFIG_PATH = "/run/kap-node.json";
-constexpr const char *NODE_SERVICES[] = {"iepcsi", "pmi", "emi", "fmi"};
+constexpr const char *NODE_SERVICES[] = {"iepcsi", "pmi", "emi", "fmi", AGENT};
 constexpr size_t TAIL_LINES = 12;
 constexpr int LOOK_EVERY_MS = 10;
 constexpr std::chrono::milliseconds STOP_BOUND = 5s;
@@ -88,9 +88,8 @@ bool try_enter_itc(const std::string &mbox_name)
 void wait_node_is_there(stage &s)
 {
     for (const auto &[name, child] : s.processes) {
-        std::string mailbox = kap_node::control_mailbox(name);
-        if (!mailbox.empty()) {
-            stage_wait(s, name + " is there", 15s, [&] { return itc_locate(mailbox.c_str()) != ITC_NO_MBOX; });
+        if (!kap_node::control_mailbox(name).empty()) {
+            stage_wait_node(s, name);
         }
     }
 }
@@ -172,6 +171,12 @@ stage stage_make(const std::string &log_dir)
 void stage_start_process(stage &s, const std::string &name)
 {
     s.processes[name] = process_start(name, command_of(s, name), s.log_dir + "/" + name + ".log");
+}
+
+void stage_wait_node(stage &s, const std::string &name)
+{
+    const std::string mailbox = kap_node::control_mailbox(name);
+    stage_wait(s, name + " is there", 15s, [&] { return itc_locate(mailbox.c_str()) != ITC_NO_MBOX; });
 }
 
 void stage_start(stage &s, const std::string &mbox_name)

@@ -40,6 +40,7 @@ struct stage {
 inline constexpr const char *DAEMON = "kap-vorn";
 inline constexpr const char *REGISTRY = "itcd";
 inline constexpr const char *FAR_END = "far-end";
+inline constexpr const char *AGENT = "aasi"; // the automation agent
 
 // Two ports: "IDL_A1", and "TN_A" with an interface of its own for VLAN 200 where the kernel has such.
 std::vector<stage_port> stage_usual_ports();
@@ -51,6 +52,8 @@ stage stage_make(const std::string &log_dir);
 void stage_start(stage &s, const std::string &mbox_name);
 // Starts one program again after it ended.
 void stage_start_process(stage &s, const std::string &name);
+// Waits until a program of the node takes commands.
+void stage_wait_node(stage &s, const std::string &name);
 
 // Throws stage_failure when a process has ended by itself.
 void stage_check(stage &s);
