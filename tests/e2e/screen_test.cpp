@@ -25,6 +25,7 @@ struct Screen : testing::Test {
         link.told = true;
         d.links.push_back(link);
         view.answered = {17};
+        view.paths = {std::nullopt};
         view.port_up = {true, false};
         view.colour = false;
     }
@@ -90,8 +91,8 @@ TEST_F(Screen, ShowsTheNewestNotesWhenNotAllFit)
         d.notes.push_back({{}, "note"});
     }
     d.notes.push_back({{}, "the newest"});
-    EXPECT_THAT(draw(80, 14), HasSubstr("the newest"));
-    EXPECT_THAT(draw(80, 14), Not(HasSubstr("the oldest")));
+    EXPECT_THAT(draw(80, 18), HasSubstr("the newest"));
+    EXPECT_THAT(draw(80, 18), Not(HasSubstr("the oldest")));
 }
 
 TEST_F(Screen, UsesNoColourUnlessAskedTo)
@@ -99,4 +100,39 @@ TEST_F(Screen, UsesNoColourUnlessAskedTo)
     EXPECT_THAT(draw(132, 40), Not(HasSubstr("\x1b[3")));
     view.colour = true;
     EXPECT_THAT(draw(132, 40), HasSubstr("\x1b[32m"));
+}
+
+TEST_F(Screen, ShowsTheLastBatchOfALinkWithRtt)
+{
+    d.links[0].rtt = {5, 1, 64};
+    EXPECT_THAT(draw(80, 24), HasSubstr("    1  RTT                       -          -          -  no batch yet"));
+    d.links[0].batches = {{0, 1, 0, 2, 0, 3, 1, {}}, {0, 40120, 1, 51003, 2, 60339, 1, {}}};
+    EXPECT_THAT(draw(80, 24), HasSubstr("    1  RTT, batch 2          40.12 1000051.00 2000060.34  valid\x1b[K"));
+    d.links[0].batches.push_back({});
+    EXPECT_THAT(draw(80, 24), HasSubstr("    1  RTT, batch 3           0.00       0.00       0.00  not valid\x1b[K"));
+}
+
+TEST_F(Screen, ShowsWhatTheAgentHasOfALink)
+{
+    EXPECT_THAT(draw(80, 24), HasSubstr("    1  agent's path              -          -          -  none\x1b[K"));
+    view.paths = {agent_path{2, IML_LINK_ENABLED, 40120, 51000, 60330, 7}};
+    EXPECT_THAT(draw(80, 24),
+                HasSubstr("    1  agent's path          40.12      51.00      60.33  enabled, 7 reports"));
+    view.paths[0]->link_status = IML_LINK_DISABLED;
+    EXPECT_THAT(draw(80, 24), HasSubstr("disabled, 7 reports"));
+}
+
+TEST_F(Screen, SaysThatAPortIsLocked)
+{
+    d.port_locked = true;
+    EXPECT_THAT(draw(132, 40), HasSubstr("idl_a1: up, locked    tn_a: down"));
+}
+
+TEST_F(Screen, ShowsTheLinkListInPlaceOfTheRest)
+{
+    view.list = "LINK  PORT\n1     IDL_A1\n";
+    EXPECT_THAT(draw(80, 24), HasSubstr("LINK  PORT\x1b[K\n1     IDL_A1\x1b[K\n"));
+    EXPECT_THAT(draw(80, 24), Not(HasSubstr("far end")));
+    EXPECT_THAT(draw(80, 24), Not(HasSubstr("wider")));
+    EXPECT_THAT(draw(8, 24), HasSubstr("  (the l"));
 }

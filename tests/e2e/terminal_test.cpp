@@ -131,6 +131,16 @@ TEST_F(LiveTable, ShowsLinksAndTakesKeysUntilQ)
     expect_shown("far end: silent");
     press("f");
     expect_shown("far end: answers");
+    press("k");
+    expect_shown("idl_a1: up, locked");
+    expect_shown("disabled with reason down");
+    press("k");
+    expect_shown("02:00:00:00:A1:FE    2  enabled");
+    expect_shown("RTT, batch ");
+    press("l");
+    expect_shown("SUPERVISION");
+    press("l");
+    expect_shown("round trip");
     press("q");
     expect_ends_in_order();
 }

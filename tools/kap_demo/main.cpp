@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <string>
 
+#include "live.hpp"
 #include "sandbox.hpp"
-#include "screen.hpp"
 #include "story.hpp"
 #include "terminal.hpp"
 
@@ -67,5 +67,5 @@ int main(int argc, char **argv)
     }
     demo d;
     d.stage = stage_make(std::filesystem::absolute(o.log_dir.empty() ? default_log_dir() : o.log_dir));
-    return table ? screen_run(d) : story_run(d);
+    return table ? live_run(d) : story_run(d);
 }

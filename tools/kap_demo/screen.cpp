@@ -1,32 +1,20 @@
+// Drawing: what is known becomes lines of text. Nothing is asked here.
 #include "screen.hpp"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <sstream>
 
 namespace
 {
-
-using namespace std::chrono_literals;
-using clock_type = std::chrono::steady_clock;
-
-volatile sig_atomic_t asked_to_end = 0;
-
-void ask_to_end(int) { asked_to_end = 1; }
-
-constexpr auto REDRAW_EVERY = 200ms;
-constexpr auto LISTEN_FOR = 50ms;
 
 constexpr const char *GREEN = "\x1b[32m";
 constexpr const char *RED = "\x1b[31m";
 constexpr const char *BOLD = "\x1b[1m";
 constexpr const char *PLAIN = "\x1b[0m";
-
-// ---- Drawing --------------------------------------------------------------------------------------------------------
 
 __attribute__((format(printf, 1, 2))) std::string text(const char *format, ...)
 {
@@ -101,11 +89,69 @@ void add_links(canvas &c, const demo &d, const screen_view &view)
     }
 }
 
+// What is known of a link's round trips: the last batch as the daemon reported it, and what the automation agent has.
+void add_round_trip(canvas &c, uint32_t link_ref, const std::string &whose, double min, double avg, double max,
+                    const std::string &remark)
+{
+    add_line(c, text(" %4u  %-16s %10.2f %10.2f %10.2f  %s", link_ref, whose.c_str(), min, avg, max, remark.c_str()));
+}
+
+void add_batch(canvas &c, const demo_link &link)
+{
+    if (link.batches.empty()) {
+        add_line(c, text(" %4u  %-16s %10s %10s %10s  no batch yet", link.link_ref, "RTT", "-", "-", "-"));
+        return;
+    }
+    const rtt_stats &last = link.batches.back();
+    add_round_trip(c, link.link_ref, "RTT, batch " + std::to_string(link.batches.size()),
+                   demo_microseconds(last.min_sec, last.min_nsec), demo_microseconds(last.avg_sec, last.avg_nsec),
+                   demo_microseconds(last.max_sec, last.max_nsec), last.rtt_validity == 1 ? "valid" : "not valid");
+}
+
+void add_path(canvas &c, uint32_t link_ref, const std::optional<agent_path> &path)
+{
+    if (!path) {
+        add_line(c, text(" %4u  %-16s %10s %10s %10s  none", link_ref, "agent's path", "-", "-", "-"));
+        return;
+    }
+    add_round_trip(c, link_ref, "agent's path", demo_microseconds(0, path->min_nsec),
+                   demo_microseconds(0, path->avg_nsec), demo_microseconds(0, path->max_nsec),
+                   std::string(path->link_status == IML_LINK_ENABLED ? "enabled" : "disabled") + ", " +
+                       std::to_string(path->reports) + " reports");
+}
+
+void add_round_trips(canvas &c, const demo &d, const screen_view &view)
+{
+    add_line(c, text(" %4s  %-16s %10s %10s %10s", "link", "round trip", "min us", "avg us", "max us"), BOLD);
+    for (size_t i = 0; i < d.links.size(); i++) {
+        if (d.links[i].rtt.batchSize != 0) {
+            add_batch(c, d.links[i]);
+        }
+        add_path(c, d.links[i].link_ref, view.paths.at(i));
+    }
+}
+
+void add_list(canvas &c, const std::string &list)
+{
+    std::istringstream lines(list);
+    size_t widest = 0;
+    for (std::string line; std::getline(lines, line);) {
+        widest = std::max(widest, line.size());
+        add_line(c, line);
+    }
+    const auto columns = static_cast<size_t>(c.size.columns);
+    if (widest > columns) {
+        add_line(c, "");
+        add_line(c, text("  (the list is %zu columns wider than this terminal)", widest - columns));
+    }
+}
+
 void add_scene(canvas &c, const demo &d, const screen_view &view)
 {
     std::string scene = std::string("  far end: ") + (d.far_end_answers ? "answers" : "silent");
     for (size_t i = 0; i < d.stage.ports.size(); i++) {
-        scene += "    " + d.stage.ports[i].wire.interface + ": " + (view.port_up.at(i) ? "up" : "down");
+        scene += "    " + d.stage.ports[i].wire.interface + ": " + (view.port_up.at(i) ? "up" : "down") +
+                 (i == 0 && d.port_locked ? ", locked" : "");
     }
     add_line(c, scene);
 }
@@ -116,7 +162,8 @@ void add_keys(canvas &c, const demo &d)
     for (size_t i = 0; i < d.stage.ports.size(); i++) {
         keys += "   " + std::to_string(i + 1) + " " + d.stage.ports[i].wire.interface + " down or up";
     }
-    add_line(c, keys + "   q end", BOLD);
+    add_line(c, keys, BOLD);
+    add_line(c, "  k lock or unlock " + d.stage.ports.at(0).wire.interface + "   l link list   q end", BOLD);
 }
 
 // As many of the newest as fit, oldest first.
@@ -129,75 +176,6 @@ void add_notes(canvas &c, const demo &d)
     }
 }
 
-// ---- Running --------------------------------------------------------------------------------------------------------
-
-struct live {
-    std::vector<bool> port_up;
-    clock_type::time_point next_draw;
-    bool colour;
-};
-
-void draw(demo &d, live &l)
-{
-    screen_view view;
-    view.now = std::chrono::system_clock::now();
-    view.port_up = l.port_up;
-    view.colour = l.colour;
-    for (const demo_link &link : d.links) {
-        view.answered.push_back(demo_far_end_counts(link).answered);
-    }
-    terminal_draw(screen_render(d, view, terminal_get_size()));
-    l.next_draw = clock_type::now() + REDRAW_EVERY;
-}
-
-void flip_port(demo &d, live &l, size_t index)
-{
-    if (index < d.stage.ports.size()) {
-        l.port_up[index] = !l.port_up[index];
-        wires_set_near(d.stage.ports[index].wire.interface, l.port_up[index]);
-    }
-}
-
-// True: the key ends the show.
-bool handle_key(demo &d, live &l, char key)
-{
-    if (key == 'q' || key == 'Q') {
-        return true;
-    }
-    if (key == 'f' || key == 'F') {
-        demo_set_far_end(d, !d.far_end_answers);
-    } else if (key >= '1' && key <= '9') {
-        flip_port(d, l, static_cast<size_t>(key - '1'));
-    }
-    l.next_draw = clock_type::now();
-    return false;
-}
-
-void show(demo &d)
-{
-    live l{std::vector<bool>(d.stage.ports.size(), true), clock_type::now(), getenv("NO_COLOR") == nullptr};
-    while (asked_to_end == 0) {
-        char key = terminal_key();
-        if (key != 0 && handle_key(d, l, key)) {
-            return;
-        }
-        demo_listen(d, LISTEN_FOR);
-        if (clock_type::now() >= l.next_draw) {
-            draw(d, l);
-        }
-    }
-}
-
-void end_in_order(demo &d)
-{
-    demo_delete_all(d);
-    printf("links deleted\n");
-    demo_stop_daemon(d);
-    printf("kap-vorn ended with exit status 0\n");
-    demo_stop_rest(d);
-    printf("nothing is left behind\n");
-}
-
 } // namespace
 
 std::string screen_render(const demo &d, const screen_view &view, terminal_size size)
@@ -205,7 +183,15 @@ std::string screen_render(const demo &d, const screen_view &view, terminal_size 
     canvas c{size, view.colour, "", 0};
     add_line(c, text("  kap-vorn: the links of this node%*s", 12, clock_text(view.now).c_str()), BOLD);
     add_line(c, "");
+    if (!view.list.empty()) {
+        add_list(c, view.list);
+        add_line(c, "");
+        add_line(c, "  l back   q end", BOLD);
+        return c.text;
+    }
     add_links(c, d, view);
+    add_line(c, "");
+    add_round_trips(c, d, view);
     add_line(c, "");
     add_scene(c, d, view);
     add_line(c, "");
@@ -213,26 +199,4 @@ std::string screen_render(const demo &d, const screen_view &view, terminal_size 
     add_line(c, "");
     add_notes(c, d);
     return c.text;
-}
-
-int screen_run(demo &d)
-{
-    (void)signal(SIGINT, ask_to_end);
-    (void)signal(SIGTERM, ask_to_end);
-    (void)signal(SIGHUP, ask_to_end);
-    try {
-        printf("starting the registry, the node's services, the far end and kap-vorn\n");
-        demo_start(d);
-        demo_create(d, demo_first_wish(d));
-        demo_create(d, demo_second_wish(d));
-        terminal_take();
-        show(d);
-        terminal_restore();
-        end_in_order(d);
-        return 0;
-    } catch (const std::exception &failure) {
-        terminal_restore();
-        printf("%s\nthe logs of the processes are in %s\n", failure.what(), d.stage.log_dir.c_str());
-        return 1;
-    }
 }
