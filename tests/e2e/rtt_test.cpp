@@ -1,0 +1,99 @@
+// The round trips that the daemon reports, against a capture on the near interface, over a path whose delay is known.
+#include <cmath>
+
+#include "e2e.hpp"
+#include "wire_capture.hpp"
+
+using namespace std::chrono_literals;
+
+namespace
+{
+
+constexpr rtt_settings SETTINGS = {5, 1, 100};
+constexpr uint16_t FIRST_VLAN = 300;
+constexpr uint16_t LINKS = 12; // of a batch of five each: sixty samples in the time of five
+constexpr int64_t DELAY_NS = 3'000'000;
+constexpr double AVERAGE_TOLERANCE_NS = 50'000;
+
+struct RoundTrips : EndToEnd {
+    std::vector<wire_capture> wires;
+
+    void TearDown() override
+    {
+        for (wire_capture &wire : wires) {
+            capture_close(wire);
+        }
+        EndToEnd::TearDown();
+    }
+
+    // Links without app links in VLANs of their own, each with a capture, all enabled.
+    void make_links()
+    {
+        const stage_port &port = d.stage.ports[0];
+        for (uint16_t vlan = FIRST_VLAN; vlan < FIRST_VLAN + LINKS; vlan++) {
+            wires.push_back(
+                capture_open(NEAR_NAMESPACE, port.wire.interface, port.wire.near_mac, port.wire.far_mac, vlan));
+            demo_create(d, demo_wish(d, "IDL_A1", vlan, 0));
+        }
+        for (const demo_link &link : d.links) {
+            demo_wait_status(d, link.link_ref, IML_LINK_ENABLED, 0, 5s);
+        }
+    }
+
+    void wait_a_batch_of_each()
+    {
+        const auto deadline = std::chrono::steady_clock::now() + 15s;
+        for (const demo_link &link : d.links) {
+            while (link.batches.empty()) {
+                ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "no RTT indication of link " << link.link_ref;
+                demo_listen(d, 50ms);
+            }
+        }
+    }
+};
+
+} // namespace
+
+TEST_F(RoundTrips, AgreeWithTheWireOverSixtySamplesOfADelayedPath)
+{
+    start();
+    stage_control(FAR_END, {"delay", std::to_string(DELAY_NS / 1000)});
+    make_links();
+    for (demo_link &link : d.links) {
+        demo_enable_rtt(d, link, SETTINGS);
+    }
+    wait_a_batch_of_each();
+    double reported = 0;
+    double on_the_wire = 0;
+    for (size_t i = 0; i < d.links.size(); i++) {
+        capture_drain(wires[i]);
+        const auto pings = capture_pings_of_size(wires[i], SETTINGS.frameSize);
+        ASSERT_GE(pings.size(), SETTINGS.batchSize);
+        const wire_figures wire = capture_figures(pings, 0, SETTINGS.batchSize);
+        const rtt_stats &batch = d.links[i].batches[0];
+        EXPECT_EQ(wire.answered, SETTINGS.batchSize);
+        EXPECT_EQ(batch.rtt_validity, 1);
+        EXPECT_GE(wire.minimum, DELAY_NS);
+        EXPECT_GE(batch.min_nsec, DELAY_NS);
+        reported += batch.avg_sec * 1e9 + batch.avg_nsec;
+        on_the_wire += static_cast<double>(wire.average);
+    }
+    EXPECT_LE(std::abs(reported - on_the_wire) / LINKS, AVERAGE_TOLERANCE_NS);
+    RecordProperty("apart_ns", std::to_string((reported - on_the_wire) / LINKS));
+}
+
+TEST_F(RoundTrips, AreNotReportedAnyMoreOnceTheyAreDisabled)
+{
+    start();
+    demo_link &link = demo_create(d, demo_first_wish(d));
+    demo_wait_status(d, link.link_ref, IML_LINK_ENABLED, 0, 5s);
+    demo_enable_rtt(d, link, {2, 1, 64});
+    wait_a_batch_of_each();
+    demo_disable_rtt(d, link);
+    while (iemli_client_next_event(d.client, 0)) { // what was under way when it was disabled
+    }
+    const uint64_t answered = demo_far_end_counts(link).answered;
+    stage_wait(d.stage, "three pings are answered", 6s,
+               [&] { return demo_far_end_counts(link).answered >= answered + 3; });
+    EXPECT_FALSE(iemli_client_next_event(d.client, 0).has_value());
+}
