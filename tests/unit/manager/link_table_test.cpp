@@ -297,13 +297,16 @@ TEST_F(LinkTable, StoresAStatusAndTracesTheOldAndTheNewOne)
     const iml_link *link = add();
     iml_link_set_status(1, 1, 4);
     iml_link_set_status(1, 0, 2);
+    iml_link_set_status(1, 0, 3);
     EXPECT_EQ(link->status, 0u);
-    EXPECT_EQ(link->disabled_reason, 2u);
+    EXPECT_EQ(link->disabled_reason, 3u);
     EXPECT_THAT(fake::traces(),
                 ElementsAre(Trace{6, "Updated iml link status on link with ref 1. Old status disabled with invalid "
                                      "reason, new status enabled"},
                             Trace{6, "Updated iml link status on link with ref 1. Old status enabled, new status "
-                                     "disabled with reason down"}));
+                                     "disabled with reason down"},
+                            Trace{6, "Updated iml link status on link with ref 1. Old status disabled with reason "
+                                     "down, new status disabled with reason locked"}));
 }
 
 TEST_F(LinkTable, ChangesNothingForAnUnknownReference)

@@ -382,6 +382,12 @@ TEST_F(ManagerState, HasATextForEveryService)
     EXPECT_STREQ(service_to_string(3), "UNKNOWN_SERVICE");
 }
 
+TEST_F(ManagerState, NamesALostServiceThatIsNoneAsUnknown)
+{
+    service_lost(16);
+    EXPECT_TRUE(fake::traced(1, "UNKNOWN_SERVICE is lost, but we already don't have it in services"));
+}
+
 TEST_F(ManagerState, HasATextForEveryLinkStatus)
 {
     EXPECT_STREQ(iml_link_status_text(1, 0), "enabled");
