@@ -9,7 +9,6 @@
 
 #include <poll.h>
 
-#include "control.hpp"
 #include "e2e.hpp"
 #include "link_list/link_list.hpp"
 
@@ -18,7 +17,6 @@ using namespace std::chrono_literals;
 namespace
 {
 
-constexpr const char *AGENT = "aasi";
 constexpr uint16_t VLAN = 100;
 constexpr int QUIET_MS = 2000;
 constexpr const char *SESSION_WITHOUT_LINK = "for link that doesn't exist any more.";
@@ -44,8 +42,7 @@ protected:
     void start_service(const std::string &name)
     {
         stage_start_process(d.stage, name);
-        stage_wait(d.stage, name + " is there", 15s,
-                   [&] { return itc_locate(kap_node::control_mailbox(name).c_str()) != ITC_NO_MBOX; });
+        stage_wait_node(d.stage, name);
     }
 
     void start_daemon()
@@ -225,13 +222,6 @@ INSTANTIATE_TEST_SUITE_P(Service, EndpointOrFlowManager, testing::Values("emi", 
 class AgentRestart : public Restart
 {
 protected:
-    void start_agent()
-    {
-        if (!d.stage.processes.contains(AGENT)) {
-            start_service(AGENT);
-        }
-    }
-
     // It is the agent that says who has set up a connection with it.
     void wait_connected()
     {
@@ -249,7 +239,6 @@ protected:
 TEST_F(AgentRestart, ItIsFoundAgainAndToldOfNewLinks)
 {
     start();
-    start_agent();
     wait_connected();
     const uint32_t link_ref = create_enabled_link().link_ref;
     wait_paths(1);
@@ -274,7 +263,6 @@ TEST_F(AgentRestart, ItIsFoundAgainAndToldOfNewLinks)
 TEST_F(AgentRestart, ItsLossChangesNothingForClients)
 {
     start();
-    start_agent();
     wait_connected();
     const uint32_t link_ref = create_enabled_link().link_ref;
     kill_process(AGENT);
@@ -289,7 +277,6 @@ TEST_F(AgentRestart, ItsLossChangesNothingForClients)
 TEST_F(Restart, WithTheRegistryEveryProcessEndsTheDaemonWithStatusZero)
 {
     start_with_link();
-    start_service(AGENT);
     auto rest = std::exchange(d.stage.processes, {});
     child_process registry = rest.extract(REGISTRY).mapped();
     process_kill(registry);
