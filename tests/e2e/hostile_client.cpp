@@ -126,7 +126,7 @@ bool keep_pace(uint32_t to)
 
 int main(int argc, char **argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0);
     if (argc != 4 || itc_init(1, 0, nullptr, nullptr, 0) != 0 || itc_create_mailbox(argv[1], 0) == ITC_NO_MBOX) {
         printf("usage: e2e-hostile NAME COUNT SEED, with a registry\n");
         return 1;

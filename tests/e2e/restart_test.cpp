@@ -203,12 +203,15 @@ class EndpointOrFlowManager : public Restart, public testing::WithParamInterface
 {
 };
 
-TEST_P(EndpointOrFlowManager, ItsLossEndsThePingsAndClosesTheVlan)
+TEST_P(EndpointOrFlowManager, ItsLossEndsThePingsAndTheOthersTakeBackWhatTheyHave)
 {
     start_with_link();
     kill_process(GetParam());
     wait_event(iemli_event_kind::withdrawn);
     stage_wait(d.stage, "the VLAN is closed", 5s, [] { return vlans() == 0; });
+    if (GetParam() == std::string("fmi")) {
+        stage_wait(d.stage, "the endpoints are gone", 5s, [] { return endpoints_in_vlan(VLAN) == 0; });
+    }
     const uint64_t last = pings();
     poll(nullptr, 0, QUIET_MS); // the time itself is what is observed here
     EXPECT_EQ(pings(), last);
@@ -308,6 +311,37 @@ TEST_F(Restart, TheDeathOfTheDaemonTearsNothingDownInTheLowerLayers)
     create_enabled_link();
     EXPECT_EQ(vlans(), 1u);
     EXPECT_EQ(endpoints_in_vlan(VLAN), endpoints) << "what the old daemon had set up is used again";
+    // Services that count who wants a thing count the dead daemon too.
+    demo_delete_all(d);
+    EXPECT_EQ(vlans(), 1u);
+    EXPECT_EQ(endpoints_in_vlan(VLAN), endpoints);
+}
+
+// The daemon does not refuse a session while its service is withdrawn, and gives it the reference of one that has
+// ended.
+TEST_F(Restart, AClientThatDoesNotWaitForThePublicationMayGetTheAnswerToAnEndedSession)
+{
+    start();
+    const uint32_t reference = d.client.server_ref;
+    const uint64_t before = received("emi", "EMI_ADD_ENDPOINT_REQ");
+    stage_control("emi", {"fault", "delay", "EMI_ADD_ENDPOINT_REQ", "1", "2000"});
+    iemli_client_send_create(d.client, demo_first_wish(d));
+    stage_wait(d.stage, "the endpoint manager owes its answer", 5s,
+               [=] { return received("emi", "EMI_ADD_ENDPOINT_REQ") > before; });
+    kill_process("fmi");
+    wait_event(iemli_event_kind::withdrawn);
+    d.client.server_mbox = itc_locate(DAEMON);
+    d.client.published = true; // it does as if
+    ASSERT_EQ(iemli_client_open(d.client).outcome, iemli_outcome::confirmed);
+    EXPECT_EQ(d.client.server_ref, reference);
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    std::optional<iemli_event> late;
+    while (!late && std::chrono::steady_clock::now() < deadline) {
+        late = iemli_client_next_event(d.client, 100);
+    }
+    ASSERT_TRUE(late);
+    EXPECT_EQ(late->kind, iemli_event_kind::late_answer);
+    EXPECT_EQ(late->msgno, uint32_t{IEMLI_CREATE_INTER_ME_LINK_CFM});
 }
 
 // The sessions end with the service, and the links with their sessions.
