@@ -101,10 +101,13 @@ std::string update_app_links(tour &t)
     iemli_answer answer = iemli_client_update_link(d.client, link.link_ref, link.wish.app_links);
     hold(answer.outcome == iemli_outcome::confirmed, "the update was not confirmed");
     stage_wait(d.stage, "the agent gets a path update", AT_ONCE, [&] { return received(AGENT, PATH_UPDATE) == 1; });
+    const std::string paths = stage_control(AGENT, {"show"})["paths"].dump();
+    hold(paths.find(mac_to_text(added.farEndAppMac)) != std::string::npos, "the agent does not know the new app link");
+    hold(paths.find(mac_to_text(removed.farEndAppMac)) == std::string::npos, "the agent still knows the old app link");
     hold(received(AGENT, PATH_CREATE) == creates, "an update made a path create");
     hold(emi_has_mac(added.farEndAppMac), "the endpoint manager does not know the new app link");
     hold(!emi_has_mac(removed.farEndAppMac), "the endpoint manager still knows the old app link");
-    return "confirmed; the endpoint manager has the new app link in place of the old, the agent got a path update";
+    return "confirmed; the endpoint manager and the agent have the new app link in place of the old";
 }
 
 std::string refused_create(tour &t)

@@ -114,6 +114,16 @@ void wait_batches(tour &t, size_t count)
     }
 }
 
+// The agent is told of a batch, too.
+void wait_agent_has(tour &t, const rtt_stats &stats)
+{
+    stage_wait(t.d.stage, "the agent has the figures of the batch", AT_ONCE, [&] {
+        const auto path = demo_agent_path(t.d.links[0].link_ref);
+        return path && path->min_nsec == stats.min_nsec && path->avg_nsec == stats.avg_nsec &&
+               path->max_nsec == stats.max_nsec;
+    });
+}
+
 std::string microseconds_text(const wire_figures &wire)
 {
     char text[96];
@@ -148,6 +158,7 @@ std::string rtt_batch_agrees(tour &t)
     demo_enable_rtt(t.d, link, SETTINGS);
     wait_batches(t, 1);
     hold_batches_agree(t);
+    wait_agent_has(t, link.batches[0]);
     const moment after = quiet_moment(t);
     const uint64_t answered = after.far_end_answered - before.far_end_answered;
     hold(answered == after.captured - before.captured, "the far end answered " + std::to_string(answered) +
@@ -155,7 +166,7 @@ std::string rtt_batch_agrees(tour &t)
                                                            std::to_string(after.captured - before.captured));
     const auto pings = capture_pings_of_size(t.wire, SETTINGS.frameSize);
     return demo_rtt_text(link.batches[0]) + "; on the wire " + microseconds_text(figures_of_batch(pings, 0)) +
-           "; the far end answered " + std::to_string(answered);
+           "; the far end answered " + std::to_string(answered) + ", the agent has the same";
 }
 
 std::string rtt_silent_batch(tour &t)
