@@ -24,7 +24,6 @@ namespace
 constexpr size_t frames_per_write = 64;
 constexpr size_t frames_between_tries = 32; // while there is a backlog: one write for many, not one failure for each
 constexpr size_t bytes_between_tries = 65536;
-constexpr std::chrono::milliseconds time_between_tries{1};
 constexpr size_t large_start = 65536;
 constexpr size_t bytes_per_event = 1u << 20; // then the others get their turn
 
@@ -62,10 +61,19 @@ peer *peer_for_sending(uint32_t process)
     return peer_find(process); // gone again, if the registry was given up over this
 }
 
+// The outbox's first frame, which nobody waits for any more.
+void outbox_pop(peer *p)
+{
+    block_free(p->outbox.take_after(nullptr));
+    if (p->outbox.head == nullptr) {
+        g().backlogged--;
+    }
+}
+
 void drop_outbox(peer *p)
 {
     while (p->outbox.head != nullptr) {
-        block_free(p->outbox.take_after(nullptr));
+        outbox_pop(p);
         note_drop(&g().statistics.dropped_no_mailbox, "its process is gone");
     }
     p->outbox_bytes = 0;
@@ -117,21 +125,28 @@ void arm(peer *p, bool armed)
     }
 }
 
-// A message that leaves in one piece, as nearly all do. Returns how much of its frame is out.
-size_t write_now(peer *p, const block *b)
+// What came of a write: the number of bytes taken.
+size_t written(peer *p, ssize_t put)
 {
-    const ssize_t put = send(p->fd, &b->frame, frame_size(b), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (put < 0) {
         p->write_broken = errno == EPIPE || errno == ECONNRESET;
         return 0;
     }
+    g().channel_writes++;
     return static_cast<size_t>(put);
 }
 
-void enqueue(peer *p, block *b, size_t written)
+// A message that leaves in one piece, as nearly all do. Returns how much of its frame is out.
+size_t write_now(peer *p, const block *b)
+{
+    return written(p, send(p->fd, &b->frame, frame_size(b), MSG_DONTWAIT | MSG_NOSIGNAL));
+}
+
+void enqueue(peer *p, block *b, size_t already_out)
 {
     if (p->outbox.head == nullptr) {
-        p->head_written = written;
+        p->head_written = already_out;
+        g().backlogged++;
     }
     p->outbox.push(b);
     p->outbox_bytes += frame_size(b);
@@ -141,8 +156,7 @@ void enqueue(peer *p, block *b, size_t written)
 
 bool worth_a_try(const peer *p)
 {
-    return p->held_frames >= frames_between_tries || p->held_bytes >= bytes_between_tries ||
-           clock::now() - p->last_try >= time_between_tries;
+    return p->held_frames >= frames_between_tries || p->held_bytes >= bytes_between_tries;
 }
 
 // Takes `count` written bytes off the outbox.
@@ -150,10 +164,10 @@ void outbox_advance(peer *p, size_t count)
 {
     count += p->head_written;
     while (p->outbox.head != nullptr && count >= frame_size(p->outbox.head)) {
-        block *b = p->outbox.take_after(nullptr);
-        count -= frame_size(b);
-        p->outbox_bytes -= frame_size(b);
-        block_free(b);
+        const size_t size = frame_size(p->outbox.head);
+        count -= size;
+        p->outbox_bytes -= size;
+        outbox_pop(p);
     }
     p->head_written = count;
 }
@@ -171,12 +185,7 @@ size_t write_backlog(peer *p)
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = count;
-    const ssize_t put = sendmsg(p->fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (put < 0) {
-        p->write_broken = errno == EPIPE || errno == ECONNRESET;
-        return 0;
-    }
-    return static_cast<size_t>(put);
+    return written(p, sendmsg(p->fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL));
 }
 
 // The bound is on what waits behind the message under way: a message larger than the bound still goes, and does not
@@ -308,7 +317,6 @@ void peer_flush(peer *p)
         return;
     }
     p->held_frames = p->held_bytes = 0;
-    p->last_try = clock::now();
     while (p->outbox.head != nullptr && !p->write_broken) {
         const size_t put = write_backlog(p);
         if (put == 0) {
@@ -320,6 +328,24 @@ void peer_flush(peer *p)
         drop_outbox(p); // the channel itself is closed when all that the peer had sent is read
     }
     arm(p, p->outbox.head != nullptr);
+}
+
+void peers_try()
+{
+    state &s = g();
+    const clock::time_point now = clock::now();
+    if (now - s.last_tries < time_between_tries) {
+        return;
+    }
+    s.last_tries = now;
+    if (s.introducing > 0 && !s.led) {
+        registry_read(); // a leader does it himself, and may wait for just what would be taken here
+    }
+    for (const auto &entry : s.peers) {
+        if (entry.second->outbox.head != nullptr) {
+            peer_flush(entry.second);
+        }
+    }
 }
 
 void peer_send(block *b, uint32_t to)
@@ -351,12 +377,12 @@ void peer_send(block *b, uint32_t to)
         }
         return;
     }
-    const size_t written = write_now(p, b);
-    if (written == frame_size(b)) {
+    const size_t out = write_now(p, b);
+    if (out == frame_size(b)) {
         block_free(b);
         return;
     }
-    enqueue(p, b, written);
+    enqueue(p, b, out);
     arm(p, true);
 }
 

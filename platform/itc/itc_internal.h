@@ -1,7 +1,7 @@
 /*
- * What libitc offers to libns and to nobody else: the name service lives in the registry, and a process has one
+ * What libitc offers to libns, and one figure to tests: the name service lives in the registry, and a process has one
  * connection to it. Arguments are checked by libns: no pointer is NULL, every text is at most 255 bytes long.
- * Each returns 0 or an errno value.
+ * Each of these returns 0 or an errno value.
  */
 #ifndef ITC_INTERNAL_H
 #define ITC_INTERNAL_H
@@ -16,6 +16,9 @@ int itc_internal_publish(const char *name, const char *scope, uint32_t mbox, con
 int itc_internal_unpublish(const char *name, const char *scope, uint32_t mbox, const char *path);
 int itc_internal_subscribe(const char *name, const char *scope, uint32_t mbox);
 int itc_internal_unsubscribe(uint32_t sid, uint32_t mbox);
+
+/* For tests: how many writes to other processes' sockets took something, since the process began. */
+uint64_t itc_internal_channel_writes(void);
 
 #ifdef __cplusplus
 }

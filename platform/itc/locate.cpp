@@ -30,7 +30,7 @@ extern "C" {
 
 uint32_t itc_locate(const char *name)
 {
-    hold lock(g().lock);
+    hold lock = call_lock();
     if (!name_is_good(name)) {
         return ITC_NO_MBOX;
     }
@@ -45,7 +45,7 @@ void itc_locate_async(const char *name, itc_msg **msg, uint32_t deliver_to)
     if (b == nullptr) {
         return;
     }
-    const hold lock(g().lock);
+    const hold lock = call_lock();
     if (!name_is_good(name) || !mbox_is_own(deliver_to)) {
         note_drop(&g().statistics.dropped_no_mailbox, "it was to tell of a name, but to no mailbox of this process");
         block_free(b);
@@ -60,7 +60,7 @@ void itc_locate_async(const char *name, itc_msg **msg, uint32_t deliver_to)
 uint32_t itc_monitor(uint32_t mbox, itc_msg **msg)
 {
     block *b = block_take(msg);
-    const hold lock(g().lock);
+    const hold lock = call_lock();
     const uint32_t id = new_serial();
     const thread *t = thread_current();
     if (b == nullptr || t == nullptr) {
@@ -75,7 +75,7 @@ uint32_t itc_monitor(uint32_t mbox, itc_msg **msg)
 
 void itc_unmonitor(uint32_t monitor_id)
 {
-    const hold lock(g().lock);
+    const hold lock = call_lock();
     if (monitor_id == 0) {
         return;
     }

@@ -19,6 +19,22 @@ state &g()
     return *only;
 }
 
+hold call_lock()
+{
+    hold lock(g().lock);
+    if (g().backlogged.load(std::memory_order_relaxed) != 0) {
+        peers_try();
+    }
+    return lock;
+}
+
+void try_backlog()
+{
+    if (g().backlogged.load(std::memory_order_relaxed) != 0) {
+        (void)call_lock();
+    }
+}
+
 namespace
 {
 
@@ -287,7 +303,7 @@ void itc_exit(void)
 
 uint32_t itc_create_mailbox(const char *name, uint32_t flags)
 {
-    hold lock(g().lock);
+    hold lock = call_lock();
     const uint32_t box = free_box();
     if (box == itc_wire::box_limit || !name_is_good(name) || flags != 0) {
         return ITC_NO_MBOX;
@@ -313,7 +329,7 @@ uint32_t itc_create_mailbox(const char *name, uint32_t flags)
 
 int itc_delete_mailbox(uint32_t mbox)
 {
-    hold lock(g().lock);
+    hold lock = call_lock();
     if (!mbox_is_own(mbox)) {
         return EINVAL;
     }
@@ -329,7 +345,7 @@ int itc_delete_mailbox(uint32_t mbox)
 
 int itc_add_name(uint32_t mbox, const char *name)
 {
-    hold lock(g().lock);
+    hold lock = call_lock();
     if (!mbox_is_own(mbox) || !name_is_good(name)) {
         return EINVAL;
     }
@@ -339,7 +355,7 @@ int itc_add_name(uint32_t mbox, const char *name)
 
 uint32_t itc_current_mbox(void)
 {
-    const hold lock(g().lock);
+    const hold lock = call_lock();
     const thread *t = thread_current();
     return t == nullptr ? ITC_NO_MBOX : t->mbox;
 }
@@ -351,7 +367,7 @@ void itc_send(itc_msg **msg, uint32_t to, uint32_t from)
         return;
     }
     state &s = g();
-    const hold lock(s.lock);
+    const hold lock = call_lock();
     b->sender = sender_for(from);
     b->monitor_id = 0;
     if (to == ITC_NO_MBOX || !s.up) {
@@ -363,27 +379,33 @@ void itc_send(itc_msg **msg, uint32_t to, uint32_t from)
     } else {
         peer_send(b, to);
     }
-    if (s.introducing > 0) {
+    if (s.introducing > 0 && !s.led) {
         registry_read(); // a sender that never receives needs its introductions too
     }
 }
 
 void itc_get_statistics(itc_statistics *out)
 {
-    const hold lock(g().lock);
+    const hold lock = call_lock();
     *out = g().statistics;
+}
+
+uint64_t itc_internal_channel_writes(void)
+{
+    const hold lock(g().lock);
+    return g().channel_writes;
 }
 
 int itc_internal_publish(const char *name, const char *scope, uint32_t mbox, const char *path)
 {
-    hold lock(g().lock);
+    hold lock = call_lock();
     itc_wire::writer request(itc_wire::publish, 0);
     return mbox_is_own(mbox) ? registry_command(lock, request.u32(mbox).text(name).text(scope).text(path)) : EINVAL;
 }
 
 int itc_internal_unpublish(const char *name, const char *scope, uint32_t mbox, const char *path)
 {
-    hold lock(g().lock);
+    hold lock = call_lock();
     itc_wire::writer request(itc_wire::unpublish, 0);
     return mbox_is_own(mbox) ? registry_command(lock, request.u32(mbox).text(name).text(scope).text(path)) : EINVAL;
 }
@@ -391,7 +413,7 @@ int itc_internal_unpublish(const char *name, const char *scope, uint32_t mbox, c
 int itc_internal_subscribe(const char *name, const char *scope, uint32_t mbox)
 {
     state &s = g();
-    hold lock(s.lock);
+    hold lock = call_lock();
     if (!mbox_is_own(mbox)) {
         return EINVAL;
     }
@@ -411,7 +433,7 @@ int itc_internal_subscribe(const char *name, const char *scope, uint32_t mbox)
 int itc_internal_unsubscribe(uint32_t sid, uint32_t mbox)
 {
     state &s = g();
-    hold lock(s.lock);
+    hold lock = call_lock();
     const auto found = s.subscriptions.find(sid);
     if (found == s.subscriptions.end() || found->second != mbox) {
         return mbox_is_own(mbox) ? ENOENT : EINVAL;

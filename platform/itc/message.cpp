@@ -86,12 +86,17 @@ extern "C" {
 
 itc_msg *itc_alloc(size_t size, uint32_t msgno)
 {
+    itc::try_backlog();
     itc::block *b = itc::block_new(size < sizeof(itc_msg) ? sizeof(itc_msg) : size, true);
     b->msg()->msgno = msgno;
     return b->msg();
 }
 
-void itc_free(itc_msg **msg) { itc::block_free(itc::block_take(msg)); }
+void itc_free(itc_msg **msg)
+{
+    itc::try_backlog();
+    itc::block_free(itc::block_take(msg));
+}
 
 size_t itc_size(const itc_msg *msg) { return itc::block_of(msg)->size; }
 

@@ -13,6 +13,7 @@
 #include "itc.h"
 #include "itc_wire.hpp"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -34,6 +35,9 @@ inline constexpr size_t registry_outbox_limit = 1u << 20; // bytes of requests t
 inline constexpr int mailbox_limit = 1024;
 inline constexpr std::chrono::milliseconds call_limit{2000};
 inline constexpr std::chrono::milliseconds exit_limit{100};
+// How soon a call tries again what an earlier one could not send. In a burst against a full socket this keeps the cost
+// of trying at a few hundredths; no peer is seen to have read in less.
+inline constexpr std::chrono::microseconds time_between_tries{50};
 
 // A message as it lies in memory: the frame stands right before its first word, so that both leave in one write.
 struct block {
@@ -102,7 +106,6 @@ struct peer {
     size_t head_written = 0; // of the outbox's first frame
     size_t held_frames = 0;  // queued since the socket was last tried
     size_t held_bytes = 0;
-    clock::time_point last_try;
     uint8_t *buffer = nullptr;
     size_t fill = 0;
     block *large = nullptr; // a message that does not fit in the buffer, while it arrives
@@ -163,6 +166,9 @@ struct state {
     std::unordered_map<uint32_t, peer *> peers;
     peer *last_peer = nullptr;
     unsigned introducing = 0;
+    std::atomic<unsigned> backlogged{0}; // peers whose outbox holds something; changed with the lock held
+    clock::time_point last_tries;        // of all of them
+    uint64_t channel_writes = 0;         // that took something
 
     uint32_t next_sid = 0;
     std::map<uint32_t, uint32_t> subscriptions;     // sid to mailbox
@@ -173,6 +179,11 @@ struct state {
 };
 
 state &g();
+
+// The lock, as every call from outside takes it: what waits for other processes is tried on the way.
+hold call_lock();
+// The same for a call that needs no lock of its own.
+void try_backlog();
 
 // ---- wait.cpp: the descriptors, the lead, itc_receive ---------------------------------------------------------------
 
@@ -214,6 +225,7 @@ void peer_absent(uint32_t process);
 void peer_drain(uint32_t process); // takes in what that process has sent up to now
 void peer_event(uint32_t process, uint32_t events);
 void peer_flush(peer *p);
+void peers_try();           // whatever waits, unless it was tried a moment ago
 void peers_lose_registry(); // drops what waits for an introduction that will never come
 void peers_close();
 

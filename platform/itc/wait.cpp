@@ -335,7 +335,7 @@ extern "C" {
 
 itc_msg *itc_receive(const uint32_t *filter, uint32_t timeout_ms, uint32_t from)
 {
-    hold lock(g().lock);
+    hold lock = call_lock();
     thread *me = thread_current();
     if (me == nullptr) {
         return nullptr;
@@ -351,7 +351,7 @@ itc_msg *itc_receive(const uint32_t *filter, uint32_t timeout_ms, uint32_t from)
 
 int itc_get_fd(void)
 {
-    const hold lock(g().lock);
+    const hold lock = call_lock();
     if (!g().up) {
         return -1;
     }
@@ -362,7 +362,7 @@ int itc_get_fd(void)
 
 int itc_watch_fd(int fd, void (*callback)(void *arg), void *arg)
 {
-    const hold lock(g().lock);
+    const hold lock = call_lock();
     if (callback == nullptr) {
         return EINVAL;
     }
@@ -380,7 +380,7 @@ int itc_watch_fd(int fd, void (*callback)(void *arg), void *arg)
 
 void itc_unwatch_fd(int fd)
 {
-    const hold lock(g().lock);
+    const hold lock = call_lock();
     if (g().watches.erase(fd) != 0) {
         poll_remove(fd);
     }
