@@ -42,10 +42,10 @@ uint32_t itc_locate(const char *name)
 void itc_locate_async(const char *name, itc_msg **msg, uint32_t deliver_to)
 {
     block *b = block_take(msg);
+    const hold lock = call_lock();
     if (b == nullptr) {
         return;
     }
-    const hold lock = call_lock();
     if (!name_is_good(name) || !mbox_is_own(deliver_to)) {
         note_drop(&g().statistics.dropped_no_mailbox, "it was to tell of a name, but to no mailbox of this process");
         block_free(b);

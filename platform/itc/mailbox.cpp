@@ -363,11 +363,11 @@ uint32_t itc_current_mbox(void)
 void itc_send(itc_msg **msg, uint32_t to, uint32_t from)
 {
     block *b = block_take(msg);
+    state &s = g();
+    const hold lock = call_lock();
     if (b == nullptr) {
         return;
     }
-    state &s = g();
-    const hold lock = call_lock();
     b->sender = sender_for(from);
     b->monitor_id = 0;
     if (to == ITC_NO_MBOX || !s.up) {

@@ -3,6 +3,7 @@
 #include "itcd_fixture.hpp"
 
 #include "itc_wire.hpp"
+#include "raw_client.hpp"
 
 #include <cerrno>
 #include <csignal>
@@ -31,8 +32,6 @@ constexpr uint32_t WORK = 0x5201;
 constexpr uint32_t LAST = 0x5202;
 constexpr uint32_t GONE = 0x5203;
 constexpr uid_t nobody = 65534;
-
-using Bytes = std::vector<uint8_t>;
 
 void send_plain(uint32_t to, uint32_t msgno)
 {
@@ -65,135 +64,6 @@ void become(uid_t user)
     if (setgid(user) != 0 || setuid(user) != 0) {
         _exit(97);
     }
-}
-
-// ---- A client that does not use libitc
-// -------------------------------------------------------------------------------
-
-int raw_connect()
-{
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, "/run/kap-itc/itcd.sock");
-    return connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ? fd : -1;
-}
-
-void put32(Bytes &to, uint32_t value)
-{
-    uint8_t bytes[4];
-    memcpy(bytes, &value, 4);
-    to.insert(to.end(), bytes, bytes + 4);
-}
-
-void put_text(Bytes &to, const std::string &text)
-{
-    const auto length = static_cast<uint16_t>(text.size());
-    uint8_t bytes[2];
-    memcpy(bytes, &length, 2);
-    to.insert(to.end(), bytes, bytes + 2);
-    to.insert(to.end(), text.begin(), text.end());
-}
-
-Bytes frame(uint32_t type, uint32_t serial, const Bytes &fields)
-{
-    Bytes b;
-    put32(b, static_cast<uint32_t>(12 + fields.size()));
-    put32(b, type);
-    put32(b, serial);
-    b.insert(b.end(), fields.begin(), fields.end());
-    return b;
-}
-
-Bytes words(const std::vector<uint32_t> &values)
-{
-    Bytes b;
-    for (const uint32_t value : values) {
-        put32(b, value);
-    }
-    return b;
-}
-
-Bytes word_and_text(uint32_t word, const std::string &text)
-{
-    Bytes b = words({word});
-    put_text(b, text);
-    return b;
-}
-
-void write_all(int fd, const Bytes &bytes) { (void)!send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-
-// One frame, and the descriptor that came with it. Empty when the other side closed.
-Bytes read_frame(int fd, int *descriptor = nullptr)
-{
-    Bytes b(4);
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-    iovec part{b.data(), 4};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    if (recvmsg(fd, &message, MSG_WAITALL | MSG_CMSG_CLOEXEC) != 4) {
-        return {};
-    }
-    const cmsghdr *c = CMSG_FIRSTHDR(&message);
-    if (c != nullptr && descriptor != nullptr) {
-        memcpy(descriptor, CMSG_DATA(c), sizeof(int));
-    }
-    uint32_t length = 0;
-    memcpy(&length, b.data(), 4);
-    b.resize(length);
-    return recv(fd, b.data() + 4, length - 4, MSG_WAITALL) == static_cast<ssize_t>(length - 4) ? b : Bytes{};
-}
-
-bool ended(int fd)
-{
-    pollfd wanted{fd, POLLIN, 0};
-    if (poll(&wanted, 1, 10000) != 1) {
-        return false;
-    }
-    char byte;
-    const ssize_t got = recv(fd, &byte, 1, 0);
-    return got == 0 || (got < 0 && errno == ECONNRESET);
-}
-
-constexpr uint32_t HELLO = 1;
-constexpr uint32_t CREATE = 2;
-constexpr uint32_t LOCATE = 5;
-constexpr uint32_t AWAIT = 6;
-constexpr uint32_t MONITOR = 8;
-constexpr uint32_t INTRODUCE = 10;
-constexpr uint32_t WELCOME = 101;
-constexpr uint32_t RESULT = 103;
-constexpr uint32_t LOCATED = 104;
-constexpr uint32_t CHANNEL = 107;
-
-uint32_t word_at(const Bytes &b, size_t offset)
-{
-    uint32_t value = 0;
-    EXPECT_GE(b.size(), offset + 4);
-    memcpy(&value, b.data() + offset, 4);
-    return value;
-}
-
-// Connected and past the hello; the process number in *process.
-int raw_join(uint32_t *process)
-{
-    const int fd = raw_connect();
-    write_all(fd, frame(HELLO, 0, words({1})));
-    const Bytes welcome = read_frame(fd);
-    EXPECT_EQ(welcome, frame(WELCOME, 0, words({word_at(welcome, 12)})));
-    *process = word_at(welcome, 12);
-    return fd;
-}
-
-uint32_t raw_create(int fd, uint32_t process, const std::string &name)
-{
-    const uint32_t mbox = process << 12 | 5;
-    write_all(fd, frame(CREATE, 77, word_and_text(mbox, name)));
-    EXPECT_EQ(read_frame(fd), frame(RESULT, 77, words({0})));
-    return mbox;
 }
 
 class ItcSystem : public ItcTest
@@ -718,29 +588,6 @@ TEST_F(ItcSystem, DescriptorsSentToTheRegistryAreNotKept)
     EXPECT_EQ(open_descriptors(registry).size(), before);
     EXPECT_EQ(itc_locate("own"), own);
     close(fd);
-}
-
-// A raw process that has been introduced to `mbox`: the channel's own end.
-int raw_channel(int fd, uint32_t mbox)
-{
-    int channel = -1;
-    write_all(fd, frame(INTRODUCE, 0, words({mbox >> 12})));
-    const Bytes told = read_frame(fd, &channel);
-    EXPECT_EQ(word_at(told, 4), CHANNEL);
-    EXPECT_EQ(word_at(told, 12), mbox >> 12);
-    EXPECT_GE(channel, 0);
-    return channel;
-}
-
-Bytes message_frame(uint32_t length, uint16_t to, uint16_t from, const Bytes &message)
-{
-    Bytes b = words({length});
-    b.push_back(static_cast<uint8_t>(to & 0xFF));
-    b.push_back(static_cast<uint8_t>(to >> 8));
-    b.push_back(static_cast<uint8_t>(from & 0xFF));
-    b.push_back(static_cast<uint8_t>(from >> 8));
-    b.insert(b.end(), message.begin(), message.end());
-    return b;
 }
 
 TEST_F(ItcSystem, TheSenderIsTheProcessAtTheOtherEndWhateverTheBytesSay)

@@ -1,0 +1,217 @@
+/* What happens when a socket takes no more, and what never gets to a socket at all. The other end of the channel is
+   held by the test itself, which decides when it reads. */
+#include "itcd_fixture.hpp"
+
+#include "itc_internal.h"
+#include "raw_client.hpp"
+
+#include <chrono>
+#include <csignal>
+#include <dirent.h>
+#include <linux/sockios.h>
+#include <set>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+using namespace itc_test;
+
+namespace
+{
+
+constexpr uint32_t WORK = 0x5301;
+
+struct numbered {
+    uint32_t msgno;
+    uint32_t value;
+};
+
+void send_number(uint32_t to, uint32_t value)
+{
+    itc_msg *msg = itc_alloc(sizeof(numbered), WORK);
+    reinterpret_cast<numbered *>(msg)->value = value;
+    itc_send(&msg, to, ITC_MY_MBOX);
+}
+
+constexpr size_t frame_size = 16; // of a numbered message: length, boxes, number, value
+
+// Every descriptor of this process that is a socket.
+std::set<int> sockets()
+{
+    std::set<int> found;
+    DIR *directory = opendir("/proc/self/fd");
+    while (const dirent *entry = readdir(directory)) {
+        const int fd = atoi(entry->d_name);
+        int type = 0;
+        socklen_t size = sizeof type;
+        if (entry->d_name[0] != '.' && getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0) {
+            found.insert(fd);
+        }
+    }
+    closedir(directory);
+    return found;
+}
+
+int send_buffer(int fd)
+{
+    int bytes = 0;
+    socklen_t size = sizeof bytes;
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, &size), 0);
+    return bytes;
+}
+
+class ItcBacklog : public ItcTest
+{
+protected:
+    void SetUp() override
+    {
+        ItcTest::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        start_registry();
+        own = join("own");
+        uint32_t process = 0;
+        connection = raw_join(&process);
+        remote = raw_create(connection, process, "remote");
+    }
+
+    void TearDown() override
+    {
+        close(channel);
+        close(connection);
+        ItcTest::TearDown();
+    }
+
+    void open_channel()
+    {
+        channel = raw_channel(connection, own);
+        ASSERT_EQ(itc_receive(nullptr, 0, ITC_FROM_ANY), nullptr); // takes its own end
+    }
+
+    // Sends until a message has not gone out at once, and `more` behind it.
+    void fill(uint32_t more)
+    {
+        uint64_t writes = 0;
+        do {
+            writes = itc_internal_channel_writes();
+            send_number(remote, ++sent);
+        } while (itc_internal_channel_writes() != writes && sent < 1000000);
+        for (uint32_t i = 0; i < more; i++) {
+            send_number(remote, ++sent);
+        }
+        ASSERT_EQ(itc_internal_channel_writes(), writes) << "nothing may go out into a full socket";
+    }
+
+    // Reads what is there now, and checks that it goes on where the last reading stopped. Returns the messages.
+    uint32_t read_all()
+    {
+        uint8_t bytes[frame_size];
+        uint32_t count = 0;
+        while (recv(channel, bytes, sizeof bytes, MSG_DONTWAIT) == static_cast<ssize_t>(sizeof bytes)) {
+            uint32_t value = 0;
+            memcpy(&value, bytes + 12, sizeof value);
+            EXPECT_EQ(value, ++got);
+            count++;
+        }
+        return count;
+    }
+
+    uint32_t own = ITC_NO_MBOX;
+    uint32_t remote = ITC_NO_MBOX;
+    int connection = -1;
+    int channel = -1;
+    uint32_t sent = 0;
+    uint32_t got = 0;
+};
+
+TEST_F(ItcBacklog, EveryCallSendsWhatWaitsOnceThePeerHasRead)
+{
+    open_channel();
+    itc_msg *nothing = nullptr;
+    const std::vector<std::pair<const char *, std::function<void()>>> calls = {
+        {"itc_alloc", [&] { nothing = itc_alloc(4, WORK); }},
+        {"itc_free", [&] { itc_free(&nothing); }},
+        {"itc_receive", [] { EXPECT_EQ(itc_receive(nullptr, 0, ITC_FROM_ANY), nullptr); }},
+        {"itc_send to nobody", [this] { send_number(ITC_NO_MBOX, 0); }},
+        {"itc_send to itself", [this] { send_number(own, 0); }},
+        {"itc_receive of what is queued",
+         [] {
+             itc_msg *msg = itc_receive(nullptr, 0, ITC_FROM_ANY);
+             ASSERT_NE(msg, nullptr);
+             itc_free(&msg);
+         }},
+        {"itc_locate", [this] { EXPECT_EQ(itc_locate("own"), own); }},
+        {"itc_locate_async", [&] { itc_locate_async("never", &nothing, own); }},
+        {"itc_monitor", [&] { itc_unmonitor(itc_monitor(remote, &nothing)); }},
+        {"itc_add_name", [this] { EXPECT_EQ(itc_add_name(own, "own too"), 0); }},
+        {"itc_current_mbox", [this] { EXPECT_EQ(itc_current_mbox(), own); }},
+        {"itc_get_fd", [] { EXPECT_GE(itc_get_fd(), 0); }},
+    };
+    for (const auto &[name, make] : calls) {
+        fill(20);
+        EXPECT_GT(read_all(), 0u);
+        ASSERT_LE(got, sent - 20) << "something has to be left over";
+        make();
+        read_all();
+        EXPECT_EQ(got, sent) << name;
+    }
+}
+
+TEST_F(ItcBacklog, ManyFramesThatWaitedLeaveInOneWrite)
+{
+    open_channel();
+    fill(999);
+    read_all();
+    ASSERT_EQ(got, sent - 1000);
+    const uint64_t writes = itc_internal_channel_writes();
+    EXPECT_EQ(itc_receive(nullptr, 0, ITC_FROM_ANY), nullptr);
+    EXPECT_LE(itc_internal_channel_writes() - writes, 1000u / 32);
+    EXPECT_GT(itc_internal_channel_writes(), writes);
+    EXPECT_EQ(read_all(), 1000u);
+}
+
+TEST_F(ItcBacklog, BothEndsOfAChannelHaveMoreRoomThanASocketHasByItself)
+{
+    int plain[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, plain), 0);
+    const int usual = send_buffer(plain[0]);
+    const std::set<int> before = sockets();
+    open_channel();
+    std::set<int> fresh = sockets();
+    for (const int fd : before) {
+        fresh.erase(fd);
+    }
+    ASSERT_EQ(fresh.size(), 2u);
+    for (const int fd : fresh) {
+        EXPECT_GE(send_buffer(fd), 1 << 20);
+        EXPECT_GT(send_buffer(fd), usual);
+    }
+    close(plain[0]);
+    close(plain[1]);
+}
+
+TEST_F(ItcBacklog, AMessageToAnOwnMailboxTouchesNoSocket)
+{
+    ASSERT_EQ(itc_receive(nullptr, 0, ITC_FROM_ANY), nullptr);
+    ASSERT_EQ(kill(registry, SIGSTOP), 0); // whatever was written to it would now lie in the socket
+    const std::set<int> open_before = sockets();
+    const uint64_t writes = itc_internal_channel_writes();
+    for (uint32_t i = 1; i <= 50; i++) { // fewer than a receiver takes between two looks at its descriptors
+        send_number(own, i);
+        itc_msg *msg = itc_receive(nullptr, 0, ITC_FROM_ANY);
+        ASSERT_NE(msg, nullptr);
+        EXPECT_EQ(reinterpret_cast<numbered *>(msg)->value, i);
+        EXPECT_EQ(itc_sender(msg), own);
+        itc_free(&msg);
+    }
+    EXPECT_EQ(sockets(), open_before);
+    EXPECT_EQ(itc_internal_channel_writes(), writes);
+    for (const int fd : open_before) {
+        int unread = -1;
+        EXPECT_EQ(ioctl(fd, SIOCOUTQ, &unread), 0);
+        EXPECT_EQ(unread, 0) << "something was written to descriptor " << fd;
+    }
+    EXPECT_EQ(kill(registry, SIGCONT), 0);
+}
+
+} // namespace
