@@ -7,7 +7,6 @@
 #include "state.hpp"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <linux/sockios.h>
 #include <sys/epoll.h>
@@ -288,8 +287,7 @@ reading read_once(peer *p, size_t *total)
     } else {
         p->fill += static_cast<size_t>(got);
         if (!parse(p)) {
-            (void)fprintf(stderr, "libitc: process %u sent a frame that makes no sense, closing its channel\n",
-                          p->process);
+            (void)complain("process %u sent a frame that makes no sense, closing its channel", p->process);
             return reading::ended;
         }
     }
@@ -402,7 +400,7 @@ void peer_introduced(uint32_t process, uint32_t channel, int fd)
         g().introducing++;
     }
     if (fd < 0 || poll_add(source_peer, process, fd, EPOLLIN) != 0) {
-        (void)fprintf(stderr, "libitc: no descriptor left for the channel to process %u\n", process);
+        (void)complain("no descriptor left for the channel to process %u", process);
         if (fd >= 0) {
             close(fd);
         }

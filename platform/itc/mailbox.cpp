@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 
 namespace itc
 {
@@ -37,8 +36,6 @@ void try_backlog()
 
 namespace
 {
-
-constexpr std::chrono::seconds drop_line_interval{10};
 
 void release_box(uint32_t box)
 {
@@ -235,22 +232,6 @@ void mbox_deliver(block *b, uint32_t to)
     thread_wake(t);
 }
 
-void note_drop(uint64_t *counter, const char *why)
-{
-    static clock::time_point next_line;
-    static uint64_t silent = 0;
-    ++*counter;
-    const clock::time_point now = clock::now();
-    if (now < next_line) {
-        silent++;
-        return;
-    }
-    (void)fprintf(stderr, "libitc: message dropped, %s (and %llu before it without a line)\n", why,
-                  static_cast<unsigned long long>(silent));
-    silent = 0;
-    next_line = now + drop_line_interval;
-}
-
 } // namespace itc
 
 using namespace itc;
@@ -276,6 +257,7 @@ int itc_init(int mailbox_count, int alloc_scheme, const void *scheme_params, con
         return error;
     }
     g().box_allowance = mailbox_count;
+    g().next_drop_line = {}; // who joins anew hears of the first drop at once
     g().up = true;
     g().generation++;
     return 0;

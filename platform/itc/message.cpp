@@ -5,7 +5,6 @@
  */
 #include "state.hpp"
 
-#include <cstdio>
 #include <cstdlib>
 
 namespace itc
@@ -18,7 +17,7 @@ constexpr uint32_t freed = 0x17C0DEAD;
 
 [[noreturn]] void give_up(const char *why)
 {
-    (void)fprintf(stderr, "libitc: %s\n", why);
+    (void)complain("%s", why);
     abort();
 }
 

@@ -7,7 +7,6 @@
 #include "state.hpp"
 
 #include <cerrno>
-#include <cstdio>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -355,7 +354,7 @@ void registry_send(itc_wire::writer &frame)
     s.registry_out += frame.frame();
     registry_flush();
     if (s.registry_out.size() > registry_outbox_limit) {
-        (void)fprintf(stderr, "libitc: the registry takes no requests any more, giving it up\n");
+        (void)complain("the registry takes no requests any more, giving it up");
         lose();
     }
 }
@@ -390,7 +389,7 @@ void registry_read()
         }
         s.registry_fill += static_cast<size_t>(got);
         if (!parse()) {
-            (void)fprintf(stderr, "libitc: the registry sent a frame that makes no sense, giving it up\n");
+            (void)complain("the registry sent a frame that makes no sense, giving it up");
             lose();
         }
     }

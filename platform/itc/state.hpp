@@ -176,6 +176,8 @@ struct state {
     std::unordered_map<uint32_t, awaited> monitors; // by monitor id
 
     itc_statistics statistics{};
+    uint64_t silent_drops = 0; // since the last line that told of them
+    clock::time_point next_drop_line;
 };
 
 state &g();
@@ -215,6 +217,11 @@ bool name_is_good(const char *name);      // 1 to 255 bytes
 thread *thread_current();                 // NULL if the calling thread owns no mailbox
 bool mbox_is_own(uint32_t mbox);          // a living mailbox of this process
 void mbox_deliver(block *b, uint32_t to); // to a mailbox of this process; counts and frees what nobody receives
+
+// ---- complain.cpp: lines on stderr ----------------------------------------------------------------------------------
+
+// True if the line was taken. Adds who says it, and the line feed.
+__attribute__((format(printf, 1, 2))) bool complain(const char *format, ...);
 void note_drop(uint64_t *counter, const char *why); // counts, and says it on stderr, but not too often
 
 // ---- channel.cpp: the other processes -------------------------------------------------------------------------------

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <dirent.h>
+#include <fcntl.h>
 #include <linux/sockios.h>
 #include <set>
 #include <sys/ioctl.h>
@@ -85,7 +86,7 @@ protected:
     void open_channel()
     {
         channel = raw_channel(connection, own);
-        ASSERT_EQ(itc_receive(nullptr, 0, ITC_FROM_ANY), nullptr); // takes its own end
+        ASSERT_EQ(itc_locate("own"), own); // the registry answers behind the introduction: our end is here, too
     }
 
     // Sends until a message has not gone out at once, and `more` behind it.
@@ -189,6 +190,114 @@ TEST_F(ItcBacklog, BothEndsOfAChannelHaveMoreRoomThanASocketHasByItself)
     close(plain[0]);
     close(plain[1]);
 }
+
+// ---- What is told on stderr, and that nobody waits for it
+
+enum class deaf {
+    full_pipe,
+    pipe_without_reader,
+    full_socket,
+};
+
+// Has stderr lead to something that takes nothing now. Blocking, as stderr is. Returns its reading end.
+int deafen(deaf how)
+{
+    int ends[2];
+    if (how == deaf::full_socket ? socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 : pipe(ends) != 0) {
+        _exit(96);
+    }
+    const int out = ends[1];
+    if (how == deaf::pipe_without_reader) {
+        close(ends[0]);
+    } else {
+        fcntl(out, F_SETFL, O_NONBLOCK);
+        const std::vector<char> noise(4096, '-');
+        for (const size_t size : {noise.size(), size_t{1}}) {
+            while (write(out, noise.data(), size) > 0) {
+            }
+        }
+        fcntl(out, F_SETFL, 0);
+    }
+    dup2(out, STDERR_FILENO);
+    close(out);
+    return ends[0];
+}
+
+uint64_t dropped()
+{
+    itc_statistics now{};
+    itc_get_statistics(&now);
+    return now.dropped_no_mailbox;
+}
+
+// What a reader that does not wait finds.
+std::string read_now(int fd)
+{
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+    std::string text;
+    char bytes[4096];
+    for (ssize_t got; (got = read(fd, bytes, sizeof bytes)) > 0;) {
+        text.append(bytes, static_cast<size_t>(got));
+    }
+    return text;
+}
+
+// Joins, sends to a dead mailbox with a stderr that takes nothing, then lets it be read. 0 for success.
+int send_to_the_dead(deaf how)
+{
+    const uint32_t own = join("sender");
+    const uint32_t dead = itc_create_mailbox("dead", 0);
+    itc_delete_mailbox(dead);
+    const int reader = deafen(how);
+    const uint64_t before = dropped();
+    for (uint32_t i = 0; i < 1000; i++) {
+        send_number(dead, i);
+    }
+    send_number(own, 1);
+    itc_msg *msg = itc_receive(nullptr, 0, ITC_FROM_ANY);
+    if (dropped() - before != 1000 || msg == nullptr) {
+        return 1;
+    }
+    itc_free(&msg);
+    if (how == deaf::pipe_without_reader) {
+        return 0;
+    }
+    (void)read_now(reader);
+    std::string said;
+    const bool told = eventually([&] {
+        send_number(dead, 0);
+        said += read_now(reader);
+        return said.find('\n') != std::string::npos;
+    });
+    const uint64_t silent = dropped() - before - 1;
+    const std::string line = "libitc: message dropped, there is no such mailbox (and " + std::to_string(silent) +
+                             " before it without a line)\n";
+    return told && said == line ? 0 : 2;
+}
+
+TEST_F(ItcBacklog, AStderrThatTakesNothingHoldsUpNobodyAndIsToldLater)
+{
+    itc_exit(); // the children are forked from a process that does not use it
+    for (const deaf how : {deaf::full_pipe, deaf::pipe_without_reader, deaf::full_socket}) {
+        Child sender([&] { return send_to_the_dead(how); });
+        EXPECT_EQ(sender.finish(), 0) << static_cast<int>(how);
+    }
+}
+
+TEST_F(ItcBacklog, ADropIsCountedAndToldOnStderrButNotEachTime)
+{
+    const uint64_t before = dropped();
+    testing::internal::CaptureStderr();
+    for (uint32_t i = 0; i < 5; i++) {
+        send_number(ITC_NO_MBOX, i);
+    }
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(dropped() - before, 5u);
+    EXPECT_EQ(said.find("libitc: message dropped, it was sent to no mailbox (and "), 0u) << said;
+    EXPECT_EQ(said.find('\n'), said.size() - 1) << said;
+}
+
+// ---- What never gets to a socket
 
 TEST_F(ItcBacklog, AMessageToAnOwnMailboxTouchesNoSocket)
 {
