@@ -176,6 +176,82 @@ TEST_F(ItcWait, ExitEndsTheWaitOfAnotherThread)
     other.join();
 }
 
+TEST_F(ItcWait, AThreadThatGoesOnAfterExitDoesNoHarm)
+{
+    Child other([] {
+        join("other");
+        for (;;) {
+            itc_msg *msg = receive_any();
+            if (msg == nullptr || msg->msgno == 0x5F01) {
+                return msg == nullptr ? 1 : 0;
+            }
+            itc_free(&msg);
+        }
+    });
+    const uint32_t own = join("own");
+    const uint32_t to = await("other");
+    std::atomic<bool> stop{false};
+    std::atomic<unsigned> rounds{0};
+    std::thread busy([&] {
+        while (!stop) {
+            for (const uint32_t mbox : {own, to, ITC_NO_MBOX}) {
+                itc_msg *msg = itc_alloc(200, 0x5F00);
+                itc_send(&msg, mbox, ITC_MY_MBOX);
+                EXPECT_EQ(msg, nullptr);
+            }
+            itc_msg *kept = itc_alloc(100, 0x5F00);
+            EXPECT_EQ(itc_size(kept), 100u);
+            itc_free(&kept);
+            rounds++;
+        }
+    });
+    ASSERT_TRUE(eventually([&] { return rounds > 100; }));
+    itc_exit();
+    const unsigned at_exit = rounds;
+    EXPECT_TRUE(eventually([&] { return rounds > at_exit + 100; }));
+    itc_statistics now{};
+    itc_get_statistics(&now);
+    const uint64_t sent = now.sent;
+    const unsigned since = rounds;
+    EXPECT_TRUE(eventually([&] { return rounds > since + 100; }));
+    itc_get_statistics(&now);
+    EXPECT_EQ(now.sent, sent) << "nothing is sent any more";
+    join("own"); // and a new life begins beside it
+    const uint32_t again = await("other");
+    EXPECT_EQ(again, to);
+    itc_msg *end = itc_alloc(4, 0x5F01);
+    itc_send(&end, again, ITC_MY_MBOX);
+    EXPECT_EQ(other.finish(), 0);
+    stop = true;
+    busy.join();
+}
+
+int leave_while_a_thread_sends()
+{
+    join("leaver");
+    std::atomic<unsigned> *rounds = new std::atomic<unsigned>; // outlives the process's end, as the thread does
+    std::thread([rounds] {
+        for (;;) {
+            itc_msg *msg = itc_alloc(200, 0x5F00);
+            itc_send(&msg, 0x1001, ITC_MY_MBOX);
+            msg = itc_alloc(100, 0x5F00);
+            itc_free(&msg);
+            ++*rounds;
+        }
+    }).detach();
+    const bool running = eventually([&] { return *rounds > 100; });
+    itc_exit();
+    return running ? 0 : 1; // and the process ends, while the thread still runs
+}
+
+TEST_F(ItcWait, AProcessMayEndWhileAThreadStillSends)
+{
+    for (int i = 0; i < 20; i++) {
+        Child leaver([] { return leave_while_a_thread_sends(); });
+        ASSERT_EQ(leaver.finish(), 0);
+    }
+}
+
 // ---- Watched descriptors
 // ---------------------------------------------------------------------------------------------
 
