@@ -41,7 +41,7 @@ std::set<int> sockets()
     std::set<int> found;
     DIR *directory = opendir("/proc/self/fd");
     while (const dirent *entry = readdir(directory)) {
-        const int fd = atoi(entry->d_name);
+        const int fd = static_cast<int>(strtol(entry->d_name, nullptr, 10));
         int type = 0;
         socklen_t size = sizeof type;
         if (entry->d_name[0] != '.' && getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0) {

@@ -182,10 +182,14 @@ TEST_F(ItcWait, AThreadThatGoesOnAfterExitDoesNoHarm)
         join("other");
         for (;;) {
             itc_msg *msg = receive_any();
-            if (msg == nullptr || msg->msgno == 0x5F01) {
-                return msg == nullptr ? 1 : 0;
+            if (msg == nullptr) {
+                return 1;
             }
+            const bool last = msg->msgno == 0x5F01;
             itc_free(&msg);
+            if (last) {
+                return 0;
+            }
         }
     });
     const uint32_t own = join("own");
