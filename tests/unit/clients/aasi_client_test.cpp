@@ -81,7 +81,7 @@ protected:
     // A link on "IDL_A1" in VLAN 100 with n app links, in the table.
     static iml_link *add_link(uint32_t n)
     {
-        auto *data = static_cast<IemliLinkData *>(calloc(1, iemli_link_data_size(n)));
+        auto *data = static_cast<IemliLinkData *>(calloc(1, static_cast<size_t>(iemli_link_data_size(n))));
         strcpy(data->imlPortName, "IDL_A1");
         data->vlanId = 100;
         data->farEndCpmMac = {{2, 0, 0, 0, 0, 9}};
