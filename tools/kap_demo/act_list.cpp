@@ -2,7 +2,6 @@
 // of them.
 #include <algorithm>
 
-#include "link_list/link_list.hpp"
 #include "tour.hpp"
 
 using namespace std::chrono_literals;
@@ -10,26 +9,10 @@ using namespace std::chrono_literals;
 namespace
 {
 
-constexpr uint32_t FETCH_BOUND_MS = 2000;
 constexpr size_t MOST_LISTED = 16;
 constexpr unsigned MANY_APP_LINKS = 20;
 constexpr double TOLERANCE_US = 150;
 constexpr uint16_t RTT_FRAME_SIZE = 128;
-
-std::vector<link_list::link> fetch()
-{
-    std::string error;
-    auto links = link_list::fetch(FETCH_BOUND_MS, &error);
-    hold(links.has_value(), error);
-    return *links;
-}
-
-link_list::link listed(const std::vector<link_list::link> &links, uint32_t link_ref)
-{
-    auto found = std::find_if(links.begin(), links.end(), [=](const auto &l) { return l.link_ref == link_ref; });
-    hold(found != links.end(), "the link list lacks link " + std::to_string(link_ref));
-    return *found;
-}
 
 void hold_near(const char *what, double listed_us, int64_t wire_ns)
 {
@@ -48,9 +31,9 @@ std::string run_vornctl(tour &t, const std::vector<std::string> &words,
     command.insert(command.end(), words.begin(), words.end());
     bool same = false;
     stage_wait(t.d.stage, "the list stays as it is for a moment", 10s, [&] {
-        const std::string before = print(fetch());
+        const std::string before = print(fetch_list());
         printed = command_must(command);
-        if (print(fetch()) != before) {
+        if (print(fetch_list()) != before) {
             return false;
         }
         same = printed == before;
@@ -73,7 +56,7 @@ std::string list_counts(tour &t)
         pings = capture_pings_of_size(t.wire, RTT_FRAME_SIZE);
         wire = capture_figures(pings, 0, pings.size());
         lost = pings.size() - wire.answered;
-        shown = listed(fetch(), t.d.links[0].link_ref);
+        shown = find_listed(fetch_list(), t.d.links[0].link_ref);
         return shown.results == pings.size() && shown.lost == lost;
     });
     hold(shown.rtt_us.has_value(), "the list has no round trips");
@@ -89,14 +72,14 @@ std::string list_counts(tour &t)
 std::string list_in_order(tour &t)
 {
     const uint32_t many = demo_create(t.d, demo_wish(t.d, "IDL_A1", 102, MANY_APP_LINKS)).link_ref;
-    const auto links = fetch();
+    const auto links = fetch_list();
     hold(links.size() == t.d.links.size(), std::to_string(links.size()) + " links are listed");
     hold(std::is_sorted(links.begin(), links.end(),
                         [](const auto &a, const auto &b) { return a.link_ref < b.link_ref; }),
          "the list is not in the order of link_ref");
-    hold(listed(links, many).app_links.size() == MOST_LISTED, "other than the first 16 app links are listed");
+    hold(find_listed(links, many).app_links.size() == MOST_LISTED, "other than the first 16 app links are listed");
     for (const demo_link &link : t.d.links) {
-        const auto shown = listed(links, link.link_ref);
+        const auto shown = find_listed(links, link.link_ref);
         const size_t app_links = std::min(link.wish.app_links.size(), MOST_LISTED);
         hold(shown.port == link.wish.port && shown.vlan == link.wish.vlan, "a link is listed with another place");
         hold(shown.near_end_cpm_mac == link.near_mac && shown.far_end_cpm_mac == mac_to_text(link.wish.far_cpm_mac),

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "link_list/link_list.hpp"
 #include "tour.hpp"
 
 using namespace std::chrono_literals;
@@ -132,16 +131,7 @@ std::string microseconds_text(const wire_figures &wire)
     return text;
 }
 
-link_list::link listed_first(const demo &d)
-{
-    std::string error;
-    auto links = link_list::fetch(2000, &error);
-    hold(links.has_value(), error);
-    auto found = std::find_if(links->begin(), links->end(),
-                              [&](const link_list::link &l) { return l.link_ref == d.links[0].link_ref; });
-    hold(found != links->end(), "the link list lacks the first link");
-    return *found;
-}
+link_list::link listed_first(const demo &d) { return find_listed(fetch_list(), d.links[0].link_ref); }
 
 } // namespace
 

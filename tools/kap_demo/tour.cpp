@@ -37,3 +37,19 @@ uint64_t received(const std::string &service, const std::string &request)
 {
     return stage_control(service, {"show"})["counters"]["received"][request];
 }
+
+std::vector<link_list::link> fetch_list()
+{
+    constexpr uint32_t BOUND_MS = 2000;
+    std::string error;
+    auto links = link_list::fetch(BOUND_MS, &error);
+    hold(links.has_value(), error);
+    return *links;
+}
+
+link_list::link find_listed(const std::vector<link_list::link> &links, uint32_t link_ref)
+{
+    auto found = std::find_if(links.begin(), links.end(), [=](const auto &l) { return l.link_ref == link_ref; });
+    hold(found != links.end(), "the link list lacks link " + std::to_string(link_ref));
+    return *found;
+}

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "demo.hpp"
+#include "link_list/link_list.hpp"
 #include "wire_capture.hpp"
 
 struct tour {
@@ -72,3 +73,7 @@ bool emi_has_vlan(uint16_t vlan);
 bool emi_has_mac(const mac_address &mac);
 // How many requests of a kind a service has got.
 uint64_t received(const std::string &service, const std::string &request);
+
+// The daemon's link list, and a link in it.
+std::vector<link_list::link> fetch_list();
+link_list::link find_listed(const std::vector<link_list::link> &links, uint32_t link_ref);
