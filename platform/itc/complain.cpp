@@ -81,6 +81,7 @@ bool complain(const char *format, ...)
     const size_t start = strlen(line);
     va_list args;
     va_start(args, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is started above
     const int wanted = vsnprintf(line + start, sizeof line - start - 1, format, args);
     va_end(args);
     size_t length = start + (wanted < 0 ? 0 : static_cast<size_t>(wanted));

@@ -133,7 +133,7 @@ TEST_F(ItcBacklog, EveryCallSendsWhatWaitsOnceThePeerHasRead)
         {"itc_alloc", [&] { nothing = itc_alloc(4, WORK); }},
         {"itc_free", [&] { itc_free(&nothing); }},
         {"itc_receive", [] { EXPECT_EQ(itc_receive(nullptr, 0, ITC_FROM_ANY), nullptr); }},
-        {"itc_send to nobody", [this] { send_number(ITC_NO_MBOX, 0); }},
+        {"itc_send to nobody", [] { send_number(ITC_NO_MBOX, 0); }},
         {"itc_send to itself", [this] { send_number(own, 0); }},
         {"itc_receive of what is queued",
          [] {
