@@ -179,6 +179,7 @@ void tear_down()
     free_table(s.awaiting);
     free_table(s.monitors);
     s.subscriptions.clear();
+    s.next_sid = 0;
     while (!s.threads.empty()) {
         thread_delete(s.threads.back());
     }
