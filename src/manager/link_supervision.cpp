@@ -90,17 +90,30 @@ void end_link_session(iml_link *link)
     link->supervision_last_ok = 0;
 }
 
+// In place of a session that was started anew, or whose app link is no more. Whether the library can end it is told
+// nobody: nothing of the link hangs on it any more.
+void end_replaced_session(uint32_t session_id)
+{
+    if (session_id != 0) {
+        stop_supervision_session(session_id);
+    }
+}
+
 uint32_t begin_link_session(const supervision_params &params, iml_link *link)
 {
+    const uint32_t previous = link->supervision_session_id;
     uint32_t session_id = 0;
     const uint32_t result = start_supervision_session(&session_id, &params, supervision_callback);
     if (result == 0) {
         iml_link_set_session(link, session_id);
         VORN_TRACE(TRACE_LINK, "Supervision started with session id: %u", session_id);
         link->supervision_state = SUPERVISION_RUNNING;
+        end_replaced_session(previous);
         return 0;
     }
-    link->supervision_state = SUPERVISION_FAILED;
+    if (previous == 0) {
+        link->supervision_state = SUPERVISION_FAILED;
+    }
     VORN_TRACE(TRACE_ERROR,
                "Start supervision for link (src = %02X:%02X:%02X:%02X:%02X:%02X, dest = "
                "%02X:%02X:%02X:%02X:%02X:%02X, link ref = %d, frameSize = %u, sup_type = %u, interface name = %s, "
@@ -126,14 +139,28 @@ void end_keep_alive_sessions(iml_link *link)
     iml_link_free_keep_alives(link);
 }
 
-void begin_keep_alive_session(const supervision_params &params, iml_link *link, uint32_t app_link)
+void set_keep_alive(iml_link *link, uint32_t app_link, uint32_t session_id, const keep_alive_session *counted)
+{
+    if (counted != nullptr) {
+        link->keep_alive_sessions[app_link] = *counted;
+    }
+    iml_link_set_keep_alive_session(link, app_link, session_id);
+}
+
+// `previous`: the session that the app link has, null when it has none. It is ended, or goes on in the link.
+void begin_keep_alive_session(const supervision_params &params, iml_link *link, uint32_t app_link,
+                              keep_alive_session *previous)
 {
     uint32_t session_id = 0;
     const uint32_t result = start_supervision_session(&session_id, &params, supervision_callback);
     if (result == 0) {
-        iml_link_set_keep_alive_session(link, app_link, session_id);
+        set_keep_alive(link, app_link, session_id, previous);
         VORN_TRACE(TRACE_LINK, "Keep alive started with session id: %u", session_id);
         return;
+    }
+    if (previous != nullptr) {
+        set_keep_alive(link, app_link, previous->session_id, previous);
+        previous->session_id = 0;
     }
     VORN_TRACE(TRACE_ERROR,
                "Start keep alive for app link (src = %02X:%02X:%02X:%02X:%02X:%02X, dest = "
@@ -147,15 +174,24 @@ void begin_keep_alive_session(const supervision_params &params, iml_link *link, 
 
 void begin_keep_alive_sessions(const char *if_name, iml_link *link)
 {
-    if (!iml_link_alloc_keep_alives(link)) {
+    keep_alive_array previous = {};
+    if (!iml_link_renew_keep_alives(link, &previous)) {
         VORN_TRACE(TRACE_ERROR, "Memory error. App supervision not started.");
         return;
     }
     supervision_params params = keep_alive_params(if_name, link);
     for (uint32_t i = 0; i < link->keep_alive_count; ++i) {
-        memcpy(params.src_mac, iemli_app_links(link->link_data)[i].nearEndAppMac.byte, sizeof params.src_mac);
-        begin_keep_alive_session(params, link, i);
+        const mac_address &near_end = iemli_app_links(link->link_data)[i].nearEndAppMac;
+        memcpy(params.src_mac, near_end.byte, sizeof params.src_mac);
+        begin_keep_alive_session(params, link, i, keep_alive_of_app_link(previous, i, near_end));
+        if (i < previous.count) {
+            end_replaced_session(previous.sessions[i].session_id);
+        }
     }
+    for (uint32_t i = link->keep_alive_count; i < previous.count; ++i) {
+        end_replaced_session(previous.sessions[i].session_id);
+    }
+    keep_alive_array_free(&previous);
 }
 
 // Writes the status and tells the link's owner and, when it is up, the automation agent.
@@ -280,9 +316,6 @@ uint32_t start_link_supervision(const char *if_name, const mac_address &local_ma
     if (!netns_visit_begin(name_space, &previous)) {
         return NAMESPACE_FAILURE;
     }
-    if (link->supervision_session_id != 0) {
-        end_link_session(link);
-    }
     const uint32_t result = begin_link_session(link_params(if_name, local_mac, link), link);
     netns_visit_end(name_space, previous);
     return result;
@@ -293,9 +326,6 @@ void start_keep_alive(const char *if_name, iml_link *link, const char *name_spac
     int previous = -1;
     if (!netns_visit_begin(name_space, &previous)) {
         return;
-    }
-    if (link->keep_alive_sessions != nullptr) {
-        end_keep_alive_sessions(link);
     }
     begin_keep_alive_sessions(if_name, link);
     netns_visit_end(name_space, previous);

@@ -27,8 +27,11 @@ bool supervision_dispatch(const itc_msg *msg);
 // Runs on the supervision library's thread: only builds and sends a SUPERVISION_IND.
 void supervision_callback(const supervision_rtt *rtt, uint32_t session_id, uint32_t result);
 
-// 0 success, 1 namespace failure, else the library's code. A session or an array of keep-alive sessions that the link
-// still has is stopped first: once its id is overwritten nobody could stop it any more.
+// 0 success, 1 namespace failure, else the library's code.
+//
+// Of what the link still has, the new session is started first. When it runs, the old one is ended without a trace, and
+// what it had measured and counted goes on; when it cannot be started, the old one goes on. So a start that fails never
+// leaves a link that was watched without anybody who watches it.
 uint32_t start_link_supervision(const char *if_name, const mac_address &local_mac, iml_link *link,
                                 const char *name_space);
 void start_keep_alive(const char *if_name, iml_link *link, const char *name_space);

@@ -27,11 +27,18 @@ bool is_in_table(const iml_link *link) { return ref_index_holds(&link->by_ref); 
 
 uint32_t entries_for(uint32_t app_links) { return app_links > 1 ? app_links : 1; }
 
-// The index nodes of a link's keep-alive sessions stand behind the sessions, in the same block.
-ref_index_node *keep_alive_nodes(const iml_link *link)
+// What the table knows of a keep-alive session besides. These stand behind the sessions, in the same block.
+struct keep_alive_place {
+    ref_index_node by_session;
+    mac_address near_end; // of the app link
+};
+
+keep_alive_place *keep_alive_places(const keep_alive_array &array)
 {
-    return reinterpret_cast<ref_index_node *>(link->keep_alive_sessions + entries_for(link->keep_alive_count));
+    return reinterpret_cast<keep_alive_place *>(array.sessions + entries_for(array.count));
 }
+
+keep_alive_array keep_alives_of(const iml_link *link) { return {link->keep_alive_sessions, link->keep_alive_count}; }
 
 void index_session(iml_link *link)
 {
@@ -43,7 +50,7 @@ void index_session(iml_link *link)
 
 void index_keep_alive(iml_link *link, uint32_t i)
 {
-    ref_index_node *node = &keep_alive_nodes(link)[i];
+    ref_index_node *node = &keep_alive_places(keep_alives_of(link))[i].by_session;
     ref_index_remove(&keep_alives_by_session, node);
     if (is_in_table(link) && link->keep_alive_sessions[i].session_id != 0) {
         ref_index_insert(&keep_alives_by_session, node, link->keep_alive_sessions[i].session_id, link);
@@ -55,6 +62,17 @@ void index_keep_alives(iml_link *link)
     for (uint32_t i = 0; i < link->keep_alive_count; ++i) {
         index_keep_alive(link, i);
     }
+}
+
+keep_alive_array take_keep_alives(iml_link *link)
+{
+    const keep_alive_array taken = keep_alives_of(link);
+    for (uint32_t i = 0; i < taken.count; ++i) {
+        ref_index_remove(&keep_alives_by_session, &keep_alive_places(taken)[i].by_session);
+    }
+    link->keep_alive_sessions = nullptr;
+    link->keep_alive_count = 0;
+    return taken;
 }
 
 uint32_t take_lowest_free_ref()
@@ -212,7 +230,8 @@ keep_alive_session *keep_alive_find_by_session(uint32_t session_id)
         return nullptr;
     }
     const auto *link = static_cast<const iml_link *>(node->owner);
-    return &link->keep_alive_sessions[node - keep_alive_nodes(link)];
+    const auto *place = reinterpret_cast<const keep_alive_place *>(node); // its first member
+    return &link->keep_alive_sessions[place - keep_alive_places(keep_alives_of(link))];
 }
 
 void iml_link_set_session(iml_link *link, uint32_t session_id)
@@ -221,13 +240,34 @@ void iml_link_set_session(iml_link *link, uint32_t session_id)
     index_session(link);
 }
 
-bool iml_link_alloc_keep_alives(iml_link *link)
+bool iml_link_renew_keep_alives(iml_link *link, keep_alive_array *previous)
 {
     const uint32_t count = link->link_data->numberOfAppLinks;
-    link->keep_alive_sessions = static_cast<keep_alive_session *>(
-        calloc(entries_for(count), sizeof(keep_alive_session) + sizeof(ref_index_node)));
-    link->keep_alive_count = link->keep_alive_sessions != nullptr ? count : 0;
-    return link->keep_alive_sessions != nullptr;
+    auto *sessions = static_cast<keep_alive_session *>(
+        calloc(entries_for(count), sizeof(keep_alive_session) + sizeof(keep_alive_place)));
+    if (sessions == nullptr) {
+        return false;
+    }
+    *previous = take_keep_alives(link);
+    link->keep_alive_sessions = sessions;
+    link->keep_alive_count = count;
+    for (uint32_t i = 0; i < count; ++i) {
+        keep_alive_places({sessions, count})[i].near_end = iemli_app_links(link->link_data)[i].nearEndAppMac;
+    }
+    return true;
+}
+
+keep_alive_session *keep_alive_of_app_link(const keep_alive_array &array, uint32_t app_link,
+                                           const mac_address &near_end)
+{
+    const bool has = app_link < array.count && mac_equal(keep_alive_places(array)[app_link].near_end, near_end);
+    return has ? &array.sessions[app_link] : nullptr;
+}
+
+void keep_alive_array_free(keep_alive_array *array)
+{
+    free(array->sessions);
+    *array = {};
 }
 
 void iml_link_set_keep_alive_session(iml_link *link, uint32_t app_link, uint32_t session_id)
@@ -238,12 +278,8 @@ void iml_link_set_keep_alive_session(iml_link *link, uint32_t app_link, uint32_t
 
 void iml_link_free_keep_alives(iml_link *link)
 {
-    for (uint32_t i = 0; i < link->keep_alive_count; ++i) {
-        ref_index_remove(&keep_alives_by_session, &keep_alive_nodes(link)[i]);
-    }
-    free(link->keep_alive_sessions);
-    link->keep_alive_sessions = nullptr;
-    link->keep_alive_count = 0;
+    keep_alive_array taken = take_keep_alives(link);
+    keep_alive_array_free(&taken);
 }
 
 bool iml_link_is_on_port_vlan(const iml_link *link, const char *iepcsi_port_name, uint16_t vlan)

@@ -38,6 +38,12 @@ struct rtt_sample {
     rtt_sample *older;
 };
 
+// The keep-alive sessions of a link, taken out of it; found by no lookup.
+struct keep_alive_array {
+    keep_alive_session *sessions; // owned, may be null
+    uint32_t count;
+};
+
 // FIFO of at most RTT_MAX_SAMPLES samples.
 struct rtt_sample_queue {
     uint32_t count;
@@ -101,9 +107,13 @@ keep_alive_session *keep_alive_find_by_session(uint32_t session_id);
 
 // The writers of session ids keep the lookups true. 0 means none, and is found by nobody.
 void iml_link_set_session(iml_link *link, uint32_t session_id);
-// Gives the link an array of zeroed keep-alive sessions, one per app link. The link must have none. False when memory
-// is out.
-bool iml_link_alloc_keep_alives(iml_link *link);
+// Gives the link an array of zeroed keep-alive sessions, one per app link; what it had becomes the caller's. False when
+// memory is out: the link keeps what it has.
+bool iml_link_renew_keep_alives(iml_link *link, keep_alive_array *previous);
+// The session that the array has for this app link; null when its `app_link`th was for another near-end MAC or none.
+keep_alive_session *keep_alive_of_app_link(const keep_alive_array &array, uint32_t app_link,
+                                           const mac_address &near_end);
+void keep_alive_array_free(keep_alive_array *array);
 void iml_link_set_keep_alive_session(iml_link *link, uint32_t app_link, uint32_t session_id);
 // Frees the array, if there is one; sessions are not stopped.
 void iml_link_free_keep_alives(iml_link *link);

@@ -184,6 +184,39 @@ TEST_F(PortEvent, OfAVlanThatCameUpOnAnIdlPortRestartsItsLinks)
     EXPECT_STREQ(fake::sessions().at(iml_link_first()->supervision_session_id).params.if_name, "eth_a1");
 }
 
+TEST_F(PortEvent, OfAVlanThatCameUpLeavesTheSessionsOfALinkThatCannotBeStartedAnew)
+{
+    ASSERT_EQ(create_link(session, {.app_links = {APP_1, APP_2}}), 1u);
+    supervision(1, SUPERVISION_ANSWERED);
+    forget_records();
+    fake::set_start_result(2);
+    add_vlan("IDLA1", 100, "eth_a1.100", "ns_a1");
+    const iml_link *link = iml_link_first();
+    EXPECT_TRUE(fake::traced(1, "Supervision start failed for link: 1. Result: 2"));
+    EXPECT_EQ(link->status, 1u);
+    EXPECT_EQ(link->supervision_state, SUPERVISION_RUNNING);
+    EXPECT_EQ(fake::sessions().size(), 3u);
+    for (int i = 0; i < 6; ++i) {
+        supervision(1, SUPERVISION_LOST);
+    }
+    EXPECT_EQ(link->status, 0u) << "the old session still tells of a link that is cut";
+}
+
+TEST_F(PortEvent, OfAVlanThatCameUpTwiceChangesNothingThatAClientSees)
+{
+    ASSERT_EQ(create_link(session, {}), 1u);
+    supervision(1, SUPERVISION_ANSWERED, 0, 500);
+    supervision(1, SUPERVISION_LOST);
+    forget_records();
+    add_vlan("IDLA1", 100, "eth_a1.100", "ns_a1");
+    const iml_link *link = iml_link_first();
+    EXPECT_EQ(link->supervision_results, 2u);
+    EXPECT_EQ(link->supervision_lost, 1u);
+    EXPECT_EQ(link->rtt_samples.count, 2u);
+    EXPECT_EQ(fake::count_traced(6, "Supervision stopped for link ref: 1 with session id: 1"), 0u);
+    EXPECT_THAT(numbers_to(daemon_test::CLIENT), IsEmpty());
+}
+
 TEST_F(PortEvent, OfAVlanThatCameUpTellsWhenSupervisionDoesNotStart)
 {
     ASSERT_EQ(create_link(session, {.port = "TN_A", .vlan = 200}), 1u);

@@ -132,17 +132,84 @@ TEST_F(LinkSessions, KeepTheirResultWhenTheReturnFails)
     EXPECT_TRUE(fake::traced(1, "Failed to return to previous namespace: Operation not permitted"));
 }
 
-TEST_F(LinkSessions, NeverOverwriteASessionThatRuns)
+TEST_F(LinkSessions, StartAnewBeforeTheOldOneEndsWithoutATrace)
 {
     fake::set_next_session_id(70);
     start_link_supervision("eth_a1", LOCAL, link, "ns_a1");
-    start_link_supervision("eth_a1", LOCAL, link, "ns_a1");
+    supervision(70, SUPERVISION_ANSWERED, 0, 500);
+    supervision(70, SUPERVISION_LOST);
+    link->samples_since_report = 2;
+    forget_records();
+    for (uint32_t stop_result : {0u, 1u, 3u, 4u}) {
+        fake::set_stop_result(stop_result);
+        EXPECT_EQ(start_link_supervision("eth_a1", LOCAL, link, "ns_a1"), 0u);
+    }
     EXPECT_EQ(fake::sessions().count(70), 0u);
-    EXPECT_EQ(fake::sessions().size(), 1u);
-    EXPECT_EQ(link->supervision_session_id, 71u);
-    EXPECT_THAT(fake::traces(), ElementsAre(Trace{6, "Supervision started with session id: 70"},
-                                            Trace{6, "Supervision stopped for link ref: 1 with session id: 70"},
-                                            Trace{6, "Supervision started with session id: 71"}));
+    EXPECT_EQ(link->supervision_session_id, 74u);
+    EXPECT_EQ(fake::sessions().count(74), 1u);
+    EXPECT_EQ(link->supervision_state, SUPERVISION_RUNNING);
+    EXPECT_EQ(link->rtt_samples.count, 2u);
+    EXPECT_EQ(link->samples_since_report, 2u);
+    EXPECT_EQ(link->supervision_results, 2u);
+    EXPECT_EQ(link->supervision_lost, 1u);
+    EXPECT_EQ(link->supervision_last_ok, 1u);
+    EXPECT_THAT(fake::traces(), ElementsAre(Trace{6, "Supervision started with session id: 71"},
+                                            Trace{6, "Supervision started with session id: 72"},
+                                            Trace{6, "Supervision started with session id: 73"},
+                                            Trace{6, "Supervision started with session id: 74"}));
+}
+
+TEST_F(LinkSessions, GoOnWhenTheyCannotBeStartedAnew)
+{
+    fake::set_next_session_id(70);
+    start_link_supervision("eth_a1", LOCAL, link, "ns_a1");
+    supervision(70, SUPERVISION_ANSWERED, 0, 500);
+    forget_records();
+    fake::set_start_result(2);
+    EXPECT_EQ(start_link_supervision("eth_a1", LOCAL, link, "ns_a1"), 2u);
+    EXPECT_EQ(fake::sessions().count(70), 1u);
+    EXPECT_EQ(link->supervision_session_id, 70u);
+    EXPECT_EQ(link->supervision_state, SUPERVISION_RUNNING);
+    EXPECT_EQ(link->rtt_samples.count, 1u);
+    EXPECT_EQ(link->supervision_results, 1u);
+    EXPECT_THAT(fake::traces(),
+                ElementsAre(Trace{1, "Start supervision for link (src = 02:00:00:00:00:A1, dest = 02:00:00:00:0C:01, "
+                                     "link ref = 1, frameSize = 64, sup_type = 1, interface name = eth_a1, vlantag = "
+                                     "0x8100e064) failed with result 2"}));
+    supervision(70, SUPERVISION_LOST);
+    EXPECT_EQ(link->supervision_lost, 1u) << "its results still count";
+}
+
+TEST_F(LinkSessions, GoOnWhenTheirNamespaceCannotBeEnteredAgain)
+{
+    fake::set_next_session_id(70);
+    start_link_supervision("eth_a1", LOCAL, link, "ns_a1");
+    start_keep_alive("eth_a1", link, "ns_a1");
+    EXPECT_EQ(start_link_supervision("eth_a1", LOCAL, link, "nowhere"), 1u);
+    start_keep_alive("eth_a1", link, "nowhere");
+    EXPECT_EQ(fake::sessions().size(), 3u);
+    EXPECT_EQ(link->supervision_state, SUPERVISION_RUNNING);
+    EXPECT_EQ(link->supervision_session_id, 70u);
+    EXPECT_EQ(link->keep_alive_sessions[1].session_id, 72u);
+}
+
+TEST_F(LinkSessions, LeaveAResultOfTheirPredecessorToNobody)
+{
+    fake::set_next_session_id(70);
+    start_link_supervision("eth_a1", LOCAL, link, "ns_a1");
+    start_keep_alive("eth_a1", link, "ns_a1");
+    for (uint32_t old : {70u, 72u}) { // they wait in the mailbox
+        fake::push(fake::OWN_MBOX, Builder().u32(0x1B0CE6).u32(old).u32(3).u32(0).u32(0));
+    }
+    start_link_supervision("eth_a1", LOCAL, link, "ns_a1");
+    start_keep_alive("eth_a1", link, "ns_a1");
+    forget_records();
+    run();
+    EXPECT_THAT(notices(),
+                ElementsAre(Trace{4, "WARNING: Received supervision ind(70) for link that doesn't exist any more."},
+                            Trace{4, "WARNING: Received supervision ind(72) for link that doesn't exist any more."}));
+    EXPECT_EQ(link->supervision_results, 0u);
+    EXPECT_EQ(link->keep_alive_sessions[1].results, 0u);
 }
 
 TEST_F(LinkSessions, StopAndStartFromNothing)
@@ -241,15 +308,87 @@ TEST_F(LinkSessions, KeepNothingAliveWhenMemoryIsOut)
     EXPECT_EQ(fake::current_netns(), "");
 }
 
-TEST_F(LinkSessions, StopTheOldKeepAlivesBeforeTheyStartNewOnes)
+// The session id and the counters of every keep-alive of a link.
+std::vector<std::string> keep_alives(const iml_link *link)
+{
+    std::vector<std::string> found;
+    for (uint32_t i = 0; i < link->keep_alive_count; ++i) {
+        const keep_alive_session &entry = link->keep_alive_sessions[i];
+        found.push_back(std::to_string(entry.session_id) + ": " + std::to_string(entry.results) + "/" +
+                        std::to_string(entry.lost) + "/" + std::to_string(entry.last_ok));
+    }
+    return found;
+}
+
+TEST_F(LinkSessions, StartKeepAlivesAnewBeforeTheOldOnesEndWithoutATrace)
 {
     fake::set_next_session_id(80);
     start_keep_alive("eth_a1", link, "ns_a1");
+    supervision(80, SUPERVISION_KEEP_ALIVE_OK);
+    supervision(80, SUPERVISION_LOST);
+    forget_records();
     start_keep_alive("eth_a1", link, "ns_a1");
+    EXPECT_THAT(keep_alives(link), ElementsAre("82: 2/1/1", "83: 0/0/0"));
     EXPECT_EQ(fake::sessions().size(), 2u);
-    EXPECT_EQ(link->keep_alive_sessions[0].session_id, 82u);
+    EXPECT_EQ(fake::sessions().count(82), 1u);
     EXPECT_EQ(keep_alive_find_by_session(80), nullptr);
+    EXPECT_EQ(keep_alive_find_by_session(81), nullptr);
+    EXPECT_EQ(keep_alive_find_by_session(82), &link->keep_alive_sessions[0]);
     EXPECT_EQ(keep_alive_find_by_session(83), &link->keep_alive_sessions[1]);
+    EXPECT_THAT(fake::traces(), ElementsAre(Trace{6, "Keep alive started with session id: 82"},
+                                            Trace{6, "Keep alive started with session id: 83"}));
+}
+
+TEST_F(LinkSessions, KeepTheOldKeepAliveOfAnAppLinkWhoseNewOneDoesNotStart)
+{
+    iml_link *wide = add({.cpm = "02:00:00:00:0C:02",
+                          .vlan = 101,
+                          .app_links = {APP_1, APP_2, daemon_test::AppLink{"02:00:00:00:0A:03", "02:00:00:00:0B:03"},
+                                        daemon_test::AppLink{"02:00:00:00:0A:04", "02:00:00:00:0B:04"},
+                                        daemon_test::AppLink{"02:00:00:00:0A:05", "02:00:00:00:0B:05"}}});
+    fake::set_next_session_id(80);
+    start_keep_alive("eth_a1", wide, "ns_a1");
+    supervision(82, SUPERVISION_LOST);
+    forget_records();
+    fake::set_start_results({0, 0, 2, 0, 0});
+    start_keep_alive("eth_a1", wide, "ns_a1");
+    EXPECT_THAT(keep_alives(wide), ElementsAre("85: 0/0/0", "86: 0/0/0", "82: 1/1/0", "87: 0/0/0", "88: 0/0/0"));
+    EXPECT_EQ(fake::sessions().size(), 5u);
+    EXPECT_EQ(fake::sessions().count(82), 1u);
+    EXPECT_EQ(keep_alive_find_by_session(82), &wide->keep_alive_sessions[2]);
+    EXPECT_EQ(fake::count_traced(6, "Keep alive started with session id: 88"), 1u);
+    EXPECT_EQ(fake::traces().size(), 5u);
+}
+
+TEST_F(LinkSessions, KeepEveryOldKeepAliveWhenMemoryIsOut)
+{
+    fake::set_next_session_id(80);
+    start_keep_alive("eth_a1", link, "ns_a1");
+    forget_records();
+    fake::fail_allocation(1);
+    start_keep_alive("eth_a1", link, "ns_a1");
+    EXPECT_THAT(keep_alives(link), ElementsAre("80: 0/0/0", "81: 0/0/0"));
+    EXPECT_EQ(fake::sessions().size(), 2u);
+    EXPECT_EQ(keep_alive_find_by_session(81), &link->keep_alive_sessions[1]);
+    EXPECT_THAT(fake::traces(), ElementsAre(Trace{1, "Memory error. App supervision not started."}));
+}
+
+TEST_F(LinkSessions, EndKeepAlivesOfAppLinksThatAreNoMore)
+{
+    fake::set_next_session_id(80);
+    start_keep_alive("eth_a1", link, "ns_a1");
+    forget_records();
+    IemliAppLink *app_links = iemli_app_links(link->link_data);
+    app_links[0].nearEndAppMac = {{0x02, 0, 0, 0, 0x0A, 9}};
+    link->link_data->numberOfAppLinks = 1;
+    fake::set_start_result(2);
+    start_keep_alive("eth_a1", link, "ns_a1");
+    EXPECT_THAT(keep_alives(link), ElementsAre("0: 0/0/0")) << "what watched another address is not its session";
+    EXPECT_TRUE(fake::sessions().empty());
+    EXPECT_EQ(fake::traces().size(), 1u) << "that the new one does not start";
+    fake::set_start_result(0);
+    start_keep_alive("eth_a1", link, "ns_a1");
+    EXPECT_EQ(params_of(link->keep_alive_sessions[0].session_id), expected_params(5, 2, 64, "02:00:00:00:0A:09"));
 }
 
 TEST_F(LinkSessions, StopEveryKeepAlive)

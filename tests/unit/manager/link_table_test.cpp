@@ -45,6 +45,15 @@ protected:
     }
 };
 
+// To a link that has none.
+bool give_keep_alives(iml_link *link)
+{
+    keep_alive_array previous = {};
+    const bool given = iml_link_renew_keep_alives(link, &previous);
+    EXPECT_EQ(previous.sessions, nullptr);
+    return given;
+}
+
 TEST_F(LinkTable, GivesReferencesFromOne)
 {
     EXPECT_EQ(add()->link_ref, 1u);
@@ -172,7 +181,7 @@ TEST_F(LinkTable, FindsASessionThatWasSetBeforeTheLinkWasInserted)
 {
     iml_link *link = iml_link_alloc(make_link_data({}));
     iml_link_set_session(link, 70);
-    ASSERT_TRUE(iml_link_alloc_keep_alives(link));
+    ASSERT_TRUE(give_keep_alives(link));
     iml_link_set_keep_alive_session(link, 0, 71);
     EXPECT_EQ(iml_link_find_by_session(70), nullptr) << "not in the table yet";
     EXPECT_EQ(keep_alive_find_by_session(71), nullptr);
@@ -201,7 +210,7 @@ TEST_F(LinkTable, FindsAKeepAliveOfAnyLinkAndSkipsLinksWithoutAny)
 {
     add();
     iml_link *link = add({.app_links = {APP_1, APP_2}});
-    ASSERT_TRUE(iml_link_alloc_keep_alives(link));
+    ASSERT_TRUE(give_keep_alives(link));
     EXPECT_EQ(link->keep_alive_count, 2u);
     iml_link_set_keep_alive_session(link, 0, 80);
     iml_link_set_keep_alive_session(link, 1, 81);
@@ -218,8 +227,8 @@ TEST_F(LinkTable, FindsTheFirstInTableOrderOfEqualKeepAlives)
 {
     iml_link *first = add({.app_links = {APP_1, APP_2}});
     iml_link *second = add();
-    ASSERT_TRUE(iml_link_alloc_keep_alives(first));
-    ASSERT_TRUE(iml_link_alloc_keep_alives(second));
+    ASSERT_TRUE(give_keep_alives(first));
+    ASSERT_TRUE(give_keep_alives(second));
     iml_link_set_keep_alive_session(first, 0, 80);
     iml_link_set_keep_alive_session(first, 1, 80);
     iml_link_set_keep_alive_session(second, 0, 80);
@@ -231,7 +240,7 @@ TEST_F(LinkTable, FindsTheFirstInTableOrderOfEqualKeepAlives)
 TEST_F(LinkTable, HasKeepAliveRoomForALinkWithoutAppLinks)
 {
     iml_link *link = add({.app_links = {}});
-    ASSERT_TRUE(iml_link_alloc_keep_alives(link));
+    ASSERT_TRUE(give_keep_alives(link));
     EXPECT_EQ(link->keep_alive_count, 0u);
 }
 
@@ -239,7 +248,7 @@ TEST_F(LinkTable, HasNoKeepAlivesWhenMemoryIsOut)
 {
     iml_link *link = add();
     fake::fail_allocation(1);
-    EXPECT_FALSE(iml_link_alloc_keep_alives(link));
+    EXPECT_FALSE(give_keep_alives(link));
     EXPECT_EQ(link->keep_alive_sessions, nullptr);
     EXPECT_EQ(link->keep_alive_count, 0u);
 }
