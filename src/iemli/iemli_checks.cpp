@@ -183,16 +183,11 @@ bool rtt_settings_valid(const rtt_settings &settings)
 
 } // namespace
 
-iemli_port_name iemli_port_name_of(const char *field, size_t size)
-{
-    iemli_port_name name = {};
-    memcpy(name.text, field, strnlen(field, size < PORT_NAME_LEN ? size : PORT_NAME_LEN));
-    return name;
-}
-
 iemli_port_name iemli_port_name_of(const IemliLinkData *link)
 {
-    return iemli_port_name_of(link->imlPortName, sizeof link->imlPortName);
+    iemli_port_name name = {};
+    memcpy(name.text, link->imlPortName, strnlen(link->imlPortName, PORT_NAME_LEN));
+    return name;
 }
 
 uint32_t iemli_check_create(const IemliLinkData *link)

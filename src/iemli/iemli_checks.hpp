@@ -13,8 +13,7 @@ struct iemli_port_name {
     char text[PORT_NAME_LEN + 1];
 };
 
-// At most PORT_NAME_LEN characters of a field that is `size` bytes long.
-iemli_port_name iemli_port_name_of(const char *field, size_t size);
+// At most PORT_NAME_LEN characters of the field.
 iemli_port_name iemli_port_name_of(const IemliLinkData *link);
 
 uint32_t iemli_check_create(const IemliLinkData *link);

@@ -70,6 +70,24 @@ void trace_update(const iemli_update_link_req *request)
     }
 }
 
+// A name as long as any trace of it can be.
+struct traced_name {
+    char text[2048];
+};
+
+// The name goes on to its zero or to the end of the message, whichever comes first.
+traced_name port_name_of_get_mac(const itc_msg *msg)
+{
+    constexpr size_t offset = offsetof(iemli_get_mac_req, imlPortName);
+    const char *field = reinterpret_cast<const char *>(msg) + offset;
+    traced_name name;
+    const size_t arrived = itc_size(msg) - offset;
+    const size_t length = strnlen(field, arrived < sizeof name.text ? arrived : sizeof name.text - 1);
+    memcpy(name.text, field, length);
+    name.text[length] = '\0';
+    return name;
+}
+
 IemliPendingRequest *new_pending(const IemliSession *session, const itc_msg *msg, uint32_t link_ref,
                                  iemli_pending_action action)
 {
@@ -163,10 +181,9 @@ void handle_delete_iml_link_req(IemliSession *session, const itc_msg *msg)
 
 void handle_get_local_supervision_mac_req(IemliSession *session, const itc_msg *msg)
 {
-    constexpr size_t name_offset = offsetof(iemli_get_mac_req, imlPortName);
     const auto *request = reinterpret_cast<const iemli_get_mac_req *>(msg);
     const iemli_peer client = client_of(session, msg);
-    const iemli_port_name port = iemli_port_name_of(request->imlPortName, itc_size(msg) - name_offset);
+    const traced_name port = port_name_of_get_mac(msg);
     iemli_trace_request(session, msg);
     VORN_TRACE(TRACE_REQUEST, "handle_get_local_supervision_mac_req(): imlPortName = %s, mpId = %u", port.text,
                request->mpId);

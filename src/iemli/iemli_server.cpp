@@ -72,12 +72,10 @@ void handle_init(const itc_msg *msg)
 {
     if (!is_too_short(msg)) {
         iemli_session_handle_init(msg);
-    } else if (has_header(msg) && iemli_session_find_by_init(msg) != nullptr) {
-        send_init_rej(iemli_sender_of(msg), IEMLI_REJ_OTHER_REASON);
     }
 }
 
-// A client that is known hears of a request that was cut off; what cannot be rejected is dropped.
+// A session hears of a request that was cut off; what cannot be rejected is dropped. An init is not a session's.
 void refuse_too_short(const request_rule *rule, const itc_msg *msg)
 {
     if (!has_header(msg) || rule->reject == nullptr) {

@@ -221,10 +221,10 @@ TEST_F(IemliShortMessages, InitOfAStrangerIsDropped)
     expect_cut_off_is_refused(init_req(0x61, 0x62, 1, 1, 1), "IEMLI_INIT_SERVICE_REQ", 0);
 }
 
-TEST_F(IemliShortMessages, InitOfAClientThatIsInIsRejected)
+TEST_F(IemliShortMessages, InitOfAClientThatIsInIsDroppedToo)
 {
     open_both();
-    expect_cut_off_is_refused(init_req(0x61, A_REF, 1, 1, 1), "IEMLI_INIT_SERVICE_REQ", 0x1B0E05);
+    expect_cut_off_is_refused(init_req(0x61, A_REF, 1, 1, 1), "IEMLI_INIT_SERVICE_REQ", 0);
 }
 
 TEST_F(IemliShortMessages, ClientDownIsDropped)

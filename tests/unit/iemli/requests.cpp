@@ -482,10 +482,26 @@ TEST_F(IemliGetMac, IsRefusedForAnUnknownPort)
     expect_rejected("IDL_B1", 4, "IEMLI_REJ_UNKNOWN_PORT_NAME");
 }
 
-TEST_F(IemliGetMac, ReadsSixteenCharactersAtTheMost)
+TEST_F(IemliGetMac, DumpsTheNameToItsEndOrToThatOfTheMessage)
 {
-    expect_rejected("ABCDEFGHIJKLMNOPQRSTUVWXYZ", 4, "IEMLI_REJ_UNKNOWN_PORT_NAME");
-    EXPECT_EQ(traces_of(19)[2], "handle_get_local_supervision_mac_req(): imlPortName = ABCDEFGHIJKLMNOP, mpId = 9");
+    const std::string dump = "handle_get_local_supervision_mac_req(): imlPortName = ";
+    for (const std::string &name : {std::string("ABCDEFGHIJKLMNOPQRSTUVWXYZ"), std::string(300, 'x')}) {
+        expect_rejected(name, 4, "IEMLI_REJ_UNKNOWN_PORT_NAME");
+        EXPECT_EQ(traces_of(19)[2], dump + name + ", mpId = 9");
+        fake::traces().clear();
+        expect_rejected(name + std::string("\0garbage", 8), 4, "IEMLI_REJ_UNKNOWN_PORT_NAME");
+        EXPECT_EQ(traces_of(19)[2], dump + name + ", mpId = 9");
+        fake::traces().clear();
+    }
+    const std::string endless(100000, 'x');
+    expect_rejected(endless, 4, "IEMLI_REJ_UNKNOWN_PORT_NAME");
+    EXPECT_EQ(traces_of(19)[2], (dump + endless).substr(0, traces_of(19)[2].size()));
+    EXPECT_GT(traces_of(19)[2].size(), 1000U);
+}
+
+TEST_F(IemliGetMac, DoesNotTakeALongerNameForThatOfAPort)
+{
+    expect_rejected("IDL_A1_AND_MORE_THAN_16", 4, "IEMLI_REJ_UNKNOWN_PORT_NAME");
 }
 
 TEST_F(IemliGetMac, IsRefusedWhileTheManagerIsNotInitiated)
