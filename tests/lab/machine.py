@@ -1,0 +1,235 @@
+"""A virtual machine of the laboratory: started, spoken to, its cables pulled and mended, its output kept.
+
+    image = lab.image.get()
+    with Machine("near", image, logs, cables=[Cable(...)]) as near, Machine("far", ...) as far:
+        near.wait_ready()
+        near.run("ip link")                          the output; raises CommandFailed when the status is not 0
+        status, output = near.try_run("false")
+        near.set_cable("c0", False)                  the guest sees its interface without a carrier
+        near.fetch("/tmp/logs", logs / "near")       a directory of the machine, copied to here
+
+Commands are bash scripts, run by root one after the other; what one starts in the background goes on. Disks are
+written to in copies of the machine's own, so machines share an image and nothing stays of them but their logs:
+NAME.console (the kernel and what the first processes say), NAME.output (what the commands printed, as it comes) and
+NAME.emulator. The emulated processors are those of the emulator alone (tcg), some ten times slower than real ones.
+"""
+
+import base64
+import dataclasses
+import io
+import json
+import os
+import pathlib
+import shutil
+import socket
+import subprocess
+import tarfile
+import tempfile
+import time
+
+import first_files
+
+READY_BOUND_S = 600
+COMMAND_BOUND_S = 300
+
+
+class MachineFailed(Exception):
+    """The machine did not start, ended, or did not answer."""
+
+
+class CommandFailed(Exception):
+    """A command ended with another status than 0."""
+
+
+@dataclasses.dataclass(frozen=True)
+class Cable:
+    """One end of a cable: two machines get an end each. The guest's interface is the one with this MAC."""
+
+    name: str
+    mac: str
+    own_end: pathlib.Path
+    other_end: pathlib.Path
+
+
+def lay_cable(directory, name, near_mac, far_mac):
+    """Both ends of a cable: Ethernet frames as datagrams between two sockets in `directory`."""
+    ends = [pathlib.Path(directory) / f"{name}.{side}" for side in ("near", "far")]
+    return Cable(name, near_mac, ends[0], ends[1]), Cable(name, far_mac, ends[1], ends[0])
+
+
+class Machine:
+    def __init__(self, name, image, logs, cables=(), tree=None, tree_at=None, processors=1, memory_mib=1024,
+                 kernel_options=""):
+        """`tree`: a second disk (image.make_tree_disk), which is seen at the path `tree_at`."""
+        self.name = name
+        self.logs = pathlib.Path(logs)
+        self.logs.mkdir(parents=True, exist_ok=True)
+        # Paths of sockets are short.
+        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="kap-lab-"))
+        self.output_path = self.logs / f"{name}.output"
+        self.next_id = 0
+        self.received = b""
+        self.line = None
+        self.monitor = None
+        self.monitor_received = b""
+        with open(self.logs / f"{name}.emulator", "wb") as log:
+            self.process = subprocess.Popen(self._command(image, cables, tree, tree_at, processors, memory_mib,
+                                                          kernel_options),
+                                            stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+
+    def _command(self, image, cables, tree, tree_at, processors, memory_mib, kernel_options):
+        arch = image.architecture
+        first = self.directory / "first"
+        first.write_bytes(first_files.make(image))
+        kernel_line = f"{arch.kernel_line} panic=-1 net.ifnames=0 quiet {kernel_options}"
+        kernel_line += f" lab.tree={tree_at}" if tree else ""
+        command = [*arch.emulator, "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
+                   "-smp", str(processors), "-m", str(memory_mib), "-kernel", image.kernel, "-initrd", first,
+                   "-append", kernel_line, "-serial", f"file:{self.logs / self.name}.console",
+                   "-qmp", f"unix:{self.directory / 'monitor'},server=on,wait=off",
+                   "-device", "virtio-serial-pci", "-chardev",
+                   f"socket,id=line,path={self.directory / 'line'},server=on,wait=off",
+                   "-device", "virtserialport,chardev=line,nr=1", "-chardev", f"file,id=output,path={self.output_path}",
+                   "-device", "virtserialport,chardev=output,nr=2"]
+        for disk in [image.disk] + ([tree] if tree else []):
+            command += ["-drive", f"file={disk},format=raw,if=virtio,snapshot=on"]
+        for cable in cables:
+            command += ["-netdev", f"dgram,id={cable.name},local.type=unix,local.path={cable.own_end},"
+                        f"remote.type=unix,remote.path={cable.other_end}",
+                        "-device", f"virtio-net-pci,id=nic-{cable.name},netdev={cable.name},mac={cable.mac},romfile="]
+        return [str(word) for word in command]
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.end()
+
+    def end(self):
+        """At once, as a machine whose power is cut."""
+        for connection in (self.line, self.monitor):
+            if connection:
+                connection.close()
+        self.process.kill()
+        self.process.wait()
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+    # ---- Commands ----
+
+    def wait_ready(self, bound_s=READY_BOUND_S):
+        deadline = time.monotonic() + bound_s
+        self.line = self._connect("line", deadline)
+        self._read_line(deadline)
+
+    def try_run(self, script, bound_s=COMMAND_BOUND_S):
+        """The status and what was printed, on both outputs."""
+        self.next_id += 1
+        before = self.output_path.stat().st_size
+        encoded = base64.b64encode(script.encode()).decode()
+        self.line.sendall(f"{self.next_id} {encoded}\n".encode())
+        number, status = self._read_line(time.monotonic() + bound_s, script).split()
+        if int(number) != self.next_id:
+            raise MachineFailed(f"{self.name}: the answer to command {number}, not {self.next_id}")
+        with open(self.output_path, "rb") as output:
+            output.seek(before)
+            return int(status), output.read().decode(errors="replace")
+
+    def run(self, script, bound_s=COMMAND_BOUND_S):
+        status, output = self.try_run(script, bound_s)
+        if status != 0:
+            raise CommandFailed(f"{self.name}: status {status} of\n{script}\n{output}")
+        return output
+
+    def write(self, path, text):
+        encoded = base64.b64encode(text.encode()).decode()
+        self.run(f"base64 -d >{path} <<'END'\n{encoded}\nEND")
+
+    def fetch(self, path, target):
+        """A directory of the machine. Special files are left out."""
+        data = base64.b64decode(self.run(f"cd {path} && find . -type f -print0 | tar cz --null -T - | base64 -w0"))
+        with tarfile.open(fileobj=io.BytesIO(data)) as archive:
+            archive.extractall(target)
+
+    def wait_until(self, what, condition, bound_s):
+        """Asks again and again. `condition` gives something true in the end, which is what this gives."""
+        deadline = time.monotonic() + bound_s
+        while True:
+            value = condition()
+            if value:
+                return value
+            if time.monotonic() > deadline:
+                raise MachineFailed(f"{self.name}: waited {bound_s} s in vain: {what}")
+            time.sleep(0.2)
+
+    # ---- The monitor ----
+
+    def set_cable(self, name, plugged):
+        """The carrier of this machine's end; the other machine's end keeps its own."""
+        self._ask_monitor("set_link", name=f"nic-{name}", up=plugged)
+
+    def _ask_monitor(self, command, **arguments):
+        deadline = time.monotonic() + 60
+        if not self.monitor:
+            self.monitor = self._connect("monitor", deadline)
+            self._monitor_answer("QMP", deadline)
+            self._ask_monitor("qmp_capabilities")
+        self.monitor.sendall(json.dumps({"execute": command, "arguments": arguments}).encode() + b"\n")
+        return self._monitor_answer("return", deadline)
+
+    def _monitor_answer(self, wanted, deadline):
+        while True:
+            line, self.monitor_received = self._take_line(self.monitor, self.monitor_received, deadline, "the monitor")
+            answer = json.loads(line)
+            if "error" in answer:
+                raise MachineFailed(f"{self.name}: the monitor: {answer['error']['desc']}")
+            if wanted in answer:
+                return answer[wanted]
+
+    # ---- Lines ----
+
+    def _connect(self, name, deadline):
+        while True:
+            connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+            try:
+                connection.connect(str(self.directory / name))
+                return connection
+            except OSError:
+                connection.close()
+                self._check(deadline, name)
+                time.sleep(0.05)
+
+    def _read_line(self, deadline, what="the agent"):
+        line, self.received = self._take_line(self.line, self.received, deadline, what)
+        return line.decode()
+
+    def _take_line(self, connection, received, deadline, what):
+        connection.settimeout(1)
+        while b"\n" not in received:
+            try:
+                got = connection.recv(65536)
+            except TimeoutError:
+                got = None
+            if got == b"":
+                raise MachineFailed(f"{self.name}: the emulator ended: {self._last_words()}")
+            received += got or b""
+            self._check(deadline, what)
+        line, _, rest = received.partition(b"\n")
+        return line, rest
+
+    def _check(self, deadline, what):
+        if self.process.poll() is not None:
+            raise MachineFailed(f"{self.name}: the emulator ended: {self._last_words()}")
+        if time.monotonic() > deadline:
+            raise MachineFailed(f"{self.name}: no answer in time: {what}\n{self._last_words()}")
+
+    def _last_words(self):
+        texts = []
+        for kind in ("emulator", "console"):
+            path = self.logs / f"{self.name}.{kind}"
+            text = path.read_bytes()[-2000:].decode(errors="replace") if path.exists() else ""
+            texts.append(f"{path}: {text}")
+        return "\n".join(texts)
+
+
+def processors_of_host():
+    return os.cpu_count() or 1
