@@ -12,7 +12,7 @@ namespace
 constexpr const char *MESSAGES_PER_FLOOD = "20000";
 constexpr auto FLOOD_BOUND = 60s;
 // What the second flood may add after the first has filled what the process keeps for reuse.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef KAP_SANITIZED
 constexpr long MOST_GROWTH_KB = 512 * 1024; // a sanitizer keeps freed memory, and shadows of it
 #else
 constexpr long MOST_GROWTH_KB = 1024;
