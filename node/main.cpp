@@ -11,6 +11,7 @@
 #include "clients/aasi_messages.hpp"
 #include "itc.h"
 #include "ns.h"
+#include "program_call.hpp"
 
 #include <unistd.h>
 
@@ -24,22 +25,23 @@ using namespace kap_node;
 
 constexpr millis NAMESPACE_CHECK_MS = 200;
 
-constexpr const char *USAGE =
-    "usage: kap-node SERVICE --config FILE\n"
-    "       kap-node ctl SERVICE COMMAND...\n"
-    "SERVICE: iepcsi, pmi, emi, fmi, aasi or far-end\n"
-    "COMMAND of every service:\n"
-    "  show                            what it keeps and counts, as JSON\n"
-    "  fault reject REQUEST N REASON   refuse the next N requests (REQUEST by its name, or any)\n"
-    "  fault delay REQUEST N MS        answer them late\n"
-    "  fault silent REQUEST N          do and answer nothing\n"
-    "  fault unsolicited MESSAGE [HEX [MAILBOX]]\n"
-    "                                  send a message nobody asked for (HEX: what follows its number)\n"
-    "  fault clear                     forget all faults\n"
-    "  die                             end at once without cleaning up\n"
-    "iepcsi:  lock PORT, unlock PORT, vlan-add PORT VLAN INTERFACE NAMESPACE, vlan-remove PORT VLAN\n"
-    "aasi:    appear, disappear, announce-foreign [SID [MAILBOX]], config-update [ID...]\n"
-    "far-end: silent on|off, delay US, loss PERCENT, drop N, unusable-time on|off\n";
+constexpr program_call PROGRAM = {
+    "kap-node", "usage: kap-node SERVICE --config FILE\n"
+                "       kap-node ctl SERVICE COMMAND...\n"
+                "       kap-node --help | --version\n"
+                "SERVICE: iepcsi, pmi, emi, fmi, aasi or far-end\n"
+                "COMMAND of every service:\n"
+                "  show                            what it keeps and counts, as JSON\n"
+                "  fault reject REQUEST N REASON   refuse the next N requests (REQUEST by its name, or any)\n"
+                "  fault delay REQUEST N MS        answer them late\n"
+                "  fault silent REQUEST N          do and answer nothing\n"
+                "  fault unsolicited MESSAGE [HEX [MAILBOX]]\n"
+                "                                  send a message nobody asked for (HEX: what follows its number)\n"
+                "  fault clear                     forget all faults\n"
+                "  die                             end at once without cleaning up\n"
+                "iepcsi:  lock PORT, unlock PORT, vlan-add PORT VLAN INTERFACE NAMESPACE, vlan-remove PORT VLAN\n"
+                "aasi:    appear, disappear, announce-foreign [SID [MAILBOX]], config-update [ID...]\n"
+                "far-end: silent on|off, delay US, loss PERCENT, drop N, unusable-time on|off\n"};
 
 int run_service(event_loop &loop, service &runs)
 {
@@ -114,26 +116,16 @@ int run_ctl(const std::string &service_name, const arguments &words)
         (void)printf("%s\n", result.dump(2).c_str());
     }
     itc_exit();
-    return 0;
-}
-
-int usage()
-{
-    (void)fputs(USAGE, stderr);
-    return 2;
+    return program_end(PROGRAM, 0);
 }
 
 int run(const arguments &words)
 {
-    if (words.size() == 1 && (words[0] == "--help" || words[0] == "-h")) {
-        (void)fputs(USAGE, stdout);
-        return 0;
-    }
     if (words.size() >= 3 && words[0] == "ctl") {
         return run_ctl(words[1], {words.begin() + 2, words.end()});
     }
     if (words.size() != 3 || words[1] != "--config" || control_mailbox(words[0]).empty()) {
-        return usage();
+        return program_refuse(PROGRAM, words.empty() ? "which service?" : "unknown words or options");
     }
     return run_named(words[0], read_config_file(words[2]));
 }
@@ -143,6 +135,9 @@ int run(const arguments &words)
 int main(int argc, char **argv)
 {
     const arguments words(argv + 1, argv + argc);
+    if (auto answered = program_answer(PROGRAM, argc, argv)) {
+        return *answered;
+    }
     try {
         return run(words);
     } catch (const std::exception &problem) {

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "mask_share.hpp"
+#include "program_call.hpp"
 
 namespace
 {
@@ -230,20 +231,13 @@ int set(const std::string &name, const std::string &how)
     return found.empty() ? 1 : 0;
 }
 
-int usage()
-{
-    (void)fputs("usage: kap-trace list | get NAME | set NAME MASK | set default MASK\n"
-                "NAME: a process's name in its traces, or NAME.PID\n"
-                "MASK: a number, or +L,L,... or -L,L,... to switch levels on or off\n",
-                stderr);
-    return 2;
-}
+constexpr program_call PROGRAM = {
+    "kap-trace", "usage: kap-trace list | get NAME | set NAME MASK | set default MASK | --help | --version\n"
+                 "NAME: a process's name in its traces, or NAME.PID\n"
+                 "MASK: a number, or +L,L,... or -L,L,... to switch levels on or off\n"};
 
-} // namespace
-
-int main(int argc, char **argv)
+int run(const std::vector<std::string> &words)
 {
-    const std::vector<std::string> words(argv + 1, argv + argc);
     if (words == std::vector<std::string>{"list"}) {
         return list();
     }
@@ -253,5 +247,15 @@ int main(int argc, char **argv)
     if (words.size() == 3 && words[0] == "set") {
         return set(words[1], words[2]);
     }
-    return usage();
+    return program_refuse(PROGRAM, words.empty() ? "what to do?" : "unknown words or options");
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (auto answered = program_answer(PROGRAM, argc, argv)) {
+        return *answered;
+    }
+    return program_end(PROGRAM, run({argv + 1, argv + argc}));
 }

@@ -18,6 +18,7 @@
 #include "demo.hpp"
 #include "link_list/link_list.hpp"
 #include "naive_peer/naive_peer.hpp"
+#include "program_call.hpp"
 #include "sandbox.hpp"
 
 namespace
@@ -175,15 +176,22 @@ void compare_creates(demo &d)
     printf("%14.1f %14.1f %7.2f\n", median_us(creates), median_us(queries), median_us(creates) / median_us(queries));
 }
 
+constexpr program_call PROGRAM = {
+    "bench_daemon",
+    "usage: bench_daemon [SECONDS] | --help | --version\n"
+    "The whole daemon beside a peer that wakes for each ping, SECONDS (5) for each number of sessions; and creates.\n"};
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    if (auto answered = program_answer(PROGRAM, argc, argv)) {
+        return *answered;
+    }
     const int seconds = argc > 1 ? atoi(argv[1]) : 5; // NOLINT(cert-err34-c): 0 is refused below
     std::string error;
-    if (seconds < 1) {
-        fputs("usage: bench_daemon [SECONDS]\n", stderr);
-        return 2;
+    if (seconds < 1 || argc > 2) {
+        return program_refuse(PROGRAM, "SECONDS is a whole number above 0");
     }
     if (!sandbox_enter(error)) {
         fprintf(stderr, "bench_daemon: %s\n", error.c_str());
@@ -203,5 +211,5 @@ int main(int argc, char **argv)
         fprintf(stderr, "bench_daemon: %s\n", failure.what());
         return 1;
     }
-    return 0;
+    return program_end(PROGRAM, 0);
 }

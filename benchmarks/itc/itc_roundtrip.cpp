@@ -9,6 +9,7 @@
  * usage: itc_roundtrip [rounds]
  */
 #include "itc.h"
+#include "program_call.hpp"
 
 #include <algorithm>
 #include <chrono>
@@ -288,14 +289,20 @@ void measure(int rounds, uint32_t to, int echo, int sink)
     print("one of 200,000 messages of 16 bytes, one way", itc, bare);
 }
 
+constexpr program_call PROGRAM = {
+    "itc_roundtrip", "usage: itc_roundtrip [ROUNDS] | --help | --version\n"
+                     "Messages between two processes beside a bare Unix stream socket, ROUNDS (5) of each.\n"};
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    if (auto answered = program_answer(PROGRAM, argc, argv)) {
+        return *answered;
+    }
     const long rounds = argc > 1 ? strtol(argv[1], nullptr, 10) : 5;
-    if (rounds < 1 || rounds > 1000) {
-        (void)fprintf(stderr, "usage: itc_roundtrip [rounds]\n");
-        return 2;
+    if (rounds < 1 || rounds > 1000 || argc > 2) {
+        return program_refuse(PROGRAM, "ROUNDS is a whole number from 1 to 1000");
     }
     (void)signal(SIGPIPE, SIG_IGN);
     start_registry();
@@ -323,5 +330,5 @@ int main(int argc, char **argv)
     itc_msg *stop = itc_alloc(4, STOP);
     itc_send(&stop, to, ITC_MY_MBOX);
     itc_exit();
-    return 0;
+    return program_end(PROGRAM, 0);
 }

@@ -25,6 +25,7 @@
 
 #include "far_end.hpp"
 #include "naive_peer/naive_peer.hpp"
+#include "program_call.hpp"
 #include "supervision.h"
 
 namespace
@@ -154,14 +155,21 @@ void lay_cable()
         "until ip -o link show near0 | grep -q 'state UP'; do :; done");
 }
 
+constexpr program_call PROGRAM = {
+    "bench_supervision",
+    "usage: bench_supervision [SECONDS] | --help | --version\n"
+    "The supervision library beside a peer that wakes for each ping, SECONDS (5) for each number of sessions.\n"};
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    if (auto answered = program_answer(PROGRAM, argc, argv)) {
+        return *answered;
+    }
     const int seconds = argc > 1 ? atoi(argv[1]) : 5; // NOLINT(cert-err34-c): 0 is refused below
-    if (seconds < 1) {
-        fputs("usage: bench_supervision [SECONDS]\n", stderr);
-        return 2;
+    if (seconds < 1 || argc > 2) {
+        return program_refuse(PROGRAM, "SECONDS is a whole number above 0");
     }
     lay_cable();
     const pid_t far = start_far_end();
@@ -179,5 +187,5 @@ int main(int argc, char **argv)
     }
     kill(far, SIGKILL);
     waitpid(far, nullptr, 0);
-    return 0;
+    return program_end(PROGRAM, 0);
 }

@@ -8,6 +8,7 @@
  */
 #include "itc_wire.hpp"
 #include "policy.hpp"
+#include "program_call.hpp"
 #include "server.hpp"
 
 #include <cerrno>
@@ -27,13 +28,14 @@
 namespace
 {
 
-constexpr char usage[] =
-    "usage: itcd [--allow-user USER]... [--reserve PREFIX=USER]...\n"
-    "The registry of ITC: gives out mailboxes and names, introduces processes to each other, tells of deaths.\n"
-    "It listens on %s.\n"
-    "  --allow-user USER      let USER connect, besides root and the registry's own user and group\n"
-    "  --reserve PREFIX=USER  names that begin with PREFIX may be claimed by USER and root only\n"
-    "  --help                 print this\n";
+constexpr program_call PROGRAM = {
+    "itcd", "usage: itcd [--allow-user USER]... [--reserve PREFIX=USER]...\n"
+            "The registry of ITC: gives out mailboxes and names, introduces processes to each other, tells of deaths.\n"
+            "It listens on /run/kap-itc/itcd.sock.\n"
+            "  --allow-user USER      let USER connect, besides root and the registry's own user and group\n"
+            "  --reserve PREFIX=USER  names that begin with PREFIX may be claimed by USER and root only\n"
+            "  --help                 print this\n"
+            "  --version              print the version\n"};
 
 // What is taken back at the end.
 int lock_fd = -1;
@@ -44,22 +46,18 @@ void read_options(int argc, char **argv, policy &rules)
 {
     static const option options[] = {{"allow-user", required_argument, nullptr, 'a'},
                                      {"reserve", required_argument, nullptr, 'r'},
-                                     {"help", no_argument, nullptr, 'h'},
                                      {nullptr, 0, nullptr, 0}};
     for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
-        const bool good =
-            c == 'h' || (c == 'a' && policy_allow_user(rules, optarg)) || (c == 'r' && policy_reserve(rules, optarg));
+        const bool good = (c == 'a' && policy_allow_user(rules, optarg)) || (c == 'r' && policy_reserve(rules, optarg));
         if (!good && c != '?') {
-            (void)fprintf(stderr, "itcd: %s: no such user, or not PREFIX=USER\n", optarg);
+            (void)fprintf(stderr, "itcd: %s\n", optarg);
         }
-        if (!good || c == 'h') {
-            (void)fprintf(good ? stdout : stderr, usage, itc_wire::socket_path);
-            exit(good ? 0 : 2);
+        if (!good) {
+            exit(program_refuse(PROGRAM, c == '?' ? "a wrong option" : "no such user, or not PREFIX=USER"));
         }
     }
     if (optind < argc) {
-        (void)fprintf(stderr, usage, itc_wire::socket_path);
-        exit(2);
+        exit(program_refuse(PROGRAM, "takes options only"));
     }
 }
 
@@ -158,6 +156,9 @@ void clean_up()
 
 int main(int argc, char **argv)
 {
+    if (auto answered = program_answer(PROGRAM, argc, argv)) {
+        return *answered;
+    }
     policy rules;
     read_options(argc, argv, rules);
     raise_descriptor_limit();

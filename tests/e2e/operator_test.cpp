@@ -119,6 +119,18 @@ TEST_F(Operator, SeesTheLinksAsJson)
     EXPECT_EQ(links[1]["app_links"].size(), 1u);
 }
 
+TEST_F(Operator, IsToldThatTheOutputCouldNotBeWritten)
+{
+    start_with_links();
+    for (const char *line : {"vornctl links", "vornctl links --json", "kap-node ctl pmi show", "kap-trace list",
+                             "kap-trace get default"}) {
+        const std::string full = d.stage.bin_dir + "/" + line + " >/dev/full";
+        const command_result result = command_run({"/bin/sh", "-c", full});
+        EXPECT_EQ(result.status, 1) << line;
+        EXPECT_THAT(result.output, testing::HasSubstr("the output could not be written")) << line;
+    }
+}
+
 TEST_F(Operator, SeesThatThereAreNoLinks)
 {
     start();
@@ -151,7 +163,7 @@ TEST_F(Operator, IsToldHowToCall)
          {words{}, words{"link"}, words{"links", "--xml"}, words{"links", "--json", "1"}, words{"--json"}}) {
         const command_result result = vornctl(wrong);
         EXPECT_EQ(result.status, 2);
-        EXPECT_THAT(result.output, testing::StartsWith("usage: vornctl links [--json]\n"));
+        EXPECT_THAT(result.output, testing::HasSubstr("usage: vornctl links [--json]\n"));
     }
     EXPECT_EQ(vornctl({"--help"}).status, 0);
 }

@@ -6,24 +6,25 @@
 #include <string>
 
 #include "link_list/link_list.hpp"
+#include "program_call.hpp"
 
 namespace
 {
 
 constexpr uint32_t TIMEOUT_MS = 3000;
 
-enum exit_status {
-    STATUS_OK = 0,
-    STATUS_FAILED = 1, // no registry, no daemon, no answer
-    STATUS_USAGE = 2,
-};
+constexpr int STATUS_FAILED = 1; // no registry, no daemon, no answer
 
-constexpr const char *USAGE = "usage: vornctl links [--json]\n"
-                              "\n"
-                              "  links    the links that kap-vorn supervises, in ascending order of their reference\n"
-                              "  --json   the same as JSON; fields are added over time, never renamed or dropped\n"
-                              "\n"
-                              "Exit status: 0; 1 when kap-vorn or the registry cannot be reached; 2 for wrong usage.\n";
+constexpr program_call PROGRAM = {
+    "vornctl", "usage: vornctl links [--json]\n"
+               "\n"
+               "  links      the links that kap-vorn supervises, in ascending order of their reference\n"
+               "  --json     the same as JSON; fields are added over time, never renamed or dropped\n"
+               "  --help     prints this\n"
+               "  --version  prints the version\n"
+               "\n"
+               "Exit status: 0; 1 when kap-vorn or the registry cannot be reached, or the output not written; 2 for "
+               "wrong usage.\n"};
 
 bool connect_to_registry()
 {
@@ -53,22 +54,20 @@ int print_links(bool as_json)
         fprintf(stderr, "vornctl: %s\n", error.c_str());
         return STATUS_FAILED;
     }
-    fputs((as_json ? link_list::to_json(*links) : link_list::to_table(*links)).c_str(), stdout);
-    return STATUS_OK;
+    (void)fputs((as_json ? link_list::to_json(*links) : link_list::to_table(*links)).c_str(), stdout);
+    return program_end(PROGRAM, 0);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
-        fputs(USAGE, stdout);
-        return STATUS_OK;
+    if (auto answered = program_answer(PROGRAM, argc, argv)) {
+        return *answered;
     }
     const bool as_json = argc == 3 && strcmp(argv[2], "--json") == 0;
     if (argc < 2 || strcmp(argv[1], "links") != 0 || (argc > 2 && !as_json)) {
-        fputs(USAGE, stderr);
-        return STATUS_USAGE;
+        return program_refuse(PROGRAM, argc < 2 ? "what to print?" : "unknown words or options");
     }
     return print_links(as_json);
 }
