@@ -95,6 +95,51 @@ TEST_F(Screen, ShowsTheNewestNotesWhenNotAllFit)
     EXPECT_THAT(draw(80, 18), Not(HasSubstr("the oldest")));
 }
 
+TEST_F(Screen, KeepsAStateChangeInSightHoweverManyBatchesCome)
+{
+    iemli_event status{};
+    status.kind = iemli_event_kind::link_status;
+    status.link_ref = 1;
+    status.status = IML_LINK_DISABLED;
+    status.disabled_reason = IML_LINK_REASON_DOWN;
+    iemli_event batch{};
+    batch.kind = iemli_event_kind::link_rtt;
+    batch.link_ref = 1;
+    batch.rtt = {0, 40120, 0, 51000, 0, 60330, 1, {}};
+    demo_take_event(d, batch);
+    demo_take_event(d, status);
+    for (int i = 0; i < 1000; i++) {
+        demo_take_event(d, batch);
+    }
+    EXPECT_THAT(draw(80, 24), HasSubstr("link 1 RTT: min 40.12 avg 51.00 max 60.33 us, valid"));
+    EXPECT_THAT(draw(80, 24), HasSubstr("link 1 is disabled with reason down"));
+    EXPECT_EQ(d.links[0].batches.size(), 1001u);
+}
+
+TEST_F(Screen, NotesThatBatchesAreNotValidAnyMoreAndThatTheyAreAgain)
+{
+    iemli_event batch{};
+    batch.kind = iemli_event_kind::link_rtt;
+    batch.link_ref = 1;
+    for (const bool valid : {true, true, false, false, true}) {
+        batch.rtt = {0, 1000, 0, 1000, 0, 1000, valid ? uint8_t{1} : uint8_t{0}, {}};
+        demo_take_event(d, batch);
+    }
+    ASSERT_EQ(d.notes.size(), 3u);
+    EXPECT_EQ(d.notes[1].text, "link 1 RTT: not valid");
+    EXPECT_THAT(d.notes[2].text, HasSubstr(", valid"));
+}
+
+TEST(Colour, IsWantedUnlessTheEnvironmentHasAReasonAgainstIt)
+{
+    unsetenv("NO_COLOR");
+    EXPECT_TRUE(terminal_wants_colour());
+    setenv("NO_COLOR", "", 1);
+    EXPECT_TRUE(terminal_wants_colour());
+    setenv("NO_COLOR", "1", 1);
+    EXPECT_FALSE(terminal_wants_colour());
+}
+
 TEST_F(Screen, UsesNoColourUnlessAskedTo)
 {
     EXPECT_THAT(draw(132, 40), Not(HasSubstr("\x1b[3")));
@@ -109,7 +154,7 @@ TEST_F(Screen, ShowsTheLastBatchOfALinkWithRtt)
     d.links[0].batches = {{0, 1, 0, 2, 0, 3, 1, {}}, {0, 40120, 1, 51003, 2, 60339, 1, {}}};
     EXPECT_THAT(draw(80, 24), HasSubstr("    1  RTT, batch 2          40.12 1000051.00 2000060.34  valid\x1b[K"));
     d.links[0].batches.push_back({});
-    EXPECT_THAT(draw(80, 24), HasSubstr("    1  RTT, batch 3           0.00       0.00       0.00  not valid\x1b[K"));
+    EXPECT_THAT(draw(80, 24), HasSubstr("    1  RTT, batch 3              -          -          -  not valid\x1b[K"));
 }
 
 TEST_F(Screen, ShowsWhatTheAgentHasOfALink)
@@ -120,6 +165,9 @@ TEST_F(Screen, ShowsWhatTheAgentHasOfALink)
                 HasSubstr("    1  agent's path          40.12      51.00      60.33  enabled, 7 reports"));
     view.paths[0]->link_status = IML_LINK_DISABLED;
     EXPECT_THAT(draw(80, 24), HasSubstr("disabled, 7 reports"));
+    view.paths = {agent_path{1, IML_LINK_ENABLED, 0, 0, 0, 1}};
+    EXPECT_THAT(draw(80, 24),
+                HasSubstr("    1  agent's path              -          -          -  enabled, 1 reports"));
 }
 
 TEST_F(Screen, SaysThatAPortIsLocked)

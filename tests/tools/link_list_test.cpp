@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
+#include <sstream>
 
 namespace
 {
@@ -124,6 +126,44 @@ TEST(LinkList, PrintsATableWithOneLineALink)
               "1234.56  2000.00  1\n"
               "12    TN_A    200   00:00:00:00:00:00  0     disabled with reason down  not running  0/0   off  -       "
               "-        -        0\n");
+}
+
+TEST(LinkList, ATableOfFewerColumnsGoesOnInFurtherLinesAndLosesNoFigure)
+{
+    Bytes two = one_link();
+    two.resize(8 + 2 * 344);
+    put32(&two, 4, 2);
+    put32(&two, 8 + 344 + 4, 12);
+    put(&two, 8 + 344 + 21, "TN_A", 5);
+    put16(&two, 8 + 344 + 38, 200);
+    put32(&two, 8 + 344 + 48, 4);
+    EXPECT_EQ(link_list::to_table(read(two), 80),
+              "LINK  PORT    VLAN  FAR-END CPM        APPS\n"
+              "      STATUS                                SUPERVISION  LOST  RTT  MIN us\n"
+              "      AVG us   MAX us   OWNER\n"
+              "7     IDL_A1  100   02:00:00:00:0C:01  2\n"
+              "      enabled                               running      3/40  on   12.05\n"
+              "      1234.56  2000.00  1\n"
+              "12    TN_A    200   00:00:00:00:00:00  0\n"
+              "      disabled with reason no connectivity  not running  0/0   off  -\n"
+              "      -        -        0\n");
+}
+
+TEST(LinkList, ATableOfAnyWidthHasEveryCellAndNoLineThatIsLonger)
+{
+    const auto links = read(one_link());
+    const auto words = [](const std::string &text) {
+        std::istringstream stream(text);
+        return std::vector<std::string>{std::istream_iterator<std::string>(stream), {}};
+    };
+    for (size_t columns = 26; columns < 130; ++columns) {
+        const std::string table = link_list::to_table(links, columns);
+        EXPECT_EQ(words(table), words(link_list::to_table(links))) << columns;
+        std::istringstream lines(table);
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_LE(line.size(), columns) << line;
+        }
+    }
 }
 
 TEST(LinkList, AnEmptyListIsATableOfItsHeadAlone)

@@ -52,33 +52,13 @@ void take_status(demo &d, const iemli_event &event)
 void take_rtt(demo &d, const iemli_event &event)
 {
     demo_link *link = link_of(d, event, "RTT");
-    if (link != nullptr) {
-        link->batches.push_back(event.rtt);
-        note(d, "link " + std::to_string(link->link_ref) + " RTT: " + demo_rtt_text(event.rtt));
+    if (link == nullptr) {
+        return;
     }
-}
-
-void take_event(demo &d, const iemli_event &event)
-{
-    switch (event.kind) {
-    case iemli_event_kind::link_status:
-        take_status(d, event);
-        break;
-    case iemli_event_kind::published:
-        note(d, "the service is published");
-        break;
-    case iemli_event_kind::withdrawn:
-        note(d, "the service was withdrawn");
-        break;
-    case iemli_event_kind::link_rtt:
-        take_rtt(d, event);
-        break;
-    case iemli_event_kind::server_died:
-        throw stage_failure("the daemon died");
-    case iemli_event_kind::malformed:
-        throw stage_failure("the daemon sent what it must not: " + event.text);
-    case iemli_event_kind::late_answer:
-        throw stage_failure(std::string("an answer to nothing: ") + iemli_client_message_name(event.msgno));
+    const bool news = link->batches.empty() || demo_is_measured(link->batches.back()) != demo_is_measured(event.rtt);
+    link->batches.push_back(event.rtt);
+    if (news) {
+        note(d, "link " + std::to_string(link->link_ref) + " RTT: " + demo_rtt_text(event.rtt));
     }
 }
 
@@ -130,6 +110,30 @@ void expect_ended_well(const demo &d, const std::string &name, const std::string
 
 } // namespace
 
+void demo_take_event(demo &d, const iemli_event &event)
+{
+    switch (event.kind) {
+    case iemli_event_kind::link_status:
+        take_status(d, event);
+        break;
+    case iemli_event_kind::published:
+        note(d, "the service is published");
+        break;
+    case iemli_event_kind::withdrawn:
+        note(d, "the service was withdrawn");
+        break;
+    case iemli_event_kind::link_rtt:
+        take_rtt(d, event);
+        break;
+    case iemli_event_kind::server_died:
+        throw stage_failure("the daemon died");
+    case iemli_event_kind::malformed:
+        throw stage_failure("the daemon sent what it must not: " + event.text);
+    case iemli_event_kind::late_answer:
+        throw stage_failure(std::string("an answer to nothing: ") + iemli_client_message_name(event.msgno));
+    }
+}
+
 void demo_start(demo &d)
 {
     stage_start(d.stage, CLIENT_MAILBOX);
@@ -140,7 +144,7 @@ void demo_start(demo &d)
                [&] { return iemli_client_wait_published(d.client, 10); });
     expect_confirmed(iemli_client_open(d.client), "the session");
     while (auto event = iemli_client_next_event(d.client, 0)) {
-        take_event(d, *event);
+        demo_take_event(d, *event);
     }
 }
 
@@ -202,7 +206,7 @@ void demo_listen(demo &d, std::chrono::milliseconds most)
 {
     stage_check(d.stage);
     if (auto event = iemli_client_next_event(d.client, static_cast<uint32_t>(most.count()))) {
-        take_event(d, *event);
+        demo_take_event(d, *event);
     }
 }
 
@@ -281,6 +285,12 @@ void demo_set_locked(demo &d, const stage_port &port, bool locked)
     note(d, port.iemli_name + (locked ? " is locked" : " is unlocked"));
 }
 
+void demo_set_port(demo &d, const stage_port &port, bool up)
+{
+    wires_set_near(port.wire.interface, up);
+    note(d, port.wire.interface + (up ? " is taken up" : " is taken down"));
+}
+
 void demo_stop_daemon(demo &d)
 {
     child_process daemon = stage_stop_process(d.stage, DAEMON, SIGTERM, 5s);
@@ -308,11 +318,16 @@ std::string demo_seconds(std::chrono::milliseconds time)
 
 double demo_microseconds(uint32_t sec, uint32_t nsec) { return sec * 1e6 + nsec / 1e3; }
 
+bool demo_is_measured(const rtt_stats &stats) { return stats.rtt_validity == 1; }
+
 std::string demo_rtt_text(const rtt_stats &stats)
 {
+    if (!demo_is_measured(stats)) {
+        return "not valid";
+    }
     char text[96];
-    (void)snprintf(text, sizeof text, "min %.2f avg %.2f max %.2f us, %s",
+    (void)snprintf(text, sizeof text, "min %.2f avg %.2f max %.2f us, valid",
                    demo_microseconds(stats.min_sec, stats.min_nsec), demo_microseconds(stats.avg_sec, stats.avg_nsec),
-                   demo_microseconds(stats.max_sec, stats.max_nsec), stats.rtt_validity == 1 ? "valid" : "not valid");
+                   demo_microseconds(stats.max_sec, stats.max_nsec));
     return text;
 }

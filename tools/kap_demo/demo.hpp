@@ -56,6 +56,10 @@ void demo_delete_all(demo &d);
 void demo_enable_rtt(demo &d, demo_link &link, const rtt_settings &settings);
 void demo_disable_rtt(demo &d, demo_link &link);
 
+// Takes in one thing that the daemon said. Of the batches of a link only the first is noted, and those after which it
+// is another thing whether any ping was answered: a note every few seconds would hide what happened. Throws
+// stage_failure for what must not come.
+void demo_take_event(demo &d, const iemli_event &event);
 // Takes in what the daemon says for at most that long; returns after the first event.
 void demo_listen(demo &d, std::chrono::milliseconds most);
 // Waits until a link has this status. Gives the time it took; throws stage_failure when the bound is over.
@@ -85,10 +89,14 @@ std::optional<agent_path> demo_agent_path(uint32_t link_ref);
 // Locks or unlocks a port of the stage at the port control server.
 void demo_set_locked(demo &d, const stage_port &port, bool locked);
 
+// Takes the near interface of a port of the stage down or up.
+void demo_set_port(demo &d, const stage_port &port, bool up);
+
 // Stops everything as an operator would. The daemon's exit status is looked at. Throws stage_failure.
 void demo_stop_daemon(demo &d);
 void demo_stop_rest(demo &d);
 
 std::string demo_seconds(std::chrono::milliseconds time); // "1.25 s"
-std::string demo_rtt_text(const rtt_stats &stats);        // "min 40.12 avg 51.00 max 60.33 us, valid"
+std::string demo_rtt_text(const rtt_stats &stats);        // "min 40.12 avg 51.00 max 60.33 us, valid", or "not valid"
+bool demo_is_measured(const rtt_stats &stats);            // else all its figures are 0 and mean nothing
 double demo_microseconds(uint32_t sec, uint32_t nsec);

@@ -3,7 +3,6 @@
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 
 #include "link_list/link_list.hpp"
 #include "screen.hpp"
@@ -30,11 +29,11 @@ struct live {
     bool list_shown = false;
 };
 
-std::string fetch_list()
+std::string fetch_list(int columns)
 {
     std::string error;
     auto links = link_list::fetch(FETCH_BOUND_MS, &error);
-    return links ? link_list::to_table(*links) : error;
+    return links ? link_list::to_table(*links, static_cast<size_t>(columns)) : error;
 }
 
 void draw(demo &d, live &l)
@@ -47,8 +46,9 @@ void draw(demo &d, live &l)
         view.answered.push_back(demo_far_end_counts(link).answered);
         view.paths.push_back(demo_agent_path(link.link_ref));
     }
-    view.list = l.list_shown ? fetch_list() : "";
-    terminal_draw(screen_render(d, view, terminal_get_size()));
+    const terminal_size size = terminal_get_size();
+    view.list = l.list_shown ? fetch_list(size.columns) : "";
+    terminal_draw(screen_render(d, view, size));
     l.next_draw = clock_type::now() + REDRAW_EVERY;
 }
 
@@ -56,7 +56,7 @@ void flip_port(demo &d, live &l, size_t index)
 {
     if (index < d.stage.ports.size()) {
         l.port_up[index] = !l.port_up[index];
-        wires_set_near(d.stage.ports[index].wire.interface, l.port_up[index]);
+        demo_set_port(d, d.stage.ports[index], l.port_up[index]);
     }
 }
 
@@ -81,7 +81,7 @@ bool handle_key(demo &d, live &l, char key)
 
 void show(demo &d)
 {
-    live l{std::vector<bool>(d.stage.ports.size(), true), clock_type::now(), getenv("NO_COLOR") == nullptr};
+    live l{std::vector<bool>(d.stage.ports.size(), true), clock_type::now(), terminal_wants_colour()};
     while (asked_to_end == 0) {
         char key = terminal_key();
         if (key != 0 && handle_key(d, l, key)) {

@@ -96,28 +96,44 @@ void add_round_trip(canvas &c, uint32_t link_ref, const std::string &whose, doub
     add_line(c, text(" %4u  %-16s %10.2f %10.2f %10.2f  %s", link_ref, whose.c_str(), min, avg, max, remark.c_str()));
 }
 
+// The same where no round trip was measured.
+void add_no_round_trip(canvas &c, uint32_t link_ref, const std::string &whose, const std::string &remark)
+{
+    add_line(c, text(" %4u  %-16s %10s %10s %10s  %s", link_ref, whose.c_str(), "-", "-", "-", remark.c_str()));
+}
+
 void add_batch(canvas &c, const demo_link &link)
 {
     if (link.batches.empty()) {
-        add_line(c, text(" %4u  %-16s %10s %10s %10s  no batch yet", link.link_ref, "RTT", "-", "-", "-"));
+        add_no_round_trip(c, link.link_ref, "RTT", "no batch yet");
         return;
     }
+    const std::string whose = "RTT, batch " + std::to_string(link.batches.size());
     const rtt_stats &last = link.batches.back();
-    add_round_trip(c, link.link_ref, "RTT, batch " + std::to_string(link.batches.size()),
-                   demo_microseconds(last.min_sec, last.min_nsec), demo_microseconds(last.avg_sec, last.avg_nsec),
-                   demo_microseconds(last.max_sec, last.max_nsec), last.rtt_validity == 1 ? "valid" : "not valid");
+    if (!demo_is_measured(last)) {
+        add_no_round_trip(c, link.link_ref, whose, "not valid");
+        return;
+    }
+    add_round_trip(c, link.link_ref, whose, demo_microseconds(last.min_sec, last.min_nsec),
+                   demo_microseconds(last.avg_sec, last.avg_nsec), demo_microseconds(last.max_sec, last.max_nsec),
+                   "valid");
 }
 
 void add_path(canvas &c, uint32_t link_ref, const std::optional<agent_path> &path)
 {
+    constexpr const char *WHOSE = "agent's path";
     if (!path) {
-        add_line(c, text(" %4u  %-16s %10s %10s %10s  none", link_ref, "agent's path", "-", "-", "-"));
+        add_no_round_trip(c, link_ref, WHOSE, "none");
         return;
     }
-    add_round_trip(c, link_ref, "agent's path", demo_microseconds(0, path->min_nsec),
-                   demo_microseconds(0, path->avg_nsec), demo_microseconds(0, path->max_nsec),
-                   std::string(path->link_status == IML_LINK_ENABLED ? "enabled" : "disabled") + ", " +
-                       std::to_string(path->reports) + " reports");
+    const std::string remark = std::string(path->link_status == IML_LINK_ENABLED ? "enabled" : "disabled") + ", " +
+                               std::to_string(path->reports) + " reports";
+    if (path->max_nsec == 0) { // a report of the status alone, or of a batch that is not valid: no round trip takes 0
+        add_no_round_trip(c, link_ref, WHOSE, remark);
+        return;
+    }
+    add_round_trip(c, link_ref, WHOSE, demo_microseconds(0, path->min_nsec), demo_microseconds(0, path->avg_nsec),
+                   demo_microseconds(0, path->max_nsec), remark);
 }
 
 void add_round_trips(canvas &c, const demo &d, const screen_view &view)

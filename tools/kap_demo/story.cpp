@@ -70,7 +70,11 @@ int story_run(demo &d)
     auto start = clock_type::now();
     tour t{d};
     for (size_t i = 0; i < std::size(STEPS); i++) {
-        if (!run_step(t, i)) {
+        const bool held = run_step(t, i);
+        if (ferror(stdout) != 0) {
+            return 1; // nobody hears the rest
+        }
+        if (!held) {
             printf("the logs of the processes are in %s\n", d.stage.log_dir.c_str());
             return 1;
         }

@@ -3,5 +3,6 @@
 
 #include "demo.hpp"
 
-// Tells the whole story. Returns 0 when every step held, else 1; the first step that does not hold ends it.
+// Tells the whole story. Returns 0 when every step held, else 1; the first step that does not hold, or cannot be
+// told, ends it.
 int story_run(demo &d);

@@ -9,12 +9,16 @@ struct terminal_size {
     int rows;
 };
 
-bool terminal_there(); // standard input and output are one
+bool terminal_there();        // standard input and output are one, and it takes escape codes
+bool terminal_wants_colour(); // NO_COLOR is not set, or empty
 
 // Keeps the terminal's settings; terminal_restore, in this process or one that was forked from it, brings them back
 // when the screen was taken. False: they cannot be kept.
 bool terminal_remember();
 void terminal_restore();
+// Brings the screen and the settings back too when every process that was forked from this one since is dead, however
+// that came: a process of its own does it, which ends then. Called after terminal_remember.
+void terminal_watch();
 
 // Takes the screen over.
 void terminal_take();

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -148,6 +150,42 @@ bool go_on_in_child(int alive_pipe[2], void (*at_end)())
     return true;
 }
 
+bool is_own_user_namespace(int fd)
+{
+    struct stat own {
+    };
+    struct stat other {
+    };
+    return stat("/proc/self/ns/user", &own) == 0 && fstat(fd, &other) == 0 && own.st_dev == other.st_dev &&
+           own.st_ino == other.st_ino;
+}
+
+// The user namespace first: it gives the right to the others. There we are root, as the sandbox's own programs are.
+bool join_namespaces(pid_t process, std::string &error)
+{
+    int spaces[4];
+    const char *names[] = {"user", "mnt", "net", "pid"};
+    for (size_t i = 0; i < std::size(names); i++) {
+        const std::string path = "/proc/" + std::to_string(process) + "/ns/" + names[i];
+        spaces[i] = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (spaces[i] < 0) {
+            error = failure(("cannot open " + path).c_str());
+            return false;
+        }
+    }
+    if (!is_own_user_namespace(spaces[0]) && (setns(spaces[0], 0) != 0 || setgid(0) != 0 || setuid(0) != 0)) {
+        error = failure("cannot enter the user namespace");
+        return false;
+    }
+    for (size_t i = 1; i < std::size(names); i++) {
+        if (setns(spaces[i], 0) != 0) {
+            error = failure((std::string("cannot enter the namespace: ") + names[i]).c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 bool sandbox_enter(std::string &error, void (*at_end)())
@@ -168,5 +206,28 @@ bool sandbox_enter(std::string &error, void (*at_end)())
         error = failure("cannot start a process");
         return false;
     }
+    return true;
+}
+
+bool sandbox_visit(pid_t first, std::string &error)
+{
+    std::error_code gone;
+    const std::string directory = std::filesystem::current_path(gone);
+    if (gone) {
+        error = "the working directory: " + gone.message();
+        return false;
+    }
+    if (!join_namespaces(first, error)) {
+        return false;
+    }
+    if (chdir(directory.c_str()) != 0) {
+        error = failure((directory + " is not to be seen inside").c_str());
+        return false;
+    }
+    if (!go_on_in_child(nullptr, nullptr)) {
+        error = failure("cannot start a process");
+        return false;
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     return true;
 }

@@ -11,7 +11,14 @@
 
 #include <string>
 
+#include <sys/types.h>
+
 // Goes on inside. False: it could not be done, and `error` says in one line what it needs; the process is unchanged as
 // far as its caller can see. Called once, before any thread is started. `at_end` is called by the process that was
 // called, whatever became of the one inside.
 bool sandbox_enter(std::string &error, void (*at_end)() = nullptr);
+
+// Goes on inside a sandbox that is there, in the same working directory: the process that was called waits, hands on
+// SIGTERM and SIGHUP, and gives the exit status. `first` is the process 1 of that sandbox, as it is seen from here.
+// False: as above, but the process may be in some of the namespaces.
+bool sandbox_visit(pid_t first, std::string &error);

@@ -68,6 +68,19 @@ std::vector<std::string> command_of(const stage &s, const std::string &name)
     return {s.bin_dir + "/kap-node", name, "--config", CONFIG_PATH};
 }
 
+std::string log_path(const stage &s, const std::string &name) { return s.log_dir + "/" + name + ".log"; }
+
+// What the last run wrote goes, and nothing else: the directory may be somebody's, with files of their own.
+void make_room_for_logs(const stage &s)
+{
+    fs::create_directories(s.log_dir);
+    std::vector<std::string> names = {REGISTRY, FAR_END, DAEMON};
+    names.insert(names.end(), std::begin(NODE_SERVICES), std::end(NODE_SERVICES));
+    for (const std::string &name : names) {
+        unlink(log_path(s, name).c_str());
+    }
+}
+
 // The registry is up when it lets us in: only then has a mailbox anything to be made in.
 bool try_enter_itc(const std::string &mbox_name)
 {
@@ -112,13 +125,34 @@ bool is_number(const std::string &text)
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
-// Every process inside the sandbox but its first and this one.
+pid_t parent_of(const std::string &pid)
+{
+    std::ifstream file("/proc/" + pid + "/status");
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with("PPid:")) {
+            return std::stoi(line.substr(strlen("PPid:")));
+        }
+    }
+    return 0;
+}
+
+// A process that somebody outside has sent in, or a child of such: its line of parents does not lead to the first
+// process inside.
+bool is_visitor(std::string pid)
+{
+    while (pid != "1" && pid != "0") {
+        pid = std::to_string(parent_of(pid));
+    }
+    return pid == "0";
+}
+
+// Every process inside the sandbox but its first, this one and visitors.
 std::string left_processes()
 {
     std::string left;
     for (const auto &entry : fs::directory_iterator("/proc")) {
         std::string pid = entry.path().filename();
-        if (is_number(pid) && pid != "1" && pid != std::to_string(getpid())) {
+        if (is_number(pid) && pid != "1" && pid != std::to_string(getpid()) && !is_visitor(pid)) {
             std::string name;
             std::getline(std::ifstream(entry.path() / "comm"), name);
             left.append("process ").append(pid).append(" (").append(name).append("); ");
@@ -170,7 +204,7 @@ stage stage_make(const std::string &log_dir)
 
 void stage_start_process(stage &s, const std::string &name)
 {
-    s.processes[name] = process_start(name, command_of(s, name), s.log_dir + "/" + name + ".log");
+    s.processes[name] = process_start(name, command_of(s, name), log_path(s, name));
 }
 
 void stage_wait_node(stage &s, const std::string &name)
@@ -181,8 +215,7 @@ void stage_wait_node(stage &s, const std::string &name)
 
 void stage_start(stage &s, const std::string &mbox_name)
 {
-    fs::remove_all(s.log_dir);
-    fs::create_directories(s.log_dir);
+    make_room_for_logs(s);
     wires_lay([&] {
         std::vector<wire> wires;
         for (const stage_port &port : s.ports) {

@@ -31,7 +31,7 @@ struct stage_port {
 
 struct stage {
     std::string bin_dir; // where the programs are
-    std::string log_dir; // one file per process
+    std::string log_dir; // one file per process; of what else is there, nothing is touched
     std::vector<stage_port> ports;
     std::vector<std::string> daemon_arguments;      // none, as a rule
     std::map<std::string, child_process> processes; // by name; one that may end is taken out before it does
@@ -65,7 +65,8 @@ child_process stage_stop_process(stage &s, const std::string &name, int signo, s
 // Ends everything (the daemon first, the registry last), leaves ITC and removes the wires. Gives the status of every
 // process that ran. Throws stage_failure when one does not end or a namespace stays.
 std::map<std::string, std::string> stage_stop(stage &s);
-// What is left inside the sandbox beside this process, in words; empty: nothing.
+// What is left inside the sandbox beside this process, in words; empty: nothing. A process that was sent in from
+// outside (sandbox_visit) is none of the stage's.
 std::string stage_leftovers();
 
 // A command to one of the node's services, and its answer. Throws stage_failure when it is refused or not answered.

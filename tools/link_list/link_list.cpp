@@ -103,14 +103,36 @@ row cells_of(const link &l)
             format("%u", l.connection_ref)};
 }
 
-std::string line_of(const row &cells, const std::vector<size_t> &widths)
+constexpr size_t GAP = 2;
+
+// Where a row goes on in a new line: before these cells. The lines after the first stand under the second cell, so that
+// what begins in the first column is always a new link.
+std::vector<bool> breaks_of(const std::vector<size_t> &widths, size_t columns)
 {
-    std::string line;
-    for (size_t i = 0; i < cells.size(); ++i) {
-        line += cells[i] + std::string(widths[i] - cells[i].size() + 2, ' ');
+    std::vector<bool> breaks(widths.size());
+    size_t used = 0;
+    for (size_t i = 0; i < widths.size(); ++i) {
+        if (i > 1 && used + widths[i] > columns) {
+            breaks[i] = true;
+            used = widths[0] + GAP;
+        }
+        used += widths[i] + GAP;
     }
-    line.erase(line.find_last_not_of(' ') + 1);
-    return line + "\n";
+    return breaks;
+}
+
+std::string lines_of(const row &cells, const std::vector<size_t> &widths, const std::vector<bool> &breaks)
+{
+    std::string lines;
+    for (size_t i = 0; i < cells.size(); ++i) {
+        if (breaks[i]) {
+            lines.erase(lines.find_last_not_of(' ') + 1);
+            lines += "\n" + std::string(widths[0] + GAP, ' ');
+        }
+        lines += cells[i] + std::string(widths[i] - cells[i].size() + GAP, ' ');
+    }
+    lines.erase(lines.find_last_not_of(' ') + 1);
+    return lines + "\n";
 }
 
 nlohmann::ordered_json json_of(const link &l)
@@ -190,7 +212,7 @@ std::optional<std::vector<link>> fetch(uint32_t timeout_ms, std::string *error)
     return links;
 }
 
-std::string to_table(const std::vector<link> &links)
+std::string to_table(const std::vector<link> &links, size_t columns)
 {
     std::vector<row> rows = {{"LINK", "PORT", "VLAN", "FAR-END CPM", "APPS", "STATUS", "SUPERVISION", "LOST", "RTT",
                               "MIN us", "AVG us", "MAX us", "OWNER"}};
@@ -203,12 +225,15 @@ std::string to_table(const std::vector<link> &links)
             widths[i] = std::max(widths[i], cells[i].size());
         }
     }
+    const std::vector<bool> breaks = breaks_of(widths, columns);
     std::string text;
     for (const row &cells : rows) {
-        text += line_of(cells, widths);
+        text += lines_of(cells, widths, breaks);
     }
     return text;
 }
+
+std::string to_table(const std::vector<link> &links) { return to_table(links, SIZE_MAX); }
 
 std::string to_json(const std::vector<link> &links)
 {

@@ -54,7 +54,11 @@ std::optional<std::vector<link>> decode(const uint8_t *bytes, size_t size, std::
 // it does not run, does not answer in time, or answers nonsense.
 std::optional<std::vector<link>> fetch(uint32_t timeout_ms, std::string *error);
 
+// One line a link, under a head.
 std::string to_table(const std::vector<link> &links);
+// The same with no line longer than `columns`: what does not fit goes on in further lines under further heads, so that
+// nothing is left out. A single cell that is wider than that stays whole.
+std::string to_table(const std::vector<link> &links, size_t columns);
 std::string to_json(const std::vector<link> &links);
 
 } // namespace link_list
