@@ -8,8 +8,8 @@
  * in the scope "" is told of all.
  *
  * A subscriber gets, as messages to its mailbox, first NS_SUBSCRIBE_RSP, then NS_SERVICE_ADDED_IND for every service
- * of that name that is there already or appears later, and NS_SERVICE_REMOVED_IND for every one that goes.
- * Their fields are in host byte order. The sender of these messages is ITC_NO_MBOX: the registry has no mailbox.
+ * of that name that is there already or appears later, and NS_SERVICE_REMOVED_IND for every one that goes, behind what
+ * its mailbox had sent. Fields are in host byte order. The sender is ITC_NO_MBOX: the registry has no mailbox.
  */
 #ifndef NS_H
 #define NS_H

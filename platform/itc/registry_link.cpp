@@ -98,6 +98,9 @@ bool on_service(const itc_wire::registry_frame &head, itc_wire::reader &fields)
     const uint32_t mbox = fields.u32();
     const std::string_view path = fields.text();
     if (fields.whole()) {
+        if (head.type == itc_wire::removed) {
+            peer_drain(itc_wire::process_of(mbox)); // what it had sent comes before the news of its end
+        }
         deliver_service(head.type == itc_wire::added ? NS_SERVICE_ADDED_IND : NS_SERVICE_REMOVED_IND, sid, mbox, path);
     }
     return fields.whole();

@@ -4,6 +4,7 @@
 #include "itcd_fixture.hpp"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <unistd.h>
 
@@ -147,6 +148,46 @@ TEST_F(NameService, AServiceWhoseProcessIsKilledIsRemoved)
     const Bytes ind = next();
     ASSERT_EQ(ind.size(), 20 + sizeof "service");
     EXPECT_EQ(Bytes(ind.begin(), ind.begin() + 4), (Bytes{0x02, 0x00, 0x90, 0x01}));
+}
+
+// A client that hears of the end first would take the last answer for one that nobody asked for.
+TEST_F(NameService, WhatADeadServerHadSentIsDeliveredBeforeItsServiceIsRemoved)
+{
+    constexpr int MANY = 200;
+    for (int round = 0; round < 20; round++) {
+        Child server([] {
+            ns_publish("service", "", join("server"), "");
+            itc_msg *go = receive(GO);
+            const uint32_t to = itc_sender(go);
+            itc_free(&go);
+            for (int i = 0; i < MANY; i++) {
+                itc_msg *answer = itc_alloc(sizeof *answer, GO);
+                itc_send(&answer, to, ITC_MY_MBOX);
+            }
+            (void)raise(SIGKILL);
+            return 1;
+        });
+        Child client([] {
+            ns_subscribe("service", "", join("client"));
+            next(); // the response
+            itc_msg *ind = receive(NS_SERVICE_ADDED_IND);
+            const uint32_t mbox = reinterpret_cast<ns_service_ind *>(ind)->mbox;
+            itc_free(&ind);
+            itc_msg *go = itc_alloc(sizeof *go, GO);
+            itc_send(&go, mbox, ITC_MY_MBOX);
+            int answers = 0;
+            uint32_t msgno = GO;
+            for (; msgno == GO; answers++) {
+                itc_msg *msg = receive_any();
+                msgno = msg == nullptr ? 0 : msg->msgno;
+                itc_free(&msg);
+            }
+            itc_exit();
+            return msgno == NS_SERVICE_REMOVED_IND && answers == MANY + 1 ? 0 : 1;
+        });
+        ASSERT_EQ(client.finish(), 0) << "round " << round;
+        EXPECT_EQ(server.finish(), 1000 + SIGKILL);
+    }
 }
 
 TEST_F(NameService, AServiceWhoseMailboxIsDeletedIsRemoved)
