@@ -205,11 +205,15 @@ void schedule_next(session &s, int64_t now_slot)
     }
 }
 
-void take_turn(engine &e, session &s, int64_t now_slot, const engine_io &io)
+// Its answer has hardly had time to come: the engine was held up between the turn of the request and its sending.
+bool is_fresh(const session &s, int64_t now) { return now - s.sent.monotonic < period_of(s) * SLOT_NS / 2; }
+
+void take_turn(engine &e, session &s, int64_t now, const engine_io &io)
 {
+    const int64_t now_slot = slot_of(now);
     const bool late = now_slot - s.due >= LATE_SLOTS;
     schedule_next(s, now_slot);
-    if (late && s.outstanding && !s.extended) {
+    if ((late || is_fresh(s, now)) && s.outstanding && !s.extended) {
         s.extended = true;
         e.counters.extended++;
         return;
@@ -222,14 +226,15 @@ void take_turn(engine &e, session &s, int64_t now_slot, const engine_io &io)
 }
 
 // Returns how many slots the latest of its sessions was behind its turn.
-int64_t run_bucket(engine &e, bucket &b, int64_t now_slot, const engine_io &io)
+int64_t run_bucket(engine &e, bucket &b, int64_t now, const engine_io &io)
 {
+    const int64_t now_slot = slot_of(now);
     int64_t earliest = NEVER;
     int64_t late = 0;
     for (session *s : b.sessions) {
         if (s->due <= now_slot) {
             late = std::max(late, now_slot - s->due);
-            take_turn(e, *s, now_slot, io);
+            take_turn(e, *s, now, io);
         }
         earliest = std::min(earliest, s->due);
     }
@@ -306,7 +311,7 @@ int64_t engine_run(engine &e, int64_t now, const engine_io &io)
     int64_t late = 0;
     for (bucket &b : e.buckets) {
         if (b.earliest <= now_slot) {
-            late = std::max(late, run_bucket(e, b, now_slot, io));
+            late = std::max(late, run_bucket(e, b, now, io));
         }
     }
     return late >= LATE_SLOTS ? late : 0;

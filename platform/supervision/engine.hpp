@@ -8,8 +8,8 @@
 // clock is seen and such a round trip is not passed off as one.
 //
 // A late engine. When the engine itself was kept from running, an answer that is missing says little of the link: the
-// request gets one more interval, once. After a late request the next one keeps the session's slot but leaves at
-// least half an interval for the answer.
+// request gets one more interval, once; so does one that has not been out for half an interval when the next is due.
+// After a late request the next one keeps the session's slot but leaves at least half an interval for the answer.
 //
 // Sessions belong to the caller; the engine holds pointers to those that were added. All calls on one engine are
 // serialised by the caller. Callbacks are called out of engine_answer and engine_run.

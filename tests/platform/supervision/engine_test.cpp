@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace
@@ -104,7 +105,8 @@ protected:
     {
         return {this,
                 [](void *self) {
-                    const auto *t = static_cast<Engine *>(self);
+                    auto *t = static_cast<Engine *>(self);
+                    t->now += std::exchange(t->held_up, 0);
                     return clocks{t->now, t->real_of(t->now)};
                 },
                 [](void *self, session &s, const uint8_t *frame, size_t length) {
@@ -117,6 +119,7 @@ protected:
     engine e;
     int64_t now = 0;
     int64_t real_step = 0; // by which the real-time clock was set
+    int64_t held_up = 0;   // for that long before it next sends
     int send_result = 0;
     std::vector<Sent> sent;
 
@@ -455,6 +458,20 @@ TEST_F(Engine, ExtendsARequestOnlyOnceHoweverLateItStays)
     starve(SECOND + 200 * MS);
     EXPECT_EQ(reported, (std::vector<Reported>{{1, SUPERVISION_LOST, -1}}));
     EXPECT_EQ(sent.size(), 2u);
+}
+
+// Its turn came in time, and then the process did not get to run until shortly before the next one.
+TEST_F(Engine, JudgesNoRequestThatHasNotBeenOutForHalfAnInterval)
+{
+    const session *s = add();
+    held_up = 950 * MS;
+    starve(10 * MS);
+    ASSERT_EQ(sent.size(), 1u);
+    pass(100 * MS); // the next turn is 50 ms after the request
+    EXPECT_TRUE(reported.empty());
+    EXPECT_EQ(sent.size(), 1u);
+    hand_in(answer_to(*s, 90 * MS));
+    EXPECT_EQ(reported, (std::vector<Reported>{{1, SUPERVISION_ANSWERED, 90 * MS}}));
 }
 
 TEST_F(Engine, LeavesHalfAnIntervalForTheAnswerToALateRequest)
