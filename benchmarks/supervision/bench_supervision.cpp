@@ -164,8 +164,8 @@ constexpr program_call PROGRAM = {
 
 int main(int argc, char **argv)
 {
-    if (auto answered = program_answer(PROGRAM, argc, argv)) {
-        return *answered;
+    if (auto end = program_answer(PROGRAM, argc, argv)) {
+        return *end;
     }
     const int seconds = argc > 1 ? atoi(argv[1]) : 5; // NOLINT(cert-err34-c): 0 is refused below
     if (seconds < 1 || argc > 2) {
