@@ -287,7 +287,7 @@ reading read_once(peer *p, size_t *total)
     } else {
         p->fill += static_cast<size_t>(got);
         if (!parse(p)) {
-            (void)complain("process %u sent a frame that makes no sense, closing its channel", p->process);
+            complain("process %u sent a frame that makes no sense, closing its channel", p->process);
             return reading::ended;
         }
     }
@@ -400,7 +400,7 @@ void peer_introduced(uint32_t process, uint32_t channel, int fd)
         g().introducing++;
     }
     if (fd < 0 || poll_add(source_peer, process, fd, EPOLLIN) != 0) {
-        (void)complain("no descriptor left for the channel to process %u", process);
+        complain("no descriptor left for the channel to process %u", process);
         if (fd >= 0) {
             close(fd);
         }

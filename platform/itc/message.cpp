@@ -17,7 +17,7 @@ constexpr uint32_t freed = 0x17C0DEAD;
 
 [[noreturn]] void give_up(const char *why)
 {
-    (void)complain("%s", why);
+    complain("%s", why);
     abort();
 }
 

@@ -357,7 +357,7 @@ void registry_send(itc_wire::writer &frame)
     s.registry_out += frame.frame();
     registry_flush();
     if (s.registry_out.size() > registry_outbox_limit) {
-        (void)complain("the registry takes no requests any more, giving it up");
+        complain("the registry takes no requests any more, giving it up");
         lose();
     }
 }
@@ -392,7 +392,7 @@ void registry_read()
         }
         s.registry_fill += static_cast<size_t>(got);
         if (!parse()) {
-            (void)complain("the registry sent a frame that makes no sense, giving it up");
+            complain("the registry sent a frame that makes no sense, giving it up");
             lose();
         }
     }

@@ -220,8 +220,8 @@ void mbox_deliver(block *b, uint32_t to); // to a mailbox of this process; count
 
 // ---- complain.cpp: lines on stderr ----------------------------------------------------------------------------------
 
-// True if the line was taken. Adds who says it, and the line feed.
-__attribute__((format(printf, 1, 2))) bool complain(const char *format, ...);
+// Adds who says it, and the line feed. Never waits.
+__attribute__((format(printf, 1, 2))) void complain(const char *format, ...);
 void note_drop(uint64_t *counter, const char *why); // counts, and says it on stderr, but not too often
 
 // ---- channel.cpp: the other processes -------------------------------------------------------------------------------

@@ -6,6 +6,7 @@
  *
  * Without options root, the registry's own user and its own group may connect and claim any free name.
  */
+#include "complain.hpp"
 #include "itc_wire.hpp"
 #include "policy.hpp"
 #include "program_call.hpp"
@@ -106,7 +107,6 @@ int open_signals()
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
-    (void)signal(SIGPIPE, SIG_IGN); // stderr may be a pipe that nobody holds any more
     sigprocmask(SIG_BLOCK, &set, nullptr);
     return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
@@ -159,6 +159,7 @@ int main(int argc, char **argv)
     if (auto answered = program_answer(PROGRAM, argc, argv)) {
         return *answered;
     }
+    complain_open();
     policy rules;
     read_options(argc, argv, rules);
     raise_descriptor_limit();
@@ -166,22 +167,21 @@ int main(int argc, char **argv)
     made_directory = mkdir(itc_wire::directory, 0755) == 0;
     const int locked = take_lock();
     if (locked != 0) {
-        (void)fprintf(stderr, "itcd: %s: %s\n", itc_wire::lock_path,
-                      locked == EWOULDBLOCK ? "a registry runs already" : strerror(locked));
+        complain("%s: %s", itc_wire::lock_path, locked == EWOULDBLOCK ? "a registry runs already" : strerror(locked));
         return 1;
     }
     const int listener = listen_at(rules);
     if (listener < 0 || signals < 0) {
-        (void)fprintf(stderr, "itcd: %s: %s\n", itc_wire::socket_path, strerror(errno));
+        complain("%s: %s", itc_wire::socket_path, strerror(errno));
         clean_up();
         return 1;
     }
-    (void)fprintf(stderr, "itcd: ready on %s\n", itc_wire::socket_path);
+    complain("ready on %s", itc_wire::socket_path);
     notify_ready();
     const int error = server_run(listener, signals, rules);
     clean_up();
     if (error != 0) {
-        (void)fprintf(stderr, "itcd: %s\n", strerror(error));
+        complain("%s", strerror(error));
     }
     return error == 0 ? 0 : 1;
 }

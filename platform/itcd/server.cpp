@@ -1,11 +1,10 @@
 #include "server.hpp"
 
+#include "complain.hpp"
 #include "registry.hpp"
 
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
-#include <cstdio>
 #include <deque>
 #include <fcntl.h>
 #include <memory>
@@ -44,8 +43,8 @@ int reserve = -1; // a descriptor to give up when there is none left for a newco
 std::unordered_map<int, std::unique_ptr<client>> clients;
 std::vector<client *> doomed;
 
-// A line on stderr, but not many in a second: nobody may fill a log, or a pipe that nobody reads, through us.
-__attribute__((format(printf, 1, 2))) void note(const char *format, ...)
+// Whether a line may be said now: not many in a second, so that nobody fills a log through us.
+bool may_complain()
 {
     static std::chrono::steady_clock::time_point second;
     static unsigned lines = 0;
@@ -54,13 +53,7 @@ __attribute__((format(printf, 1, 2))) void note(const char *format, ...)
         second = now;
         lines = 0;
     }
-    if (++lines > lines_per_second) {
-        return;
-    }
-    va_list arguments;
-    va_start(arguments, format);
-    (void)vfprintf(stderr, format, arguments);
-    va_end(arguments);
+    return ++lines <= lines_per_second;
 }
 
 void doom_client(client &c, const char *why)
@@ -70,8 +63,8 @@ void doom_client(client &c, const char *why)
     }
     c.doomed = true;
     doomed.push_back(&c);
-    if (why != nullptr) {
-        note("itcd: disconnecting process %u (user %u): %s\n", c.process, c.user, why);
+    if (why != nullptr && may_complain()) {
+        complain("disconnecting process %u (user %u): %s", c.process, c.user, why);
     }
 }
 
@@ -210,7 +203,9 @@ void read_client(client &c)
 
 void refuse(int fd, uid_t user)
 {
-    note("itcd: user %u may not connect\n", user);
+    if (may_complain()) {
+        complain("user %u may not connect", user);
+    }
     itc_wire::writer frame(itc_wire::refused, 0);
     const std::string_view bytes = frame.u32(EACCES).frame();
     (void)!send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -226,7 +221,9 @@ void turn_away(int listener)
     const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd >= 0) {
         close(fd);
-        note("itcd: too many processes, one turned away\n");
+        if (may_complain()) {
+            complain("too many processes, one turned away");
+        }
     }
     reserve = open("/dev/null", O_RDONLY | O_CLOEXEC);
 }

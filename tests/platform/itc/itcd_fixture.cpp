@@ -1,5 +1,7 @@
 #include "itcd_fixture.hpp"
 
+#include "raw_client.hpp"
+
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -111,15 +113,17 @@ void ItcTest::TearDown()
     (void)umount2("/run", MNT_DETACH);
 }
 
-void ItcTest::start_registry(const std::vector<std::string> &arguments)
+void ItcTest::launch_registry(int stderr_fd, const std::vector<std::string> &arguments)
 {
-    (void)::remove(registry_log);
     registry = fork();
     ASSERT_GE(registry, 0);
     if (registry == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const int log = open(registry_log, O_WRONLY | O_CREAT | O_APPEND, 0644);
-        dup2(log, STDERR_FILENO);
+        if (stderr_fd >= 0) {
+            dup2(stderr_fd, STDERR_FILENO);
+        } else {
+            close(STDERR_FILENO);
+        }
         std::vector<char *> argv = {const_cast<char *>("itcd")};
         for (const std::string &argument : arguments) {
             argv.push_back(const_cast<char *>(argument.c_str()));
@@ -128,8 +132,26 @@ void ItcTest::start_registry(const std::vector<std::string> &arguments)
         execv(ITCD_PATH, argv.data());
         end(ITCD_PATH);
     }
+}
+
+void ItcTest::start_registry(const std::vector<std::string> &arguments)
+{
+    (void)::remove(registry_log);
+    const int log = open(registry_log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    launch_registry(log, arguments);
+    close(log);
     ASSERT_TRUE(eventually([&] { return registry_says().find("itcd: ready on ") != std::string::npos; }))
         << registry_says();
+}
+
+void ItcTest::start_registry_with_stderr(int fd)
+{
+    launch_registry(fd, {});
+    ASSERT_TRUE(eventually([] {
+        const int connection = raw_connect();
+        close(connection);
+        return connection >= 0;
+    }));
 }
 
 int ItcTest::stop_registry(int signal)

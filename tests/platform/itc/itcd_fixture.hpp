@@ -59,9 +59,14 @@ protected:
 
     // Starts a registry; returns when it accepts connections.
     void start_registry(const std::vector<std::string> &arguments = {});
+    // Likewise, its stderr at `fd`; -1: it has none.
+    void start_registry_with_stderr(int fd);
     int stop_registry(int signal); // the exit status of itcd
     std::string registry_says() const;
     pid_t registry = -1;
+
+private:
+    void launch_registry(int stderr_fd, const std::vector<std::string> &arguments);
 };
 
 // An own mailbox in a fresh connection; ends the process if that fails. For children.

@@ -131,6 +131,78 @@ TEST_F(ItcSystem, TheRegistrySaysOneLineWhenItIsReadyAndNothingElse)
     EXPECT_EQ(registry_says(), "itcd: ready on /run/kap-itc/itcd.sock\n");
 }
 
+// What a reader that does not wait finds.
+std::string read_now(int fd)
+{
+    std::string text;
+    char bytes[4096];
+    pollfd p{fd, POLLIN, 0};
+    while (poll(&p, 1, 0) == 1 && (p.revents & POLLIN) != 0) {
+        const ssize_t got = read(fd, bytes, sizeof bytes);
+        if (got <= 0) {
+            break;
+        }
+        text.append(bytes, static_cast<size_t>(got));
+    }
+    return text;
+}
+
+// Has the registry complain of somebody. True when it has thrown him out.
+bool make_it_complain()
+{
+    const int fd = raw_connect();
+    write_all(fd, Bytes(64, 0xFF));
+    const bool thrown_out = ended(fd);
+    close(fd);
+    return thrown_out;
+}
+
+TEST_F(ItcSystem, AStderrThatTakesNothingHoldsUpNobodyAndTheLinesThatWereLostAreTold)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    start_registry_with_stderr(ends[1]);
+    ASSERT_TRUE(eventually([&] { return read_now(ends[0]) == "itcd: ready on /run/kap-itc/itcd.sock\n"; }));
+    const std::string noise(4096, '-');
+    pollfd room{ends[1], POLLOUT, 0};
+    while (poll(&room, 1, 0) == 1) {
+        ASSERT_GT(write(ends[1], noise.data(), noise.size()), 0);
+    }
+    EXPECT_TRUE(make_it_complain());
+    Child located([] { return answer_once("located"); });
+    Child honest([] {
+        join("honest");
+        send_plain(await("located"), WORK);
+        return take(receive(LAST)) == LAST ? 0 : 1;
+    });
+    EXPECT_EQ(honest.finish(), 0);
+    EXPECT_EQ(located.finish(), 0);
+    (void)read_now(ends[0]);
+    std::string said;
+    EXPECT_TRUE(eventually([&] {
+        said += make_it_complain() ? read_now(ends[0]) : "";
+        return said.find("disconnecting process") != std::string::npos;
+    }));
+    EXPECT_EQ(said.find("itcd: 1 lines lost, they were not taken in time\nitcd: disconnecting process "), 0u) << said;
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(ItcSystem, AStderrThatNobodyReadsOrThatIsNotThereEndsNoRegistry)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    close(ends[0]);
+    for (const int fd : {ends[1], -1}) {
+        start_registry_with_stderr(fd);
+        EXPECT_TRUE(make_it_complain());
+        Child honest([] { return join("honest") == ITC_NO_MBOX ? 1 : 0; });
+        EXPECT_EQ(honest.finish(), 0);
+        EXPECT_EQ(stop_registry(SIGTERM), 0);
+    }
+    close(ends[1]);
+}
+
 TEST_F(ItcSystem, TheRegistryTellsAServiceManagerThatItIsReady)
 {
     const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
