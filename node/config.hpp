@@ -8,7 +8,8 @@
 //       "fmi_name": "DiPort_A1",                  as the endpoint manager and the flow manager call it (default: name)
 //       "interface": "idl_a1",
 //       "namespace": "near",                      of the interface; "" is the service's own
-//       "reported_namespace": "near",             what clients are told (default: namespace)
+//       "reported_namespace": "near",             what clients are told (default: namespace; for "" a name that the
+//                                                 port control server gives to its own, see own_namespace.hpp)
 //       "adm_state": "unlocked",                  or "locked" (the default)
 //       "capability": 2,                          bit 2 (the default): can carry links
 //       "vlan_interfaces": false                  true: its VLAN devices are reported as its VLANs

@@ -6,6 +6,7 @@
 #include "far_end_program.hpp"
 #include "fmi.hpp"
 #include "link_monitor.hpp"
+#include "own_namespace.hpp"
 #include "pmi.hpp"
 
 #include "clients/aasi_messages.hpp"
@@ -17,6 +18,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 namespace
 {
@@ -49,10 +51,30 @@ int run_service(event_loop &loop, service &runs)
     return loop.run(runs);
 }
 
+bool is_told_without_namespace(const port_config &port)
+{
+    return port.name_space.empty() && port.reported_name_space.empty();
+}
+
+// A client enters the namespace of a port by its name, so that the one this process is in needs one, too.
+node_config tell_own_namespace(node_config config, std::optional<own_namespace> *own)
+{
+    for (port_config &port : config.ports) {
+        if (is_told_without_namespace(port)) {
+            if (!*own) {
+                own->emplace();
+            }
+            port.reported_name_space = (*own)->name();
+        }
+    }
+    return config;
+}
+
 // The first look at the kernel comes before the mailbox, so that no client is told of ports without their addresses.
 int run_iepcsi(event_loop &loop, const node_config &config)
 {
-    iepcsi_service ports(config, loop);
+    std::optional<own_namespace> own;
+    iepcsi_service ports(tell_own_namespace(config, &own), loop);
     link_monitor monitor(loop, ports);
     monitor.check_name_spaces();
     loop.every(NAMESPACE_CHECK_MS, [&] { monitor.check_name_spaces(); });

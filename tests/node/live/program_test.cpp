@@ -2,9 +2,16 @@
 #include "../support.hpp"
 #include "control.hpp"
 #include "live_fixture.hpp"
+#include "netlink.hpp"
 #include "ns.h"
+#include "own_namespace.hpp"
+
+#include <sched.h>
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 
 namespace kap_node
 {
@@ -215,6 +222,93 @@ TEST_F(NodeProgram, TheFarEndTakesItsKnobsAndFollowsItsNamespace)
     EXPECT_TRUE(eventually([] { return command("far-end", {"show"})["places"][0]["open"] == false; }));
     run("ip netns add far");
     EXPECT_TRUE(eventually([] { return command("far-end", {"show"})["places"][0]["open"] == true; }));
+}
+
+// ---- A namespace without a name ----
+
+const json NAMELESS = json::parse(R"({"ports": [{"name": "IDLA1", "interface": "lo", "adm_state": "unlocked"}]})");
+
+std::vector<std::string> own_names()
+{
+    std::vector<std::string> found;
+    for (const auto &entry : std::filesystem::directory_iterator("/run/netns")) {
+        const std::string name = entry.path().filename();
+        if (name.starts_with("kap-node-")) {
+            found.push_back(name);
+        }
+    }
+    return found;
+}
+
+bool is_own_namespace(const std::string &name) { return namespace_identity::of(name) == namespace_identity::of(""); }
+
+TEST_F(NodeProgram, GivesTheNamespaceThatItIsInANameAndTakesItAwayAtTheEnd)
+{
+    start("iepcsi", NAMELESS);
+    join_node();
+    const std::string told = port()["reported_namespace"];
+    EXPECT_EQ(own_names(), std::vector<std::string>{told});
+    EXPECT_TRUE(is_own_namespace(told));
+    EXPECT_EQ(port()["namespace"], "");
+    signal("iepcsi", SIGTERM);
+    EXPECT_EQ(status_of("iepcsi"), 0);
+    EXPECT_EQ(own_names(), std::vector<std::string>{});
+}
+
+TEST_F(NodeProgram, MakesNoNameWhenEveryPortHasOne)
+{
+    json named = NAMELESS;
+    named["ports"][0]["reported_namespace"] = "host";
+    start("iepcsi", named);
+    join_node();
+    EXPECT_EQ(port()["reported_namespace"], "host");
+    EXPECT_EQ(own_names(), std::vector<std::string>{});
+}
+
+TEST_F(NodeProgram, TakesTheNameOfADeadRunForItsOwn)
+{
+    for (int run = 0; run < 2; ++run) {
+        start("iepcsi", NAMELESS);
+        ASSERT_TRUE(eventually([] { return own_names().size() == 1 && is_own_namespace(own_names()[0]); }));
+        signal("iepcsi", SIGKILL);
+        EXPECT_EQ(status_of("iepcsi"), 1009);
+        EXPECT_EQ(own_names().size(), 1u) << "nobody took it away";
+    }
+    // Nor does the name of a namespace in which no node is any more stay for ever.
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+    start("iepcsi", NAMELESS);
+    EXPECT_TRUE(eventually([] { return own_names().size() == 1 && is_own_namespace(own_names()[0]); }));
+    join_node();
+    signal("iepcsi", SIGTERM);
+    EXPECT_EQ(status_of("iepcsi"), 0);
+    EXPECT_EQ(own_names(), std::vector<std::string>{});
+}
+
+TEST_F(NodeProgram, SharesTheNameWithOthersInTheNamespaceAndTheLastTakesItAway)
+{
+    const own_namespace mine;
+    start("iepcsi", NAMELESS);
+    join_node();
+    EXPECT_EQ(port()["reported_namespace"], mine.name());
+    signal("iepcsi", SIGTERM);
+    EXPECT_EQ(status_of("iepcsi"), 0);
+    EXPECT_EQ(own_names(), std::vector<std::string>{mine.name()});
+    EXPECT_TRUE(is_own_namespace(mine.name()));
+}
+
+TEST_F(NodeProgram, SaysSoAndEndsWhenItMayNotMakeAName)
+{
+    const std::string config = "/run/nameless.json";
+    std::ofstream(config) << NAMELESS;
+    run("mkdir -p /run/kap-node-netns");
+    const std::string command =
+        "setpriv --bounding-set -sys_admin " KAP_NODE_PATH " iepcsi --config " + config + " 2>/run/said; test $? = 1";
+    run(command);
+    std::stringstream said;
+    said << std::ifstream("/run/said").rdbuf();
+    EXPECT_EQ(said.str(), "kap-node iepcsi: a port has no \"namespace\", and its own cannot be given a name: "
+                          "/run/netns: Operation not permitted\n");
+    EXPECT_EQ(own_names(), std::vector<std::string>{});
 }
 
 } // namespace
