@@ -21,6 +21,7 @@ extern "C" {
 void *__real_calloc(size_t n, size_t size);
 void *__real_realloc(void *p, size_t size);
 void *__real_malloc(size_t size);
+void __real_free(void *p);
 int __real_open(const char *path, int flags, ...);
 int __real_close(int fd);
 }
@@ -92,7 +93,10 @@ struct Platform {
     std::map<int, std::string> netns_fds; // "" = the own one
 
     unsigned fail_at = 0;
+    bool keeps_failing = false;
     unsigned allocations = 0;
+    unsigned failed = 0;
+    std::set<void *> heap; // what the code under test allocated and has not freed
     size_t kept = 0;
 
     Platform() = default;
@@ -101,7 +105,7 @@ struct Platform {
     ~Platform()
     {
         for (itc_msg *msg : live) {
-            free(block_of(msg));
+            __real_free(block_of(msg));
         }
         for (const auto &fd : netns_fds) {
             __real_close(fd.first);
@@ -180,7 +184,7 @@ void free_message(itc_msg *msg)
         ADD_FAILURE() << "a message was freed twice, or is none";
         return;
     }
-    free(block_of(msg));
+    __real_free(block_of(msg));
 }
 
 fake::Bytes bytes_of(const itc_msg *msg)
@@ -222,10 +226,20 @@ bool allocation_fails()
         return false;
     }
     ++g->allocations;
-    if (g->fail_at == 0) {
+    if (g->fail_at == 0 || --g->fail_at != 0) {
         return false;
     }
-    return --g->fail_at == 0;
+    g->fail_at = g->keeps_failing ? 1 : 0;
+    ++g->failed;
+    return true;
+}
+
+void *note_allocated(void *block)
+{
+    if (g && block != nullptr) {
+        g->heap.insert(block);
+    }
+    return block;
 }
 
 } // namespace
@@ -373,8 +387,19 @@ void set_setns_fails(int nth) { p().setns_fails = nth; }
 std::string current_netns() { return p().current_netns; }
 size_t open_netns_fds() { return p().netns_fds.size(); }
 
-void fail_allocation(unsigned nth) { p().fail_at = nth; }
+void fail_allocation(unsigned nth)
+{
+    p().fail_at = nth;
+    p().keeps_failing = false;
+}
+void fail_allocations_from(unsigned nth)
+{
+    p().fail_at = nth;
+    p().keeps_failing = true;
+}
 unsigned allocations() { return p().allocations; }
+unsigned failed_allocations() { return p().failed; }
+size_t live_allocations() { return p().heap.size(); }
 size_t kept_leaks() { return p().kept; }
 
 void reset()
@@ -392,6 +417,7 @@ void PlatformTest::TearDown()
         waiting += m.msg != nullptr ? 1 : 0;
     }
     EXPECT_EQ(live_messages(), waiting) << "messages that nobody freed or sent";
+    EXPECT_EQ(live_allocations(), 0u) << "blocks that nobody freed";
     reset();
 }
 
@@ -702,9 +728,31 @@ uint32_t stop_supervision_session(uint32_t session_id)
 
 // ---- Wrapped calls of the C library ----
 
-void *__wrap_calloc(size_t n, size_t size) { return allocation_fails() ? nullptr : __real_calloc(n, size); }
-void *__wrap_realloc(void *old, size_t size) { return allocation_fails() ? nullptr : __real_realloc(old, size); }
-void *__wrap_malloc(size_t size) { return allocation_fails() ? nullptr : __real_malloc(size); }
+void *__wrap_calloc(size_t n, size_t size)
+{
+    return allocation_fails() ? nullptr : note_allocated(__real_calloc(n, size));
+}
+
+void *__wrap_malloc(size_t size) { return allocation_fails() ? nullptr : note_allocated(__real_malloc(size)); }
+
+void *__wrap_realloc(void *old, size_t size)
+{
+    if (allocation_fails()) {
+        return nullptr;
+    }
+    if (g) {
+        g->heap.erase(old);
+    }
+    return note_allocated(__real_realloc(old, size));
+}
+
+void __wrap_free(void *block)
+{
+    if (g) {
+        g->heap.erase(block);
+    }
+    __real_free(block);
+}
 
 int __wrap_open(const char *path, int flags, ...)
 {
@@ -762,6 +810,7 @@ int __wrap_setns(int fd, int nstype)
 void kap_note_kept_leak(const void *object)
 {
     ++p().kept;
+    p().heap.erase(const_cast<void *>(object)); // NOLINT(cppcoreguidelines-pro-type-const-cast)
     for (auto it = p().live.begin(); it != p().live.end(); ++it) {
         if (*it == object) {
             p().live.erase(it);

@@ -122,12 +122,18 @@ void set_setns_fails(int nth);              // the nth setns from now (1 = next)
 std::string current_netns();                // "" = the process's own
 size_t open_netns_fds();
 
-// ---- Memory: calloc, realloc and malloc called by the code under test (linked with --wrap) ----
+// ---- Memory: calloc, realloc, malloc and free called by the code under test (linked with --wrap) ----
 
 // The nth allocation from now (1 = the next) fails, and only that one. 0: none.
 void fail_allocation(unsigned nth);
+// The nth allocation from now fails, and every later one. 0: none.
+void fail_allocations_from(unsigned nth);
 // How often calloc, realloc and malloc were called since the platform was reset.
 unsigned allocations();
+// How many of them failed.
+unsigned failed_allocations();
+// Blocks that were allocated since the platform was reset and neither freed nor marked as kept.
+size_t live_allocations();
 // Tells the leak checker that this one stays; what the code under test marks as kept is counted.
 size_t kept_leaks();
 

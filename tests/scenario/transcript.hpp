@@ -66,6 +66,15 @@ inline std::string lower_line(const Message &m)
     case 0x1B0F58:
         os << "default action " << m.net_word(3) << " on " << m.text(16);
         break;
+    case 0x1B0F5B:
+        os << "append static rule on " << m.text(16);
+        break;
+    case 0x1B0F5E:
+        os << "remove static rule on " << m.text(16);
+        break;
+    case 0x1B0F67:
+        os << "create policer on " << m.text(32);
+        break;
     case 0x1B0F61:
         os << "append rule of " << m.net_word(22) << " entries on " << m.text(12);
         break;

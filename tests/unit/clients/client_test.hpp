@@ -190,8 +190,8 @@ protected:
 
     void TearDown() override
     {
-        PlatformTest::TearDown();
         client_.forget_all();
+        PlatformTest::TearDown();
     }
 
     const Client &client_;
