@@ -137,7 +137,7 @@ void compare_pings(demo &d, int seconds)
         printf("%9u %14.2f %14.2f %7.2f %6llu/%llu\n", sessions, per_ping(daemon), per_ping(peer),
                per_ping(daemon) / per_ping(peer), static_cast<unsigned long long>(daemon.lost),
                static_cast<unsigned long long>(peer.lost));
-        fflush(stdout);
+        (void)fflush(stdout);
     }
 }
 
@@ -194,7 +194,7 @@ int main(int argc, char **argv)
         return program_refuse(PROGRAM, "SECONDS is a whole number above 0");
     }
     if (!sandbox_enter(error)) {
-        fprintf(stderr, "bench_daemon: %s\n", error.c_str());
+        (void)fprintf(stderr, "bench_daemon: %s\n", error.c_str());
         return 1;
     }
     demo d;
@@ -208,7 +208,7 @@ int main(int argc, char **argv)
         demo_stop_daemon(d);
         demo_stop_rest(d);
     } catch (const std::exception &failure) {
-        fprintf(stderr, "bench_daemon: %s\n", failure.what());
+        (void)fprintf(stderr, "bench_daemon: %s\n", failure.what());
         return 1;
     }
     return program_end(PROGRAM, 0);

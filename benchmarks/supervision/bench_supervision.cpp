@@ -46,7 +46,7 @@ int64_t nanoseconds(clockid_t clock)
 void must(bool holds, const char *what)
 {
     if (!holds) {
-        fprintf(stderr, "bench_supervision: %s: %s\n", what, strerror(errno));
+        (void)fprintf(stderr, "bench_supervision: %s: %s\n", what, strerror(errno));
         exit(1);
     }
 }
@@ -103,7 +103,7 @@ figures measure_library(uint32_t sessions, int seconds)
 {
     for (uint32_t i = 0; i < sessions; i++) {
         supervision_params p{};
-        snprintf(p.if_name, sizeof p.if_name, "near0");
+        (void)snprintf(p.if_name, sizeof p.if_name, "near0");
         p.interval = 1;
         p.sup_type = SUPERVISION_TYPE_LINK;
         p.frameSize = 64;
@@ -183,7 +183,7 @@ int main(int argc, char **argv)
         const double theirs = peer.cpu_us / static_cast<double>(peer.pings);
         printf("%9u %14.2f %14.2f %7.2f %6llu/%llu\n", sessions, ours, theirs, ours / theirs,
                static_cast<unsigned long long>(library.lost), static_cast<unsigned long long>(peer.lost));
-        fflush(stdout);
+        (void)fflush(stdout);
     }
     kill(far, SIGKILL);
     waitpid(far, nullptr, 0);

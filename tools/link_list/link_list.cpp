@@ -22,7 +22,7 @@ __attribute__((format(printf, 1, 2))) std::string format(const char *text, ...)
     char line[256];
     va_list args;
     va_start(args, text);
-    vsnprintf(line, sizeof line, text, args);
+    (void)vsnprintf(line, sizeof line, text, args);
     va_end(args);
     return line;
 }

@@ -30,12 +30,12 @@ bool connect_to_registry()
 {
     const int result = itc_init(1, 0, nullptr, nullptr, 0);
     if (result != 0) {
-        fprintf(stderr, "vornctl: the registry itcd cannot be reached: %s\n", strerror(result));
+        (void)fprintf(stderr, "vornctl: the registry itcd cannot be reached: %s\n", strerror(result));
         return false;
     }
     const std::string name = "vornctl." + std::to_string(getpid());
     if (itc_create_mailbox(name.c_str(), 0) == ITC_NO_MBOX) {
-        fprintf(stderr, "vornctl: the registry itcd gives no mailbox\n");
+        (void)fprintf(stderr, "vornctl: the registry itcd gives no mailbox\n");
         itc_exit();
         return false;
     }
@@ -51,7 +51,7 @@ int print_links(bool as_json)
     const auto links = link_list::fetch(TIMEOUT_MS, &error);
     itc_exit();
     if (!links) {
-        fprintf(stderr, "vornctl: %s\n", error.c_str());
+        (void)fprintf(stderr, "vornctl: %s\n", error.c_str());
         return STATUS_FAILED;
     }
     (void)fputs((as_json ? link_list::to_json(*links) : link_list::to_table(*links)).c_str(), stdout);
