@@ -4,10 +4,12 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <utility>
 
 #include <poll.h>
+#include <unistd.h>
 
 #include "e2e.hpp"
 #include "link_list/link_list.hpp"
@@ -167,6 +169,26 @@ TEST_P(LowerLayerRestart, ANewDaemonAfterSigkillServesAgain)
 
 INSTANTIATE_TEST_SUITE_P(Service, LowerLayerRestart, testing::Values("iepcsi", "pmi", "emi", "fmi"),
                          [](const auto &service) { return std::string(service.param); });
+
+// The daemon enters a port's namespace by its name; the port control server gives its own one, and takes it away.
+TEST_F(Restart, APortWhoseNamespaceHasNoNameCarriesLinksToo)
+{
+    constexpr const char *config_path = "/run/kap-node.json";
+    start();
+    stage_stop_process(d.stage, "iepcsi", SIGTERM, 5s);
+    wait_event(iemli_event_kind::withdrawn);
+    command_must({"ip", "-n", NEAR_NAMESPACE, "link", "set", "idl_a1", "netns", std::to_string(getpid())});
+    command_must({"ip", "link", "set", "idl_a1", "up"});
+    nlohmann::json config = nlohmann::json::parse(std::ifstream(config_path));
+    config["ports"][0].erase("namespace");
+    std::ofstream(config_path) << config;
+    start_service("iepcsi");
+    stage_stop_process(d.stage, DAEMON, SIGTERM, 5s);
+    start_daemon();
+    create_enabled_link();
+    const std::string told = shown("iepcsi")["ports"][0]["reported_namespace"];
+    EXPECT_TRUE(std::filesystem::exists("/run/netns/" + told)) << told;
+}
 
 // The port data went with port control: what the deleted links had set up can neither be named nor stopped any more.
 TEST_F(Restart, TheLossOfPortControlLeavesVlansEndpointsAndPingsUntilTheDaemonEnds)
