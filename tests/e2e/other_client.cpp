@@ -1,10 +1,11 @@
 // Another client of the daemon, a process of its own that a test may kill: opens a session, creates the links it is
 // told of, and says in one line each what came of it. Stays until it is ended by SIGTERM.
 //
-//   e2e-client NAME [PORT VLAN]...
+//   e2e-client NAME [PORT[=FAR_MAC] VLAN]...
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "iemli_client.hpp"
 #include "sighandler.h"
@@ -13,6 +14,7 @@ namespace
 {
 
 constexpr uint32_t CLIENT_REF = 7;
+constexpr const char *FAR_MAC = "02:00:00:00:A1:FE"; // of the first port of the stage
 constexpr uint32_t PUBLISHED_BOUND_MS = 10000;
 
 const char *outcome_text(const iemli_answer &answer)
@@ -30,12 +32,25 @@ const char *outcome_text(const iemli_answer &answer)
     return "";
 }
 
-void create(iemli_client &client, const char *port, const char *vlan)
+// Six bytes in hexadecimal, a colon between each two.
+mac_address mac_of(const char *text)
 {
+    mac_address mac{};
+    for (uint8_t &byte : mac.byte) {
+        char *end = nullptr;
+        byte = static_cast<uint8_t>(strtoul(text, &end, 16));
+        text = *end == ':' ? end + 1 : end;
+    }
+    return mac;
+}
+
+void create(iemli_client &client, const std::string &port, const char *vlan)
+{
+    const size_t equals = port.find('=');
     iemli_link_wish wish;
-    wish.port = port;
+    wish.port = port.substr(0, equals);
     wish.vlan = static_cast<uint16_t>(strtoul(vlan, nullptr, 10));
-    wish.far_cpm_mac = {{0x02, 0, 0, 0, 0xA1, 0xFE}};
+    wish.far_cpm_mac = mac_of(equals == std::string::npos ? FAR_MAC : port.c_str() + equals + 1);
     wish.app_links = {{{{0x06, 1, 1, 1, 1, 1}}, {{0x06, 1, 1, 1, 1, 0xFE}}}};
     printf("create: %s\n", outcome_text(iemli_client_create_link(client, wish)));
 }

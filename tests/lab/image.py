@@ -27,35 +27,13 @@ KEPT_FOR_S = 24 * 3600
 FIRST_MODULES = ["virtio_pci", "virtio_mmio", "virtio_blk", "virtio_console", "virtio_net", "ext4"]
 
 
-@dataclasses.dataclass(frozen=True)
-class Architecture:
-    """What differs between machines; `emulator` is a command with all that does not depend on the disks.
-
-    The emulator's time stamp counters are one and steady, which a kernel on several processors does not believe by
-    itself. Without them each reading of the clock goes through an emulated timer and takes tens of microseconds.
-    """
-
-    debian: str
-    kernel_package: str
-    emulator: tuple
-    kernel_line: str
-
-
-ARCHITECTURES = {
-    "amd64": Architecture(
-        "amd64", "linux-image-cloud-amd64",
-        ("qemu-system-x86_64", "-machine", "q35", "-cpu", "max", "-accel", "tcg,thread=multi"),
-        "console=ttyS0 tsc=reliable"),
-    "armhf": Architecture(
-        "armhf", "linux-image-armmp",
-        ("qemu-system-arm", "-machine", "virt,highmem=off", "-cpu", "max", "-accel", "tcg,thread=multi"),
-        "console=ttyAMA0"),
-}
+# By Debian's name of the processor. What emulates it is in machine.py.
+KERNEL_PACKAGES = {"amd64": "linux-image-cloud-amd64", "armhf": "linux-image-armmp"}
 
 
 @dataclasses.dataclass(frozen=True)
 class Image:
-    architecture: Architecture
+    architecture: str
     disk: pathlib.Path
     kernel: pathlib.Path
     first: pathlib.Path  # a directory: what runs before the disk is there
@@ -68,9 +46,8 @@ def guest_packages():
 
 def get(architecture="amd64", more_packages=()):
     """The image, made if there is none of today."""
-    arch = ARCHITECTURES[architecture]
     packages = guest_packages() + list(more_packages)
-    parts = [arch.debian, arch.kernel_package, *packages, pathlib.Path(__file__).read_text()]
+    parts = [architecture, *packages, pathlib.Path(__file__).read_text()]
     key = hashlib.sha256("\n".join(parts).encode()).hexdigest()[:16]
     cache = pathlib.Path(os.environ.get("KAP_LAB_CACHE") or pathlib.Path.home() / ".cache/kap-vorn/lab")
     cache.mkdir(parents=True, exist_ok=True)
@@ -79,8 +56,8 @@ def get(architecture="amd64", more_packages=()):
         fcntl.flock(lock, fcntl.LOCK_EX)
         if not place.exists() or time.time() - place.stat().st_mtime > KEPT_FOR_S:
             remove_old(cache)
-            make(place, arch, packages)
-    return Image(arch, place / "disk", place / "kernel", place / "first")
+            make(place, architecture, packages)
+    return Image(architecture, place / "disk", place / "kernel", place / "first")
 
 
 def remove_old(cache):
@@ -90,8 +67,8 @@ def remove_old(cache):
             shutil.rmtree(entry, ignore_errors=True)
 
 
-def make(place, arch, packages):
-    print(f"making the image of a machine ({arch.debian}) ...", file=sys.stderr, flush=True)
+def make(place, architecture, packages):
+    print(f"making the image of a machine ({arch}) ...", file=sys.stderr, flush=True)
     start = time.time()
     work = pathlib.Path(f"{place}.new")
     shutil.rmtree(work, ignore_errors=True)
@@ -121,10 +98,10 @@ def unpack_packages(root, arch, packages, log):
     """The kernel's own package is fetched beside the others: as one of them it would bring what makes initial RAM disks.
     """
     fetch = ("set -e; mkdir \"$1/kernel\"; cd \"$1/kernel\"; export APT_CONFIG=\"$MMDEBSTRAP_APT_CONFIG\"; "
-             f"name=$(apt-cache depends {arch.kernel_package} | sed -n 's/^ *Depends: \\(linux-image.*\\)/\\1/p'); "
+             f"name=$(apt-cache depends {KERNEL_PACKAGES[arch]} | sed -n 's/^ *Depends: \\(linux-image.*\\)/\\1/p'); "
              "apt-get -o APT::Sandbox::User=root download \"$name\"")
     unwanted = ["/usr/share/doc/*", "/usr/share/man/*", "/usr/share/locale/*", "/usr/share/info/*"]
-    run(["mmdebstrap", "--variant=extract", f"--architectures={arch.debian}", "--include=?essential",
+    run(["mmdebstrap", "--variant=extract", f"--architectures={arch}", "--include=?essential",
          "--include=" + ",".join(packages), "--hook-dir=/usr/share/mmdebstrap/hooks/merged-usr",
          *[f"--dpkgopt=path-exclude={path}" for path in unwanted],
          f"--extract-hook={fetch}", "bookworm", root, *debian_sources()], log)

@@ -15,12 +15,14 @@ NAME.emulator. The emulated processors are those of the emulator alone (tcg), so
 """
 
 import base64
+import ctypes
 import dataclasses
 import io
 import json
 import os
 import pathlib
 import shutil
+import signal
 import socket
 import subprocess
 import tarfile
@@ -29,6 +31,17 @@ import time
 
 import first_files
 
+# By Debian's name of the processor: the emulator with all that does not depend on the disks, and the kernel's command line.
+#
+# The emulator's time stamp counters are one and steady, which a kernel on several processors does not believe by itself.
+# Without them each reading of the clock goes through an emulated timer and takes tens of microseconds. And a kernel that
+# checks whether its timer ticks gives up when the host keeps the emulator from running for a moment.
+EMULATORS = {
+    "amd64": (("qemu-system-x86_64", "-machine", "q35", "-cpu", "max", "-accel", "tcg,thread=multi"),
+              "console=ttyS0 tsc=reliable no_timer_check"),
+    "armhf": (("qemu-system-arm", "-machine", "virt,highmem=off", "-cpu", "max", "-accel", "tcg,thread=multi"),
+              "console=ttyAMA0"),
+}
 READY_BOUND_S = 600
 COMMAND_BOUND_S = 300
 
@@ -57,6 +70,11 @@ def lay_cable(directory, name, near_mac, far_mac):
     return Cable(name, near_mac, ends[0], ends[1]), Cable(name, far_mac, ends[1], ends[0])
 
 
+def end_with_parent():
+    pr_set_pdeathsig = 1
+    ctypes.CDLL(None).prctl(pr_set_pdeathsig, signal.SIGKILL)
+
+
 class Machine:
     def __init__(self, name, image, logs, cables=(), tree=None, tree_at=None, processors=1, memory_mib=1024,
                  kernel_options=""):
@@ -75,15 +93,16 @@ class Machine:
         with open(self.logs / f"{name}.emulator", "wb") as log:
             self.process = subprocess.Popen(self._command(image, cables, tree, tree_at, processors, memory_mib,
                                                           kernel_options),
-                                            stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+                                            stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+                                            preexec_fn=end_with_parent)
 
     def _command(self, image, cables, tree, tree_at, processors, memory_mib, kernel_options):
-        arch = image.architecture
+        emulator, kernel_line = EMULATORS[image.architecture]
         first = self.directory / "first"
         first.write_bytes(first_files.make(image))
-        kernel_line = f"{arch.kernel_line} panic=-1 net.ifnames=0 quiet {kernel_options}"
+        kernel_line += f" panic=-1 net.ifnames=0 quiet {kernel_options}"
         kernel_line += f" lab.tree={tree_at}" if tree else ""
-        command = [*arch.emulator, "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
+        command = [*emulator, "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
                    "-smp", str(processors), "-m", str(memory_mib), "-kernel", image.kernel, "-initrd", first,
                    "-append", kernel_line, "-serial", f"file:{self.logs / self.name}.console",
                    "-qmp", f"unix:{self.directory / 'monitor'},server=on,wait=off",
@@ -93,10 +112,13 @@ class Machine:
                    "-device", "virtserialport,chardev=output,nr=2"]
         for disk in [image.disk] + ([tree] if tree else []):
             command += ["-drive", f"file={disk},format=raw,if=virtio,snapshot=on"]
+        # An interface that filters by VLAN in its hardware takes in only those that have a device of their own. Packet
+        # sockets see the others' frames only where it does not: here it has no such filter.
         for cable in cables:
             command += ["-netdev", f"dgram,id={cable.name},local.type=unix,local.path={cable.own_end},"
                         f"remote.type=unix,remote.path={cable.other_end}",
-                        "-device", f"virtio-net-pci,id=nic-{cable.name},netdev={cable.name},mac={cable.mac},romfile="]
+                        "-device", f"virtio-net-pci,id=nic-{cable.name},netdev={cable.name},mac={cable.mac},romfile=,"
+                        "ctrl_vlan=off"]
         return [str(word) for word in command]
 
     def __enter__(self):
@@ -121,18 +143,27 @@ class Machine:
         self.line = self._connect("line", deadline)
         self._read_line(deadline)
 
-    def try_run(self, script, bound_s=COMMAND_BOUND_S):
-        """The status and what was printed, on both outputs."""
+    def try_run(self, script, bound_s=COMMAND_BOUND_S, echo=None):
+        """The status and what was printed, on both outputs; `echo` is a file that gets it as it comes, too."""
         self.next_id += 1
         before = self.output_path.stat().st_size
         encoded = base64.b64encode(script.encode()).decode()
         self.line.sendall(f"{self.next_id} {encoded}\n".encode())
-        number, status = self._read_line(time.monotonic() + bound_s, script).split()
+        with open(self.output_path, errors="replace") as output:
+            output.seek(before)
+            printed = []
+
+            def take_output():
+                printed.append(output.read())
+                if echo and printed[-1]:
+                    echo.write(printed[-1])
+                    echo.flush()
+
+            number, status = self._read_line(time.monotonic() + bound_s, script, take_output).split()
+            take_output()
         if int(number) != self.next_id:
             raise MachineFailed(f"{self.name}: the answer to command {number}, not {self.next_id}")
-        with open(self.output_path, "rb") as output:
-            output.seek(before)
-            return int(status), output.read().decode(errors="replace")
+        return int(status), "".join(printed)
 
     def run(self, script, bound_s=COMMAND_BOUND_S):
         status, output = self.try_run(script, bound_s)
@@ -198,11 +229,11 @@ class Machine:
                 self._check(deadline, name)
                 time.sleep(0.05)
 
-    def _read_line(self, deadline, what="the agent"):
-        line, self.received = self._take_line(self.line, self.received, deadline, what)
+    def _read_line(self, deadline, what="the agent", meanwhile=lambda: None):
+        line, self.received = self._take_line(self.line, self.received, deadline, what, meanwhile)
         return line.decode()
 
-    def _take_line(self, connection, received, deadline, what):
+    def _take_line(self, connection, received, deadline, what, meanwhile=lambda: None):
         connection.settimeout(1)
         while b"\n" not in received:
             try:
@@ -212,6 +243,7 @@ class Machine:
             if got == b"":
                 raise MachineFailed(f"{self.name}: the emulator ended: {self._last_words()}")
             received += got or b""
+            meanwhile()
             self._check(deadline, what)
         line, _, rest = received.partition(b"\n")
         return line, rest
