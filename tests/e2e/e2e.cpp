@@ -65,7 +65,7 @@ void EndToEnd::kill_process(const std::string &name)
 
 void EndToEnd::wait_event(iemli_event_kind kind)
 {
-    auto deadline = std::chrono::steady_clock::now() + 10s;
+    auto deadline = std::chrono::steady_clock::now() + 10s * slowness();
     while (std::chrono::steady_clock::now() < deadline) {
         auto event = iemli_client_next_event(d.client, 100);
         if (event && event->kind == kind) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "demo.hpp"
+#include "slowness.hpp"
 
 class EndToEnd : public testing::Test
 {

@@ -27,7 +27,7 @@ protected:
         const std::string log = d.stage.log_dir + "/" + name + ".log";
         child_process hostile =
             process_start(name, {d.stage.bin_dir + "/e2e-hostile", name, MESSAGES_PER_FLOOD, seed}, log);
-        const auto deadline = std::chrono::steady_clock::now() + FLOOD_BOUND;
+        const auto deadline = std::chrono::steady_clock::now() + FLOOD_BOUND * slowness();
         unsigned asked = 0;
         while (process_running(hostile) && std::chrono::steady_clock::now() < deadline && !HasFailure()) {
             const iemli_answer answer = iemli_client_get_mac(d.client, "IDL_A1", 5);

@@ -306,7 +306,7 @@ TEST_F(Restart, WithTheRegistryEveryProcessEndsTheDaemonWithStatusZero)
     child_process registry = rest.extract(REGISTRY).mapped();
     process_kill(registry);
     for (auto &[name, child] : rest) {
-        EXPECT_TRUE(process_wait(child, 10s)) << name;
+        EXPECT_TRUE(process_wait(child, 10s * slowness())) << name;
         EXPECT_EQ(process_status_text(child), name == DAEMON ? "exit status 0" : "exit status 1") << name;
         process_kill(child);
     }
@@ -356,7 +356,7 @@ TEST_F(Restart, AClientThatDoesNotWaitForThePublicationMayGetTheAnswerToAnEndedS
     d.client.published = true; // it does as if
     ASSERT_EQ(iemli_client_open(d.client).outcome, iemli_outcome::confirmed);
     EXPECT_EQ(d.client.server_ref, reference);
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    const auto deadline = std::chrono::steady_clock::now() + 10s * slowness();
     std::optional<iemli_event> late;
     while (!late && std::chrono::steady_clock::now() < deadline) {
         late = iemli_client_next_event(d.client, 100);

@@ -47,7 +47,7 @@ struct RoundTrips : EndToEnd {
 
     void wait_batches(const demo_link &link, size_t count, std::chrono::milliseconds bound)
     {
-        const auto deadline = std::chrono::steady_clock::now() + bound;
+        const auto deadline = std::chrono::steady_clock::now() + bound * slowness();
         while (link.batches.size() < count) {
             ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "no RTT indication of link " << link.link_ref;
             demo_listen(d, 50ms);

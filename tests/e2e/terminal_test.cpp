@@ -77,7 +77,7 @@ protected:
     void expect_shown(const std::string &text)
     {
         shown.clear();
-        auto deadline = std::chrono::steady_clock::now() + 20s;
+        auto deadline = std::chrono::steady_clock::now() + 20s * slowness();
         while (shown.find(text) == std::string::npos) {
             pollfd readable = {master, POLLIN, 0};
             char buffer[4096];
@@ -123,7 +123,7 @@ protected:
 
     static void expect_gone(pid_t process)
     {
-        auto deadline = std::chrono::steady_clock::now() + 5s;
+        auto deadline = std::chrono::steady_clock::now() + 5s * slowness();
         while (kill(process, 0) == 0 && std::chrono::steady_clock::now() < deadline) {
             poll(nullptr, 0, 10);
         }

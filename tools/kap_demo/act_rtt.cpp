@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "slowness.hpp"
 #include "tour.hpp"
 
 using namespace std::chrono_literals;
@@ -108,7 +109,7 @@ void wait_batches(tour &t, size_t count)
 {
     const auto start = clock_type::now();
     while (t.d.links[0].batches.size() < count) {
-        hold(since(start) < BATCH_BOUND, "no RTT indication came");
+        hold(since(start) < BATCH_BOUND * slowness(), "no RTT indication came");
         demo_listen(t.d, 50ms);
     }
 }

@@ -5,6 +5,8 @@
 
 #include <strings.h>
 
+#include "slowness.hpp"
+
 namespace
 {
 
@@ -137,6 +139,7 @@ void demo_take_event(demo &d, const iemli_event &event)
 void demo_start(demo &d)
 {
     stage_start(d.stage, CLIENT_MAILBOX);
+    d.client.bound_ms *= static_cast<uint32_t>(slowness());
     if (!iemli_client_start(d.client, CLIENT_REF)) {
         throw stage_failure("the name service refuses the subscription");
     }
@@ -225,7 +228,7 @@ std::chrono::milliseconds demo_wait_status(demo &d, uint32_t link_ref, uint32_t 
         if (link.told && link.status == status && (status == IML_LINK_ENABLED || link.reason == reason)) {
             return waited();
         }
-        if (waited() > bound) {
+        if (waited() > bound * slowness()) {
             throw stage_failure(
                 "link " + std::to_string(link_ref) + " is not \"" + iemli_client_status_text(status, reason) +
                 "\" after " + demo_seconds(bound) +

@@ -11,6 +11,7 @@
 
 #include "control.hpp"
 #include "itc.h"
+#include "slowness.hpp"
 
 namespace
 {
@@ -252,7 +253,7 @@ child_process stage_stop_process(stage &s, const std::string &name, int signo, s
     }
     child_process child = node.mapped();
     process_signal(child, signo);
-    if (!process_wait(child, bound)) {
+    if (!process_wait(child, bound * slowness())) {
         process_kill(child);
         throw stage_failure(name + " did not end within " + std::to_string(bound.count()) + " ms; " +
                             process_tail(child));
@@ -298,7 +299,7 @@ nlohmann::json stage_control(const std::string &service, const std::vector<std::
 void stage_wait(stage &s, const std::string &what, std::chrono::milliseconds bound,
                 const std::function<bool()> &condition)
 {
-    auto deadline = std::chrono::steady_clock::now() + bound;
+    auto deadline = std::chrono::steady_clock::now() + bound * slowness();
     while (!condition()) {
         stage_check(s);
         if (std::chrono::steady_clock::now() > deadline) {

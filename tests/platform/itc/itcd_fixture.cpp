@@ -19,12 +19,14 @@
 #include <thread>
 #include <unistd.h>
 
+#include "slowness.hpp"
+
 namespace itc_test
 {
 namespace
 {
 
-constexpr int limit_ms = 10000;
+const int limit_ms = 10000 * slowness();
 constexpr char registry_log[] = "/run/itcd.log";
 
 [[noreturn]] void end(const char *what)

@@ -20,6 +20,8 @@
 #include <mutex>
 #include <thread>
 
+#include "slowness.hpp"
+
 namespace net
 {
 
@@ -131,7 +133,7 @@ std::string run(const std::string &command)
 
 bool wait_for(const std::function<bool()> &condition, int seconds)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds) * slowness();
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end) {
             return false;
