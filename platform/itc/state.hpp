@@ -53,7 +53,7 @@ struct block {
     uint8_t *bytes() { return reinterpret_cast<uint8_t *>(this + 1); }
     itc_msg *msg() { return reinterpret_cast<itc_msg *>(this + 1); }
 };
-static_assert(sizeof(block) % 16 == 0, "a message is aligned for every type");
+static_assert(sizeof(block) % alignof(max_align_t) == 0, "a message is aligned for every type");
 static_assert(offsetof(block, frame) + sizeof(itc_wire::channel_frame) == sizeof(block), "frame and message adjoin");
 
 block *block_new(size_t size, bool zero);

@@ -389,7 +389,7 @@ iemli_answer iemli_client_close(iemli_client &client)
 uint32_t iemli_client_send_create(iemli_client &client, const iemli_link_wish &wish)
 {
     auto count = static_cast<uint32_t>(wish.app_links.size());
-    size_t size = sizeof(iemli_header) + iemli_link_data_size(count);
+    const auto size = static_cast<size_t>(sizeof(iemli_header) + iemli_link_data_size(count));
     itc_msg *msg = new_request(client, IEMLI_CREATE_INTER_ME_LINK_REQ, size);
     auto *link = &reinterpret_cast<iemli_create_link_req *>(msg)->link;
     link->nearEndMpId = wish.mp_id;
