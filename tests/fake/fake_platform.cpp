@@ -484,6 +484,12 @@ Builder &Builder::hex(const std::string &digits)
     return *this;
 }
 
+void put_u32(Bytes &bytes, size_t offset, uint32_t value)
+{
+    ASSERT_LE(offset + sizeof value, bytes.size());
+    memcpy(bytes.data() + offset, &value, sizeof value);
+}
+
 std::string to_hex(const Bytes &bytes)
 {
     std::string out;

@@ -165,5 +165,7 @@ struct Builder {
     operator Bytes() const { return bytes; } // NOLINT(google-explicit-constructor)
 };
 std::string to_hex(const Bytes &bytes);
+// Overwrites the 32-bit word at `offset`, in host byte order.
+void put_u32(Bytes &bytes, size_t offset, uint32_t value);
 
 } // namespace fake

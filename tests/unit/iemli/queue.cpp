@@ -112,7 +112,7 @@ TEST_F(IemliQueue, KeepsACreateWithAllItsAppLinks)
 TEST_F(IemliQueue, KeepsNoMoreOfARequestThanItsCountAsksFor)
 {
     Bytes request = update_req(1, 1, 1, {APP_1, APP_2, APP_3});
-    request[16] = 2;
+    fake::put_u32(request, 16, 2);
     EXPECT_TRUE(offer(CLIENT_A, request));
     const IemliQueuedRequest *entry = iemli_session_find(1)->queue_head;
     ASSERT_NE(entry, nullptr);

@@ -64,13 +64,15 @@ protected:
 TEST_F(IemliCreate, IsHandedOverWithItsLinkAndARecordOfTheRequest)
 {
     EXPECT_TRUE(offer(CLIENT_A, create_req(0x61, 1, {.apps = {APP_1, APP_2}})));
-    EXPECT_THAT(calls(), ElementsAre("create "
-                                     "05020000000c01"
-                                     "49444c5f41310000000000000000000000"
-                                     "64000000"
-                                     "02000000"
-                                     "020000000101020000000201"
-                                     "020000000102020000000202"));
+    const Bytes link = fake::Builder()
+                           .hex("05 020000000c01")
+                           .hex("49444c5f41310000000000000000000000")
+                           .u16(100)
+                           .zeros(2)
+                           .u32(2)
+                           .hex("020000000101 020000000201")
+                           .hex("020000000102 020000000202");
+    EXPECT_THAT(calls(), ElementsAre("create " + fake::to_hex(link)));
     const IemliPendingRequest *request = neighbours::open_request();
     EXPECT_EQ(request->server_conn_ref, 1U);
     EXPECT_EQ(request->procedure_ref, 0x61U);
@@ -236,9 +238,9 @@ TEST_F(IemliCreate, HandsItsLinkOverAsItCameWithWhateverStandsBehindThePortName)
     Bytes message = create_req(0x61, 1, {});
     memcpy(message.data() + 19, "IDL_A1\0XXXXXXXXXX", 17);
     EXPECT_TRUE(offer(CLIENT_A, message));
-    EXPECT_THAT(calls(), ElementsAre("create 05020000000c01"
-                                     "49444c5f41310058585858585858585858"
-                                     "6400000000000000000000000000000000000000"));
+    const Bytes link =
+        fake::Builder().hex("05 020000000c01").hex("49444c5f41310058585858585858585858").u16(100).zeros(18);
+    EXPECT_THAT(calls(), ElementsAre("create " + fake::to_hex(link)));
     EXPECT_THAT(traces_of(19)[2], testing::EndsWith("imlPortName = IDL_A1, nearEndMpId = 5"));
 }
 
@@ -251,7 +253,7 @@ TEST_F(IemliCreate, TracesNoMoreThanThePortNamesField)
 TEST_F(IemliCreate, TakesAMessageThatIsLongerThanItsCount)
 {
     Bytes message = create_req(0x61, 1, {.apps = {APP_1, APP_2, APP_3}});
-    message[40] = 1;
+    fake::put_u32(message, 40, 1);
     EXPECT_TRUE(offer(CLIENT_A, message));
     EXPECT_THAT(calls(), ElementsAre("create " + fake::to_hex(link_data({.apps = {APP_1}}))));
 }

@@ -131,7 +131,7 @@ TEST_F(ShellLinkList, IsLongerThanItsRecordsNeed)
     add_link(1, {.vlan = 102});
     const Bytes three = reply();
     EXPECT_EQ(three.size(), 1056U);
-    EXPECT_EQ(three[4], 3);
+    EXPECT_EQ(Bytes(three.begin() + 4, three.begin() + 8), Bytes(Builder().u32(3)));
     EXPECT_EQ(Bytes(three.begin() + 8 + 3 * 344, three.end()), Bytes(16));
 }
 
