@@ -24,7 +24,7 @@ PROJECT = HERE.parent.parent
 KEPT_FOR_S = 24 * 3600
 # For the disks, the network and the line to the host; what these need comes along. One that the kernel has built in or
 # does not have is left out.
-FIRST_MODULES = ["virtio_pci", "virtio_mmio", "virtio_blk", "virtio_console", "virtio_net", "ext4"]
+FIRST_MODULES = ["virtio_pci", "virtio_mmio", "virtio_blk", "virtio_console", "virtio_net", "crc32c_generic", "ext4"]
 
 
 # By Debian's name of the processor. What emulates it is in machine.py.
@@ -104,13 +104,20 @@ def unpack_packages(root, arch, packages, log):
     run(["mmdebstrap", "--variant=extract", f"--architectures={arch}", "--include=?essential",
          "--include=" + ",".join(packages), "--hook-dir=/usr/share/mmdebstrap/hooks/merged-usr",
          *[f"--dpkgopt=path-exclude={path}" for path in unwanted],
-         f"--extract-hook={fetch}", "bookworm", root, *debian_sources()], log)
+         f"--extract-hook={fetch}", "bookworm", root, *debian_sources(arch)], log)
 
 
-def debian_sources():
-    """The sources of the machine that are Debian's own; without any, the program's defaults."""
+def debian_sources(arch):
+    """The sources of the machine that are Debian's own; without any, the program's defaults. For another architecture
+    than this machine's only the main archive: the index of the security archive is not on every mirror as its release
+    file names it, and a machine that lives for one test needs no fixes.
+    """
     places = [pathlib.Path("/etc/apt/sources.list"), *pathlib.Path("/etc/apt/sources.list.d").glob("*")]
-    return [p for p in places if p.is_file() and re.search(r"/debian(-security)?/?\s", p.read_text())]
+    own = [p for p in places if p.is_file() and re.search(r"/debian(-security)?/?\s", p.read_text())]
+    if arch.debian == run(["dpkg", "--print-architecture"]).decode().strip():
+        return own
+    archives = [uri for p in own for uri in re.findall(r"\w+://\S+/debian(?=/?\s)", p.read_text())]
+    return [f"deb {(archives or ['http://deb.debian.org/debian'])[0]} bookworm main"]
 
 
 def complete(root):
