@@ -1,6 +1,8 @@
 // The client library by itself: what it makes of messages, good and bad. Bytes are written out.
 #include <gmock/gmock.h>
 
+#include <array>
+#include <bit>
 #include <cstring>
 
 #include "iemli_client.hpp"
@@ -55,7 +57,8 @@ TEST_F(Client, ReadsAStatusIndication)
 
 TEST_F(Client, ReadsAnRttIndication)
 {
-    give({0x1B0E19, 9, 1, 3, 0, 11, 0, 12, 0, 13, 1});
+    const auto valid = std::bit_cast<uint32_t>(std::array<uint8_t, 4>{1}); // one byte, and three that fill up
+    give({0x1B0E19, 9, 1, 3, 0, 11, 0, 12, 0, 13, valid});
     iemli_event event = only_event();
     EXPECT_EQ(event.kind, iemli_event_kind::link_rtt);
     EXPECT_EQ(event.link_ref, 3u);

@@ -15,10 +15,9 @@ const bytes CONNECT = message_of(0x1A00440, "00 00 00 02  00 00 01 F4  00 00 00 
 const std::string MACS_AND_VLAN = "02 00 00 00 00 A1  02 00 00 00 00 01  00 64  0*2 ";
 const std::string APP_LINK = "02 00 00 00 00 05  02 00 00 00 00 06 ";
 
-bytes create_path(const std::string &count_and_app_links)
+bytes create_path(const std::string &count_and_app_links, uint32_t number = 0x1A00443)
 {
-    return message_of(0x1A00443,
-                      HEAD + "00 00 00 03  00 00 00 1E  'IDL_A1' 0*26 " + MACS_AND_VLAN + count_and_app_links);
+    return message_of(number, HEAD + "00 00 00 03  00 00 00 1E  'IDL_A1' 0*26 " + MACS_AND_VLAN + count_and_app_links);
 }
 
 const bytes CREATE = create_path("00 00 00 01 " + APP_LINK);
@@ -75,9 +74,7 @@ TEST_F(Aasi, AnUpdateReplacesTheAppLinksAndKeepsTheLatencies)
     receive(CREATE);
     receive(INFO);
     out.take();
-    bytes update = create_path("00 00 00 00");
-    update[0] = 0x44;
-    receive(update);
+    receive(create_path("00 00 00 00", 0x1A00444));
     expect_answer(message_of(0x1A004C5, HEAD + "00 00 00 03"));
     EXPECT_EQ(paths()[0]["app_links"], json::array());
     EXPECT_EQ(paths()[0]["info"]["reports"], 1);
