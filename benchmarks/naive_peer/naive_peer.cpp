@@ -105,7 +105,7 @@ ping_figures naive_peer_measure(const char *if_name, uint32_t sessions, int seco
             continue;
         }
         const int64_t left = due.top().due - now;
-        const timespec timeout{left / SECOND, left % SECOND};
+        const timespec timeout{static_cast<time_t>(left / SECOND), static_cast<long>(left % SECOND)};
         pollfd p{fd, POLLIN, 0};
         ppoll(&p, 1, &timeout, nullptr);
     }

@@ -81,6 +81,7 @@ void read_auxiliary(received *r, const cmsghdr *c)
 void read_stamp(received *r, const cmsghdr *c)
 {
     timespec stamp;
+    static_assert(sizeof stamp.tv_sec == 8, "the kernel's time stamps do not end in 2038");
     memcpy(&stamp, CMSG_DATA(c), sizeof stamp);
     r->stamp = static_cast<int64_t>(stamp.tv_sec) * 1'000'000'000 + stamp.tv_nsec;
 }

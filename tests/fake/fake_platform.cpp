@@ -789,6 +789,8 @@ int __wrap_open(const char *path, int flags, ...)
     return fd;
 }
 
+int __wrap_open64(const char *path, int flags, ...) __attribute__((alias("__wrap_open")));
+
 int __wrap_close(int fd)
 {
     if (g) {
