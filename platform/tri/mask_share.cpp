@@ -89,7 +89,7 @@ uint32_t default_mask()
         return BUILT_IN_MASK;
     }
     char *end = nullptr;
-    const unsigned long mask = strtoul(text, &end, 0);
+    const unsigned long long mask = strtoull(text, &end, 0);
     const bool whole = end != text && (*end == '\0' || *end == '\n');
     return whole && mask <= UINT32_MAX ? static_cast<uint32_t>(mask) : BUILT_IN_MASK;
 }

@@ -4,7 +4,7 @@
 // somebody lists the directory, and is told from a living one by pid and start time.
 //
 // The directory and the default mask: TRI_DIRECTORY is made by the first process that may. TRI_DIRECTORY/default, if
-// it exists, holds the mask (a number as strtoul reads it) of processes that start later.
+// it exists, holds the mask (a number as strtoull reads it) of processes that start later.
 #pragma once
 
 #include <sys/types.h>
