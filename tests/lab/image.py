@@ -67,7 +67,7 @@ def remove_old(cache):
             shutil.rmtree(entry, ignore_errors=True)
 
 
-def make(place, architecture, packages):
+def make(place, arch, packages):
     print(f"making the image of a machine ({arch}) ...", file=sys.stderr, flush=True)
     start = time.time()
     work = pathlib.Path(f"{place}.new")
@@ -114,7 +114,7 @@ def debian_sources(arch):
     """
     places = [pathlib.Path("/etc/apt/sources.list"), *pathlib.Path("/etc/apt/sources.list.d").glob("*")]
     own = [p for p in places if p.is_file() and re.search(r"/debian(-security)?/?\s", p.read_text())]
-    if arch.debian == run(["dpkg", "--print-architecture"]).decode().strip():
+    if arch == run(["dpkg", "--print-architecture"]).decode().strip():
         return own
     archives = [uri for p in own for uri in re.findall(r"\w+://\S+/debian(?=/?\s)", p.read_text())]
     return [f"deb {(archives or ['http://deb.debian.org/debian'])[0]} bookworm main"]
