@@ -94,10 +94,12 @@ void leave_key(engine &e, session *s)
     }
 }
 
+bool is_of(const request &r, uint8_t id) { return r.outstanding && r.measurement_id == id; }
+
 bool id_is_taken(const engine &e, const session *s, uint8_t id)
 {
     for (const session *t = e.by_key.find(s->key)->second; t != nullptr; t = t->twin) {
-        if (t != s && t->outstanding && t->measurement_id == id) {
+        if ((t != s && is_of(t->latest, id)) || is_of(t->extended, id)) {
             return true;
         }
     }
@@ -107,7 +109,7 @@ bool id_is_taken(const engine &e, const session *s, uint8_t id)
 // Sessions between the same two addresses are told apart by the id alone: none may have two owners at a time.
 uint8_t next_measurement_id(const engine &e, const session *s)
 {
-    uint8_t id = s->measurement_id;
+    uint8_t id = s->latest.measurement_id;
     for (int tries = 0; tries < 256; tries++) {
         id++;
         if (!id_is_taken(e, s, id)) {
@@ -117,26 +119,43 @@ uint8_t next_measurement_id(const engine &e, const session *s)
     return id;
 }
 
-session *owner_of(const engine &e, const answer &a)
+struct owner {
+    session *s;
+    request *r; // NULL: none waits for the answer
+};
+
+owner owner_of(const engine &e, const answer &a)
 {
     const auto found = e.by_key.find(a.key);
-    session *s = found == e.by_key.end() ? nullptr : found->second;
-    while (s != nullptr && !(s->outstanding && s->measurement_id == a.measurement_id)) {
-        s = s->twin;
+    for (session *s = found == e.by_key.end() ? nullptr : found->second; s != nullptr; s = s->twin) {
+        for (request *r : {&s->latest, &s->extended}) {
+            if (is_of(*r, a.measurement_id)) {
+                return {s, r};
+            }
+        }
     }
-    return s;
+    return {nullptr, nullptr};
+}
+
+// The far end lives, however late it answers.
+void have_patience_again(engine &e, const session_key &key)
+{
+    const auto found = e.by_key.find(key);
+    for (session *s = found == e.by_key.end() ? nullptr : found->second; s != nullptr; s = s->twin) {
+        s->hasty = false;
+    }
 }
 
 // ---- Judging ----
 
-bool clock_was_set(const session &s, const clocks &now)
+bool clock_was_set(const request &r, const clocks &now)
 {
-    return std::llabs((now.real - s.sent.real) - (now.monotonic - s.sent.monotonic)) > CLOCK_STEP_NS;
+    return std::llabs((now.real - r.sent.real) - (now.monotonic - r.sent.monotonic)) > CLOCK_STEP_NS;
 }
 
-bool round_trip_is_usable(const session &s, const answer &a, const clocks &now)
+bool round_trip_is_usable(const request &r, const answer &a, const clocks &now)
 {
-    return a.time_valid && a.received >= s.sent.real && a.received <= now.real && !clock_was_set(s, now);
+    return a.time_valid && a.received >= r.sent.real && a.received <= now.real && !clock_was_set(r, now);
 }
 
 uint32_t result_of(const session &s, bool usable)
@@ -147,9 +166,9 @@ uint32_t result_of(const session &s, bool usable)
     return usable ? SUPERVISION_ANSWERED : SUPERVISION_ANSWERED_NO_TIME;
 }
 
-void report_lost(engine &e, session &s)
+void report_lost(engine &e, session &s, request &r)
 {
-    s.outstanding = false;
+    r.outstanding = false;
     e.counters.lost++;
     s.callback(nullptr, s.id, SUPERVISION_LOST);
 }
@@ -169,10 +188,10 @@ size_t build_request(engine &e, const session &s)
     const ecpri::measurement m{.destination = s.key.remote,
                                .source = s.key.local,
                                .ether_type = s.ether_type,
-                               .measurement_id = s.measurement_id,
+                               .measurement_id = s.latest.measurement_id,
                                .action = ecpri::ACTION_REQUEST,
-                               .seconds = static_cast<uint64_t>(s.sent.real / 1'000'000'000),
-                               .nanoseconds = static_cast<uint32_t>(s.sent.real % 1'000'000'000)};
+                               .seconds = static_cast<uint64_t>(s.latest.sent.real / 1'000'000'000),
+                               .nanoseconds = static_cast<uint32_t>(s.latest.sent.real % 1'000'000'000)};
     const size_t length = s.tagged ? frame_length(s) : s.frame_size;
     const size_t dummy = ecpri::put_measurement(e.frame.data(), m, s.frame_size, s.tagged ? &s.tag : nullptr);
     put_dummy_bytes(s, e.frame.data() + dummy, length - dummy);
@@ -181,11 +200,9 @@ size_t build_request(engine &e, const session &s)
 
 void send_request(engine &e, session &s, const engine_io &io)
 {
-    s.measurement_id = next_measurement_id(e, &s);
     s.sequence++;
-    s.outstanding = true;
-    s.extended = false;
-    s.sent = io.read_clocks(io.context);
+    const uint8_t id = next_measurement_id(e, &s);
+    s.latest = {true, id, io.read_clocks(io.context)};
     const size_t length = build_request(e, s);
     if (io.send(io.context, s, e.frame.data(), length) == 0) {
         e.counters.sent++;
@@ -194,33 +211,41 @@ void send_request(engine &e, session &s, const engine_io &io)
     }
 }
 
-// The session's next turn in its own slot that leaves at least half an interval from now.
+// The session's next turn in its own slot.
 void schedule_next(session &s, int64_t now_slot)
 {
     const int64_t period = period_of(s);
     const int64_t missed = std::max<int64_t>(now_slot - s.due, 0) / period;
     s.due += (missed + 1) * period;
-    if (s.due - now_slot < period / 2) {
-        s.due += period;
-    }
 }
 
-// Its answer has hardly had time to come: the engine was held up between the turn of the request and its sending.
-bool is_fresh(const session &s, int64_t now) { return now - s.sent.monotonic < period_of(s) * SLOT_NS / 2; }
+// Its answer has hardly had time to come: it left long after its turn.
+bool is_fresh(const session &s, int64_t now) { return now - s.latest.sent.monotonic < period_of(s) * SLOT_NS / 2; }
+
+// Whatever is still unanswered is lost now, or gets one more interval.
+void judge(engine &e, session &s, int64_t now, bool late)
+{
+    if (s.extended.outstanding) {
+        report_lost(e, s, s.extended);
+        s.hasty = true;
+    }
+    if (!s.latest.outstanding) {
+        return;
+    }
+    if (is_fresh(s, now) || (late && !s.hasty)) {
+        s.extended = s.latest;
+        e.counters.extended++;
+    } else {
+        report_lost(e, s, s.latest);
+    }
+}
 
 void take_turn(engine &e, session &s, int64_t now, const engine_io &io)
 {
     const int64_t now_slot = slot_of(now);
     const bool late = now_slot - s.due >= LATE_SLOTS;
     schedule_next(s, now_slot);
-    if ((late || is_fresh(s, now)) && s.outstanding && !s.extended) {
-        s.extended = true;
-        e.counters.extended++;
-        return;
-    }
-    if (s.outstanding) {
-        report_lost(e, s);
-    }
+    judge(e, s, now, late);
     e.counters.late += late ? 1 : 0;
     send_request(e, s, io);
 }
@@ -255,7 +280,7 @@ void engine_add(engine &e, session *s, int64_t now)
 {
     s->due = quietest_slot(e, slot_of(now)) + next_second(e, *s) * SLOTS_PER_SECOND;
     s->bucket = static_cast<size_t>(s->due % SLOTS_PER_SECOND);
-    s->outstanding = false;
+    s->latest.outstanding = s->extended.outstanding = s->hasty = false;
     // All memory is taken here, where the caller can be told that there is none.
     e.frame.resize(std::max(e.frame.size(), frame_length(*s)));
     put_in_bucket(e, s);
@@ -291,15 +316,16 @@ int64_t engine_deadline(const engine &e)
 
 void engine_answer(engine &e, const answer &a, const clocks &now)
 {
-    session *s = owner_of(e, a);
+    have_patience_again(e, a.key);
+    const auto [s, r] = owner_of(e, a);
     if (s == nullptr) {
         e.counters.stale++;
         return;
     }
-    s->outstanding = false;
+    r->outstanding = false;
     e.counters.answered++;
-    const bool usable = round_trip_is_usable(*s, a, now);
-    const int64_t round_trip = usable ? a.received - s->sent.real : 0;
+    const bool usable = round_trip_is_usable(*r, a, now);
+    const int64_t round_trip = usable ? a.received - r->sent.real : 0;
     const supervision_rtt rtt{static_cast<uint32_t>(round_trip / 1'000'000'000),
                               static_cast<uint32_t>(round_trip % 1'000'000'000)};
     s->callback(usable ? &rtt : nullptr, s->id, result_of(*s, usable));

@@ -8,8 +8,9 @@
 // clock is seen and such a round trip is not passed off as one.
 //
 // A late engine. When the engine itself was kept from running, an answer that is missing says little of the link: the
-// request gets one more interval, once; so does one that has not been out for half an interval when the next is due.
-// After a late request the next one keeps the session's slot but leaves at least half an interval for the answer.
+// request gets one more interval, beside the next one, which is sent all the same; so does one that has not been out
+// for half an interval. A session whose request was lost even so is not given more time for lateness again until an
+// answer comes, be it to a request that was given up: else a cut would be seen twice as late on a busy machine.
 //
 // Sessions belong to the caller; the engine holds pointers to those that were added. All calls on one engine are
 // serialised by the caller. Callbacks are called out of engine_answer and engine_run.
@@ -55,6 +56,13 @@ struct session_key_hash {
     size_t operator()(const session_key &key) const;
 };
 
+// A request that was sent, while its answer is waited for.
+struct request {
+    bool outstanding;
+    uint8_t measurement_id;
+    clocks sent;
+};
+
 struct session {
     uint32_t id;
     session_key key;
@@ -72,11 +80,10 @@ struct session {
     size_t bucket;
     size_t place;  // in the bucket
     session *twin; // another session with the same key
-    uint8_t measurement_id;
-    bool outstanding;
-    bool extended; // the outstanding request has got its second interval
+    request latest;
+    request extended; // the one before, while it has its second interval
+    bool hasty;       // lateness is no excuse any more
     uint32_t sequence;
-    clocks sent;
 };
 
 struct answer {
