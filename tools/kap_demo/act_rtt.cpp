@@ -16,10 +16,6 @@ constexpr rtt_settings SETTINGS = {3, 1, 128};
 constexpr rtt_settings DO_NOT_FIT = {7, 8, 64}; // 56 seconds a batch: a minute has no whole number of them
 constexpr uint16_t USUAL_FRAME_SIZE = 64;
 constexpr auto BATCH_BOUND = 6s;
-// The daemon takes the time before it hands the frame to the kernel, the capture when the kernel puts it on the wire.
-// A single frame may be held up between the two; over a batch that evens out to less.
-constexpr int64_t AVERAGE_TOLERANCE = 50'000;
-constexpr int64_t SINGLE_TOLERANCE = 150'000;
 
 std::string refused(demo &d, const rtt_settings &settings, uint32_t reason)
 {
@@ -61,7 +57,8 @@ moment quiet_moment(tour &t)
 void hold_near(const char *what, int64_t daemon, int64_t wire, int64_t tolerance)
 {
     hold(std::abs(daemon - wire) <= tolerance, std::string(what) + " round trip is " + std::to_string(daemon) +
-                                                   " ns, on the wire it was " + std::to_string(wire) + " ns");
+                                                   " ns, on the wire it was " + std::to_string(wire) + " ns; at most " +
+                                                   std::to_string(tolerance) + " ns may lie between");
 }
 
 int64_t nanoseconds(uint32_t sec, uint32_t nsec) { return int64_t{sec} * 1'000'000'000 + nsec; }
@@ -82,9 +79,9 @@ void hold_agrees(tour &t, const rtt_stats &stats, const wire_figures &wire)
     }
     hold(stats.rtt_validity == 1, "a batch with answers is not valid");
     const int64_t average = nanoseconds(stats.avg_sec, stats.avg_nsec);
-    hold_near("the shortest", nanoseconds(stats.min_sec, stats.min_nsec), wire.minimum, SINGLE_TOLERANCE);
-    hold_near("the longest", nanoseconds(stats.max_sec, stats.max_nsec), wire.maximum, SINGLE_TOLERANCE);
-    hold_near("the average", average, wire.average, AVERAGE_TOLERANCE);
+    hold_near("the shortest", nanoseconds(stats.min_sec, stats.min_nsec), wire.minimum, t.tolerance.single);
+    hold_near("the longest", nanoseconds(stats.max_sec, stats.max_nsec), wire.maximum, t.tolerance.single);
+    hold_near("the average", average, wire.average, t.tolerance.average);
     t.apart = std::max(t.apart, std::abs(average - wire.average));
 }
 
@@ -144,6 +141,7 @@ std::string rtt_batch_agrees(tour &t)
 {
     demo_link &link = t.d.links[0];
     const stage_port &port = t.d.stage.ports[0];
+    t.tolerance = rtt_tolerance_of(send_path_measure(NEAR_NAMESPACE, link.interface));
     t.wire = capture_open(NEAR_NAMESPACE, link.interface, port.wire.near_mac, port.wire.far_mac, link.wish.vlan);
     const moment before = quiet_moment(t);
     demo_enable_rtt(t.d, link, SETTINGS);

@@ -7,11 +7,13 @@
 
 #include "demo.hpp"
 #include "link_list/link_list.hpp"
+#include "send_path.hpp"
 #include "wire_capture.hpp"
 
 struct tour {
     demo &d;
     wire_capture wire = {};              // of the first link, from its RTT's beginning
+    rtt_tolerance tolerance = {};        // between what is reported and what is captured
     size_t agreed = 0;                   // batches of the first link that were compared with the capture
     int64_t apart = 0;                   // most that an average was off, in nanoseconds
     std::vector<std::string> rules = {}; // the access rules of the port that is locked
