@@ -181,10 +181,14 @@ TEST_F(Kernel, SaysNetworkDownWhileAnInterfaceIsDownAndSendsAgainAfterwards)
     EXPECT_EQ(next().length, 64u);
 }
 
-TEST_F(Kernel, SaysNoBufferSpaceWhenTheCableIsOut)
+// Newer kernels refuse the frame, Debian 12's takes it and drops it. What counts is that neither says that there is no
+// such interface: then it would be looked for.
+TEST_F(Kernel, TakesAFrameOrSaysNoBufferSpaceWhenTheCableIsOut)
 {
     run("ip -n far link set far0 down");
-    EXPECT_TRUE(wait_for([&] { return send(frame(true)) == ENOBUFS; }));
+    ASSERT_TRUE(wait_for([] { return run("ip link show near0").find("NO-CARRIER") != std::string::npos; }));
+    const int result = send(frame(true));
+    EXPECT_TRUE(result == 0 || result == ENOBUFS) << result;
 }
 
 TEST_F(Kernel, SaysNoSuchDeviceForTheIndexOfADeletedInterfaceAndGivesItsNameAnother)
