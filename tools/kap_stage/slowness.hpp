@@ -10,8 +10,8 @@ inline int slowness()
 {
     static const int factor = [] {
         const char *text = getenv("KAP_TEST_SLOWNESS");
-        const int wanted = text == nullptr ? 1 : atoi(text);
-        return wanted < 1 ? 1 : wanted;
+        const long wanted = text == nullptr ? 1 : strtol(text, nullptr, 10);
+        return wanted < 1 || wanted > 1000 ? 1 : static_cast<int>(wanted);
     }();
     return factor;
 }
