@@ -523,3 +523,9 @@ void registry_remove(registry_client &client)
     processes.erase(client.process);
     client.process = 0;
 }
+
+bool registry_is_empty()
+{
+    return processes.empty() && mailboxes.empty() && names.empty() && waiting.empty() && pairings.empty() &&
+           services_are_empty();
+}

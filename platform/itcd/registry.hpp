@@ -47,5 +47,7 @@ protected:
 void registry_start(registry_output &output, const policy &rules);
 void registry_request(registry_client &from, const itc_wire::registry_frame &head, itc_wire::reader fields);
 void registry_remove(registry_client &client); // everything it had is gone, and whoever wanted to know is told
+// No process is there, and nothing of one that was.
+bool registry_is_empty();
 
 #endif

@@ -39,6 +39,9 @@ struct client : registry_client {
 };
 
 int poller = -1;
+int listening = -1;
+int ending = -1; // readable when the server is to end
+const policy *admitting;
 int reserve = -1; // a descriptor to give up when there is none left for a newcomer
 std::unordered_map<int, std::unique_ptr<client>> clients;
 std::vector<client *> doomed;
@@ -280,31 +283,51 @@ int poll_add(int fd)
 
 } // namespace
 
-int server_run(int listener, int signals, const policy &rules)
+int server_open(int listener, int signals, const policy &rules)
 {
     poller = epoll_create1(EPOLL_CLOEXEC);
     reserve = open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (poller < 0 || reserve < 0 || poll_add(listener) != 0 || poll_add(signals) != 0) {
         return errno;
     }
+    listening = listener;
+    ending = signals;
+    admitting = &rules;
     registry_start(output, rules);
-    for (;;) {
-        epoll_event events[events_per_wait];
-        const int count = epoll_wait(poller, events, events_per_wait, -1);
-        if (count < 0 && errno != EINTR) {
-            return errno;
-        }
-        for (int i = 0; i < count; i++) {
-            const int fd = events[i].data.fd;
-            if (fd == signals) {
-                return 0;
-            }
-            if (fd == listener) {
-                accept_client(listener, rules);
-            } else {
-                serve_client(fd, events[i].events);
-            }
-        }
-        remove_doomed();
+    return 0;
+}
+
+turn server_turn(int timeout_ms)
+{
+    epoll_event events[events_per_wait];
+    const int count = epoll_wait(poller, events, events_per_wait, timeout_ms);
+    if (count < 0 && errno != EINTR) {
+        return turn::failed;
     }
+    for (int i = 0; i < count; i++) {
+        const int fd = events[i].data.fd;
+        if (fd == ending) {
+            return turn::last;
+        }
+        if (fd == listening) {
+            accept_client(listening, *admitting);
+        } else {
+            serve_client(fd, events[i].events);
+        }
+    }
+    remove_doomed();
+    return turn::done;
+}
+
+int server_run(int listener, int signals, const policy &rules)
+{
+    const int error = server_open(listener, signals, rules);
+    if (error != 0) {
+        return error;
+    }
+    turn last = turn::done;
+    while (last == turn::done) {
+        last = server_turn(-1);
+    }
+    return last == turn::failed ? errno : 0;
 }

@@ -8,6 +8,15 @@
 
 #include "policy.hpp"
 
+// The same in parts, for tests: what server_run does first, and one round of what it does then.
+enum class turn {
+    done,
+    last,   // `signals` is readable
+    failed, // errno says why
+};
+int server_open(int listener, int signals, const policy &rules); // 0, or an errno value
+turn server_turn(int timeout_ms);
+
 // Serves `listener` until SIGTERM or SIGINT is read from `signals`. Returns 0 then, or an errno value.
 int server_run(int listener, int signals, const policy &rules);
 

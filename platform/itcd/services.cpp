@@ -159,3 +159,5 @@ void services_mailbox_gone(registry_client &owner, uint32_t mbox)
         }
     }
 }
+
+bool services_are_empty() { return services.empty() && subscribers.empty(); }

@@ -17,5 +17,6 @@ int service_subscribe(registry_client &from, uint32_t mbox, uint32_t sid, const 
 int service_unsubscribe(registry_client &from, uint32_t mbox, uint32_t sid);
 void service_tell_all(registry_client &to, uint32_t sid);          // what is there already
 void services_mailbox_gone(registry_client &owner, uint32_t mbox); // its services and its subscriptions
+bool services_are_empty();                                         // neither a service nor a subscriber
 
 #endif

@@ -86,24 +86,6 @@ void read_stamp(received *r, const cmsghdr *c)
     r->stamp = static_cast<int64_t>(stamp.tv_sec) * 1'000'000'000 + stamp.tv_nsec;
 }
 
-received describe(batch *b, size_t i)
-{
-    msghdr *h = &b->headers[i].msg_hdr;
-    received r{};
-    r.bytes = b->bytes + i * b->frame_bytes;
-    r.length = b->headers[i].msg_len;
-    r.available = r.length < b->frame_bytes ? r.length : b->frame_bytes;
-    r.if_index = b->addresses[i].sll_ifindex;
-    for (cmsghdr *c = CMSG_FIRSTHDR(h); c != nullptr; c = CMSG_NXTHDR(h, c)) {
-        if (c->cmsg_level == SOL_PACKET && c->cmsg_type == PACKET_AUXDATA) {
-            read_auxiliary(&r, c);
-        } else if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
-            read_stamp(&r, c);
-        }
-    }
-    return r;
-}
-
 bool ask(int fd, const char *name, unsigned long question, ifreq *request)
 {
     *request = {};
@@ -174,6 +156,24 @@ bool set_filter(int fd, const filter &f)
     code[n++] = BPF_STMT(BPF_RET | BPF_K, 0);
     const sock_fprog program{static_cast<unsigned short>(n), code};
     return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0;
+}
+
+received describe(batch *b, size_t i)
+{
+    msghdr *h = &b->headers[i].msg_hdr;
+    received r{};
+    r.bytes = b->bytes + i * b->frame_bytes;
+    r.length = b->headers[i].msg_len;
+    r.available = r.length < b->frame_bytes ? r.length : b->frame_bytes;
+    r.if_index = b->addresses[i].sll_ifindex;
+    for (cmsghdr *c = CMSG_FIRSTHDR(h); c != nullptr; c = CMSG_NXTHDR(h, c)) {
+        if (c->cmsg_level == SOL_PACKET && c->cmsg_type == PACKET_AUXDATA) {
+            read_auxiliary(&r, c);
+        } else if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
+            read_stamp(&r, c);
+        }
+    }
+    return r;
 }
 
 size_t receive(int fd, batch *b)

@@ -62,6 +62,8 @@ int open_socket(const filter &f);
 bool set_filter(int fd, const filter &f);
 // Takes what has arrived, up to BATCH frames. Returns how many; 0: nothing more is there.
 size_t receive(int fd, batch *b);
+// What the kernel said of one frame of a batch: its bytes, where it came from, its tag, its stamp.
+received describe(batch *b, size_t i);
 // Sends a whole frame, tag included. Returns 0 or an errno value.
 int send_frame(int fd, int if_index, const uint8_t *frame, size_t length);
 // Frames that the kernel dropped since the last call because the socket was full.

@@ -30,6 +30,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "answer.hpp"
 #include "engine.hpp"
 #include "packet_socket.hpp"
 #include "tri.h"
@@ -197,16 +198,10 @@ int send_frame(void *, session &s, const uint8_t *frame, size_t length)
 
 void take_frame(library &l, const domain &d, const packet::received &r, const clocks &now)
 {
-    ecpri::measurement m{};
-    if (!ecpri::get_measurement(r.bytes, r.available, r.length, &m) || m.action != ecpri::ACTION_RESPONSE) {
-        return;
+    answer a{};
+    if (read_answer(r, d.id, &a)) {
+        engine_answer(l.e, a, now);
     }
-    const uint16_t vlan = r.tagged ? r.tci & 0x0FFF : 0;
-    const answer a{.key = {d.id, r.if_index, m.destination, m.source, vlan},
-                   .measurement_id = m.measurement_id,
-                   .time_valid = ecpri::time_is_valid(m),
-                   .received = r.stamp};
-    engine_answer(l.e, a, now);
 }
 
 void drain(library &l, const domain &d)

@@ -56,6 +56,8 @@ iml_link_proc *link_proc_alloc();
 // Frees a procedure that was never opened.
 void link_proc_free(iml_link_proc *proc);
 void link_proc_open(iml_link_proc *proc);
+// Of the open ones, and `next` leads to the older.
+const iml_link_proc *link_proc_newest();
 // The newest of the open procedures that sent a request with this procedure_ref in that step; 0 finds none.
 iml_link_proc *link_proc_find(proc_step_kind kind, uint32_t procedure_ref);
 // The request of a step went out under this procedure_ref: the step is ongoing.

@@ -233,6 +233,8 @@ void link_proc_open(iml_link_proc *proc)
     ++proc_count;
 }
 
+const iml_link_proc *link_proc_newest() { return newest_proc; }
+
 iml_link_proc *link_proc_find(proc_step_kind kind, uint32_t procedure_ref)
 {
     iml_link_proc *found = nullptr;
