@@ -184,19 +184,24 @@ node_config parse_config(const json &document)
     return config;
 }
 
+node_config read_config(std::istream &text, const std::string &name)
+{
+    try {
+        return parse_config(json::parse(text));
+    } catch (const json::exception &problem) {
+        throw config_error(name + ": " + problem.what());
+    } catch (const config_error &problem) {
+        throw config_error(name + ": " + problem.what());
+    }
+}
+
 node_config read_config_file(const std::string &path)
 {
     std::ifstream file(path);
     if (!file) {
         throw config_error(path + ": cannot be opened");
     }
-    try {
-        return parse_config(json::parse(file));
-    } catch (const json::exception &problem) {
-        throw config_error(path + ": " + problem.what());
-    } catch (const config_error &problem) {
-        throw config_error(path + ": " + problem.what());
-    }
+    return read_config(file, path);
 }
 
 } // namespace kap_node

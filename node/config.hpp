@@ -23,6 +23,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
+#include <istream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -60,6 +61,8 @@ struct node_config {
 };
 
 node_config parse_config(const nlohmann::json &document);
+// Whatever is wrong with the text, and nothing else, is a config_error that begins with `name`.
+node_config read_config(std::istream &text, const std::string &name);
 node_config read_config_file(const std::string &path);
 
 } // namespace kap_node

@@ -94,11 +94,7 @@ json control_command(const std::string &service, const std::vector<std::string> 
     if (name.empty()) {
         throw std::runtime_error("no service \"" + service + "\"; there are iepcsi, pmi, emi, fmi, aasi and far-end");
     }
-    const json reply = control_call(name, {{"command", words}}, timeout_ms);
-    if (!reply.value("ok", false)) {
-        throw std::runtime_error(reply.value("error", "no reason given"));
-    }
-    return reply.value("result", json());
+    return control_result(control_call(name, {{"command", words}}, timeout_ms));
 }
 
 } // namespace kap_node

@@ -87,4 +87,16 @@ inline bytes control_answer(program &runs, std::span<const uint8_t> message)
     return control_message(CONTROL_REPLY, control_tag(message), reply);
 }
 
+// The result in a reply, or a command_error with the reason it gives. Whatever the reply is: nothing of it is taken for
+// something that it is not.
+inline json control_result(const json &reply)
+{
+    const bool good = reply.is_object() && reply.contains("ok") && reply["ok"] == true;
+    if (good) {
+        return reply.value("result", json());
+    }
+    const bool reason = reply.is_object() && reply.contains("error") && reply["error"].is_string();
+    throw command_error(reason ? reply["error"].get<std::string>() : "no reason given");
+}
+
 } // namespace kap_node

@@ -126,6 +126,18 @@ TEST(Configuration, FillsInWhatIsNotGiven)
     EXPECT_EQ(config.max_endpoints, 65536u);
 }
 
+// A reply of the wrong shape is a refusal like any other, for whoever waits for one.
+TEST(ControlReply, IsTakenForGoodOnlyWhenItSaysSo)
+{
+    EXPECT_EQ(control_result(json::parse(R"({"ok": true, "result": [1]})")), json::parse("[1]"));
+    EXPECT_EQ(control_result(json::parse(R"({"ok": true})")), json());
+    for (const char *bad : {"{}", "[]", "7", "null", R"({"ok": false})", R"({"ok": 1})", R"({"ok": "true"})",
+                            R"({"ok": 1, "error": 7})", R"({"error": "no"})"}) {
+        EXPECT_THROW(control_result(json::parse(bad)), command_error) << bad;
+    }
+    EXPECT_THROW(control_result(json(json::value_t::discarded)), command_error);
+}
+
 TEST(Configuration, ReadsWhatTheDemonstrationUses)
 {
     const node_config config = read_config_file(KAP_DEMO_CONFIG);

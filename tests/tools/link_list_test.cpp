@@ -203,4 +203,14 @@ TEST(LinkList, ACountOfAppLinksBeyondTheRecordIsCutAndANameWithoutEndIsBounded)
     EXPECT_EQ(links[0].port, "ABCDEFGHIJKLMNOP");
 }
 
+// The name comes from the port control server through the daemon: who prints it must not end over it.
+TEST(LinkList, APortNameThatIsNoTextIsPrintedAllTheSame)
+{
+    Bytes odd = one_link();
+    put(&odd, 8 + 21, "A\xFF\xFE", 4);
+    const auto links = read(odd);
+    EXPECT_NE(link_list::to_json(links).find("\"port\": \"A\xEF\xBF\xBD\xEF\xBF\xBD\""), std::string::npos);
+    EXPECT_NE(link_list::to_table(links), "");
+}
+
 } // namespace

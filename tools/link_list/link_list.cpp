@@ -241,7 +241,9 @@ std::string to_json(const std::vector<link> &links)
     for (const link &l : links) {
         list.push_back(json_of(l));
     }
-    return nlohmann::ordered_json{{"links", list}}.dump(2) + "\n";
+    // A port's name is whatever the daemon was told: bytes that are no text must not end the program.
+    constexpr auto replace = nlohmann::ordered_json::error_handler_t::replace;
+    return nlohmann::ordered_json{{"links", list}}.dump(2, ' ', false, replace) + "\n";
 }
 
 } // namespace link_list
