@@ -4,12 +4,14 @@
 // platform's own bookkeeping (double frees, messages nobody freed) must hold.
 #include <cstdlib>
 
+#include "input.hpp"
 #include "support/daemon.hpp"
 
 namespace
 {
 
 using namespace daemon_test;
+using fuzz::Input;
 
 struct numbers {
     uint32_t first;
@@ -34,21 +36,6 @@ constexpr numbers EVERY[] = {protocol::iemli, protocol::iepcsi, protocol::pmi,  
                              protocol::fmi,   protocol::aasi,   protocol::shell, protocol::ns};
 constexpr uint32_t SENDERS[] = {CLIENT, OTHER_CLIENT, STRANGER, IEPCSI, PMI, EMI, FMI, AASI, ITC_NO_MBOX};
 
-struct Input {
-    const uint8_t *at;
-    const uint8_t *end;
-
-    [[nodiscard]] bool more() const { return at < end; }
-    uint8_t byte() { return at < end ? *at++ : 0; }
-    Bytes bytes(size_t n)
-    {
-        const size_t there = static_cast<size_t>(end - at);
-        const uint8_t *from = at;
-        at += n < there ? n : there;
-        return {from, at};
-    }
-};
-
 uint32_t number_of(const numbers &protocol, uint8_t index)
 {
     if (protocol.last == 0) {
@@ -72,7 +59,7 @@ public:
         create_link(first, {});
         create_link(first, {.port = "IDL_B1", .vlan = 101, .app_links = {APP_1, APP_2}});
         start_aasi();
-        Input input = {data, data + size};
+        Input input(data, size);
         set_modes(input.byte());
         while (input.more()) {
             message(&input);

@@ -1,0 +1,35 @@
+// The node's configuration. Whatever the text is: it is read, or it is refused with a config_error, and what was read
+// fits the fields that it goes into.
+#include <sstream>
+
+#include "config.hpp"
+#include "input.hpp"
+
+namespace
+{
+
+void check(const kap_node::node_config &config)
+{
+    using fuzz::require;
+    for (const kap_node::port_config &port : config.ports) {
+        require(!port.name.empty() && port.name.size() <= 15, "a port's name fits");
+        require(port.fmi_name.size() <= 63 && port.interface.size() <= 15, "its other names fit");
+        require(port.name_space.find('/') == std::string::npos, "a namespace is no path");
+    }
+    for (const kap_node::far_end_config &place : config.far_end) {
+        require(!place.interfaces.empty(), "a far end has an interface");
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    std::istringstream text(std::string(reinterpret_cast<const char *>(data), size));
+    try {
+        check(kap_node::read_config(text, "fuzz"));
+    } catch (const kap_node::config_error &) {
+        return 0; // refused
+    }
+    return 0;
+}
