@@ -11,15 +11,14 @@ namespace
 
 constexpr size_t MOST_LISTED = 16;
 constexpr unsigned MANY_APP_LINKS = 20;
-constexpr double TOLERANCE_US = 150;
 constexpr uint16_t RTT_FRAME_SIZE = 128;
 
-void hold_near(const char *what, double listed_us, int64_t wire_ns)
+void hold_near(const tour &t, const char *what, double listed_us, int64_t wire_ns)
 {
     const double wire_us = static_cast<double>(wire_ns) / 1000;
-    hold(std::abs(listed_us - wire_us) <= TOLERANCE_US, std::string(what) + " is listed with " +
-                                                            std::to_string(listed_us) + " us, on the wire it was " +
-                                                            std::to_string(wire_us) + " us");
+    hold(std::abs(listed_us - wire_us) <= static_cast<double>(t.tolerance.single) / 1000,
+         std::string(what) + " is listed with " + std::to_string(listed_us) + " us, on the wire it was " +
+             std::to_string(wire_us) + " us");
 }
 
 // The list between two looks that were the same: nothing has changed in between.
@@ -60,9 +59,9 @@ std::string list_counts(tour &t)
         return shown.results == pings.size() && shown.lost == lost;
     });
     hold(shown.rtt_us.has_value(), "the list has no round trips");
-    hold_near("the shortest round trip", shown.rtt_us->minimum_us, wire.minimum);
-    hold_near("the average round trip", shown.rtt_us->average_us, wire.average);
-    hold_near("the longest round trip", shown.rtt_us->maximum_us, wire.maximum);
+    hold_near(t, "the shortest round trip", shown.rtt_us->minimum_us, wire.minimum);
+    hold_near(t, "the average round trip", shown.rtt_us->average_us, wire.average);
+    hold_near(t, "the longest round trip", shown.rtt_us->maximum_us, wire.maximum);
     char text[128];
     (void)snprintf(text, sizeof text, "%u results, %u lost; %.2f %.2f %.2f us", shown.results, shown.lost,
                    shown.rtt_us->minimum_us, shown.rtt_us->average_us, shown.rtt_us->maximum_us);
