@@ -1,8 +1,11 @@
 // The rival. See rival.hpp.
 #include "rival.hpp"
 
+#include <algorithm>
+#include <array>
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -88,17 +91,34 @@ child_process start_one(const std::string &space, const std::string &directory)
                          directory + "/" + space + ".out");
 }
 
+// The numbers at the beginning of a text, whatever stands between them.
+template <size_t COUNT> std::array<long, COUNT> numbers_of(const std::string &text)
+{
+    std::array<long, COUNT> numbers{};
+    const char *at = text.c_str();
+    for (long &number : numbers) {
+        at += strcspn(at, "0123456789");
+        if (*at == '\0') {
+            throw std::runtime_error("the rival's log has a line that makes no sense: " + text);
+        }
+        char *end = nullptr;
+        number = strtol(at, &end, 10);
+        at = end;
+    }
+    return numbers;
+}
+
 // "2026/11/21 20:24:21.054001", local time.
 int64_t stamp_of(const std::string &line)
 {
+    const auto [year, month, day, hour, minute, second, microseconds] = numbers_of<7>(line);
     tm when{};
-    long microseconds = 0;
-    if (sscanf(line.c_str(), "%d/%d/%d %d:%d:%d.%ld", &when.tm_year, &when.tm_mon, &when.tm_mday, &when.tm_hour,
-               &when.tm_min, &when.tm_sec, &microseconds) != 7) { // NOLINT(cert-err34-c): a wrong one has fewer fields
-        throw std::runtime_error("the rival's log has a line without a time: " + line);
-    }
-    when.tm_year -= 1900;
-    when.tm_mon -= 1;
+    when.tm_year = static_cast<int>(year - 1900);
+    when.tm_mon = static_cast<int>(month - 1);
+    when.tm_mday = static_cast<int>(day);
+    when.tm_hour = static_cast<int>(hour);
+    when.tm_min = static_cast<int>(minute);
+    when.tm_sec = static_cast<int>(second);
     when.tm_isdst = -1;
     return static_cast<int64_t>(mktime(&when)) * 1'000'000'000 + microseconds * 1000;
 }
@@ -106,13 +126,8 @@ int64_t stamp_of(const std::string &line)
 // The number of a session by its far end's address.
 uint32_t session_of(const std::string &line)
 {
-    unsigned parts[4] = {};
-    const size_t at = line.find("peer:");
-    if (at == std::string::npos || sscanf(line.c_str() + at, "peer:%u.%u.%u.%u", &parts[0], &parts[1], &parts[2],
-                                          &parts[3]) != 4) { // NOLINT(cert-err34-c)
-        throw std::runtime_error("the rival's log has a change of no session: " + line);
-    }
-    return (parts[0] << 24 | parts[1] << 16 | parts[2] << 8 | parts[3]) - rival_far_address(0);
+    const auto [a, b, c, d] = numbers_of<4>(line.substr(std::min(line.find("peer:"), line.size())));
+    return static_cast<uint32_t>(a << 24 | b << 16 | c << 8 | d) - rival_far_address(0);
 }
 
 } // namespace
@@ -134,11 +149,12 @@ rival rival_start(const std::string &directory, uint32_t sessions, int interval_
     }
     wire_lay_through_middle(RIVAL_NEAR, RIVAL_FAR, RIVAL_INTERFACE, NEAR_MAC, FAR_MAC);
     for (const std::string space : {RIVAL_NEAR, RIVAL_FAR}) {
-        const std::string own = directory + "/" + space;
+        const std::string own = fs::path(directory) / space;
         const bool is_near = space == RIVAL_NEAR;
         fs::create_directories(own);
         give_addresses(space, own, is_near, sessions);
-        write_configuration(own + "/" + space + ".conf", own + "/log", is_near, sessions, interval_ms, multiplier);
+        write_configuration(fs::path(own) / (space + ".conf"), own + "/log", is_near, sessions, interval_ms,
+                            multiplier);
         command_must({"chown", "-R", "frr:frr", own});
         r.processes.push_back(start_one(space, own));
     }

@@ -172,7 +172,7 @@ figures figures_of_ours(const scene &s, const Watch &watch, int64_t since, int64
             f.false_downs++; // reported before six requests were lost
             continue;
         }
-        const int64_t due = seen.unanswered[LOSSES - 1] + INTERVAL_MS * SECOND / 1000;
+        const int64_t due = seen.unanswered[LOSSES - 1] + SECOND * INTERVAL_MS / 1000;
         f.reported++;
         f.worst_after_cut = std::max(f.worst_after_cut, down.at - cut);
         f.worst_lateness = std::max(f.worst_lateness, down.at - due);
@@ -193,7 +193,7 @@ figures figures_of_rival(scene &s, const Watch &watch, int64_t since, int64_t cu
             continue;
         }
         const conversation seen = watch.of_address(rival_far_address(event.session));
-        const int64_t due = seen.last_answer + LOSSES * INTERVAL_MS * SECOND / 1000;
+        const int64_t due = seen.last_answer + SECOND * LOSSES * INTERVAL_MS / 1000;
         f.reported++;
         f.worst_after_cut = std::max(f.worst_after_cut, event.at - cut);
         f.worst_lateness = std::max(f.worst_lateness, event.at - due);
@@ -342,7 +342,7 @@ int main(int argc, char **argv)
     }
     std::string error;
     if (!sandbox_enter(error)) {
-        fprintf(stderr, "starved: %s\n", error.c_str());
+        (void)fprintf(stderr, "starved: %s\n", error.c_str());
         return 1;
     }
     try {
@@ -350,7 +350,7 @@ int main(int argc, char **argv)
         puts(held ? "held" : "NOT HELD: a link whose far end answered was reported down, or a cut too late");
         return program_end(PROGRAM, held ? 0 : 1);
     } catch (const std::exception &failure) {
-        fprintf(stderr, "starved: %s\n", failure.what());
+        (void)fprintf(stderr, "starved: %s\n", failure.what());
         return 1;
     }
 }
