@@ -55,12 +55,17 @@ struct LiveMonitor {
     itc_msg *msg;
 };
 
+using Signal = std::pair<uint32_t, uint32_t>; // the number of a message and the mailbox at its other end
+
 struct Platform {
     std::vector<fake::Sent> sent;
     std::deque<itc_msg *> inbox;
     std::function<void(const fake::Sent &)> responder;
     std::vector<uint32_t> timeouts;
     std::set<itc_msg *> live;
+    std::set<Signal> came;        // every message that was there for the daemon
+    std::set<Signal> went;        // every message that it sent
+    std::set<Signal> traced_sent; // every message that it said it sends
 
     uint32_t current_mbox = fake::OWN_MBOX;
     int init_result = 0;
@@ -197,6 +202,7 @@ fake::Bytes bytes_of(const itc_msg *msg)
 void deliver(itc_msg *msg, uint32_t sender)
 {
     block_of(msg)->sender = sender;
+    p().came.insert({msg->msgno, sender});
     p().inbox.push_back(msg);
 }
 
@@ -271,7 +277,12 @@ void on_send(std::function<void(const Sent &)> responder) { p().responder = std:
 
 void push(uint32_t from, const Bytes &bytes) { p().inbox.push_back(make(from, bytes)); }
 
-itc_msg *make(uint32_t from, const Bytes &bytes) { return new_message(from, bytes.data(), bytes.size()); }
+itc_msg *make(uint32_t from, const Bytes &bytes)
+{
+    itc_msg *msg = new_message(from, bytes.data(), bytes.size());
+    p().came.insert({msg->msgno, from});
+    return msg;
+}
 
 bool dispatch(bool (*dispatcher)(const itc_msg *), uint32_t from, const Bytes &bytes)
 {
@@ -418,6 +429,10 @@ void PlatformTest::TearDown()
     }
     EXPECT_EQ(live_messages(), waiting) << "messages that nobody freed or sent";
     EXPECT_EQ(live_allocations(), 0u) << "blocks that nobody freed";
+    for (const Signal &signal : p().traced_sent) {
+        EXPECT_EQ(p().went.count(signal), 1u)
+            << std::hex << "traced, but not sent: message 0x" << signal.first << " to 0x" << signal.second;
+    }
     reset();
 }
 
@@ -562,6 +577,7 @@ void itc_send(itc_msg **msg, uint32_t to, uint32_t from)
 {
     fake::Sent record = {to, from, bytes_of(*msg)};
     itc_free(msg);
+    p().went.insert({record.msgno(), to});
     if (to == fake::OWN_MBOX) {
         fake::push(from == ITC_MY_MBOX ? fake::OWN_MBOX : from, record.bytes);
         return;
@@ -691,13 +707,16 @@ const char *formatStr(const char *format, ...)
 
 void lttngTriTrace(uint32_t level, const char * /*file*/, int /*line*/, const char *text) { record(level, text); }
 
-void lttngTriSendSigTrace(const char * /*file*/, int /*line*/, uint32_t /*msgno*/, uint32_t /*peer*/, const char *text)
+void lttngTriSendSigTrace(const char * /*file*/, int /*line*/, uint32_t msgno, uint32_t peer, const char *text)
 {
+    p().traced_sent.insert({msgno, peer});
     record(TRI_LEVEL_SENT, text);
 }
 
-void lttngTriRecSigTrace(const char * /*file*/, int /*line*/, uint32_t /*msgno*/, uint32_t /*peer*/, const char *text)
+void lttngTriRecSigTrace(const char * /*file*/, int /*line*/, uint32_t msgno, uint32_t peer, const char *text)
 {
+    EXPECT_EQ(p().came.count({msgno, peer}), 1u)
+        << std::hex << "traced, but not received: message 0x" << msgno << " from 0x" << peer << ": " << text;
     record(TRI_LEVEL_RECEIVED, text);
 }
 

@@ -194,6 +194,24 @@ protected:
         expect_nothing_left();
     }
 
+    // With tracing off the shortage changes nothing else.
+    void expect_the_same_untraced(size_t row, const std::function<void()> &operation)
+    {
+        run_short_of_memory(row, false, operation);
+        const std::string traced = happened();
+        start_over();
+        before();
+        happened();
+        fake::set_trace_mask(0);
+        fake::fail_allocation(static_cast<unsigned>(row));
+        operation();
+        fake::fail_allocation(0);
+        EXPECT_TRUE(fake::traces().empty());
+        EXPECT_EQ(happened(), traced);
+        fake::set_trace_mask(0xFFFFFFFF);
+        recover();
+    }
+
     // Of the allocations of the operation exactly these may fail, one at a time, without anybody seeing it.
     void expect_unseen(const std::function<void()> &operation, const std::vector<unsigned> &rows)
     {
@@ -232,6 +250,7 @@ protected:
             EXPECT_EQ(errors(), alone.errors);
             EXPECT_EQ(happened(), alone.happened);
             expect_whole_again();
+            expect_the_same_untraced(row, operation);
         }
         for (size_t row = 1; row <= rows.size(); ++row) {
             Lasting from_then_on = {row, rows[row - 1].errors, rows[row - 1].happened};
