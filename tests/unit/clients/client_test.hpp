@@ -151,6 +151,15 @@ struct Received {
     uint32_t in_state;
 };
 
+inline void expect_long_enough(const Client &client, const Received &message, const Bytes &bytes)
+{
+    client.enter(message.in_state);
+    EXPECT_TRUE(client.receive(bytes));
+    EXPECT_FALSE(std::any_of(fake::traces().begin(), fake::traces().end(), [](const fake::Trace &t) {
+        return t.text.find("too short") != std::string::npos;
+    })) << message.name;
+}
+
 // Every length that is too short, from the message number alone on, leaves no more than one trace.
 inline void shorten(const Client &client, const std::vector<Received> &messages)
 {
@@ -165,11 +174,12 @@ inline void shorten(const Client &client, const std::vector<Received> &messages)
             EXPECT_EQ(fake::traces(), (std::vector<fake::Trace>{{1, std::string(message.name) + " too short: " +
                                                                         std::to_string(size) + " bytes"}}));
         }
-        client.enter(message.in_state);
-        EXPECT_TRUE(client.receive(message.bytes));
-        EXPECT_FALSE(std::any_of(fake::traces().begin(), fake::traces().end(), [](const fake::Trace &t) {
-            return t.text.find("too short") != std::string::npos;
-        })) << message.name;
+        expect_long_enough(client, message, message.bytes);
+        if (message.bytes.size() == 16 && message.bytes.back() != 0) { // nothing follows: its last word counts nothing
+            Bytes bytes = message.bytes;
+            std::fill(bytes.end() - 4, bytes.end(), 0xFF);
+            expect_long_enough(client, message, bytes);
+        }
     }
     client.forget_all();
     fake::reset();
