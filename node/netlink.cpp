@@ -266,6 +266,16 @@ bool interface_watch::take(std::span<const uint8_t> datagram)
     return complete_ && !dumping_ && dirty_;
 }
 
+// What waits is older than the loss: an interface that it names may be one whose end was among the lost news, and would
+// count as seen by the new dump. So it is thrown away first; the dump says all of it.
+void interface_watch::start_anew_after_loss()
+{
+    std::array<uint8_t, 1> discarded;
+    while (recv(fd_, discarded.data(), discarded.size(), 0) >= 0 || errno == ENOBUFS || errno == EINTR) {
+    }
+    ask_for_all();
+}
+
 bool interface_watch::read_news()
 {
     static std::array<uint8_t, DATAGRAM_MOST> buffer;
@@ -273,7 +283,7 @@ bool interface_watch::read_news()
     for (int turn = 0; turn < DATAGRAMS_PER_TURN; ++turn) {
         const ssize_t got = recv(fd_, buffer.data(), buffer.size(), 0);
         if (got < 0 && errno == ENOBUFS) {
-            ask_for_all();
+            start_anew_after_loss();
         } else if (got < 0 && errno == EINTR) {
             continue;
         } else if (got <= 0) {

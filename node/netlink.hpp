@@ -71,6 +71,7 @@ public:
 
 private:
     void ask_for_all();
+    void start_anew_after_loss();
     bool take(std::span<const uint8_t> datagram);
 
     std::string name_space_;

@@ -3,6 +3,7 @@
 #include "netlink.hpp"
 
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 
@@ -174,6 +175,17 @@ TEST_F(InterfaceWatch, SeesABurstOfInterfacesWhole)
     EXPECT_TRUE(eventually([&] { return look(watch, "tail").has_value(); }));
     // And lo. A list that the kernel gave in parts may still have what was deleted meanwhile; that is told behind it.
     EXPECT_TRUE(eventually([&] { return look(watch, "last") && watch.interfaces().size() == 3; }));
+}
+
+TEST_F(InterfaceWatch, ForgetsInterfacesWhoseEndWasAmongNewsThatWereLost)
+{
+    interface_watch watch("near");
+    ASSERT_TRUE(watch.wait_complete(2000));
+    const int room_for_few = 16384;
+    ASSERT_EQ(setsockopt(watch.fd(), SOL_SOCKET, SO_RCVBUF, &room_for_few, sizeof room_for_few), 0);
+    run("{ for i in $(seq 40); do echo link add d$i type veth peer name e$i; done; "
+        "for i in $(seq 40); do echo link del d$i; done; } | ip -n near -batch -");
+    EXPECT_TRUE(eventually([&] { return look(watch, "lo") && watch.interfaces().size() == 1; }));
 }
 
 } // namespace
