@@ -173,7 +173,7 @@ TEST_F(InterfaceWatch, SeesABurstOfInterfacesWhole)
         "| ip -n near -batch - && ip -n near link add last type veth peer name tail");
     EXPECT_TRUE(eventually([&] { return look(watch, "last").has_value(); }));
     EXPECT_TRUE(eventually([&] { return look(watch, "tail").has_value(); }));
-    // And lo. A list that the kernel gave in parts may still have what was deleted meanwhile; that is told behind it.
+    // These two and lo; nothing of the burst stays.
     EXPECT_TRUE(eventually([&] { return look(watch, "last") && watch.interfaces().size() == 3; }));
 }
 
