@@ -1,5 +1,6 @@
 // A client of the daemon that is never idle: it creates, updates and deletes links and switches RTT on and off, as
-// chance has it, through every loss of the service. A process of its own, which a test may kill and stop.
+// chance has it, through every loss of the service. Its first link it leaves alone, so that one lives long enough to be
+// reported down. A process of its own, which a test may kill and stop.
 //
 //   e2e-busy NAME FIRST_VLAN SEED
 //
@@ -197,11 +198,11 @@ void switch_rtt(busy &b, owned_link &link)
 void do_something(busy &b)
 {
     const int deed = pick(b, 9);
-    if (b.links.empty() || (deed < 3 && b.links.size() < MOST_LINKS)) {
+    if (b.links.size() < 2 || (deed < 3 && b.links.size() < MOST_LINKS)) {
         create(b);
         return;
     }
-    const auto index = static_cast<size_t>(pick(b, static_cast<int>(b.links.size()) - 1));
+    const auto index = 1 + static_cast<size_t>(pick(b, static_cast<int>(b.links.size()) - 2));
     if (deed < 5) {
         remove(b, index);
     } else if (deed < 8) {
