@@ -303,6 +303,7 @@ private:
 
     void check()
     {
+        notice_orphans_end();
         check_sessions();
         if (knows_every_request) {
             check_requests();
@@ -314,6 +315,26 @@ private:
             check_told();
         }
         check_leaks();
+    }
+
+    // A procedure whose session was lost with a service completes like any other: it clears the flag of whoever has
+    // that session's reference now, and has the next queued request taken while another one may be under way. From then
+    // on nothing is promised to the sessions that are there.
+    void notice_orphans_end()
+    {
+        std::set<uint64_t> still_there;
+        for (const iml_link_proc *proc = link_proc_newest(); proc != nullptr; proc = proc->next) {
+            if (proc->request != nullptr) {
+                still_there.insert(proc->age);
+            }
+        }
+        if (std::includes(still_there.begin(), still_there.end(), orphan_ages_.begin(), orphan_ages_.end())) {
+            return;
+        }
+        ++seen_["procedure ends whose session was lost"];
+        for (auto &[session, one] : seats_) {
+            one.disturbed = true;
+        }
     }
 
     // At most two sessions, by ascending reference, and none without an owner's death being watched.
@@ -610,9 +631,12 @@ private:
             last_[link->link_ref] = {is_stoppable(link), ids_of(link)};
         }
         orphans_.clear();
+        orphan_ages_.clear();
         for (const iml_link_proc *proc = link_proc_newest(); proc != nullptr; proc = proc->next) {
             if (proc->request != nullptr && !is_asked(proc->request)) {
                 orphans_.insert(proc->request->server_conn_ref);
+                orphan_ages_.insert(proc->age);
+                excuse(proc->link_data->vlanId); // its link may have changed meanwhile, or go before it
                 ++seen_["steps with a procedure whose session was lost"];
             }
         }
@@ -639,6 +663,7 @@ private:
     std::set<ask_key> queued_;         // before this step
     std::map<uint32_t, seat> seats_;   // by server_conn_ref
     std::set<uint32_t> orphans_;       // server_conn_ref of lost sessions whose procedures are still open
+    std::set<uint64_t> orphan_ages_;   // of those procedures
     std::set<uint32_t> ownerless_;     // links
     std::map<std::pair<uint32_t, uint32_t>, std::pair<uint32_t, uint32_t>> told_; // client, link: status, reason
 
