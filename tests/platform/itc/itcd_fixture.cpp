@@ -204,10 +204,10 @@ uint32_t await(const char *name)
 itc_msg *receive(uint32_t msgno)
 {
     const uint32_t filter[] = {1, msgno};
-    return itc_receive(filter, limit_ms, ITC_FROM_ANY);
+    return itc_receive(filter, static_cast<uint32_t>(limit_ms), ITC_FROM_ANY);
 }
 
-itc_msg *receive_any() { return itc_receive(nullptr, limit_ms, ITC_FROM_ANY); }
+itc_msg *receive_any() { return itc_receive(nullptr, static_cast<uint32_t>(limit_ms), ITC_FROM_ANY); }
 
 bool eventually(const std::function<bool()> &condition)
 {
