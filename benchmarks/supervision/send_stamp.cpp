@@ -23,6 +23,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "program_call.hpp"
+
 namespace
 {
 
@@ -153,11 +155,22 @@ void measure(bool transmit_stamps, int count)
     close(receiver);
 }
 
+constexpr program_call PROGRAM = {
+    "send_stamp", "usage: send_stamp [FRAMES] | --help | --version\n"
+                  "From a sender's time stamp to the wire, FRAMES (500) times with and without transmit stamps.\n"};
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    const int count = argc > 1 ? static_cast<int>(strtol(argv[1], nullptr, 10)) : 500;
+    if (auto answered = program_answer(PROGRAM, argc, argv)) {
+        return *answered;
+    }
+    const long frames = argc > 1 ? strtol(argv[1], nullptr, 10) : 500;
+    if (frames < 1 || frames > 100000 || argc > 2) {
+        return program_refuse(PROGRAM, "FRAMES is a whole number from 1 to 100000");
+    }
+    const int count = static_cast<int>(frames);
     must(unshare(CLONE_NEWNET) == 0, "a network namespace (needs root)");
     // NOLINTNEXTLINE(cert-env33-c): its own words
     must(system("ip link add near0 type veth peer name far0 && ip link set near0 addrgenmode none up && "
@@ -165,4 +178,5 @@ int main(int argc, char **argv)
          "ip");
     measure(false, count);
     measure(true, count);
+    return program_end(PROGRAM, 0);
 }
