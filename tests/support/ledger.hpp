@@ -630,13 +630,21 @@ private:
         for (const iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
             last_[link->link_ref] = {is_stoppable(link), ids_of(link)};
         }
+        if (std::any_of(seats_.begin(), seats_.end(), [](const auto &one) { return one.second.disturbed; })) {
+            excuse_everything_under_way(); // there may be two for one link
+        }
         orphans_.clear();
         orphan_ages_.clear();
         for (const iml_link_proc *proc = link_proc_newest(); proc != nullptr; proc = proc->next) {
             if (proc->request != nullptr && !is_asked(proc->request)) {
                 orphans_.insert(proc->request->server_conn_ref);
                 orphan_ages_.insert(proc->age);
-                excuse(proc->link_data->vlanId); // its link may have changed meanwhile, or go before it
+                // Its link may have changed meanwhile, or another one have taken the link's reference, and its owner's.
+                excuse(proc->link_data->vlanId);
+                const iml_link *link = iml_link_look_up(proc->request->link_ref);
+                if (link != nullptr) {
+                    excuse(link->link_data->vlanId);
+                }
                 ++seen_["steps with a procedure whose session was lost"];
             }
         }
