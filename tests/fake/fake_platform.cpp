@@ -37,6 +37,14 @@ struct Block {
 };
 constexpr size_t HEAD = offsetof(Block, bytes);
 
+// A sanitizer sees the first byte that is read behind a message. Without one there is something there that changes what
+// comes of it.
+#ifdef KAP_SANITIZED
+constexpr size_t TAIL = 0;
+#else
+constexpr size_t TAIL = 64;
+#endif
+
 Block *block_of(const itc_msg *msg)
 {
     return reinterpret_cast<Block *>(reinterpret_cast<uintptr_t>(msg) - HEAD); // NOLINT
@@ -173,7 +181,8 @@ void record(uint32_t level, const char *text)
 
 itc_msg *new_message(uint32_t sender, const uint8_t *bytes, size_t size)
 {
-    auto *block = static_cast<Block *>(__real_calloc(1, HEAD + size));
+    auto *block = static_cast<Block *>(__real_calloc(1, HEAD + size + TAIL));
+    memset(reinterpret_cast<uint8_t *>(block) + HEAD + size, 0xA5, TAIL);
     block->sender = sender;
     block->size = size;
     if (bytes != nullptr) {
