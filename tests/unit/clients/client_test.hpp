@@ -139,6 +139,12 @@ inline void walk(const Client &client, const std::vector<Transition> &table)
             EXPECT_EQ(raised(), row.raised[state]);
             const std::string text = with_state(row.text, client.state_to_string(state));
             EXPECT_EQ(fake::count_traced(row.level, text), row.noticed_in.count(state)) << text;
+            client.enter(state); // and the same untraced
+            fake::set_trace_mask(0);
+            EXPECT_TRUE(client.receive(row.bytes));
+            EXPECT_EQ(client.state(), row.next[state]);
+            EXPECT_EQ(raised(), row.raised[state]);
+            EXPECT_TRUE(fake::traces().empty());
         }
     }
     client.forget_all();
