@@ -35,6 +35,8 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
     }
     return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
 }
+// Its name for programs whose times have 64 bits where a long has 32.
+extern "C" int __ioctl_time64(int fd, unsigned long request, ...) noexcept __attribute__((alias("ioctl")));
 
 namespace
 {
