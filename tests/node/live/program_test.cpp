@@ -5,6 +5,7 @@
 #include "netlink.hpp"
 #include "ns.h"
 #include "own_namespace.hpp"
+#include "slowness.hpp"
 
 #include <sched.h>
 
@@ -58,7 +59,7 @@ TEST_F(NodeProgram, ServesRequestsAndAnswersLateWhenTold)
     EXPECT_EQ(receive(), message_of(0x1B1004, "00 00 00 02  00 00 00 01  00 00 00 01"));
     send(pmi, ENABLE);
     EXPECT_EQ(receive(), ENABLED);
-    command("pmi", {"fault", "delay", "PMI_ENABLE_PORT_VLAN_REQ", "1", "50"});
+    command("pmi", {"fault", "delay", "PMI_ENABLE_PORT_VLAN_REQ", "1", std::to_string(50 * slowness())});
     send(pmi, ENABLE);
     EXPECT_EQ(command("pmi", {"show"})["waiting_answers"], 1);
     EXPECT_EQ(receive(), ENABLED);
