@@ -218,7 +218,7 @@ private:
         }
         if ((how & 64) == 0) {
             const int64_t at = (how & 128) == 0 ? real : static_cast<int64_t>(input_.word()) << 32 | input_.word();
-            const timespec stamp = {at / SECOND, at % SECOND};
+            const timespec stamp = {at / SECOND, static_cast<decltype(timespec::tv_nsec)>(at % SECOND)};
             *c = {CMSG_LEN(sizeof stamp), SOL_SOCKET, SCM_TIMESTAMPNS};
             memcpy(CMSG_DATA(c), &stamp, sizeof stamp);
             used += CMSG_SPACE(sizeof stamp);
