@@ -98,7 +98,7 @@ void close_channel(peer *p)
     p->fd = -1;
     p->armed = p->write_broken = false;
     p->buffer = nullptr;
-    p->fill = 0;
+    p->fill = p->skip = 0;
     p->large = nullptr;
 }
 
@@ -198,12 +198,30 @@ bool outbox_has_room(const peer *p, const block *b)
 // ---- Reading
 // ---------------------------------------------------------------------------------------------------------
 
+uint32_t sender_of(const peer *p, const itc_wire::channel_frame &frame)
+{
+    return frame.from_box < itc_wire::box_limit ? itc_wire::mbox_of(p->process, frame.from_box) : ITC_NO_MBOX;
+}
+
+uint32_t receiver_of(const itc_wire::channel_frame &frame)
+{
+    return frame.to_box < itc_wire::box_limit ? itc_wire::mbox_of(g().process, frame.to_box) : ITC_NO_MBOX;
+}
+
+// Whether a message is taken; what is refused is counted and told of here. May be asked again for one that is taken.
+bool admit(const arrival &a)
+{
+    if (!mbox_is_own(a.to)) {
+        note_drop(&g().statistics.dropped_no_mailbox, "there is no such mailbox");
+        return false;
+    }
+    return true;
+}
+
 void arrive(const peer *p, block *b)
 {
-    const uint32_t from = b->frame.from_box;
-    b->sender = from < itc_wire::box_limit ? itc_wire::mbox_of(p->process, from) : ITC_NO_MBOX;
-    const uint32_t to = b->frame.to_box;
-    mbox_deliver(b, to < itc_wire::box_limit ? itc_wire::mbox_of(g().process, to) : ITC_NO_MBOX);
+    b->sender = sender_of(p, b->frame);
+    mbox_deliver(b, receiver_of(b->frame));
 }
 
 // The first part of a message that the buffer cannot hold. Its memory grows with what arrives, so that a length alone
@@ -231,31 +249,72 @@ void large_advance(peer *p, size_t count)
     }
 }
 
+// The front of what is in the buffer, once a frame and its message's number are there.
+struct front {
+    itc_wire::channel_frame frame;
+    const uint8_t *bytes; // of the message
+    size_t there;         // of them
+};
+
+bool frame_is_sane(const itc_wire::channel_frame &frame)
+{
+    return frame.length >= sizeof(itc_msg) && frame.length <= itc_wire::message_limit;
+}
+
+arrival arrival_of(const peer *p, const front &f)
+{
+    arrival a{sender_of(p, f.frame), receiver_of(f.frame), 0, f.frame.length};
+    memcpy(&a.msgno, f.bytes, sizeof a.msgno);
+    return a;
+}
+
+// Takes what is there of the first message. Returns how many bytes are done with, 0 if more has to come first.
+size_t take_front(peer *p, const front &f)
+{
+    if (!admit(arrival_of(p, f))) {
+        p->skip = f.frame.length;
+        return sizeof f.frame;
+    }
+    if (f.frame.length > reader_size - sizeof f.frame) {
+        large_begin(p, f.frame, f.bytes, f.there);
+        return sizeof f.frame + f.there;
+    }
+    if (f.frame.length > f.there) {
+        return 0;
+    }
+    block *b = block_new(f.frame.length, false);
+    b->frame = f.frame;
+    memcpy(b->bytes(), f.bytes, f.frame.length);
+    arrive(p, b);
+    return sizeof f.frame + f.frame.length;
+}
+
+// Reads over what is there of a message that was refused.
+size_t skip_front(peer *p, size_t there)
+{
+    const size_t count = p->skip < there ? p->skip : there;
+    p->skip -= count;
+    return count;
+}
+
 // Takes every whole frame out of the buffer. False when the peer breaks the format.
 bool parse(peer *p)
 {
-    size_t at = 0;
+    size_t at = skip_front(p, p->fill);
     while (p->fill - at >= sizeof(itc_wire::channel_frame)) {
-        itc_wire::channel_frame frame;
-        memcpy(&frame, p->buffer + at, sizeof frame);
-        if (frame.length < sizeof(itc_msg) || frame.length > itc_wire::message_limit) {
+        front f{};
+        memcpy(&f.frame, p->buffer + at, sizeof f.frame);
+        if (!frame_is_sane(f.frame)) {
             return false;
         }
-        const uint8_t *bytes = p->buffer + at + sizeof frame;
-        const size_t there = p->fill - at - sizeof frame;
-        if (frame.length > reader_size - sizeof frame) {
-            large_begin(p, frame, bytes, there);
-            at = p->fill;
+        f.bytes = p->buffer + at + sizeof f.frame;
+        f.there = p->fill - at - sizeof f.frame;
+        const size_t done = f.there < sizeof(itc_msg) ? 0 : take_front(p, f);
+        if (done == 0) {
             break;
         }
-        if (frame.length > there) {
-            break;
-        }
-        block *b = block_new(frame.length, false);
-        b->frame = frame;
-        memcpy(b->bytes(), bytes, frame.length);
-        arrive(p, b);
-        at += sizeof frame + frame.length;
+        at += done;
+        at += skip_front(p, p->fill - at);
     }
     p->fill -= at;
     memmove(p->buffer, p->buffer + at, p->fill);

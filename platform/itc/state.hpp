@@ -111,6 +111,15 @@ struct peer {
     block *large = nullptr; // a message that does not fit in the buffer, while it arrives
     size_t large_got = 0;
     size_t large_size = 0;
+    size_t skip = 0; // bytes still to come of a message that was refused
+};
+
+// A message of another process of which the frame and the number are there. No memory was taken for it yet.
+struct arrival {
+    uint32_t sender; // ITC_NO_MBOX for none
+    uint32_t to;     // ITC_NO_MBOX for a box that no process has
+    uint32_t msgno;
+    uint32_t size;
 };
 
 // A request whose caller waits for the answer.
