@@ -18,6 +18,21 @@ namespace
 constexpr const char *NETNS_DIRECTORY = "/var/run/netns";
 constexpr const char *OWN_NETNS = "/proc/self/ns/net";
 
+int kept = -1; // of the last visit that could not be begun
+
+// The handle of a visit that could not be begun stays open; the one that was kept before it is closed, or whoever makes
+// visits fail could use up the daemon's descriptors.
+void keep_handle(int fd)
+{
+    if (fd < 0) {
+        return;
+    }
+    if (kept >= 0) {
+        close(kept);
+    }
+    kept = fd;
+}
+
 } // namespace
 
 int netns_path(const char *name, char *buffer, size_t size)
@@ -62,7 +77,7 @@ bool netns_visit_begin(const char *name, int *previous)
     }
     if (enter_netns(name) != 0) {
         VORN_TRACE(TRACE_ERROR, "Failed to enter %s namespace", name);
-        // Kept as it is: *previous stays open on this path.
+        keep_handle(*previous);
         return false;
     }
     return true;

@@ -12,7 +12,8 @@ int enter_netns(const char *name);
 // Closes fd in both cases. 0 success, 1 failure.
 int return_to_netns(int fd);
 
-// Goes into a namespace and remembers where the thread was. False: not entered, nothing to end.
+// Goes into a namespace and remembers where the thread was. False: not entered, nothing to end; the handle of where the
+// thread was stays open until that happens again.
 bool netns_visit_begin(const char *name, int *previous);
 // Goes back. When that fails it is traced, and the thread may stay in `name` until the next visit.
 void netns_visit_end(const char *name, int previous);

@@ -121,6 +121,7 @@ void set_own_netns_readable(bool readable); // open("/proc/self/ns/net")
 void set_setns_fails(int nth);              // the nth setns from now (1 = next) fails with EPERM; 0: none
 std::string current_netns();                // "" = the process's own
 size_t open_netns_fds();
+bool is_open_netns_fd(int fd);
 
 // ---- Memory: calloc, realloc, malloc and free called by the code under test (linked with --wrap) ----
 

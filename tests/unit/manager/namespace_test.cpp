@@ -98,6 +98,35 @@ TEST_F(Namespace, KeepsTheHandleOfAVisitThatFailed)
     EXPECT_EQ(fake::open_netns_fds(), 1u);
 }
 
+TEST_F(Namespace, KeepsOneHandleHoweverManyVisitsFail)
+{
+    int first = -1;
+    EXPECT_FALSE(netns_visit_begin("none", &first));
+    for (int i = 0; i < 2000; i++) {
+        int previous = -1;
+        EXPECT_FALSE(netns_visit_begin("none", &previous));
+        ASSERT_GE(previous, 0);
+        ASSERT_EQ(fake::open_netns_fds(), 1u);
+        EXPECT_TRUE(fake::is_open_netns_fd(previous)) << "the newest is kept";
+    }
+    fake::set_own_netns_readable(false);
+    int none = 0;
+    EXPECT_FALSE(netns_visit_begin("none", &none));
+    EXPECT_EQ(none, -1);
+    EXPECT_EQ(fake::open_netns_fds(), 1u) << "what was not opened takes no other's place";
+}
+
+TEST_F(Namespace, ClosesWhatItKeptOnlyWhenAnotherVisitFails)
+{
+    int kept = -1;
+    EXPECT_FALSE(netns_visit_begin("none", &kept));
+    int previous = -1;
+    ASSERT_TRUE(netns_visit_begin("far", &previous));
+    netns_visit_end("far", previous);
+    EXPECT_EQ(fake::open_netns_fds(), 1u);
+    EXPECT_TRUE(fake::is_open_netns_fd(kept));
+}
+
 TEST_F(Namespace, VisitsEvenWhenItCannotComeBack)
 {
     fake::set_own_netns_readable(false);
