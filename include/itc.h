@@ -2,11 +2,12 @@
  * ITC: messages between mailboxes, in one process or in two.
  *
  * A message is a block of memory whose first 32-bit word is its message number, in host byte order; the rest is the
- * business of the protocol it belongs to. A mailbox is named by a 32-bit id that is unique on the machine while it
- * lives. Every mailbox of a process belongs to the thread that created it; only that thread receives from it, and the
- * mailboxes of a thread that ends are deleted. A thread with several mailboxes receives from all of them, in the order
- * of arrival. A process does not fork after itc_init, except to execute another program.
- * itc_alloc and itc_send may be called from any thread, also from one that owns no mailbox.
+ * business of the protocol it belongs to. A mailbox is named by a 32-bit id that is unique on the machine, and names no
+ * other for a day after its end; so a process can have 4,096 mailboxes in a day. Every mailbox of a process belongs to
+ * the thread that created it; only that thread receives from it, and the mailboxes of a thread that ends are deleted. A
+ * thread with several mailboxes receives from all of them, in the order of arrival. A process does not fork after
+ * itc_init, except to execute another program. itc_alloc and itc_send may be called from any thread, also from one that
+ * owns no mailbox.
  *
  * Ownership: itc_alloc and itc_receive give a message to the caller. itc_send, itc_locate_async and itc_monitor take
  * it and set the caller's pointer to NULL. Whoever holds a message frees it with itc_free.

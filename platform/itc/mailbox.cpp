@@ -1,7 +1,7 @@
 /*
  * The process and its mailboxes: itc_init and itc_exit, which thread owns which box, delivery into a thread's queue,
- * names, itc_send. A box number is used again only after all the others, so that a late message to a dead mailbox
- * does not reach a new one.
+ * names, itc_send. A box number is used again only after a day, so that a late message to a dead mailbox does not
+ * reach a new one.
  */
 #include "itc_internal.h"
 #include "state.hpp"
@@ -83,6 +83,7 @@ struct anchor {
                 itc_wire::writer request(itc_wire::delete_box, 0);
                 registry_send(request.u32(itc_wire::mbox_of(g().process, box)));
                 release_box(box);
+                g().box_rests_until[box] = clock::now() + box_rest;
             }
         }
         thread_delete(self);
@@ -101,19 +102,19 @@ thread *thread_record()
     return here.self;
 }
 
-// A free box number, or box_limit. Goes round, so that numbers come back as late as possible.
+// A free box number that does not rest, or box_limit.
 uint32_t free_box()
 {
     state &s = g();
-    if (!s.up || s.box_count >= s.box_allowance) {
-        return itc_wire::box_limit;
+    const clock::time_point now = clock::now();
+    for (uint32_t tried = 0; s.up && s.box_count < s.box_allowance && tried < itc_wire::box_limit; tried++) {
+        const uint32_t box = s.next_box;
+        s.next_box = (box + 1) % itc_wire::box_limit;
+        if (s.boxes[box] == nullptr && s.box_rests_until[box] <= now) {
+            return box;
+        }
     }
-    while (s.boxes[s.next_box] != nullptr) {
-        s.next_box = (s.next_box + 1) % itc_wire::box_limit;
-    }
-    const uint32_t box = s.next_box;
-    s.next_box = (box + 1) % itc_wire::box_limit;
-    return box;
+    return itc_wire::box_limit;
 }
 
 uint32_t first_box_of(const thread *t)
@@ -148,6 +149,7 @@ void forget_mailbox(uint32_t mbox)
     state &s = g();
     thread *owner = s.boxes[itc_wire::box_of(mbox)];
     release_box(itc_wire::box_of(mbox));
+    s.box_rests_until[itc_wire::box_of(mbox)] = clock::now() + box_rest;
     drop_queued(owner, mbox);
     if (owner->mbox == mbox) {
         owner->mbox = first_box_of(owner);
@@ -184,6 +186,8 @@ void tear_down()
         thread_delete(s.threads.back());
     }
     std::fill(std::begin(s.boxes), std::end(s.boxes), nullptr);
+    std::fill(std::begin(s.box_rests_until), std::end(s.box_rests_until),
+              clock::time_point{}); // another process number
     s.box_count = 0;
     s.process = 0;
     s.up = false;
@@ -305,6 +309,9 @@ uint32_t itc_create_mailbox(const char *name, uint32_t flags)
         return error == 0 ? mbox : ITC_NO_MBOX;
     }
     forget_mailbox(mbox);
+    if (error != ETIMEDOUT) {
+        g().box_rests_until[box] = {}; // it never was one
+    }
     itc_wire::writer taken_back(itc_wire::delete_box, 0); // should the registry create it after we gave up waiting
     registry_send(taken_back.u32(mbox));
     return ITC_NO_MBOX;

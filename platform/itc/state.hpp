@@ -35,6 +35,7 @@ inline constexpr size_t registry_outbox_limit = 1u << 20; // bytes of requests t
 inline constexpr int mailbox_limit = 1024;
 inline constexpr std::chrono::milliseconds call_limit{2000};
 inline constexpr std::chrono::milliseconds exit_limit{100};
+inline constexpr std::chrono::seconds box_rest{24 * 3600 + 60}; // a little longer than the registry asks for
 // How soon a call tries again what an earlier one could not send. In a burst against a full socket this keeps the cost
 // of trying at a few hundredths; no peer is seen to have read in less.
 inline constexpr std::chrono::microseconds time_between_tries{50};
@@ -161,6 +162,7 @@ struct state {
 
     std::vector<thread *> threads;
     thread *boxes[itc_wire::box_limit] = {};
+    clock::time_point box_rests_until[itc_wire::box_limit] = {}; // of those that were deleted
     int box_allowance = 0;
     int box_count = 0;
     uint32_t next_box = 0;

@@ -4,7 +4,9 @@
 #include "services.hpp"
 
 #include <cerrno>
+#include <ctime>
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -39,7 +41,6 @@ std::unordered_map<uint32_t, mailbox> mailboxes;
 std::unordered_map<std::string, uint32_t> names;
 std::unordered_map<std::string, std::set<std::pair<uint32_t, uint32_t>>> waiting; // process, token
 std::map<std::pair<uint32_t, uint32_t>, pairing> pairings;                        // lower number first
-uint32_t last_process = 0;
 uint32_t last_channel = 0;
 
 void answer(registry_client &to, uint32_t serial, int error)
@@ -52,6 +53,14 @@ registry_client *process_find(uint32_t number)
 {
     const auto found = processes.find(number);
     return found == processes.end() ? nullptr : found->second;
+}
+
+// Seconds that only grow, never those of the epoch.
+uint32_t seconds()
+{
+    timespec now{};
+    (void)clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<uint32_t>(now.tv_sec);
 }
 
 bool owns(const registry_client &client, uint32_t mbox) { return client.mboxes.count(mbox) != 0; }
@@ -224,6 +233,10 @@ void on_create(registry_client &from, uint32_t serial, uint32_t mbox, const std:
         answer(from, serial, EINVAL);
         return;
     }
+    if (!box_may_be_used(from.resting, box_of(mbox), seconds())) {
+        answer(from, serial, EAGAIN);
+        return;
+    }
     mailboxes[mbox].owner = &from;
     from.mboxes.insert(mbox);
     const int error = claim(from, mbox, name);
@@ -238,6 +251,7 @@ void on_delete(registry_client &from, uint32_t serial, uint32_t mbox)
     const bool own = owns(from, mbox);
     if (own) {
         mailbox_remove(from, mbox);
+        box_rest(from.resting, box_of(mbox), seconds());
     }
     answer(from, serial, own ? 0 : EINVAL);
 }
@@ -325,22 +339,19 @@ void monitor_forget(registry_client &from, uint32_t token)
 // ---- Processes
 // -------------------------------------------------------------------------------------------------------
 
-// Numbers go round the whole range before one comes back, so that an old id does not name a new process.
-uint32_t next_process()
-{
-    do {
-        last_process = last_process + 1 < process_limit ? last_process + 1 : 1;
-    } while (processes.count(last_process) != 0);
-    return last_process;
-}
-
 void on_hello(registry_client &from, uint32_t their_version)
 {
     if (from.process != 0 || their_version != version) {
         out->doom(from, "speaks another version, or says hello twice");
         return;
     }
-    from.process = next_process();
+    from.process = number_take(from.user, seconds());
+    if (from.process == 0) {
+        writer frame(refused, 0);
+        out->send(from, frame.u32(EAGAIN), -1);
+        out->doom(from, "its user's processes came and went too often today");
+        return;
+    }
     processes[from.process] = &from;
     writer frame(welcome, 0);
     out->send(from, frame.u32(from.process), -1);
@@ -488,6 +499,9 @@ void registry_start(registry_output &output, const policy &given_rules)
 {
     out = &output;
     rules = &given_rules;
+    uint32_t somewhere = 0; // what an earlier registry gave out last is not what this one begins with
+    (void)!getrandom(&somewhere, sizeof somewhere, GRND_NONBLOCK);
+    numbers_start(somewhere);
     services_start(output);
 }
 
@@ -521,6 +535,7 @@ void registry_remove(registry_client &client)
     }
     pairings_forget(client.process);
     processes.erase(client.process);
+    number_rest(client.process, client.user, seconds());
     client.process = 0;
 }
 

@@ -8,6 +8,7 @@
 #define ITCD_REGISTRY_HPP
 
 #include "itc_wire.hpp"
+#include "numbers.hpp"
 #include "policy.hpp"
 
 #include <functional>
@@ -28,6 +29,7 @@ struct registry_client {
     uint32_t process = 0; // 0 until it said hello
     uid_t user = 0;
     std::set<uint32_t> mboxes;
+    resting_boxes resting;
     size_t name_count = 0;
     std::unordered_map<uint32_t, uint32_t> monitors;         // token to mailbox
     std::unordered_map<uint32_t, std::string> awaited;       // token to name

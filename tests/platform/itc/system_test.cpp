@@ -515,6 +515,48 @@ TEST_F(ItcSystem, AReservedNameIsItsUsersAlone)
     EXPECT_NE(itc_create_mailbox("guest-2", 0), ITC_NO_MBOX); // root may do it too
 }
 
+// ---- Mailbox ids
+// -----------------------------------------------------------------------------------------------------
+
+TEST_F(ItcSystem, ABoxThatWasDeletedIsNotGivenAgain)
+{
+    start_registry();
+    uint32_t process = 0;
+    const int fd = raw_join(&process);
+    const uint32_t mbox = raw_create(fd, process, "first");
+    write_all(fd, frame(itc_wire::delete_box, 78, words({mbox})));
+    EXPECT_EQ(read_frame(fd), frame(RESULT, 78, words({0})));
+    write_all(fd, frame(CREATE, 79, word_and_text(mbox, "second")));
+    EXPECT_EQ(read_frame(fd), frame(RESULT, 79, words({EAGAIN})));
+    write_all(fd, frame(CREATE, 80, word_and_text(mbox + 1, "second")));
+    EXPECT_EQ(read_frame(fd), frame(RESULT, 80, words({0})));
+    close(fd);
+}
+
+TEST_F(ItcSystem, AProcessThatMakesMailboxesAllDayGetsNoIdTwice)
+{
+    start_registry();
+    join("own");
+    std::set<uint32_t> seen{itc_current_mbox()};
+    for (uint32_t i = 1; i < itc_wire::box_limit; i++) {
+        const uint32_t mbox = itc_create_mailbox("other", 0);
+        ASSERT_NE(mbox, ITC_NO_MBOX) << i;
+        ASSERT_TRUE(seen.insert(mbox).second) << i;
+        ASSERT_EQ(itc_delete_mailbox(mbox), 0);
+    }
+    EXPECT_EQ(itc_create_mailbox("other", 0), ITC_NO_MBOX);
+}
+
+TEST_F(ItcSystem, ANameThatIsRefusedUsesUpNoId)
+{
+    start_registry();
+    join("own");
+    for (uint32_t i = 0; i < 2 * itc_wire::box_limit; i++) {
+        ASSERT_EQ(itc_create_mailbox("own", 0), ITC_NO_MBOX);
+    }
+    EXPECT_NE(itc_create_mailbox("other", 0), ITC_NO_MBOX);
+}
+
 // ---- Hostility
 // -------------------------------------------------------------------------------------------------------
 
