@@ -13,6 +13,54 @@ namespace
 
 uint32_t next_seq;
 
+// A session may have this much waiting, each request counted with what it costs beside its bytes. Without a bound a
+// client that sends while another's request is with the lower layer could take all memory.
+constexpr size_t MOST_WAITING_BYTES = 8 * 1024 * 1024;
+constexpr size_t COST_OF_A_REQUEST = 128;
+
+// What is kept of queues that are no more: the newest, within both bounds, or a client that fills its queue and leaves,
+// again and again, could take all memory.
+constexpr uint32_t MOST_KEPT = 64;
+constexpr size_t MOST_KEPT_BYTES = 1024 * 1024;
+
+struct kept_request {
+    itc_msg *msg;
+    IemliQueuedRequest *entry; // of a term; null: freed
+};
+
+kept_request kept[MOST_KEPT];
+uint32_t oldest_kept;
+uint32_t kept_count;
+size_t kept_bytes;
+
+void free_oldest_kept()
+{
+    kept_request *oldest = &kept[oldest_kept];
+    kept_bytes -= itc_size(oldest->msg);
+    itc_free(&oldest->msg);
+    free(oldest->entry);
+    oldest_kept = (oldest_kept + 1) % MOST_KEPT;
+    --kept_count;
+}
+
+// The newest may itself be more than is kept.
+void keep(const kept_request &newest)
+{
+    keep_leak(newest.msg);
+    if (newest.entry != nullptr) {
+        keep_leak(newest.entry);
+    }
+    if (kept_count == MOST_KEPT) {
+        free_oldest_kept();
+    }
+    kept[(oldest_kept + kept_count) % MOST_KEPT] = newest;
+    ++kept_count;
+    kept_bytes += itc_size(newest.msg);
+    while (kept_bytes > MOST_KEPT_BYTES) {
+        free_oldest_kept();
+    }
+}
+
 bool can_wait(uint32_t msgno)
 {
     return msgno == IEMLI_CLIENT_DOWN_IND || msgno == IEMLI_TERM_SERVICE_REQ ||
@@ -29,8 +77,17 @@ itc_msg *copy_of(const itc_msg *msg)
     return copy;
 }
 
+size_t cost_of(const itc_msg *msg) { return COST_OF_A_REQUEST + static_cast<size_t>(iemli_message_min_size(msg)); }
+
+// What is alone in the queue has room, however large it is.
+bool has_room_for(const IemliSession *session, const itc_msg *msg)
+{
+    return session->queue_head == nullptr || session->queue_bytes + cost_of(msg) <= MOST_WAITING_BYTES;
+}
+
 void append(IemliSession *session, IemliQueuedRequest *entry)
 {
+    session->queue_bytes += cost_of(entry->msg);
     if (session->queue_tail == nullptr) {
         session->queue_head = entry;
     } else {
@@ -44,6 +101,7 @@ IemliQueuedRequest *pop(IemliSession *session)
 {
     IemliQueuedRequest *entry = session->queue_head;
     if (entry != nullptr) {
+        session->queue_bytes -= cost_of(entry->msg);
         session->queue_head = entry->next;
         if (session->queue_head == nullptr) {
             session->queue_tail = nullptr;
@@ -66,6 +124,11 @@ void iemli_queue_add(IemliSession *session, const itc_msg *msg)
         free(entry);
         return;
     }
+    if (!has_room_for(session, msg)) {
+        VORN_TRACE(TRACE_ERROR, "Out of memory");
+        free(entry);
+        return;
+    }
     entry->msg = copy_of(msg);
     entry->seq = next_seq++;
     VORN_TRACE(TRACE_SERVICE, "%s inserted in queue", iemli_msg_to_string(msg->msgno));
@@ -75,7 +138,7 @@ void iemli_queue_add(IemliSession *session, const itc_msg *msg)
 void iemli_queue_flush(IemliSession *session)
 {
     while (IemliQueuedRequest *entry = pop(session)) {
-        keep_leak(entry->msg);
+        keep({entry->msg, nullptr});
         free(entry);
     }
 }
@@ -105,4 +168,12 @@ void iemli_queue_free(IemliQueuedRequest *entry)
     free(entry);
 }
 
-void iemli_queue_restart_numbering() { next_seq = 0; }
+void iemli_queue_keep(IemliQueuedRequest *entry) { keep({entry->msg, entry}); }
+
+void iemli_queue_forget_all()
+{
+    next_seq = 0;
+    while (kept_count > 0) {
+        free_oldest_kept();
+    }
+}

@@ -13,11 +13,12 @@ struct IemliQueuedRequest {
     IemliQueuedRequest *next;
 };
 
-// Copies the message to the tail. Without memory, and for a number that never waits, the request is dropped.
-// The message has the size that its number and count ask for.
+// Copies the message to the tail. Without memory, when the session has 8 MiB waiting, and for a number that never
+// waits, the request is dropped. The message has the size that its number and count ask for.
 void iemli_queue_add(IemliSession *session, const itc_msg *msg);
 
-// Discards what waits, unanswered, and keeps the messages: the leak that is part of this service.
+// Discards what waits, unanswered, and keeps the messages: the leak that is part of this service. It has a bound: of
+// all that was ever kept, 64 messages and 1 MiB of them stay, the newest.
 void iemli_queue_flush(IemliSession *session);
 // Discards what waits and frees it all.
 void iemli_queue_drop(IemliSession *session);
@@ -25,6 +26,8 @@ void iemli_queue_drop(IemliSession *session);
 // Unlinks the entry that arrived first of all sessions; null when none waits. It becomes the caller's.
 IemliQueuedRequest *iemli_queue_take_oldest(IemliSession **session);
 void iemli_queue_free(IemliQueuedRequest *entry);
+// Keeps an entry with its message, as a flush keeps messages.
+void iemli_queue_keep(IemliQueuedRequest *entry);
 
-// The next arrival number is 0 again.
-void iemli_queue_restart_numbering();
+// Nothing is kept, and the next arrival number is 0 again.
+void iemli_queue_forget_all();

@@ -10,7 +10,6 @@
 #include "iemli_queue.hpp"
 #include "iemli_send.hpp"
 #include "iemli_session.hpp"
-#include "keep_leak.hpp"
 #include "manager/link_procedures.hpp"
 #include "manager/manager_state.hpp"
 #include "ns.h"
@@ -146,8 +145,7 @@ void take_one_queued_request()
     }
     if (msgno == IEMLI_TERM_SERVICE_REQ) {
         // The entry of a term outlives its session: the leak that is part of this service.
-        keep_leak(entry->msg);
-        keep_leak(entry);
+        iemli_queue_keep(entry);
         return;
     }
     iemli_queue_free(entry);
@@ -355,5 +353,5 @@ void iemli_send_link_rtt_ind(uint32_t server_conn_ref, uint32_t link_ref, const 
 void iemli_server_forget_all()
 {
     iemli_session_clear_all();
-    iemli_queue_restart_numbering();
+    iemli_queue_forget_all();
 }

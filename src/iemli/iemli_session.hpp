@@ -19,6 +19,7 @@ struct IemliSession {
     bool busy;                   // a create, update or delete of this session waits for the lower layer
     IemliQueuedRequest *queue_head;
     IemliQueuedRequest *queue_tail;
+    size_t queue_bytes;
     IemliSession *next;
 };
 

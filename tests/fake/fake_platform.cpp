@@ -71,6 +71,7 @@ struct Platform {
     std::function<void(const fake::Sent &)> responder;
     std::vector<uint32_t> timeouts;
     std::set<itc_msg *> live;
+    std::set<itc_msg *> kept_messages;
     std::set<Signal> came;        // every message that was there for the daemon
     std::set<Signal> went;        // every message that it sent
     std::set<Signal> traced_sent; // every message that it said it sends
@@ -118,6 +119,9 @@ struct Platform {
     ~Platform()
     {
         for (itc_msg *msg : live) {
+            __real_free(block_of(msg));
+        }
+        for (itc_msg *msg : kept_messages) {
             __real_free(block_of(msg));
         }
         // The code under test keeps a namespace handle and closes it some time later, perhaps on the next platform.
@@ -192,7 +196,7 @@ itc_msg *new_message(uint32_t sender, const uint8_t *bytes, size_t size)
 
 void free_message(itc_msg *msg)
 {
-    if (p().live.erase(msg) != 1) {
+    if (p().live.erase(msg) + p().kept_messages.erase(msg) != 1) {
         ADD_FAILURE() << "a message was freed twice, or is none";
         return;
     }
@@ -428,6 +432,16 @@ void reset()
 }
 
 size_t live_messages() { return p().live.size(); }
+
+size_t kept_message_bytes()
+{
+    size_t bytes = 0;
+    for (const itc_msg *msg : p().kept_messages) {
+        bytes += itc_size(msg);
+    }
+    return bytes;
+}
+size_t kept_messages() { return p().kept_messages.size(); }
 
 void PlatformTest::TearDown()
 {
@@ -848,6 +862,7 @@ void kap_note_kept_leak(const void *object)
     p().heap.erase(const_cast<void *>(object)); // NOLINT(cppcoreguidelines-pro-type-const-cast)
     for (auto it = p().live.begin(); it != p().live.end(); ++it) {
         if (*it == object) {
+            p().kept_messages.insert(*it);
             p().live.erase(it);
             return;
         }

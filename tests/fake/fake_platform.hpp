@@ -135,12 +135,15 @@ unsigned allocations();
 unsigned failed_allocations();
 // Blocks that were allocated since the platform was reset and neither freed nor marked as kept.
 size_t live_allocations();
-// Tells the leak checker that this one stays; what the code under test marks as kept is counted.
+// How often the code under test said that it keeps something. It may free that later.
 size_t kept_leaks();
 
 void reset();
 // Messages allocated and neither freed nor sent nor marked as kept.
 size_t live_messages();
+// Messages marked as kept and not freed since, and their bytes.
+size_t kept_messages();
+size_t kept_message_bytes();
 
 class PlatformTest : public ::testing::Test
 {

@@ -151,6 +151,82 @@ TEST_F(IemliQueue, DiscardsWhatASessionHadWaitingWhenItsClientDies)
     EXPECT_THAT(calls(), ElementsAre("itc_unmonitor(1)"));
 }
 
+// What a client leaves behind by queueing, leaving and coming back.
+TEST_F(IemliQueue, KeepsNoMoreThanAMebibyteOfWhatWasEverFlushed)
+{
+    const Link link = {.apps = std::vector<AppLink>(3000, APP_1)};
+    const size_t size = create_req(1, 1, link).size();
+    ASSERT_GT(size, 36000U);
+    for (int round = 0; round < 20; round++) {
+        for (int i = 0; i < 10; i++) {
+            EXPECT_TRUE(offer(CLIENT_A, create_req(1, 1, link)));
+        }
+        EXPECT_TRUE(offer(CLIENT_A, term_req(2, 1)));
+        ASSERT_LE(fake::kept_message_bytes(), 1024U * 1024);
+    }
+    EXPECT_GT(fake::kept_message_bytes(), 1024U * 1024 - size) << "what is within the bound is kept";
+    EXPECT_EQ(fake::live_messages(), 3U) << "two monitors' messages and the term that waits";
+}
+
+TEST_F(IemliQueue, KeepsNoMoreThan64MessagesHoweverSmall)
+{
+    for (int i = 0; i < 1000; i++) {
+        EXPECT_TRUE(offer(CLIENT_A, delete_req(1, 1, 11)));
+        EXPECT_TRUE(offer(CLIENT_A, term_req(2, 1)));
+    }
+    EXPECT_EQ(fake::kept_messages(), 64U);
+}
+
+TEST_F(IemliQueue, DoesNotKeepWhatIsAloneMoreThanAMebibyte)
+{
+    const Link link = {.apps = std::vector<AppLink>(90000, APP_1)};
+    ASSERT_GT(create_req(1, 1, link).size(), 1024U * 1024);
+    EXPECT_TRUE(offer(CLIENT_A, create_req(1, 1, link)));
+    EXPECT_TRUE(offer(CLIENT_A, term_req(2, 1)));
+    EXPECT_EQ(fake::kept_leaks(), 1U);
+    EXPECT_EQ(fake::kept_messages(), 0U);
+}
+
+size_t waiting_bytes(const IemliSession *session)
+{
+    size_t bytes = 0;
+    for (const IemliQueuedRequest *entry = session->queue_head; entry != nullptr; entry = entry->next) {
+        bytes += itc_size(entry->msg);
+    }
+    return bytes;
+}
+
+TEST_F(IemliQueue, TakesNoMoreThanEightMebibytesOfASession)
+{
+    const Bytes request = create_req(1, 1, {.apps = std::vector<AppLink>(10000, APP_1)});
+    for (int i = 0; i < 100; i++) {
+        EXPECT_TRUE(offer(CLIENT_A, request));
+    }
+    const size_t full = waiting_bytes(iemli_session_find(1));
+    EXPECT_LE(full, 8U * 1024 * 1024);
+    EXPECT_GT(full, 8U * 1024 * 1024 - 2 * request.size());
+    EXPECT_EQ(fake::count_traced(1, "Out of memory"), 100 - full / request.size()) << "each that is dropped is told";
+    EXPECT_TRUE(offer(CLIENT_B, delete_req(1, 2, 11)));
+    EXPECT_NE(iemli_session_find(2)->queue_head, nullptr) << "the other session has room of its own";
+    expect_nothing_sent();
+
+    EXPECT_TRUE(offer(CLIENT_A, term_req(2, 1)));
+    EXPECT_EQ(waiting_bytes(iemli_session_find(1)), 12U) << "there is room for the end of a session";
+    for (int i = 0; i < 10; i++) {
+        EXPECT_TRUE(offer(CLIENT_A, request));
+    }
+    EXPECT_EQ(waiting_bytes(iemli_session_find(1)), 12U + 10 * request.size()) << "what was discarded left its room";
+}
+
+TEST_F(IemliQueue, TakesALargeRequestThatIsAlone)
+{
+    const Bytes request = create_req(1, 1, {.apps = std::vector<AppLink>(800000, APP_1)});
+    ASSERT_GT(request.size(), 8U * 1024 * 1024);
+    EXPECT_TRUE(offer(CLIENT_A, request));
+    EXPECT_TRUE(offer(CLIENT_A, delete_req(2, 1, 11)));
+    EXPECT_EQ(waiting_bytes(iemli_session_find(1)), request.size());
+}
+
 TEST_F(IemliQueue, IsNotServedByATerm)
 {
     EXPECT_TRUE(offer(CLIENT_A, term_req(1, 1)));
