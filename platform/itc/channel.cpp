@@ -66,6 +66,9 @@ void outbox_pop(peer *p)
     block_free(p->outbox.take_after(nullptr));
     if (p->outbox.head == nullptr) {
         g().backlogged--;
+    } else {
+        p->outbox_memory -= memory_of(p->outbox.head);
+        g().outboxes_memory -= memory_of(p->outbox.head);
     }
 }
 
@@ -75,7 +78,6 @@ void drop_outbox(peer *p)
         outbox_pop(p);
         note_drop(&g().statistics.dropped_no_mailbox, "its process is gone");
     }
-    p->outbox_bytes = 0;
     p->head_written = 0;
 }
 
@@ -146,9 +148,11 @@ void enqueue(peer *p, block *b, size_t already_out)
     if (p->outbox.head == nullptr) {
         p->head_written = already_out;
         g().backlogged++;
+    } else {
+        p->outbox_memory += memory_of(b);
+        g().outboxes_memory += memory_of(b);
     }
     p->outbox.push(b);
-    p->outbox_bytes += frame_size(b);
     p->held_frames++;
     p->held_bytes += frame_size(b);
 }
@@ -165,7 +169,6 @@ void outbox_advance(peer *p, size_t count)
     while (p->outbox.head != nullptr && count >= frame_size(p->outbox.head)) {
         const size_t size = frame_size(p->outbox.head);
         count -= size;
-        p->outbox_bytes -= size;
         outbox_pop(p);
     }
     p->head_written = count;
@@ -188,11 +191,14 @@ size_t write_backlog(peer *p)
 }
 
 // The bound is on what waits behind the message under way: a message larger than the bound still goes, and does not
-// cost the ones behind it.
+// cost the ones behind it. Many peers that read nothing must not have the bound of one each.
 bool outbox_has_room(const peer *p, const block *b)
 {
-    const block *head = p->outbox.head;
-    return head == nullptr || p->outbox_bytes - frame_size(head) + frame_size(b) <= outbox_limit;
+    if (p->outbox.head == nullptr) {
+        return true;
+    }
+    const size_t limit = g().outboxes_memory + memory_of(b) <= outboxes_limit ? outbox_limit : outbox_share;
+    return p->outbox_memory + memory_of(b) <= limit;
 }
 
 // ---- Reading

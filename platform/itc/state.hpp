@@ -30,7 +30,9 @@ using hold = std::unique_lock<std::mutex>;
 using clock = std::chrono::steady_clock;
 
 inline constexpr size_t reader_size = 65536;
-inline constexpr size_t outbox_limit = 16u << 20;         // bytes of messages that wait for one peer
+inline constexpr size_t outbox_limit = 16u << 20;   // bytes of memory that wait for one peer
+inline constexpr size_t outboxes_limit = 32u << 20; // ... for all of them; beyond it each has its share
+inline constexpr size_t outbox_share = 1u << 20;
 inline constexpr size_t registry_outbox_limit = 1u << 20; // bytes of requests that wait for the registry
 inline constexpr int mailbox_limit = 1024;
 inline constexpr std::chrono::milliseconds call_limit{2000};
@@ -56,6 +58,15 @@ struct block {
 };
 static_assert(sizeof(block) % alignof(max_align_t) == 0, "a message is aligned for every type");
 static_assert(offsetof(block, frame) + sizeof(itc_wire::channel_frame) == sizeof(block), "frame and message adjoin");
+
+// The memory of a block with a message of that size: what the allocator adds and rounds counts, since of many small
+// messages it is most.
+constexpr size_t memory_of(size_t message)
+{
+    constexpr size_t grain = 2 * sizeof(size_t);
+    return (sizeof(block) + message + sizeof(size_t) + grain - 1) / grain * grain;
+}
+inline size_t memory_of(const block *b) { return memory_of(b->size); }
 
 block *block_new(size_t size, bool zero);
 block *block_resize(block *b, size_t size); // the message's bytes are kept
@@ -103,9 +114,9 @@ struct peer {
     bool write_broken = false;
     bool armed = false; // the wait asks for room to write
     block_list outbox;
-    size_t outbox_bytes = 0;
-    size_t head_written = 0; // of the outbox's first frame
-    size_t held_frames = 0;  // queued since the socket was last tried
+    size_t outbox_memory = 0; // of what waits behind the first
+    size_t head_written = 0;  // of the outbox's first frame
+    size_t held_frames = 0;   // queued since the socket was last tried
     size_t held_bytes = 0;
     uint8_t *buffer = nullptr;
     size_t fill = 0;
@@ -178,6 +189,7 @@ struct state {
     peer *last_peer = nullptr;
     unsigned introducing = 0;
     std::atomic<unsigned> backlogged{0}; // peers whose outbox holds something; changed with the lock held
+    size_t outboxes_memory = 0;          // of all that waits behind the first of each
     clock::time_point last_tries;        // of all of them
     uint64_t channel_writes = 0;         // that took something
 

@@ -6,6 +6,8 @@
 
 #include <fcntl.h>
 #include <fstream>
+#include <malloc.h>
+#include <memory>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,8 +19,15 @@ namespace
 constexpr uint32_t WORK = 0x5501;
 constexpr size_t MEBIBYTE = 1u << 20;
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t memory_factor = 8; // a sanitizer keeps its own books beside each block
+#else
+constexpr size_t memory_factor = 1;
+#endif
+
 size_t resident_kilobytes()
 {
+    malloc_trim(0); // what is free is not held
     std::ifstream status("/proc/self/status");
     std::string word;
     size_t kilobytes = 0;
@@ -132,6 +141,42 @@ TEST_F(ItcShare, AMessageToNobodyIsRefusedAsSoonAsItsNumberIsThere)
     ASSERT_NE(msg, nullptr);
     itc_free(&msg);
     EXPECT_EQ(statistics().dropped_no_mailbox, dropped + 1);
+}
+
+// ---- What waits to be sent
+
+// Sends that mailbox what fits in its outbox, and some more.
+void fill_outbox(uint32_t to, size_t size)
+{
+    const uint64_t before = statistics().dropped_full;
+    while (statistics().dropped_full < before + 10) {
+        itc_msg *msg = itc_alloc(size, WORK);
+        itc_send(&msg, to, ITC_MY_MBOX);
+    }
+}
+
+TEST_F(ItcShare, AnOutboxOfSmallMessagesTakesNoMoreMemoryThanItsBound)
+{
+    stranger s(own);
+    const uint32_t remote = raw_create(s.connection, s.process, "remote");
+    const size_t before = resident_kilobytes();
+    fill_outbox(remote, 4);
+    const size_t full = resident_kilobytes();
+    EXPECT_LT(full, before + 20 * 1024 * memory_factor);
+    EXPECT_GT(full, before + 12 * 1024); // and there is use in it
+}
+
+TEST_F(ItcShare, TheOutboxesOfManyPeersThatReadNothingAreBoundedTogether)
+{
+    constexpr int DEAF = 8;
+    std::vector<std::unique_ptr<stranger>> deaf;
+    const size_t before = resident_kilobytes();
+    for (int i = 0; i < DEAF; i++) {
+        deaf.push_back(std::make_unique<stranger>(own));
+        const stranger &s = *deaf.back();
+        fill_outbox(raw_create(s.connection, s.process, "remote" + std::to_string(i)), 1000);
+    }
+    EXPECT_LT(resident_kilobytes(), before + 44 * 1024 * memory_factor); // 32 MiB, and a mebibyte for each of the rest
 }
 
 } // namespace
