@@ -12,6 +12,7 @@ import os
 import random
 import re
 import resource
+import shlex
 import shutil
 import signal
 import subprocess
@@ -176,6 +177,10 @@ def split_arguments(code, opening, end):
     return trimmed
 
 
+# Whether two are the same, and which is the larger, does not depend on which is named first.
+SYMMETRIC = {"strcmp", "strncmp", "memcmp", "max", "min", "swap"}
+
+
 def arguments(text, code):
     for match in re.finditer(r"\b([A-Za-z_]\w*)\(", code):
         line_start = code.rfind("\n", 0, match.start()) + 1
@@ -186,6 +191,8 @@ def arguments(text, code):
             continue  # a declaration
         opening = match.end() - 1
         parts = split_arguments(code, opening, closing(code, opening))
+        if match.group(1) in SYMMETRIC:
+            parts = parts[1:]
         for (a, b), (c, d) in zip(parts, parts[1:]):
             if text[a:b] != text[c:d] and text[a:b] and text[c:d]:
                 yield a, d, [text[c:d] + text[b:c] + text[a:b]]
@@ -333,6 +340,20 @@ def verdict(status, output):
     return test, f"ends with status {status}"
 
 
+def instructions(path):
+    """What the compiler makes of a source file as it is shipped; None for a header."""
+    with open(os.path.join(BUILD, "compile_commands.json"), encoding="utf-8") as file:
+        known = [entry for entry in json.load(file) if entry["file"].endswith("/" + path)]
+    if not known:
+        return None
+    words = shlex.split(known[0]["command"])
+    words = words[: words.index("-o")] + words[words.index("-o") + 2 :]
+    words = [word for word in words if word != "-c" and not word.startswith(("-g", "-M", "-O"))]
+    made = subprocess.run([*words, "-w", "-O2", "-g0", "-S", "-o", "-"], cwd=known[0]["directory"], capture_output=True,
+                          text=True, check=True)
+    return made.stdout
+
+
 def work(job):
     """Inside the namespaces: plant, build, test."""
     root = job["root"]
@@ -380,6 +401,12 @@ def work(job):
         status, output = run_quietly(["scripts/check-texts", "/tmp/texts"], 600)
         if status != 0:
             return {"result": "caught", "by": "scripts/check-texts", "how": "fails", "output": output[-3000:]}
+    if mutant and not mutant["path"].endswith(".hpp"):
+        planted = instructions(mutant["path"])
+        with open(mutant["path"], "w", encoding="utf-8") as file:
+            file.write(text)
+        if planted == instructions(mutant["path"]):
+            return {"result": "no change"}
     return {"result": "survived", "seconds": job["seconds"]}
 
 
@@ -496,7 +523,7 @@ class Run:
             began = time.monotonic()
             result = run_isolated({"root": self.root, "mutant": mutant, "tests": tests_of(mutant["path"]),
                                    "limits": self.limits, "processors": self.options.processors})
-            if result["result"] == "does not compile":
+            if result["result"] in ("does not compile", "no change"):
                 with self.lock:
                     self.given_up += 1
                 continue
@@ -567,7 +594,7 @@ def main():
     timeouts = sum(mutant.get("how") == "time-out" for mutant in run.done)
     percent = 100 * caught / max(1, len(run.done))
     print(f"seed {options.seed}: {caught} of {len(run.done)} caught ({percent:.1f} %), {timeouts} of them by a time-out; "
-          f"{run.given_up} did not compile and were replaced; {time.monotonic() - began:.0f} s")
+          f"{run.given_up} did not compile or made the same program, and were replaced; {time.monotonic() - began:.0f} s")
     return 0 if percent >= options.bar else 1
 
 

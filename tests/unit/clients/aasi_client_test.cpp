@@ -303,6 +303,14 @@ TEST_F(AasiClient, KeepsTheConnectionRefOfAConfirmInTheWrongState)
               Bytes(Builder().u32(0x1A00446).hex("00000002 00000077 00000001 00000000 00000000 00000000 00000001")));
 }
 
+TEST_F(AasiClient, TracesTheFieldsOfItsConnectionsConfirm)
+{
+    client_.enter(1);
+    EXPECT_TRUE(client_.receive(message(0x1A004C0, 0x2A, 0x77).n32(3)));
+    EXPECT_TRUE(fake::traced(17, "AUTOMATIONAGENTSI_CONNECTION_ESTABLISHMENT_CFM: connection_ref=119, "
+                                 "procedure_ref=0x2a, protocol_rev=3"));
+}
+
 TEST_F(AasiClient, TakesTheAnnouncedServerInEveryState)
 {
     for (uint32_t state = 1; state < 4; ++state) {
