@@ -1,14 +1,17 @@
 /*
  * itcd, the ITC registry: options, the directory under /run, the lock that keeps a second registry out, readiness.
  *
+ *   --policy DIR                read the policy from DIR, and do not start without one
+ *   --check [DIR]               say everything that is wrong with the policy, and end
  *   --allow-user USER           USER may connect too (the socket is then open to all, and the registry decides)
  *   --reserve PREFIX=USER       mailbox and service names that begin with PREFIX are USER's alone (and root's)
  *
- * Without options root, the registry's own user and its own group may connect and claim any free name.
+ * Without options and without a policy in /etc/kap-itc/policy.d root, the registry's own user and its own group may
+ * connect and claim any free name.
  */
 #include "complain.hpp"
 #include "itc_wire.hpp"
-#include "policy.hpp"
+#include "policy_file.hpp"
 #include "program_call.hpp"
 #include "server.hpp"
 
@@ -30,26 +33,56 @@ namespace
 {
 
 constexpr program_call PROGRAM = {
-    "itcd", "usage: itcd [--allow-user USER]... [--reserve PREFIX=USER]...\n"
-            "The registry of ITC: gives out mailboxes and names, introduces processes to each other, tells of deaths.\n"
-            "It listens on /run/kap-itc/itcd.sock.\n"
-            "  --allow-user USER      let USER connect, besides root and the registry's own user and group\n"
-            "  --reserve PREFIX=USER  names that begin with PREFIX may be claimed by USER and root only\n"
-            "  --help                 print this\n"
-            "  --version              print the version\n"};
+    "itcd",
+    "usage: itcd [--policy DIR] [--allow-user USER]... [--reserve PREFIX=USER]...\n"
+    "       itcd --check [DIR]\n"
+    "The registry of ITC: gives out mailboxes and names, introduces processes to each other, tells of deaths.\n"
+    "It listens on /run/kap-itc/itcd.sock.\n"
+    "  --policy DIR           read the policy from DIR, not from /etc/kap-itc/policy.d; there must be one\n"
+    "  --check                say everything that is wrong with the policy, and end: 1 if anything is, 0 if not\n"
+    "  --allow-user USER      let USER connect, besides root and the registry's own user and group\n"
+    "  --reserve PREFIX=USER  names that begin with PREFIX may be claimed by USER and root only\n"
+    "  --help                 print this\n"
+    "  --version              print the version\n"};
 
 // What is taken back at the end.
 int lock_fd = -1;
 bool made_directory = false;
 
+struct call {
+    policy rules;
+    const char *directory = nullptr; // that was asked for
+    bool check = false;
+};
+
+bool take_option(int option, call &wanted)
+{
+    switch (option) {
+    case 'a':
+        return policy_allow_user(wanted.rules, optarg);
+    case 'r':
+        return policy_reserve(wanted.rules, optarg);
+    case 'p':
+        wanted.directory = optarg;
+        return true;
+    case 'c':
+        wanted.check = true;
+        return true;
+    default:
+        return false;
+    }
+}
+
 // Ends with the exit status for a command line that is wrong, or returns.
-void read_options(int argc, char **argv, policy &rules)
+void read_options(int argc, char **argv, call &wanted)
 {
     static const option options[] = {{"allow-user", required_argument, nullptr, 'a'},
                                      {"reserve", required_argument, nullptr, 'r'},
+                                     {"policy", required_argument, nullptr, 'p'},
+                                     {"check", no_argument, nullptr, 'c'},
                                      {nullptr, 0, nullptr, 0}};
     for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
-        const bool good = (c == 'a' && policy_allow_user(rules, optarg)) || (c == 'r' && policy_reserve(rules, optarg));
+        const bool good = take_option(c, wanted);
         if (!good && c != '?') {
             (void)fprintf(stderr, "itcd: %s\n", optarg);
         }
@@ -57,9 +90,28 @@ void read_options(int argc, char **argv, policy &rules)
             exit(program_refuse(PROGRAM, c == '?' ? "a wrong option" : "no such user, or not PREFIX=USER"));
         }
     }
+    if (wanted.check && optind < argc) {
+        wanted.directory = argv[optind++];
+    }
     if (optind < argc) {
         exit(program_refuse(PROGRAM, "takes options only"));
     }
+}
+
+// Adds what the policy's files say. False if they say something wrong, or there are none where there must be.
+bool read_policy(call &wanted)
+{
+    const char *directory = wanted.directory != nullptr ? wanted.directory : policy_directory;
+    size_t files = 0;
+    const std::vector<std::string> wrong = policy_read(wanted.rules, directory, &files);
+    for (const std::string &line : wrong) {
+        complain("%s", line.c_str());
+    }
+    if (wrong.empty() && files == 0 && (wanted.check || wanted.directory != nullptr)) {
+        complain("%s: no policy there, not one file *.toml", directory);
+        return false;
+    }
+    return wrong.empty();
 }
 
 // Holds the lock file that is in the directory, not one that its last owner has just removed. Returns an errno value.
@@ -94,7 +146,7 @@ int listen_at(const policy &rules)
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, itc_wire::socket_path, sizeof itc_wire::socket_path);
     (void)unlink(itc_wire::socket_path);
-    const mode_t old = umask(rules.users.empty() ? 0117 : 0111);
+    const mode_t old = umask(policy_is_open(rules) ? 0111 : 0117);
     const bool bound =
         fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 && listen(fd, SOMAXCONN) == 0;
     umask(old);
@@ -160,8 +212,13 @@ int main(int argc, char **argv)
         return *answered;
     }
     complain_open();
-    policy rules;
-    read_options(argc, argv, rules);
+    call wanted;
+    read_options(argc, argv, wanted);
+    const policy &rules = wanted.rules;
+    const bool good = read_policy(wanted);
+    if (wanted.check || !good) {
+        return good ? 0 : 1;
+    }
     raise_descriptor_limit();
     const int signals = open_signals();
     made_directory = mkdir(itc_wire::directory, 0755) == 0;

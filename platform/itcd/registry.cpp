@@ -195,7 +195,7 @@ int claim(registry_client &client, uint32_t mbox, const std::string &name)
     if (taken != names.end()) {
         return taken->second == mbox ? 0 : EEXIST;
     }
-    if (!policy_may_claim(*rules, client.user, name)) {
+    if (!policy_may_claim(*rules, client.who, name)) {
         return EACCES;
     }
     if (client.name_count >= name_bound) {
@@ -345,7 +345,7 @@ void on_hello(registry_client &from, uint32_t their_version)
         out->doom(from, "speaks another version, or says hello twice");
         return;
     }
-    from.process = number_take(from.user, seconds());
+    from.process = number_take(from.who.user, seconds());
     if (from.process == 0) {
         writer frame(refused, 0);
         out->send(from, frame.u32(EAGAIN), -1);
@@ -378,7 +378,8 @@ bool on_name_service(registry_client &from, const registry_frame &head, reader &
     if (owns(from, mbox)) {
         switch (head.type) {
         case publish:
-            error = policy_may_claim(*rules, from.user, name) ? service_publish(from, mbox, name, scope, path) : EACCES;
+            error = policy_may_publish(*rules, from.who, name, scope) ? service_publish(from, mbox, name, scope, path)
+                                                                      : EACCES;
             break;
         case unpublish:
             error = service_unpublish(from, mbox, name, scope, path);
@@ -535,7 +536,7 @@ void registry_remove(registry_client &client)
     }
     pairings_forget(client.process);
     processes.erase(client.process);
-    number_rest(client.process, client.user, seconds());
+    number_rest(client.process, client.who.user, seconds());
     client.process = 0;
 }
 

@@ -27,7 +27,7 @@ struct registry_subscription {
 // What a process has asked for and owns. The server embeds it in its record of the connection.
 struct registry_client {
     uint32_t process = 0; // 0 until it said hello
-    uid_t user = 0;
+    policy_person who;
     std::set<uint32_t> mboxes;
     resting_boxes resting;
     size_t name_count = 0;

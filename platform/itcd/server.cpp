@@ -67,7 +67,7 @@ void doom_client(client &c, const char *why)
     c.doomed = true;
     doomed.push_back(&c);
     if (why != nullptr && may_complain()) {
-        complain("disconnecting process %u (user %u): %s", c.process, c.user, why);
+        complain("disconnecting process %u (user %u): %s", c.process, c.who.user, why);
     }
 }
 
@@ -240,9 +240,10 @@ void accept_client(int listener, const policy &rules)
         }
         return;
     }
-    uid_t user = static_cast<uid_t>(-1);
-    if (!policy_admits(rules, fd, &user)) {
-        refuse(fd, user);
+    policy_person who;
+    who.user = static_cast<uid_t>(-1);
+    if (!policy_admits(rules, fd, &who)) {
+        refuse(fd, who.user);
         return;
     }
     epoll_event event{};
@@ -254,7 +255,7 @@ void accept_client(int listener, const policy &rules)
     }
     auto fresh = std::make_unique<client>();
     fresh->fd = fd;
-    fresh->user = user;
+    fresh->who = std::move(who);
     clients[fd] = std::move(fresh);
 }
 

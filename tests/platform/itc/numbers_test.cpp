@@ -120,27 +120,27 @@ TEST_F(Numbers, TheRegistryRefusesWhoSaysHelloTooOftenADayAndWelcomesTheOthers)
     const policy rules;
     registry_start(answers, rules);
     registry_client server;
-    server.user = HONEST;
+    server.who.user = HONEST;
     say_hello(server);
     const uint32_t dead_server = server.process;
     registry_remove(server);
     for (uint32_t i = 0; i < NUMBERS_AT_REST_LIMIT; i++) {
         registry_client hasty;
-        hasty.user = HASTY;
+        hasty.who.user = HASTY;
         say_hello(hasty);
         ASSERT_EQ(answers.type, itc_wire::welcome);
         ASSERT_NE(answers.value, dead_server);
         registry_remove(hasty);
     }
     registry_client hasty;
-    hasty.user = HASTY;
+    hasty.who.user = HASTY;
     say_hello(hasty);
     EXPECT_EQ(answers.type, itc_wire::refused);
     EXPECT_EQ(answers.value, static_cast<uint32_t>(EAGAIN));
     EXPECT_EQ(answers.doomed, "its user's processes came and went too often today");
     EXPECT_EQ(hasty.process, 0u);
     registry_client honest;
-    honest.user = HONEST;
+    honest.who.user = HONEST;
     say_hello(honest);
     EXPECT_EQ(answers.type, itc_wire::welcome);
     registry_remove(honest);
