@@ -51,7 +51,7 @@ NEEDS = {
     "e2e": ("e2e-client", "e2e-hostile", "itcd", "kap-node", "kap-vorn", "kap-demo", "kap-trace", "vornctl"),
 }
 SHARDS = {name: 1 for name in CORE}
-SILENCE = 300  # seconds without a word
+SILENCE = 120  # seconds without a word; the longest test takes 20
 MANY_SHARDS = 6  # tests of the platform wait more than they work
 
 

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <ostream>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -43,13 +44,16 @@ std::string text(const std::string &value, uint16_t claimed)
     return bytes + value;
 }
 
-// Takes one connection, says `greeting` to the hello, `welcomed` to the request after it (its serial goes before the
-// value 0) and `then` behind that; stays until the other side goes, unless it is to go first.
+// Takes one connection, says `greeting` to the hello, a good result to each request after it and `then` behind the
+// first, or what `answers` makes of a request's count and serial; stays until the other side goes, unless it is to go
+// first.
 class StandIn
 {
 public:
-    explicit StandIn(std::string greeting, std::string then = "", bool goes = false)
-        : greeting_(std::move(greeting)), then_(std::move(then)), goes_(goes)
+    using Answers = std::function<std::string(unsigned, uint32_t)>;
+
+    explicit StandIn(std::string greeting, std::string then = "", bool goes = false, Answers answers = nullptr)
+        : greeting_(std::move(greeting)), then_(std::move(then)), goes_(goes), answers_(std::move(answers))
     {
         mkdir(itc_wire::directory, 0755);
         unlink(itc_wire::socket_path);
@@ -87,6 +91,11 @@ private:
         return rest.empty() || read_all(fd, rest.data(), rest.size());
     }
 
+    static void say_at_once(int fd, const std::string &bytes)
+    {
+        (void)send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+
     static void say(int fd, const std::string &bytes)
     {
         for (const char byte : bytes) { // one by one: a frame is whole when it is whole
@@ -101,6 +110,9 @@ private:
         next_request(fd, &serial);
         say(fd, greeting_);
         bool first = true;
+        for (unsigned count = 1; answers_ && next_request(fd, &serial); count++) {
+            say_at_once(fd, answers_(count, serial));
+        }
         while (!goes_ && next_request(fd, &serial)) {
             if (serial == 0) {
                 continue; // it wants no answer
@@ -117,6 +129,7 @@ private:
     std::string greeting_;
     std::string then_;
     bool goes_;
+    Answers answers_;
     int listener_;
     std::thread thread_;
 };
@@ -240,5 +253,32 @@ INSTANTIATE_TEST_SUITE_P(
                             frame(itc_wire::removed, 0, number(5) + number(0x8001) + text("", 0))},
                       Frame{"AChannelWithoutADescriptor", frame(itc_wire::channel, 0, number(8) + number(1))}),
     name_of<Frame>);
+
+// A read takes a frame and the beginning of the next: what is left of it waits for the rest.
+TEST_F(FrameThatNamesNothing, AndOneThatComesInTwoPartsBehindAnotherIsTakenWhole)
+{
+    const std::string late = frame(itc_wire::added, 0, number(5) + number(0x8001) + text("path", 4));
+    const auto answers = [&late](unsigned count, uint32_t serial) {
+        switch (count) {
+        case 1:
+            return frame(itc_wire::result, serial, number(0));
+        case 2:
+            return frame(itc_wire::found, serial, number(0x8001)) + late.substr(0, 6);
+        default:
+            return late.substr(6) + frame(itc_wire::result, serial, number(0));
+        }
+    };
+    const StandIn stand_in(WELCOME, "", false, answers);
+    ASSERT_EQ(itc_init(1, 0, nullptr, nullptr, 0), 0);
+    const uint32_t own = itc_create_mailbox("own", 0);
+    itc_msg *msg = itc_alloc(4, 1);
+    itc_locate_async("somebody", &msg, own);
+    msg = itc_receive(nullptr, 10000, ITC_FROM_ANY);
+    ASSERT_NE(msg, nullptr);
+    EXPECT_EQ(itc_sender(msg), 0x8001U);
+    itc_free(&msg);
+    EXPECT_EQ(itc_add_name(own, "more"), 0);
+    itc_exit();
+}
 
 } // namespace
