@@ -6,6 +6,7 @@
  */
 #include "state.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <linux/sockios.h>
@@ -24,7 +25,6 @@ constexpr size_t frames_per_write = 64;
 constexpr size_t frames_between_tries = 32; // while there is a backlog: one write for many, not one failure for each
 constexpr size_t bytes_between_tries = 65536;
 constexpr size_t large_start = 65536;
-constexpr size_t bytes_per_event = 1u << 20; // then the others get their turn
 
 size_t frame_size(const block *b) { return sizeof(itc_wire::channel_frame) + b->size; }
 
@@ -42,6 +42,7 @@ peer *peer_new(uint32_t process)
 {
     auto *p = new peer;
     p->process = process;
+    p->queued = account_open(p);
     g().peers[process] = p;
     return p;
 }
@@ -87,6 +88,26 @@ void tell_closed(uint32_t process, uint32_t channel)
     registry_send(notice.u32(process).u32(channel));
 }
 
+// A buffer is kept for the next peer that has something to read; few ever hold one longer than a turn.
+void buffer_give_back(peer *p)
+{
+    if (g().spare_buffer == nullptr) {
+        g().spare_buffer = p->buffer;
+    } else {
+        free(p->buffer);
+    }
+    p->buffer = nullptr;
+}
+
+void buffer_take(peer *p)
+{
+    p->buffer = g().spare_buffer != nullptr ? g().spare_buffer : static_cast<uint8_t *>(malloc(reader_size));
+    g().spare_buffer = nullptr;
+    if (p->buffer == nullptr) {
+        abort();
+    }
+}
+
 void close_channel(peer *p)
 {
     if (p->fd < 0) {
@@ -95,13 +116,14 @@ void close_channel(peer *p)
     poll_remove(p->fd);
     close(p->fd);
     tell_closed(p->process, p->channel);
-    free(p->buffer);
-    block_free(p->large);
     p->fd = -1;
-    p->armed = p->write_broken = false;
-    p->buffer = nullptr;
-    p->fill = p->skip = 0;
+    p->armed = p->write_broken = p->in_round = false;
+    peer_resume(p);
+    half_end(p);
+    block_free(p->large);
     p->large = nullptr;
+    p->start = p->fill = p->skip = 0;
+    buffer_give_back(p);
 }
 
 void peer_delete(peer *p)
@@ -111,6 +133,7 @@ void peer_delete(peer *p)
     }
     close_channel(p);
     drop_outbox(p);
+    account_close(p);
     if (g().last_peer == p) {
         g().last_peer = nullptr;
     }
@@ -122,7 +145,7 @@ void arm(peer *p, bool armed)
 {
     if (p->armed != armed) {
         p->armed = armed;
-        poll_change(source_peer, p->process, p->fd, armed ? EPOLLIN | EPOLLOUT : EPOLLIN);
+        peer_watch(p);
     }
 }
 
@@ -227,6 +250,7 @@ bool admit(const arrival &a)
 void arrive(const peer *p, block *b)
 {
     b->sender = sender_of(p, b->frame);
+    account_add(p->queued, b);
     mbox_deliver(b, receiver_of(b->frame));
 }
 
@@ -239,6 +263,8 @@ void large_begin(peer *p, const itc_wire::channel_frame &frame, const uint8_t *b
     p->large->frame = frame;
     p->large_size = frame.length;
     p->large_got = count;
+    p->large_seen = 0;
+    p->large_seen_at = clock::now();
     memcpy(p->large->bytes(), bytes, count);
 }
 
@@ -248,11 +274,25 @@ void large_advance(peer *p, size_t count)
     if (p->large_got == p->large_size) {
         block *b = p->large;
         p->large = nullptr;
+        half_end(p);
+        peer_resume(p); // should it have waited for room, and been drained
         arrive(p, b);
-    } else if (p->large_got == p->large->size) {
-        const size_t doubled = p->large->size * 2;
-        p->large = block_resize(p->large, doubled < p->large_size ? doubled : p->large_size);
     }
+}
+
+// False when the next part has no room.
+bool large_grow(peer *p, bool drain)
+{
+    if (p->large_got < p->large->size) {
+        return true;
+    }
+    const size_t doubled = p->large->size * 2;
+    const size_t size = doubled < p->large_size ? doubled : p->large_size;
+    if (!drain && !half_room(p, size)) {
+        return false;
+    }
+    p->large = block_resize(p->large, size);
+    return true;
 }
 
 // The front of what is in the buffer, once a frame and its message's number are there.
@@ -303,28 +343,40 @@ size_t skip_front(peer *p, size_t there)
     return count;
 }
 
-// Takes every whole frame out of the buffer. False when the peer breaks the format.
-bool parse(peer *p)
+enum class parsing {
+    all, // more has to come first
+    turn_over,
+    nonsense
+};
+
+// Takes whole frames out of the buffer while the turn lasts.
+parsing parse(peer *p, allowance *left)
 {
-    size_t at = skip_front(p, p->fill);
-    while (p->fill - at >= sizeof(itc_wire::channel_frame)) {
+    for (;;) {
+        p->start += skip_front(p, p->fill - p->start);
+        if (p->fill - p->start < sizeof(itc_wire::channel_frame)) {
+            return parsing::all;
+        }
         front f{};
-        memcpy(&f.frame, p->buffer + at, sizeof f.frame);
+        memcpy(&f.frame, p->buffer + p->start, sizeof f.frame);
         if (!frame_is_sane(f.frame)) {
-            return false;
+            return parsing::nonsense;
         }
-        f.bytes = p->buffer + at + sizeof f.frame;
-        f.there = p->fill - at - sizeof f.frame;
-        const size_t done = f.there < sizeof(itc_msg) ? 0 : take_front(p, f);
+        f.bytes = p->buffer + p->start + sizeof f.frame;
+        f.there = p->fill - p->start - sizeof f.frame;
+        if (f.there < sizeof(itc_msg)) {
+            return parsing::all;
+        }
+        if (left->messages == 0) {
+            return parsing::turn_over;
+        }
+        const size_t done = take_front(p, f);
         if (done == 0) {
-            break;
+            return parsing::all;
         }
-        at += done;
-        at += skip_front(p, p->fill - at);
+        p->start += done;
+        left->messages--;
     }
-    p->fill -= at;
-    memmove(p->buffer, p->buffer + at, p->fill);
-    return true;
 }
 
 enum class reading {
@@ -334,41 +386,121 @@ enum class reading {
     ended
 };
 
-// One read of the channel. Adds what it took to `*total`.
-reading read_once(peer *p, size_t *total)
+// One read of the channel.
+reading read_once(peer *p, allowance *left)
 {
+    if (p->large == nullptr && p->buffer == nullptr) {
+        buffer_take(p);
+    }
+    if (p->start > 0) {
+        p->fill -= p->start;
+        memmove(p->buffer, p->buffer + p->start, p->fill);
+        p->start = 0;
+    }
     uint8_t *to = p->large != nullptr ? p->large->bytes() + p->large_got : p->buffer + p->fill;
     const size_t room = p->large != nullptr ? p->large->size - p->large_got : reader_size - p->fill;
-    const ssize_t got = recv(p->fd, to, room, MSG_DONTWAIT);
-    if (got < 0) {
+    const ssize_t put = recv(p->fd, to, room, MSG_DONTWAIT);
+    if (put < 0) {
         return errno == EAGAIN || errno == EINTR ? reading::empty : reading::ended;
     }
-    if (got == 0) {
+    if (put == 0) {
         return reading::ended;
     }
-    *total += static_cast<size_t>(got);
+    const auto got = static_cast<size_t>(put);
+    left->bytes -= got < left->bytes ? got : left->bytes;
     if (p->large != nullptr) {
-        large_advance(p, static_cast<size_t>(got));
+        large_advance(p, got);
     } else {
-        p->fill += static_cast<size_t>(got);
-        if (!parse(p)) {
-            complain("process %u sent a frame that makes no sense, closing its channel", p->process);
-            return reading::ended;
-        }
+        p->fill += got;
     }
-    return static_cast<size_t>(got) < room ? reading::some : reading::full;
+    return got < room ? reading::some : reading::full;
 }
 
-// Reads until `enough` bytes came or nothing is left. The peer is gone afterwards if its channel ended.
-void read_channel(peer *p, size_t enough, bool stop_at_some)
+enum class turn {
+    done,
+    more, // is here already, or has no room
+    ended
+};
+
+// `drain`: all that is there, whatever room it takes.
+turn read_in_turn(peer *p, allowance left, bool drain)
 {
-    size_t total = 0;
-    reading state = reading::full;
-    while ((state == reading::full || (state == reading::some && !stop_at_some)) && total < enough) {
-        state = read_once(p, &total);
+    for (reading last = reading::full;;) {
+        const parsing parsed = parse(p, &left);
+        if (parsed == parsing::turn_over) {
+            peer_ask_for_turn(p);
+            return turn::more;
+        }
+        if (parsed == parsing::nonsense) {
+            complain("process %u sent a frame that makes no sense, closing its channel", p->process);
+            return turn::ended;
+        }
+        if (last == reading::ended) {
+            return turn::ended;
+        }
+        if (last == reading::empty || (last == reading::some && !drain) || left.bytes == 0) {
+            return turn::done;
+        }
+        if (p->large != nullptr && !large_grow(p, drain)) {
+            peer_pause(p, pause::room);
+            return turn::more;
+        }
+        last = read_once(p, &left);
     }
-    if (state == reading::ended) {
+}
+
+// The peer is gone afterwards if its channel ended.
+void read_channel(peer *p, allowance left, bool drain)
+{
+    const turn came = read_in_turn(p, left, drain);
+    if (came == turn::ended) {
         peer_delete(p);
+    } else if (p->buffer != nullptr && p->start == p->fill) {
+        p->start = p->fill = 0;
+        buffer_give_back(p);
+    }
+}
+
+// What its share leaves it, given what it has in the queues.
+allowance left_of(const allowance &share, const account *a)
+{
+    return {share.messages > a->messages ? share.messages - a->messages : 0,
+            share.bytes > a->memory ? share.bytes - a->memory : 0};
+}
+
+void take_turn(peer *p, const allowance &share, bool waits, bool further)
+{
+    allowance left = left_of(share, p->queued);
+    if (left.messages == 0 || left.bytes == 0) {
+        if (!waits) {
+            peer_ask_for_turn(p); // when some of it was taken
+            return;
+        }
+        if (further && !may_go_further(p)) {
+            note_full_queue(p);
+        }
+        if (!further || !may_go_further(p)) {
+            p->resume_below = share.messages / 2;
+            peer_pause(p, pause::queue);
+            return;
+        }
+        left = share;
+    }
+    read_channel(p, left, false);
+}
+
+// Each who asked for a turn has one; who asks meanwhile has the next.
+void run_round(bool waits, bool further, uint32_t wanted)
+{
+    state &s = g();
+    const allowance share = turn_share(s.round.size());
+    for (size_t count = s.round.size(); count > 0 && !s.round.empty(); count--) {
+        peer *p = peer_find(s.round.front());
+        s.round.pop_front();
+        if (p != nullptr && p->in_round) {
+            p->in_round = false;
+            take_turn(p, share, waits, further || p->process == wanted);
+        }
     }
 }
 
@@ -391,6 +523,42 @@ void peer_flush(peer *p)
         drop_outbox(p); // the channel itself is closed when all that the peer had sent is read
     }
     arm(p, p->outbox.head != nullptr);
+}
+
+// Of a channel that is not read only its end is told, and that once: it does no harm to hear it when it is read again.
+void peer_watch(peer *p)
+{
+    if (p->fd >= 0) {
+        const uint32_t in = p->paused == pause::none ? EPOLLIN : EPOLLET;
+        poll_change(source_peer, p->process, p->fd, p->armed ? in | EPOLLOUT : in);
+    }
+}
+
+void peer_end_half_sent(peer *p)
+{
+    complain("process %u stopped in the middle of a message and others need the room, closing its channel", p->process);
+    peer_delete(p);
+}
+
+void peers_turn(bool waits, uint32_t wanted) { run_round(waits, false, wanted); }
+
+bool peers_could_go_further()
+{
+    const auto &peers = g().peers;
+    return std::any_of(peers.begin(), peers.end(), [](const auto &entry) {
+        return entry.second->paused == pause::queue && may_go_further(entry.second);
+    });
+}
+
+void peers_go_further()
+{
+    state &s = g();
+    for (const auto &entry : s.peers) {
+        if (entry.second->paused == pause::queue && may_go_further(entry.second)) {
+            peer_resume(entry.second);
+        }
+    }
+    run_round(true, true, 0);
 }
 
 void peers_try()
@@ -477,10 +645,6 @@ void peer_introduced(uint32_t process, uint32_t channel, int fd)
     p->fd = fd;
     p->channel = channel;
     p->head_written = 0; // what the last channel took of a frame went with it
-    p->buffer = static_cast<uint8_t *>(malloc(reader_size));
-    if (p->buffer == nullptr) {
-        abort();
-    }
     peer_flush(p);
 }
 
@@ -496,8 +660,8 @@ void peer_drain(uint32_t process)
 {
     peer *p = peer_find(process);
     int waiting = 0;
-    if (p != nullptr && p->fd >= 0 && ioctl(p->fd, SIOCINQ, &waiting) == 0 && waiting > 0) {
-        read_channel(p, static_cast<size_t>(waiting), false);
+    if (p != nullptr && p->fd >= 0 && ioctl(p->fd, SIOCINQ, &waiting) == 0 && (waiting > 0 || p->fill > p->start)) {
+        read_channel(p, {SIZE_MAX, static_cast<size_t>(waiting)}, true);
     }
 }
 
@@ -507,11 +671,11 @@ void peer_event(uint32_t process, uint32_t events)
     if (p == nullptr || p->fd < 0) {
         return;
     }
-    if ((events & EPOLLOUT) != 0) {
+    if ((events & EPOLLOUT) != 0 || (p->armed && (events & (EPOLLHUP | EPOLLERR)) != 0)) {
         peer_flush(p);
     }
-    if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
-        read_channel(p, bytes_per_event, true);
+    if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && p->paused == pause::none) {
+        peer_ask_for_turn(p);
     }
 }
 

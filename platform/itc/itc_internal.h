@@ -1,5 +1,5 @@
 /*
- * What libitc offers to libns, and one figure to tests: the name service lives in the registry, and a process has one
+ * What libitc offers to libns, and to tests: the name service lives in the registry, and a process has one
  * connection to it. Arguments are checked by libns: no pointer is NULL, every text is at most 255 bytes long.
  * Each of these returns 0 or an errno value.
  */
@@ -19,6 +19,8 @@ int itc_internal_unsubscribe(uint32_t sid, uint32_t mbox);
 
 /* For tests: how many writes to other processes' sockets took something, since the process began. */
 uint64_t itc_internal_channel_writes(void);
+/* For tests: how long a half-sent message may stand still while others need the room, in place of 30 s. */
+void itc_internal_set_half_sent_limit(uint32_t ms);
 
 #ifdef __cplusplus
 }

@@ -16,7 +16,7 @@ void take_back(uint32_t monitor_id)
         block *before = nullptr;
         while (block *b = before == nullptr ? t->queue.head : before->next) {
             if (b->monitor_id == monitor_id) {
-                block_free(t->queue.take_after(before));
+                block_free(thread_unqueue(t, before));
                 return;
             }
             before = b;

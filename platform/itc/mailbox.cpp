@@ -48,7 +48,7 @@ void drop_queued(thread *t, uint32_t mbox)
     block *before = nullptr;
     while (block *b = before == nullptr ? t->queue.head : before->next) {
         if (mbox == ITC_NO_MBOX || b->receiver == mbox) {
-            block_free(t->queue.take_after(before));
+            block_free(thread_unqueue(t, before));
         } else {
             before = b;
         }
@@ -178,6 +178,8 @@ void tear_down()
     registry_close();
     s.registry_lost = true;
     peers_close();
+    s.round.clear();
+    half_close();
     free_table(s.awaiting);
     free_table(s.monitors);
     s.subscriptions.clear();
@@ -228,6 +230,7 @@ void mbox_deliver(block *b, uint32_t to)
 {
     if (!mbox_is_own(to)) {
         note_drop(&g().statistics.dropped_no_mailbox, "there is no such mailbox");
+        account_take(b);
         block_free(b);
         return;
     }
@@ -235,6 +238,14 @@ void mbox_deliver(block *b, uint32_t to)
     b->receiver = to;
     t->queue.push(b);
     thread_wake(t);
+}
+
+block *thread_unqueue(thread *t, block *before)
+{
+    block *b = t->queue.take_after(before);
+    t->looked_at = nullptr;
+    account_take(b);
+    return b;
 }
 
 } // namespace itc
@@ -384,6 +395,12 @@ uint64_t itc_internal_channel_writes(void)
 {
     const hold lock(g().lock);
     return g().channel_writes;
+}
+
+void itc_internal_set_half_sent_limit(uint32_t ms)
+{
+    const hold lock(g().lock);
+    g().half_limit = std::chrono::milliseconds(ms);
 }
 
 int itc_internal_publish(const char *name, const char *scope, uint32_t mbox, const char *path)

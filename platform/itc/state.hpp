@@ -26,6 +26,8 @@
 namespace itc
 {
 
+struct peer;
+
 using hold = std::unique_lock<std::mutex>;
 using clock = std::chrono::steady_clock;
 
@@ -42,6 +44,14 @@ inline constexpr std::chrono::seconds box_rest{24 * 3600 + 60}; // a little long
 // of trying at a few hundredths; no peer is seen to have read in less.
 inline constexpr std::chrono::microseconds time_between_tries{50};
 
+// What one process has in the queues here. Outlives its channel as long as that is something.
+struct account {
+    uint32_t process = 0;
+    peer *owner = nullptr; // while there is a channel
+    size_t messages = 0;
+    size_t memory = 0;
+};
+
 // A message as it lies in memory: the frame stands right before its first word, so that both leave in one write.
 struct block {
     block *next;
@@ -50,7 +60,10 @@ struct block {
     uint32_t receiver;
     uint32_t monitor_id; // of a message that a monitor delivered, else 0
     uint32_t magic;
-    uint64_t alignment;
+    union {
+        account *of;        // the process whose channel it came by, while it is queued here; else NULL
+        uint64_t alignment; // of the frame's end
+    };
     itc_wire::channel_frame frame;
 
     uint8_t *bytes() { return reinterpret_cast<uint8_t *>(this + 1); }
@@ -100,10 +113,18 @@ struct block_list {
 // A thread that owns mailboxes. Their messages wait in one queue, in the order of arrival.
 struct thread {
     block_list queue;
+    block *looked_at = nullptr;  // the last that a receive has looked at and left; NULL: begin at the front
     uint32_t mbox = ITC_NO_MBOX; // the first it created
     bool waiting = false;
     bool leading = false;
     unsigned taken = 0; // messages since the thread last looked at the descriptors
+};
+
+// Why a channel is not read for now.
+enum class pause : uint8_t {
+    none,
+    queue, // what came by it and was not taken yet is its share
+    room,  // the rest of a large message has no room
 };
 
 // Another process, once there is something to send to it or it has been introduced.
@@ -118,12 +139,26 @@ struct peer {
     size_t head_written = 0;  // of the outbox's first frame
     size_t held_frames = 0;   // queued since the socket was last tried
     size_t held_bytes = 0;
-    uint8_t *buffer = nullptr;
-    size_t fill = 0;
-    block *large = nullptr; // a message that does not fit in the buffer, while it arrives
+    account *queued = nullptr;
+    bool in_round = false;
+    pause paused = pause::none;
+    size_t resume_below = 0;   // messages, of one that waits for its queue
+    uint8_t *buffer = nullptr; // while it holds something
+    size_t start = 0;          // what it holds begins here
+    size_t fill = 0;           // and ends here
+    block *large = nullptr;    // a message that does not fit in the buffer, while it arrives
     size_t large_got = 0;
     size_t large_size = 0;
-    size_t skip = 0; // bytes still to come of a message that was refused
+    size_t large_charged = 0;        // of its memory, to what half-sent messages may have together
+    size_t large_seen = 0;           // of large_got, when it was last seen to have come on
+    clock::time_point large_seen_at; // and when that was
+    size_t skip = 0;                 // bytes still to come of a message that was refused
+};
+
+// What a peer may bring in one turn, or what is left of it.
+struct allowance {
+    size_t messages;
+    size_t bytes;
 };
 
 // A message of another process of which the frame and the number are there. No memory was taken for it yet.
@@ -187,6 +222,20 @@ struct state {
 
     std::unordered_map<uint32_t, peer *> peers;
     peer *last_peer = nullptr;
+    std::unordered_map<uint32_t, account *> accounts;
+    size_t queued_memory = 0;   // of all of them
+    std::deque<uint32_t> round; // peers that have something to read, in turn
+    unsigned paused_queue = 0;  // how many peers
+    unsigned paused_room = 0;
+    uint8_t *spare_buffer = nullptr;
+    size_t half_memory = 0;             // charged for half-sent messages
+    peer *half_slot = nullptr;          // whose half-sent message alone may grow beyond what is charged
+    int half_timer = -1;                // a timerfd, once a message had to wait for room
+    clock::time_point half_looked_at;   // when the timer was last looked at
+    clock::time_point half_wanted_at;   // since when messages have waited for room
+    clock::time_point half_unwanted_at; // when the last did
+    clock::time_point next_full_line;
+    std::chrono::milliseconds half_limit{30000};
     unsigned introducing = 0;
     std::atomic<unsigned> backlogged{0}; // peers whose outbox holds something; changed with the lock held
     size_t outboxes_memory = 0;          // of all that waits behind the first of each
@@ -217,7 +266,8 @@ enum source : uint32_t {
     source_wake,
     source_registry,
     source_peer,
-    source_watch
+    source_watch,
+    source_timer
 };
 int poll_open(); // makes the wait's descriptors, if there are none yet; returns 0 or an errno value
 int poll_add(source kind, uint32_t id, int fd, uint32_t events);
@@ -236,10 +286,11 @@ void flush_everything(hold &lock, clock::duration limit);
 
 // ---- mailbox.cpp: itc_init, itc_exit, threads and their mailboxes ---------------------------------------------------
 
-bool name_is_good(const char *name);      // 1 to 255 bytes
-thread *thread_current();                 // NULL if the calling thread owns no mailbox
-bool mbox_is_own(uint32_t mbox);          // a living mailbox of this process
-void mbox_deliver(block *b, uint32_t to); // to a mailbox of this process; counts and frees what nobody receives
+bool name_is_good(const char *name);             // 1 to 255 bytes
+thread *thread_current();                        // NULL if the calling thread owns no mailbox
+bool mbox_is_own(uint32_t mbox);                 // a living mailbox of this process
+void mbox_deliver(block *b, uint32_t to);        // to a mailbox of this process; counts and frees what nobody receives
+block *thread_unqueue(thread *t, block *before); // takes out the block after that one (the first for NULL)
 
 // ---- complain.cpp: lines on stderr ----------------------------------------------------------------------------------
 
@@ -247,14 +298,41 @@ void mbox_deliver(block *b, uint32_t to); // to a mailbox of this process; count
 __attribute__((format(printf, 1, 2))) void complain(const char *format, ...);
 void note_drop(uint64_t *counter, const char *why); // counts, and says it on stderr, but not too often
 
+// ---- share.cpp: what each process may have of this one -----------------------------------------------------------
+
+account *account_open(peer *p);
+void account_close(peer *p);
+void account_add(account *a, block *b); // it is queued
+void account_take(block *b);            // and is no more; nothing for a block that is on no account
+
+void peer_pause(peer *p, pause why);
+void peer_resume(peer *p);       // nothing for one that is read
+void peer_ask_for_turn(peer *p); // it has something to read
+allowance turn_share(size_t peers);
+void note_full_queue(const peer *p);
+bool may_go_further(const peer *p); // beyond its share, while somebody waits and nothing that is queued passes
+
+bool half_room(peer *p, size_t memory); // for a half-sent message to have that much
+void half_end(peer *p);                 // it has come, or never will
+void half_timer_event();
+void half_close();
+
 // ---- channel.cpp: the other processes -------------------------------------------------------------------------------
 
 void peer_send(block *b, uint32_t to);
 void peer_introduced(uint32_t process, uint32_t channel, int fd);
 void peer_absent(uint32_t process);
-void peer_drain(uint32_t process); // takes in what that process has sent up to now
-void peer_event(uint32_t process, uint32_t events);
+void peer_drain(uint32_t process);                  // takes in what that process has sent up to now
+void peer_event(uint32_t process, uint32_t events); // what there is to read is left to the next turn
 void peer_flush(peer *p);
+void peer_watch(peer *p); // has the wait ask for what is of use now
+void peer_end_half_sent(peer *p);
+
+// One turn of all that have something to read. `waits`: somebody waits, and nothing that is queued passes; then one
+// who has its share in the queues is paused, or read further if it is the process `wanted`.
+void peers_turn(bool waits, uint32_t wanted);
+bool peers_could_go_further();
+void peers_go_further();
 void peers_try();           // whatever waits, unless it was tried a moment ago
 void peers_lose_registry(); // drops what waits for an introduction that will never come
 void peers_close();

@@ -2,8 +2,9 @@
  * Waiting: the one epoll of the process, the lead, watched descriptors and itc_receive.
  *
  * A receiving thread first looks into its queue. If there is nothing for it, it leads (or follows the thread that
- * leads). A thread that never runs dry looks at the descriptors now and then all the same, so that a signal is not
- * kept waiting by a flood of messages; it then leaves the channels alone, so that the flood stays in the sockets.
+ * leads). A thread that never runs dry looks at the descriptors now and then all the same, so that neither a signal nor
+ * another sender is kept waiting by a flood of messages. Whatever the occasion, the channels are read in turns: each
+ * peer brings a share, and what is more stays in its socket until its messages have been taken.
  */
 #include "state.hpp"
 
@@ -19,8 +20,12 @@ namespace itc
 namespace
 {
 
-constexpr int events_per_wait = 32;
+constexpr int events_per_wait = 256;
 constexpr unsigned takes_between_looks = 64;
+// How long somebody waits, with nothing queued that passes, before those are read further who have their share in the
+// queues already: what is waited for mostly comes from one who has not.
+constexpr int patience_ms = 1;
+constexpr int rounds_per_look = 16; // of a receive that does not wait
 
 uint64_t poll_tag(source kind, uint32_t id) { return static_cast<uint64_t>(kind) << 32 | id; }
 
@@ -44,14 +49,15 @@ bool passes(const block *b, const uint32_t *filter, uint32_t from)
 
 block *take(thread *t, const uint32_t *filter, uint32_t from)
 {
-    block *before = nullptr;
-    for (block *b = t->queue.head; b != nullptr; before = b, b = b->next) {
+    block *before = t->looked_at;
+    for (block *b = before == nullptr ? t->queue.head : before->next; b != nullptr; before = b, b = b->next) {
         if (passes(b, filter, from)) {
             t->taken++;
             g().statistics.received++;
-            return t->queue.take_after(before);
+            return thread_unqueue(t, before);
         }
     }
+    t->looked_at = before;
     return nullptr;
 }
 
@@ -62,9 +68,13 @@ void run_watch(hold &lock, int fd)
         return;
     }
     const watch w = found->second;
+    const uint64_t generation = g().generation;
     lock.unlock();
     w.callback(w.arg); // may leave ITC, and may not return
     lock.lock();
+    if (thread *me = thread_current(); me != nullptr && generation == g().generation) {
+        me->looked_at = nullptr; // a receive inside the callback looked for something else
+    }
 }
 
 void drain_wake()
@@ -74,7 +84,7 @@ void drain_wake()
     g().woken = false;
 }
 
-void on_event(hold &lock, const epoll_event &event, bool channels)
+void on_event(hold &lock, const epoll_event &event)
 {
     const auto id = static_cast<uint32_t>(event.data.u64);
     switch (static_cast<source>(event.data.u64 >> 32)) {
@@ -86,48 +96,14 @@ void on_event(hold &lock, const epoll_event &event, bool channels)
         registry_read();
         break;
     case source_peer:
-        if (channels || (event.events & EPOLLOUT) != 0) {
-            peer_event(id, channels ? event.events : static_cast<uint32_t>(EPOLLOUT));
-        }
+        peer_event(id, event.events);
         break;
     case source_watch:
         run_watch(lock, static_cast<int>(id));
         break;
-    }
-}
-
-// Leads once: waits for at most `timeout` ms and does what the descriptors ask for. Lets the lock go.
-void lead(hold &lock, thread *me, int timeout, bool channels)
-{
-    state &s = g();
-    epoll_event events[events_per_wait];
-    const int epoll = s.epoll;
-    const uint64_t generation = s.generation;
-    s.led = me->leading = me->waiting = true;
-    s.blocked++;
-    lock.unlock();
-    const int count = epoll_wait(epoll, events, events_per_wait, timeout);
-    lock.lock();
-    s.blocked--;
-    s.led = me->leading = me->waiting = false;
-    me->taken = 0;
-    for (int i = 0; i < count && s.generation == generation && !s.exiting; i++) {
-        on_event(lock, events[i], channels);
-    }
-    wake_followers();
-}
-
-// Whoever polls the descriptor of itc_get_fd has to see that messages are queued.
-void show_queued()
-{
-    if (!g().fd_given) {
-        return;
-    }
-    for (const thread *t : g().threads) {
-        if (t->queue.head != nullptr) {
-            wake_leader();
-            return;
-        }
+    case source_timer:
+        half_timer_event();
+        break;
     }
 }
 
@@ -138,6 +114,60 @@ struct wish {
     uint32_t timeout_ms;
     clock::time_point deadline;
 };
+
+// Leads once: waits for at most `timeout` ms and does what the descriptors ask for; then the peers have a turn. Lets
+// the lock go. `w` is what the thread waits for, NULL if it only looks.
+void lead(hold &lock, thread *me, int timeout, const wish *w)
+{
+    state &s = g();
+    epoll_event events[events_per_wait];
+    const int epoll = s.epoll;
+    const uint64_t generation = s.generation;
+    bool patient = false;
+    if (!s.round.empty()) {
+        timeout = 0;
+    } else if (w != nullptr && s.paused_queue > 0 && peers_could_go_further()) {
+        patient = true;
+        timeout = timeout < 0 || timeout > patience_ms ? patience_ms : timeout;
+    }
+    s.led = me->leading = me->waiting = true;
+    s.blocked++;
+    lock.unlock();
+    const int count = epoll_wait(epoll, events, events_per_wait, timeout);
+    lock.lock();
+    s.blocked--;
+    s.led = me->leading = me->waiting = false;
+    me->taken = 0;
+    for (int i = 0; i < count && s.generation == generation && !s.exiting; i++) {
+        on_event(lock, events[i]);
+    }
+    if (s.generation == generation && !s.exiting) {
+        if (patient && s.round.empty()) {
+            peers_go_further();
+        } else if (!s.round.empty()) {
+            peers_turn(w != nullptr, w == nullptr || w->from == ITC_FROM_ANY ? 0 : itc_wire::process_of(w->from));
+        }
+    }
+    wake_followers();
+}
+
+// Whoever polls the descriptor of itc_get_fd has to see that messages are queued.
+void show_queued()
+{
+    if (!g().fd_given) {
+        return;
+    }
+    if (!g().round.empty()) {
+        wake_leader();
+        return;
+    }
+    for (const thread *t : g().threads) {
+        if (t->queue.head != nullptr) {
+            wake_leader();
+            return;
+        }
+    }
+}
 
 int wait_time(const wish &w)
 {
@@ -154,7 +184,7 @@ bool wait_once(hold &lock, thread *me, const wish &w)
     const uint64_t generation = s.generation;
     const int timeout = wait_time(w);
     if (!s.led) {
-        lead(lock, me, timeout, true);
+        lead(lock, me, timeout, &w);
     } else if (timeout != 0) {
         me->waiting = true;
         follow(lock, timeout < 0 ? clock::now() + std::chrono::hours(1) : w.deadline);
@@ -162,22 +192,25 @@ bool wait_once(hold &lock, thread *me, const wish &w)
             me->waiting = false;
         }
     }
-    return timeout != 0 && s.generation == generation && !s.exiting;
+    return (timeout != 0 || !s.round.empty()) && s.generation == generation && !s.exiting;
 }
 
 block *receive(hold &lock, thread *me, const wish &w)
 {
     const uint64_t generation = g().generation;
     if (me->taken >= takes_between_looks && !g().led) {
-        lead(lock, me, 0, false);
+        lead(lock, me, 0, nullptr);
     }
     bool more = true;
-    while (g().generation == generation && !g().exiting && thread_current() == me) {
+    for (int rounds = 0; g().generation == generation && !g().exiting && thread_current() == me; rounds++) {
+        if (rounds == 0) {
+            me->looked_at = nullptr; // whoever looked before looked for something else
+        }
         block *b = take(me, w.filter, w.from);
         if (b != nullptr || !more) {
             return b;
         }
-        more = wait_once(lock, me, w);
+        more = wait_once(lock, me, w) && (w.timeout_ms != 0 || rounds < rounds_per_look);
     }
     return nullptr;
 }
