@@ -4,11 +4,15 @@
 #include "network.hpp"
 #include "packet_socket.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 
+#include <linux/capability.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace
@@ -216,6 +220,64 @@ TEST_F(Kernel, AnswersQuestionsForTheNamespaceOfTheSocketFromAnyOther)
     EXPECT_TRUE(mac_equal(mac, net::FAR_MAC));
     EXPECT_EQ(packet::interface_mtu(far_, "far0"), 1500);
     EXPECT_EQ(packet::interface_vlan(far_, "far0"), -1);
+}
+
+// The calling thread without a capability while it lives.
+class Without
+{
+public:
+    explicit Without(int capability)
+    {
+        EXPECT_EQ(syscall(SYS_capget, &header_, before_), 0);
+        __user_cap_data_struct now[_LINUX_CAPABILITY_U32S_3] = {before_[0], before_[1]};
+        now[CAP_TO_INDEX(capability)].effective &= ~CAP_TO_MASK(capability);
+        EXPECT_EQ(syscall(SYS_capset, &header_, now), 0);
+    }
+    ~Without() { EXPECT_EQ(syscall(SYS_capset, &header_, before_), 0); }
+    Without(const Without &) = delete;
+    Without &operator=(const Without &) = delete;
+
+private:
+    __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct before_[_LINUX_CAPABILITY_U32S_3]{};
+};
+
+int buffer_of(int fd)
+{
+    int size = 0;
+    socklen_t length = sizeof size;
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &length), 0);
+    return size;
+}
+
+// What the kernel allows anybody is what a socket gets that asks for more than any.
+TEST_F(Kernel, ASocketsBufferIsTheLargestAllowedWhereItCannotBeForced)
+{
+    EXPECT_EQ(buffer_of(near_), 2 * 8 * 1024 * 1024) << "forced, and the kernel doubles it for its own";
+    const Without force(CAP_NET_ADMIN);
+    const int bounded = packet::open_socket(REQUESTS);
+    const int asking = socket(AF_UNIX, SOCK_DGRAM, 0);
+    const int too_much = 1 << 30;
+    ASSERT_EQ(setsockopt(asking, SOL_SOCKET, SO_RCVBUF, &too_much, sizeof too_much), 0);
+    EXPECT_EQ(buffer_of(bounded), std::min(buffer_of(asking), 2 * 8 * 1024 * 1024));
+    close(bounded);
+    close(asking);
+}
+
+// A card that filters addresses is told of those that are not its own, and no longer than they are wanted.
+TEST_F(Kernel, LetsAnAddressInUntilItIsShutOut)
+{
+    const mac_address foreign{{0x02, 0, 0, 0, 0x77, 0x01}};
+    const int index = packet::interface_index(near_, "near0");
+    const auto filtered = [] {
+        return run("bridge fdb show dev near0").find("02:00:00:00:77:01") != std::string::npos;
+    };
+    EXPECT_FALSE(filtered());
+    EXPECT_TRUE(packet::let_in(near_, index, foreign));
+    EXPECT_TRUE(filtered());
+    packet::shut_out(near_, index, foreign);
+    EXPECT_FALSE(filtered());
+    EXPECT_FALSE(packet::let_in(near_, index + 1000, foreign)) << "there is no such interface";
 }
 
 } // namespace

@@ -18,6 +18,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <regex>
@@ -137,6 +138,31 @@ TEST(Tri, PrintsTimeNameLevelFileLineAndText)
     ASSERT_EQ(o.lines().size(), 1u) << o.text;
     EXPECT_EQ(behind_time(o.lines()[0]),
               "kap_vorn_manager[6] link_table.cpp:120 Supervision started with session id: 1");
+}
+
+TEST(Tri, PrintsTheTimeOfTheTraceInUtcToTheMicrosecond)
+{
+    const auto now = [] {
+        timespec t{};
+        clock_gettime(CLOCK_REALTIME, &t);
+        return static_cast<long long>(t.tv_sec) * 1000000 + t.tv_nsec / 1000;
+    };
+    const long long before = now();
+    const outcome o = in_child([] {
+        setenv("TZ", "XYZ-5:30", 1);
+        tri_init();
+        lttngTriTrace(6, "a.cpp", 1, "now");
+        return 0;
+    });
+    const long long after = now();
+    tm utc{};
+    long microseconds = 0;
+    const char *rest = strptime(o.text.c_str(), "%Y-%m-%dT%H:%M:%S", &utc);
+    ASSERT_NE(rest, nullptr) << o.text;
+    ASSERT_EQ(sscanf(rest, ".%6ldZ ", &microseconds), 1) << o.text;
+    const long long printed = static_cast<long long>(timegm(&utc)) * 1000000 + microseconds;
+    EXPECT_GE(printed, before) << o.text;
+    EXPECT_LE(printed, after) << o.text;
 }
 
 TEST(Tri, PrintsMessageNumberAndMailboxOfASentAndAReceivedMessage)
