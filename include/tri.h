@@ -7,7 +7,8 @@
  * 13 supervision and RTT traffic; 14 state changes; 17 received messages; 18 sent messages; 19 request dumps.
  *
  * errno is the same after a trace as before it. A sink that is gone or does not take more never blocks the caller;
- * what is lost is counted and told when the sink takes lines again.
+ * what is lost is counted and told when the sink takes lines again. Of the levels that are on by default a sink may
+ * count what is more than a hundred lines from one file and line in a second, and tell how many there were.
  */
 #ifndef TRI_H
 #define TRI_H

@@ -31,5 +31,7 @@ using sink_fn = void (*)(const record &r);
 // Looks at what stderr is. Before this call lines are written to descriptor 2 as it is.
 void stderr_sink_open();
 void stderr_sink_emit(const record &r);
+// Tells what is still to be told of lines that were only counted. The sink goes on as before.
+void stderr_sink_close(const char *process);
 
 } // namespace tri

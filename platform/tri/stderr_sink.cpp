@@ -3,10 +3,15 @@
 //     2026-11-20T21:43:19.123456Z kap_vorn_manager[6] link_table.cpp:120 Supervision started with session id: 1
 //     <6>kap_vorn_manager[6] link_table.cpp:120 Supervision started with session id: 1         (under journald)
 //
-// That a line holds nobody up, and that lost ones are counted, is the writer's doing; here is their form.
+// That a line holds nobody up, and that lost ones are counted, is the writer's doing; here is their form. Of one place
+// in the source a hundred lines are written in a second, and then how many more there were: what others make a process
+// trace must not fill its log. Levels beyond the built-in mask are there because a person switched them on, and are
+// written whole.
 #include "sink.hpp"
 
+#include "limit.hpp"
 #include "line.hpp"
+#include "mask_share.hpp"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,6 +30,7 @@ namespace
 constexpr uint32_t LEVEL_OF_A_LOSS = 4;
 
 constinit line::writer out;
+constinit line::limiter limits;
 std::atomic<bool> out_is_journal{false};
 
 // journald sets JOURNAL_STREAM to device and inode of the socket it made; a program started with stderr redirected
@@ -70,6 +76,28 @@ void append_loss(line::text &t, uint64_t lost, const void *process)
     line::append(t, "%llu traces lost, they were not taken in time", static_cast<unsigned long long>(lost));
 }
 
+bool is_limited(const record &r) { return (BUILT_IN_MASK >> r.level & 1u) != 0; }
+
+void tell(const line::told &silent, const char *process)
+{
+    line::text t;
+    begin(t, silent.level, process);
+    line::append(t, "%s %llu more of the kind: %s", silent.origin, static_cast<unsigned long long>(silent.count),
+                 silent.text);
+    line::end(t);
+    if (!line::put(out, t, append_loss, process, line::when_lost::CALLER_COUNTS)) {
+        out.lost += silent.count;
+    }
+}
+
+void tell_silent(line::when_told when, int64_t now, const char *process)
+{
+    line::told silent;
+    while (line::take_told(limits, when, now, &silent)) {
+        tell(silent, process);
+    }
+}
+
 } // namespace
 
 void stderr_sink_open()
@@ -80,9 +108,16 @@ void stderr_sink_open()
 
 void stderr_sink_emit(const record &r)
 {
+    const int64_t now = line::monotonic_now();
+    tell_silent(line::when_told::SECOND_IS_OVER, now, r.process);
+    char origin[sizeof line::told::origin];
+    (void)snprintf(origin, sizeof origin, "%.64s:%d", r.file, r.line);
+    if (is_limited(r) && !line::admit(limits, {r.file, static_cast<uint32_t>(r.line)}, r.level, origin, r.text, now)) {
+        return;
+    }
     line::text t;
     begin(t, r.level, r.process);
-    line::append(t, "%.64s:%d ", r.file, r.line);
+    line::append(t, "%s ", origin);
     if (r.what != kind::PLAIN) {
         line::append(t, "%s 0x%x %s 0x%x: ", r.what == kind::SENT ? "SEND" : "REC", r.msgno,
                      r.what == kind::SENT ? "to" : "from", r.peer);
@@ -91,5 +126,7 @@ void stderr_sink_emit(const record &r)
     line::end(t);
     line::put(out, t, append_loss, r.process);
 }
+
+void stderr_sink_close(const char *process) { tell_silent(line::when_told::ANY_TIME, line::monotonic_now(), process); }
 
 } // namespace tri

@@ -5,6 +5,7 @@
 #include "tri.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -66,6 +67,19 @@ void emit(tri::record r)
     errno = saved_errno;
 }
 
+pid_t opened_by;
+
+// A forked child that ends has nothing to tell: what it has counted is its parent's.
+void close_all()
+{
+    if (getpid() == opened_by) {
+        char name[32];
+        load_name(name);
+        tri::stderr_sink_close(name);
+    }
+    tri::share_close();
+}
+
 } // namespace
 
 __thread struct tri_proc_info *procInfo = &pages.s.info;
@@ -76,6 +90,8 @@ int tri_init(void)
         return 4;
     }
     tri::stderr_sink_open();
+    opened_by = getpid();
+    const bool told_at_exit = atexit(close_all) == 0;
     if (pages.s.info.name[0] == '\0') {
         store_name(program_invocation_short_name);
     }
@@ -83,7 +99,7 @@ int tri_init(void)
     if (!tri::share_open(&pages)) {
         return 4;
     }
-    return atexit(tri::share_close) == 0 ? 0 : ENOMEM;
+    return told_at_exit ? 0 : ENOMEM;
 }
 
 int tri_register_thread_name(const char *name)

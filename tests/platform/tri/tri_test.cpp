@@ -589,4 +589,136 @@ TEST(TriSink, KeepsLinesOfManyThreadsWhole)
     EXPECT_EQ(good, 400u);
 }
 
+// ---- A flood of traces ----
+
+// What was told of a kind, summed up, and how many lines of it were written.
+struct flood_seen {
+    size_t written = 0;
+    size_t told = 0;
+    size_t tellings = 0;
+    bool operator==(const flood_seen &) const = default;
+};
+
+flood_seen flood_of(const outcome &o, const std::string &origin, const std::string &text)
+{
+    flood_seen seen;
+    const std::regex more(origin + R"( (\d+) more of the kind: )" + text);
+    for (const std::string &line : o.lines()) {
+        std::smatch m;
+        if (std::regex_search(line, m, more)) {
+            seen.told += std::stoul(m[1]);
+            ++seen.tellings;
+        } else if (std::regex_search(line, std::regex(origin + " " + text))) {
+            ++seen.written;
+        }
+    }
+    return seen;
+}
+
+TEST(TriFlood, WritesAHundredLinesOfAKindInASecondAndTellsHowManyMoreThereWere)
+{
+    const outcome o = in_child([] {
+        tri_init();
+        tri_register_thread_name("p");
+        for (int i = 0; i < 5000; i++) {
+            lttngTriTrace(1, "a.cpp", 7, formatStr("refused %d", i));
+        }
+        lttngTriTrace(1, "a.cpp", 8, "a person's");
+        return 0;
+    });
+    EXPECT_EQ(o.status, 0);
+    const flood_seen seen = flood_of(o, "a.cpp:7", "refused");
+    EXPECT_EQ(seen.written + seen.told, 5000u);
+    EXPECT_LE(seen.written, 200u) << "it may have taken a little more than a second";
+    EXPECT_EQ(flood_of(o, "a.cpp:8", "a person's"), (flood_seen{1, 0, 0})) << "another kind is not hidden";
+    EXPECT_GE(seen.tellings, 1u) << "what was counted is told when the process ends";
+}
+
+TEST(TriFlood, TellsWhenTheSecondIsOverBeforeWhatIsWrittenNext)
+{
+    const outcome o = in_child([] {
+        tri_init();
+        tri_register_thread_name("p");
+        for (int i = 0; i < 150; i++) {
+            lttngTriTrace(6, "a.cpp", 7, "again");
+        }
+        timespec second{1, 10'000'000};
+        nanosleep(&second, nullptr); // what is tested is the second itself
+        lttngTriTrace(1, "a.cpp", 8, "next");
+        for (int i = 0; i < 100; i++) {
+            lttngTriTrace(6, "a.cpp", 7, "again");
+        }
+        return 0;
+    });
+    EXPECT_EQ(o.status, 0);
+    const std::vector<std::string> lines = o.lines();
+    ASSERT_EQ(lines.size(), 202u);
+    EXPECT_EQ(behind_time(lines[100]), "p[6] a.cpp:7 50 more of the kind: again");
+    EXPECT_EQ(behind_time(lines[101]), "p[1] a.cpp:8 next");
+    EXPECT_EQ(behind_time(lines[201]), "p[6] a.cpp:7 again") << "the next second has a hundred lines again";
+}
+
+TEST(TriFlood, WritesWholeWhatAPersonSwitchedOn)
+{
+    const outcome o = in_child([] {
+        tri_init();
+        __atomic_store_n(&procInfo->mask, 1u << 13 | 1u << 17, __ATOMIC_RELAXED);
+        for (int i = 0; i < 300; i++) {
+            lttngTriTrace(13, "a.cpp", 7, "traffic");
+            lttngTriRecSigTrace("a.cpp", 8, 1, 2, "REQUEST");
+        }
+        return 0;
+    });
+    EXPECT_EQ(o.lines().size(), 600u);
+}
+
+TEST(TriFlood, LosesNoKindHoweverManyThereAre)
+{
+    const outcome o = in_child([] {
+        tri_init();
+        for (int i = 0; i < 1000; i++) {
+            lttngTriTrace(1, "a.cpp", i, "x");
+        }
+        return 0;
+    });
+    EXPECT_EQ(o.lines().size(), 1000u);
+}
+
+TEST(TriFlood, IsCountedRightByManyThreads)
+{
+    const outcome o = in_child([] {
+        tri_init();
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; t++) {
+            threads.emplace_back([] {
+                for (int i = 0; i < 2000; i++) {
+                    lttngTriTrace(1, "a.cpp", 7, "refused");
+                }
+            });
+        }
+        for (std::thread &t : threads) {
+            t.join();
+        }
+        return 0;
+    });
+    const flood_seen seen = flood_of(o, "a.cpp:7", "refused");
+    EXPECT_EQ(seen.written + seen.told, 8000u);
+}
+
+TEST(TriFlood, OfAParentIsNotToldByItsChild)
+{
+    const outcome o = in_child([] {
+        tri_init();
+        for (int i = 0; i < 101; i++) {
+            lttngTriTrace(1, "a.cpp", 7, "refused");
+        }
+        const pid_t pid = fork();
+        if (pid == 0) {
+            exit(0);
+        }
+        return status_of(pid);
+    });
+    EXPECT_EQ(flood_of(o, "a.cpp:7", "refused"), (flood_seen{100, 1, 1}));
+}
+
 } // namespace
