@@ -56,17 +56,27 @@ void write_config(const stage &s)
 
 // ---- Programs -------------------------------------------------------------------------------------------------------
 
+void append(std::vector<std::string> &command, const std::vector<std::string> &words)
+{
+    command.insert(command.end(), words.begin(), words.end());
+}
+
 std::vector<std::string> command_of(const stage &s, const std::string &name)
 {
+    std::vector<std::string> command;
+    if (s.launchers.contains(name)) {
+        append(command, s.launchers.at(name));
+    }
     if (name == REGISTRY) {
-        return {s.bin_dir + "/" + name};
+        append(command, {s.bin_dir + "/" + name});
+        append(command, s.registry_arguments);
+    } else if (name == DAEMON) {
+        append(command, {s.bin_dir + "/" + name});
+        append(command, s.daemon_arguments);
+    } else {
+        append(command, {s.bin_dir + "/kap-node", name, "--config", CONFIG_PATH});
     }
-    if (name == DAEMON) {
-        std::vector<std::string> command = {s.bin_dir + "/" + name};
-        command.insert(command.end(), s.daemon_arguments.begin(), s.daemon_arguments.end());
-        return command;
-    }
-    return {s.bin_dir + "/kap-node", name, "--config", CONFIG_PATH};
+    return command;
 }
 
 std::string log_path(const stage &s, const std::string &name) { return s.log_dir + "/" + name + ".log"; }

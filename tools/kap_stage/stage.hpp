@@ -33,7 +33,10 @@ struct stage {
     std::string bin_dir; // where the programs are
     std::string log_dir; // one file per process; of what else is there, nothing is touched
     std::vector<stage_port> ports;
-    std::vector<std::string> daemon_arguments;      // none, as a rule
+    std::vector<std::string> daemon_arguments;   // none, as a rule
+    std::vector<std::string> registry_arguments; // none, as a rule
+    // By name, the words that stand before a program's own: they make it another user, with other rights and limits.
+    std::map<std::string, std::vector<std::string>> launchers;
     std::map<std::string, child_process> processes; // by name; one that may end is taken out before it does
 };
 
