@@ -262,6 +262,8 @@ void announce_broken_namespace(arena & /*a*/)
     stage_control("iepcsi", {"vlan-add", "TNA", "666", "tn_a", "broken"});
 }
 
+void remove_broken_namespace(arena & /*a*/) { fs::remove("/run/netns/broken"); }
+
 // A name that leads out of the directory, to where there is an interface of that name, and one of a FIFO.
 void announce_bad_names(arena & /*a*/)
 {
@@ -274,6 +276,8 @@ void announce_bad_names(arena & /*a*/)
     stage_control("iepcsi", {"vlan-add", "TNA", "700", "trap0", "../../proc/1/ns/net"});
     stage_control("iepcsi", {"vlan-add", "TNA", "701", "tn_a", "pipe"});
 }
+
+void remove_bad_names(arena & /*a*/) { fs::remove("/run/netns/pipe"); }
 
 void find_mask(arena &a)
 {
@@ -370,7 +374,8 @@ const std::vector<attack> &attacks()
         {.name = "failing",
          .text = "creates in a namespace that cannot be entered",
          .attackers = {{"kap-operator", {"create-in", "666"}}},
-         .prepare = announce_broken_namespace},
+         .prepare = announce_broken_namespace,
+         .after = remove_broken_namespace},
         {"queue", "sessions that end with 40 requests of 60 kB waiting", {{"kap-operator", {"queue-and-end"}}}},
         {"logs", "messages and frames that are worth a line", {{"mallory", {"flood-logs"}}}},
         {.name = "sessions",
@@ -385,7 +390,8 @@ const std::vector<attack> &attacks()
          .text = "names of namespaces that are a path out of the directory and a FIFO",
          .attackers = {{"kap-operator", {"create-in", "700", "entered ../../proc/1/ns/net"}},
                        {"kap-operator", {"create-in", "701"}}},
-         .prepare = announce_bad_names},
+         .prepare = announce_bad_names,
+         .after = remove_bad_names},
         {.name = "mask",
          .text = "the file behind the daemon's trace mask truncated, by the daemon's own user",
          .attackers = {{"kap-vorn", {"truncate-mask"}}},
@@ -706,6 +712,12 @@ void run_node(arena &a)
     }
 }
 
+std::string one_line(std::string text)
+{
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text;
+}
+
 // An honest end, too: what remains can be stopped.
 void stop_node(arena &a)
 {
@@ -721,10 +733,14 @@ void stop_node(arena &a)
     if (!a.ended.empty()) {
         return; // the sandbox takes the rest with it
     }
-    for (const auto &[name, status] : stage_stop(a.s)) {
-        if (status != "exit status 0") {
-            a.ended.push_back(name + " (" + status + ", when it was stopped)");
+    try {
+        for (const auto &[name, status] : stage_stop(a.s)) {
+            if (status != "exit status 0") {
+                a.ended.push_back(name + " (" + status + ", when it was stopped)");
+            }
         }
+    } catch (const stage_failure &failure) {
+        a.ended.push_back(one_line(failure.what()));
     }
 }
 
@@ -752,8 +768,7 @@ verdict run_attack(const options &wanted, const attack &what)
         stop_node(a);
         return judge(a, lines);
     } catch (const std::exception &failure) {
-        std::string line = failure.what();
-        std::replace(line.begin(), line.end(), '\n', ' ');
+        const std::string line = one_line(failure.what());
         return {"| `" + what.name + "` | - | - | - | - | - | - | - | - | " + joined(a.ended, "nobody") + " | - | " +
                     line + " |",
                 {line}};
@@ -850,6 +865,10 @@ int main(int argc, char **argv)
     options wanted;
     if (!parse(argc, argv, wanted)) {
         return 2;
+    }
+    if (wanted.policy && !fs::exists(fs::path(KAP_SOURCE_DIR) / "packaging/policy.d")) {
+        std::cerr << "attack: there is no packaged policy; users are let in by option\n";
+        wanted.policy = false;
     }
     std::cout << TABLE_HEAD << std::endl;
     std::vector<std::string> missed;

@@ -212,6 +212,7 @@ void exhaust_ids(const arguments & /*words*/)
     const auto begun = clock_type::now();
     raw_close(link);
     uint64_t hellos = 0;
+    bool came = false;
     std::string pair;
     {
         itc_wire::writer hello(itc_wire::hello, 1);
@@ -240,7 +241,8 @@ void exhaust_ids(const arguments & /*words*/)
             }
             if (frame->type == itc_wire::welcome) {
                 hellos++;
-                if (frame->word(0) == wanted) {
+                if (frame->word(0) == wanted && !came) {
+                    came = true;
                     const std::chrono::duration<double> took = clock_type::now() - begun;
                     char text[96];
                     snprintf(text, sizeof text, "an old id after %llu hellos (%.1f s)",

@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include <grp.h>
 #include <pwd.h>
+#include <sys/resource.h>
 
 struct unit_file {
     std::string path;
@@ -58,6 +60,21 @@ inline std::string unit_capabilities(const std::string &words)
     return set;
 }
 
+// The numbers of groups, with commas between.
+inline std::string unit_groups(const std::string &words)
+{
+    std::string set;
+    std::istringstream rest(words);
+    for (std::string word; rest >> word;) {
+        const group *known = getgrnam(word.c_str());
+        if (known == nullptr) {
+            throw std::runtime_error("no group " + word);
+        }
+        set += (set.empty() ? "" : ",") + std::to_string(known->gr_gid);
+    }
+    return set;
+}
+
 // The words before a program's own that make it what the unit makes it. A unit without a bounding set keeps all.
 inline std::vector<std::string> unit_launcher(const unit_file &unit)
 {
@@ -69,14 +86,20 @@ inline std::vector<std::string> unit_launcher(const unit_file &unit)
     const std::string files = unit_setting(unit, "LimitNOFILE");
     std::vector<std::string> words;
     if (!files.empty()) {
-        words = {"prlimit", "--nofile=" + files + ":" + files, "--"};
+        // Only a service manager can give more than it was given itself.
+        rlimit own{};
+        getrlimit(RLIMIT_NOFILE, &own);
+        const std::string most = std::to_string(std::min<rlim_t>(own.rlim_max, std::stoul(files)));
+        words = {"prlimit", "--nofile=" + most + ":" + most, "--"};
     }
     const std::string nice = unit_setting(unit, "Nice");
     if (!nice.empty()) {
         words.insert(words.end(), {"nice", "-n", nice});
     }
     words.insert(words.end(), {"setpriv", "--reuid", std::to_string(known->pw_uid), "--regid",
-                               std::to_string(known->pw_gid), "--clear-groups", "--pdeathsig", "SIGKILL"});
+                               std::to_string(known->pw_gid), "--pdeathsig", "SIGKILL"});
+    const std::string more = unit_groups(unit_setting(unit, "SupplementaryGroups"));
+    words.push_back(more.empty() ? "--clear-groups" : "--groups=" + more);
     const auto bounding = unit.settings.find("CapabilityBoundingSet");
     if (bounding != unit.settings.end()) {
         words.insert(words.end(), {"--bounding-set", unit_capabilities(bounding->second)});
