@@ -1,58 +1,48 @@
 #include "registry.hpp"
 
+#include "introductions.hpp"
 #include "itc.h"
 #include "services.hpp"
 
 #include <cerrno>
 #include <ctime>
-#include <fcntl.h>
 #include <sys/random.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <unordered_map>
 
 using namespace itc_wire;
 
 namespace
 {
 
-// Bounds per process, far above any use: one client must not take all the memory.
+// Bounds per process, and what the entries of one take in memory besides their texts. A process can have no more
+// mailboxes than there are numbers.
 constexpr size_t name_bound = 8192;
-constexpr size_t token_bound = 65536;
-constexpr int channel_buffer = 1 << 20;
+constexpr size_t await_bound = 8192;
+constexpr size_t monitor_bound = 16384;
+constexpr size_t mailbox_bytes = 480;
+constexpr size_t name_bytes = 240;
+constexpr size_t await_bytes = 320;
+constexpr size_t monitor_bytes = 160;
 
 struct mailbox {
-    registry_client *owner;
-    std::set<std::string> names;
+    registry_client *owner = nullptr;
+    bool goes = false; // its end has begun
+    std::set<std::string_view> names;
     std::set<std::pair<uint32_t, uint32_t>> watchers; // process, token
-};
-
-// Two processes that were introduced. Both ends have to be closed before there is another introduction.
-struct pairing {
-    uint32_t channel = 0;
-    bool low_closed = false;
-    bool high_closed = false;
-    bool wanted_again = false;
+    registry_box_services services;
 };
 
 registry_output *out;
 const policy *rules;
 std::unordered_map<uint32_t, registry_client *> processes;
-std::unordered_map<uint32_t, mailbox> mailboxes;
-std::unordered_map<std::string, uint32_t> names;
-std::unordered_map<std::string, std::set<std::pair<uint32_t, uint32_t>>> waiting; // process, token
-std::map<std::pair<uint32_t, uint32_t>, pairing> pairings;                        // lower number first
-uint32_t last_channel = 0;
+std::map<uint32_t, mailbox> mailboxes;
+std::map<std::string, uint32_t, std::less<>> names;
+std::map<std::string, std::set<std::pair<uint32_t, uint32_t>>, std::less<>> waiting; // process, token
 
 void answer(registry_client &to, uint32_t serial, int error)
 {
     writer frame(result, serial);
     out->send(to, frame.u32(static_cast<uint32_t>(error)), -1);
-}
-
-registry_client *process_find(uint32_t number)
-{
-    const auto found = processes.find(number);
-    return found == processes.end() ? nullptr : found->second;
 }
 
 // Seconds that only grow, never those of the epoch.
@@ -67,64 +57,18 @@ bool owns(const registry_client &client, uint32_t mbox) { return client.mboxes.c
 
 void tell_token(frame_type type, uint32_t process, uint32_t token, uint32_t mbox)
 {
-    registry_client *to = process_find(process);
+    registry_client *to = registry_find(process);
     if (to != nullptr) {
         writer frame(type, token);
         out->send(*to, frame.u32(mbox), -1);
     }
 }
 
-// ---- Introductions
-// ---------------------------------------------------------------------------------------------------
-
-std::pair<uint32_t, uint32_t> pair_key(uint32_t a, uint32_t b) { return {a < b ? a : b, a < b ? b : a}; }
-
-void raise_buffer(int fd)
-{
-    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &channel_buffer, sizeof channel_buffer) != 0) {
-        (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &channel_buffer, sizeof channel_buffer);
-    }
-}
-
-void tell_channel(registry_client &to, uint32_t process, uint32_t number, int fd)
-{
-    writer frame(channel, 0);
-    out->send(to, frame.u32(process).u32(number), fd);
-}
-
-void introduce_both(registry_client &a, registry_client &b)
-{
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {
-        writer frame(no_process, 0);
-        out->send(a, frame.u32(b.process), -1);
-        return;
-    }
-    raise_buffer(ends[0]);
-    raise_buffer(ends[1]);
-    pairing fresh;
-    fresh.channel = ++last_channel;
-    pairings[pair_key(a.process, b.process)] = fresh;
-    tell_channel(a, b.process, fresh.channel, ends[0]);
-    tell_channel(b, a.process, fresh.channel, ends[1]);
-}
-
-// Sees to it that the two have a channel. If they have one, `from` has it or finds it on its way.
-void introduce_once(registry_client &from, registry_client &other)
-{
-    const auto known = pairings.find(pair_key(from.process, other.process));
-    if (known == pairings.end()) {
-        introduce_both(from, other);
-    } else if (known->second.low_closed || known->second.high_closed) {
-        known->second.wanted_again = true; // as soon as the other end is closed too
-    }
-}
-
 // Whoever finds a mailbox is about to send to it: the channel comes before the answer, and no message has to wait.
 void introduce_finder(uint32_t finder, uint32_t mbox)
 {
-    registry_client *from = process_find(finder);
-    registry_client *other = process_find(process_of(mbox));
+    registry_client *from = registry_find(finder);
+    registry_client *other = registry_find(process_of(mbox));
     if (from != nullptr && other != nullptr && from != other) {
         introduce_once(*from, *other);
     }
@@ -132,7 +76,7 @@ void introduce_finder(uint32_t finder, uint32_t mbox)
 
 void on_introduce(registry_client &from, uint32_t process)
 {
-    registry_client *other = process_find(process);
+    registry_client *other = registry_find(process);
     if (other == nullptr || other == &from) {
         writer frame(no_process, 0);
         out->send(from, frame.u32(process), -1);
@@ -141,134 +85,116 @@ void on_introduce(registry_client &from, uint32_t process)
     }
 }
 
-void on_closed(registry_client &from, uint32_t process, uint32_t number)
-{
-    const auto known = pairings.find(pair_key(from.process, process));
-    if (known == pairings.end() || known->second.channel != number) {
-        return;
-    }
-    pairing &p = known->second;
-    (from.process < process ? p.low_closed : p.high_closed) = true;
-    if (!p.low_closed || !p.high_closed) {
-        return;
-    }
-    const bool again = p.wanted_again;
-    pairings.erase(known);
-    registry_client *other = process_find(process);
-    if (again && other != nullptr) {
-        introduce_both(from, *other);
-    }
-}
-
-void pairings_forget(uint32_t process)
-{
-    for (auto it = pairings.begin(); it != pairings.end();) {
-        it = it->first.first == process || it->first.second == process ? pairings.erase(it) : std::next(it);
-    }
-}
-
 // ---- Mailboxes and names
 // ---------------------------------------------------------------------------------------------
 
-void name_appears(const std::string &name, uint32_t mbox)
+bool goes(const mailbox &box) { return box.goes || box.owner->leaving; }
+
+// The mailbox of that name. One whose end has begun has none any more.
+uint32_t name_lookup(std::string_view name)
 {
-    const auto found = waiting.find(name);
-    if (found == waiting.end()) {
-        return;
-    }
-    const auto waiters = std::move(found->second);
-    waiting.erase(found);
-    for (const auto &[process, token] : waiters) {
-        registry_client *client = process_find(process);
-        if (client != nullptr) {
-            client->awaited.erase(token);
-            introduce_finder(process, mbox);
-            tell_token(itc_wire::found, process, token, mbox);
-        }
-    }
+    const auto found = names.find(name);
+    return found == names.end() || goes(mailboxes.at(found->second)) ? ITC_NO_MBOX : found->second;
+}
+
+void name_free(std::map<std::string, uint32_t, std::less<>>::iterator entry)
+{
+    mailbox &box = mailboxes.at(entry->second);
+    box.names.erase(entry->first);
+    box.owner->name_count--;
+    share_give(*box.owner->of, held::names, name_bytes + entry->first.size());
+    names.erase(entry);
 }
 
 // 0, or why `client` may not have that name for that mailbox. A name the mailbox has already is given again.
 int claim(registry_client &client, uint32_t mbox, const std::string &name)
 {
     const auto taken = names.find(name);
-    if (taken != names.end()) {
+    if (taken != names.end() && !goes(mailboxes.at(taken->second))) {
         return taken->second == mbox ? 0 : EEXIST;
     }
     if (!policy_may_claim(*rules, client.who, name)) {
         return EACCES;
     }
-    if (client.name_count >= name_bound) {
+    if (taken != names.end()) {
+        name_free(taken);
+    }
+    if (client.name_count >= name_bound || !share_take(*client.of, held::names, name_bytes + name.size())) {
         return ENOSPC;
     }
     client.name_count++;
-    names[name] = mbox;
-    mailboxes.at(mbox).names.insert(name);
-    name_appears(name, mbox);
+    mailboxes.at(mbox).names.insert(names.emplace(name, mbox).first->first);
+    if (waiting.count(name) != 0) {
+        client.work.emplace_back(registry_task::tell_found, mbox);
+        client.work.back().name = name;
+    }
     return 0;
 }
 
-void mailbox_remove(registry_client &client, uint32_t mbox)
+void mailbox_erase(std::map<uint32_t, mailbox>::iterator box)
 {
-    const mailbox gone = std::move(mailboxes.at(mbox));
-    mailboxes.erase(mbox);
-    client.mboxes.erase(mbox);
-    client.name_count -= gone.names.size();
-    for (const std::string &name : gone.names) {
-        names.erase(name);
+    registry_client &owner = *box->second.owner;
+    owner.mboxes.erase(box->first);
+    share_give(*owner.of, held::mailboxes, mailbox_bytes);
+    mailboxes.erase(box);
+}
+
+// Its answer comes when what it left to do is done.
+void answer_after_work(registry_client &to, uint32_t serial, int error)
+{
+    if (to.work.empty()) {
+        answer(to, serial, error);
+    } else {
+        to.work.insert(to.work.begin(), registry_task(registry_task::reply, serial, static_cast<uint32_t>(error)));
     }
-    services_mailbox_gone(client, mbox);
-    for (const auto &[process, token] : gone.watchers) {
-        registry_client *watcher = process_find(process);
-        if (watcher != nullptr) {
-            watcher->monitors.erase(token);
-            tell_token(died, process, token, mbox);
-        }
+}
+
+int create(registry_client &from, uint32_t mbox, const std::string &name)
+{
+    if (name.empty() || process_of(mbox) != from.process || owns(from, mbox)) {
+        return EINVAL;
     }
+    if (!box_may_be_used(from.resting, box_of(mbox), seconds())) {
+        return EAGAIN;
+    }
+    if (!share_take(*from.of, held::mailboxes, mailbox_bytes)) {
+        return ENOSPC;
+    }
+    const auto fresh = mailboxes.try_emplace(mbox).first;
+    fresh->second.owner = &from;
+    from.mboxes.insert(mbox);
+    const int error = claim(from, mbox, name);
+    if (error != 0) {
+        mailbox_erase(fresh);
+    }
+    return error;
 }
 
 void on_create(registry_client &from, uint32_t serial, uint32_t mbox, const std::string &name)
 {
-    if (name.empty() || process_of(mbox) != from.process || owns(from, mbox)) {
-        answer(from, serial, EINVAL);
-        return;
-    }
-    if (!box_may_be_used(from.resting, box_of(mbox), seconds())) {
-        answer(from, serial, EAGAIN);
-        return;
-    }
-    mailboxes[mbox].owner = &from;
-    from.mboxes.insert(mbox);
-    const int error = claim(from, mbox, name);
-    if (error != 0) {
-        mailbox_remove(from, mbox);
-    }
-    answer(from, serial, error);
+    const int error = create(from, mbox, name);
+    answer_after_work(from, serial, error);
 }
 
 void on_delete(registry_client &from, uint32_t serial, uint32_t mbox)
 {
     const bool own = owns(from, mbox);
     if (own) {
-        mailbox_remove(from, mbox);
         box_rest(from.resting, box_of(mbox), seconds());
+        mailboxes.at(mbox).goes = true;
+        from.work.emplace_back(registry_task::unload_box, mbox);
     }
-    answer(from, serial, own ? 0 : EINVAL);
+    answer_after_work(from, serial, own ? 0 : EINVAL);
 }
 
 void on_add_name(registry_client &from, uint32_t serial, uint32_t mbox, const std::string &name)
 {
-    answer(from, serial, name.empty() || !owns(from, mbox) ? EINVAL : claim(from, mbox, name));
+    const int error = name.empty() || !owns(from, mbox) ? EINVAL : claim(from, mbox, name);
+    answer_after_work(from, serial, error);
 }
 
 // ---- Locating and monitoring
 // -----------------------------------------------------------------------------------------
-
-uint32_t name_lookup(const std::string &name)
-{
-    const auto found_name = names.find(name);
-    return found_name == names.end() ? ITC_NO_MBOX : found_name->second;
-}
 
 void on_locate(registry_client &from, uint32_t serial, const std::string &name)
 {
@@ -286,11 +212,14 @@ void on_await(registry_client &from, uint32_t token, const std::string &name)
         tell_token(found, from.process, token, mbox);
         return;
     }
-    if (from.awaited.size() >= token_bound || !from.awaited.emplace(token, name).second) {
+    if (from.awaited.count(token) != 0 || from.awaited.size() >= await_bound ||
+        !share_take(*from.of, held::awaits, await_bytes + name.size())) {
         out->doom(from, "waits for too many names, or twice under one token");
         return;
     }
-    waiting[name].emplace(from.process, token);
+    const auto entry = waiting.try_emplace(name).first;
+    entry->second.emplace(from.process, token);
+    from.awaited.emplace(token, entry->first);
 }
 
 void await_forget(registry_client &from, uint32_t token)
@@ -300,40 +229,138 @@ void await_forget(registry_client &from, uint32_t token)
         return;
     }
     const auto waiters = waiting.find(entry->second);
-    if (waiters != waiting.end()) {
-        waiters->second.erase({from.process, token});
-        if (waiters->second.empty()) {
-            waiting.erase(waiters);
-        }
-    }
     from.awaited.erase(entry);
+    share_give(*from.of, held::awaits, await_bytes + waiters->first.size());
+    waiters->second.erase({from.process, token});
+    if (waiters->second.empty()) {
+        waiting.erase(waiters);
+    }
 }
 
 void on_monitor(registry_client &from, uint32_t token, uint32_t mbox)
 {
     const auto watched = mailboxes.find(mbox);
-    if (watched == mailboxes.end()) {
+    if (watched == mailboxes.end() || goes(watched->second)) {
         tell_token(died, from.process, token, mbox);
         return;
     }
-    if (from.monitors.size() >= token_bound || !from.monitors.emplace(token, mbox).second) {
+    if (from.monitors.count(token) != 0 || from.monitors.size() >= monitor_bound ||
+        !share_take(*from.of, held::monitors, monitor_bytes)) {
         out->doom(from, "monitors too many mailboxes, or twice under one token");
         return;
     }
+    from.monitors.emplace(token, mbox);
     watched->second.watchers.emplace(from.process, token);
 }
 
+// The mailbox is there as long as it has watchers.
 void monitor_forget(registry_client &from, uint32_t token)
 {
     const auto entry = from.monitors.find(token);
     if (entry == from.monitors.end()) {
         return;
     }
-    const auto watched = mailboxes.find(entry->second);
-    if (watched != mailboxes.end()) {
-        watched->second.watchers.erase({from.process, token});
-    }
+    mailboxes.at(entry->second).watchers.erase({from.process, token});
     from.monitors.erase(entry);
+    share_give(*from.of, held::monitors, monitor_bytes);
+}
+
+// ---- Work in steps
+// ---------------------------------------------------------------------------------------------------
+
+// The next that waits for a name. Stops when the name is not that mailbox's any more.
+step tell_next_waiter(const registry_task &task)
+{
+    const auto waiters = waiting.find(task.name);
+    if (waiters == waiting.end() || name_lookup(task.name) != task.number) {
+        return step::done;
+    }
+    const auto [process, token] = *waiters->second.begin();
+    registry_client &waiter = *processes.at(process);
+    await_forget(waiter, token);
+    introduce_finder(process, task.number);
+    tell_token(found, process, token, task.number);
+    return step::more;
+}
+
+void tell_next_watcher(mailbox &box, uint32_t mbox)
+{
+    const auto [process, token] = *box.watchers.begin();
+    monitor_forget(*processes.at(process), token);
+    tell_token(died, process, token, mbox);
+}
+
+// Its names first, its services, and those who watch it last.
+step unload_box(registry_client &client, uint32_t mbox)
+{
+    const auto found_box = mailboxes.find(mbox);
+    mailbox &box = found_box->second;
+    if (!box.names.empty()) {
+        name_free(names.find(*box.names.begin()));
+    } else if (services_forget_one(client, box.services)) {
+        return step::more;
+    } else if (!box.watchers.empty()) {
+        tell_next_watcher(box, mbox);
+    } else {
+        mailbox_erase(found_box);
+        return step::done;
+    }
+    return step::more;
+}
+
+step unload(registry_client &client)
+{
+    if (!client.awaited.empty()) {
+        await_forget(client, client.awaited.begin()->first);
+    } else if (!client.monitors.empty()) {
+        monitor_forget(client, client.monitors.begin()->first);
+    } else if (!client.mboxes.empty()) {
+        client.work.emplace_back(registry_task::unload_box, *client.mboxes.begin());
+    } else if (!introduction_forget_one(client)) {
+        processes.erase(client.process);
+        number_rest(client.process, client.who.user, seconds());
+        client.resting = {};
+        client.process = 0;
+        client.leaving = false;
+        return step::done;
+    }
+    return step::more;
+}
+
+// One step of the task on top. What it leaves behind comes on top of it.
+step do_step(registry_client &client)
+{
+    registry_task &task = client.work.back();
+    switch (task.what) {
+    case registry_task::tell_found:
+        return tell_next_waiter(task);
+    case registry_task::tell_change:
+        return service_tell_change(task);
+    case registry_task::sweep:
+        return service_sweep(client, task);
+    case registry_task::unload_box:
+        return unload_box(client, task.number);
+    case registry_task::unload:
+        return unload(client);
+    case registry_task::reply:
+        answer(client, task.number, static_cast<int>(task.second));
+        return step::done;
+    }
+    return step::done;
+}
+
+// What was kept back for a client that was behind: false if there is nothing, or it still is.
+bool catch_up(registry_client &client)
+{
+    if (client.leaving) {
+        return false;
+    }
+    if (!client.stale.empty() && !out->is_behind(client)) {
+        client.work.emplace_back(registry_task::sweep, *client.stale.begin());
+        client.stale.erase(client.stale.begin());
+        return true;
+    }
+    return introduce_next_waiting(client);
 }
 
 // ---- Processes
@@ -359,8 +386,8 @@ void on_hello(registry_client &from, uint32_t their_version)
 
 void on_bye(registry_client &from, uint32_t serial)
 {
-    registry_remove(from);
-    answer(from, serial, 0);
+    registry_leave(from);
+    answer_after_work(from, serial, 0);
 }
 
 // One screen of decoding: false if the fields are not those of the type.
@@ -376,26 +403,25 @@ bool on_name_service(registry_client &from, const registry_frame &head, reader &
     }
     int error = EINVAL;
     if (owns(from, mbox)) {
+        registry_box_services &box = mailboxes.at(mbox).services;
         switch (head.type) {
         case publish:
-            error = policy_may_publish(*rules, from.who, name, scope) ? service_publish(from, mbox, name, scope, path)
-                                                                      : EACCES;
+            error = policy_may_publish(*rules, from.who, name, scope)
+                        ? service_publish(from, box, mbox, name, scope, path)
+                        : EACCES;
             break;
         case unpublish:
             error = service_unpublish(from, mbox, name, scope, path);
             break;
         case subscribe:
-            error = service_subscribe(from, mbox, sid, name, scope);
+            error = service_subscribe(from, box, mbox, sid, name, scope);
             break;
         default:
-            error = service_unsubscribe(from, mbox, sid);
+            error = service_unsubscribe(from, box, mbox, sid);
             break;
         }
     }
-    if (error == 0 && head.type == subscribe) {
-        service_tell_all(from, sid); // before the answer: once subscribed, the indications are there
-    }
-    answer(from, head.serial, error);
+    answer_after_work(from, head.serial, error); // once subscribed, the indications are there
     return true;
 }
 
@@ -442,7 +468,7 @@ bool on_number_request(registry_client &from, const registry_frame &head, reader
         on_introduce(from, first);
         break;
     default:
-        on_closed(from, first, second);
+        introduction_closed(from, first, second);
         break;
     }
     return true;
@@ -496,6 +522,14 @@ bool on_request(registry_client &from, const registry_frame &head, reader &field
 
 } // namespace
 
+registry_client *registry_find(uint32_t process)
+{
+    const auto found = processes.find(process);
+    return found == processes.end() || found->second->leaving ? nullptr : found->second;
+}
+
+bool registry_mailbox_goes(uint32_t mbox) { return goes(mailboxes.at(mbox)); }
+
 void registry_start(registry_output &output, const policy &given_rules)
 {
     out = &output;
@@ -504,6 +538,7 @@ void registry_start(registry_output &output, const policy &given_rules)
     (void)!getrandom(&somewhere, sizeof somewhere, GRND_NONBLOCK);
     numbers_start(somewhere);
     services_start(output);
+    introductions_start(output);
 }
 
 void registry_request(registry_client &from, const registry_frame &head, reader fields)
@@ -520,28 +555,48 @@ void registry_request(registry_client &from, const registry_frame &head, reader 
     }
 }
 
-void registry_remove(registry_client &client)
+void registry_leave(registry_client &client)
 {
-    if (client.process == 0) {
-        return;
+    if (client.process != 0 && !client.leaving) {
+        client.leaving = true;
+        client.work.insert(client.work.begin(),
+                           registry_task(registry_task::unload, 0)); // what is under way comes first
     }
-    while (!client.awaited.empty()) {
-        await_forget(client, client.awaited.begin()->first);
+}
+
+bool registry_has_work(const registry_client &client) { return !client.work.empty(); }
+
+bool registry_work(registry_client &client, int &budget)
+{
+    while (budget > 0) {
+        if (client.work.empty()) {
+            if (!catch_up(client)) {
+                return false;
+            }
+            budget -= cost_of_request;
+            continue;
+        }
+        budget -= client.work.back().what == registry_task::tell_found ? cost_of_request : cost_of_step;
+        const step outcome = do_step(client);
+        if (outcome == step::behind) {
+            return false;
+        }
+        if (outcome == step::done) {
+            client.work.pop_back(); // a task that is done has left nothing on top of itself
+        }
     }
-    while (!client.monitors.empty()) {
-        monitor_forget(client, client.monitors.begin()->first);
+    return true;
+}
+
+void registry_not_given(registry_client &client, uint32_t process, uint32_t channel)
+{
+    if (!client.leaving) {
+        introduction_closed(client, process, channel);
     }
-    while (!client.mboxes.empty()) {
-        mailbox_remove(client, *client.mboxes.begin());
-    }
-    pairings_forget(client.process);
-    processes.erase(client.process);
-    number_rest(client.process, client.who.user, seconds());
-    client.process = 0;
 }
 
 bool registry_is_empty()
 {
-    return processes.empty() && mailboxes.empty() && names.empty() && waiting.empty() && pairings.empty() &&
-           services_are_empty();
+    return processes.empty() && mailboxes.empty() && names.empty() && waiting.empty() && introductions_are_empty() &&
+           services_are_empty() && shares_are_empty();
 }

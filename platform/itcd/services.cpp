@@ -1,26 +1,24 @@
 #include "services.hpp"
 
 #include <cerrno>
-#include <vector>
 
 using namespace itc_wire;
 
 namespace
 {
 
-constexpr size_t service_bound = 4096; // per process, as for subscriptions
-
-struct service {
-    uint32_t mbox;
-    std::string path;
-};
+// Bounds per process, and what the entries of one take in memory besides their texts.
+constexpr size_t service_bound = 4096;
+constexpr size_t subscription_bound = 4096;
+constexpr size_t service_bytes = 480;
+constexpr size_t subscription_bytes = 560;
+constexpr size_t told_bytes = 96;
 
 registry_output *out;
-std::map<std::pair<std::string, std::string>, service> services;                               // name, scope
-std::unordered_map<std::string, std::set<std::pair<registry_client *, uint32_t>>> subscribers; // name: client, sid
+std::map<std::string, topic> topics;
 
 // The empty scope is every scope, on either side.
-bool scopes_meet(const std::string &a, const std::string &b) { return a.empty() || b.empty() || a == b; }
+bool scopes_meet(std::string_view a, std::string_view b) { return a.empty() || b.empty() || a == b; }
 
 void tell(registry_client &to, frame_type type, uint32_t sid, const service &what)
 {
@@ -28,136 +26,228 @@ void tell(registry_client &to, frame_type type, uint32_t sid, const service &wha
     out->send(to, frame.u32(sid).u32(what.mbox).text(what.path), -1);
 }
 
-void tell_subscribers(frame_type type, const std::string &name, const std::string &scope, const service &what)
+void forget_topic_without_use(const topic_entry *which)
 {
-    const auto found = subscribers.find(name);
-    if (found == subscribers.end()) {
+    if (which->second.there.empty() && which->second.subscribers.empty()) {
+        topics.erase(topics.find(which->first));
+    }
+}
+
+service_ptr at_scope(const std::map<std::string_view, service_ptr> &table, std::string_view scope)
+{
+    const auto found = table.find(scope);
+    return found == table.end() ? nullptr : found->second;
+}
+
+size_t bytes_of(const service &s) { return service_bytes + s.about->first.size() + s.scope.size() + s.path.size(); }
+
+size_t bytes_of(const registry_subscription &s) { return subscription_bytes + s.about->first.size() + s.scope.size(); }
+
+void untell(registry_client &of, registry_subscription &s, std::map<std::string_view, service_ptr>::iterator entry)
+{
+    s.told.erase(entry);
+    of.of->bytes -= told_bytes;
+}
+
+// Has the subscriber know what is there in one scope.
+void reconcile(registry_client &to, uint32_t sid, registry_subscription &s, std::string_view scope)
+{
+    const service_ptr is = at_scope(s.about->second.there, scope);
+    const auto told = s.told.find(scope);
+    if ((told == s.told.end() ? nullptr : told->second) == is || !scopes_meet(s.scope, scope)) {
         return;
     }
-    for (const auto &[client, sid] : found->second) {
-        if (scopes_meet(client->subscriptions.at(sid).scope, scope)) {
-            tell(*client, type, sid, what);
+    if (told != s.told.end()) {
+        tell(to, removed, sid, *told->second);
+        untell(to, s, told);
+    }
+    if (is != nullptr) {
+        tell(to, added, sid, *is);
+        s.told.emplace(is->scope, is);
+        to.of->bytes += told_bytes;
+        if (to.of->bytes > share_bytes_bound) {
+            out->doom(to, "subscribes too often to too many services");
         }
     }
 }
 
-void withdraw(registry_client &owner, const std::pair<std::string, std::string> &key)
+void leave_change(registry_client &causer, const std::string &name, const std::string &scope)
 {
-    const service gone = services.at(key);
-    services.erase(key);
-    owner.services.erase(key);
-    tell_subscribers(removed, key.first, key.second, gone);
+    registry_task task(registry_task::tell_change, 0);
+    task.name = name;
+    task.scope = scope;
+    causer.work.push_back(std::move(task));
+}
+
+// `causer` has the news told: the owner, or who takes the place of one that leaves.
+void withdraw(registry_client &causer, const service_ptr &which)
+{
+    const service_ptr gone = which; // what is handed in may be an entry of a table
+    gone->about->second.there.erase(gone->scope);
+    gone->box->services.erase(gone);
+    share_give(*gone->owner->of, held::services, bytes_of(*gone));
+    gone->owner->service_count--;
+    leave_change(causer, gone->about->first, gone->scope);
+    forget_topic_without_use(gone->about);
 }
 
 void forget_subscription(registry_client &client, uint32_t sid)
 {
-    const auto found = subscribers.find(client.subscriptions.at(sid).name);
-    found->second.erase({&client, sid});
-    if (found->second.empty()) {
-        subscribers.erase(found);
-    }
-    client.subscriptions.erase(sid);
+    const auto found = client.subscriptions.find(sid);
+    registry_subscription &s = found->second;
+    share_give(*client.of, held::subscriptions, bytes_of(s));
+    client.of->bytes -= told_bytes * s.told.size();
+    s.about->second.subscribers.erase({client.process, sid});
+    const topic_entry *about = s.about;
+    client.subscriptions.erase(found);
+    client.stale.erase(sid);
+    forget_topic_without_use(about);
 }
 
 } // namespace
 
 void services_start(registry_output &output) { out = &output; }
 
-int service_publish(registry_client &from, uint32_t mbox, const std::string &name, const std::string &scope,
-                    const std::string &path)
+int service_publish(registry_client &from, registry_box_services &box, uint32_t mbox, const std::string &name,
+                    const std::string &scope, const std::string &path)
 {
     if (name.empty()) {
         return EINVAL;
     }
-    const std::pair<std::string, std::string> key(name, scope);
-    const service fresh{mbox, path.empty() ? name : path};
-    const auto known = services.find(key);
-    if (known != services.end()) {
-        if (known->second.mbox != mbox) {
-            return EEXIST;
-        }
-        if (known->second.path == fresh.path) {
+    const std::string &where = path.empty() ? name : path;
+    const auto found = topics.find(name);
+    const service_ptr known = found == topics.end() ? nullptr : at_scope(found->second.there, scope);
+    if (known != nullptr) {
+        if (known->mbox == mbox && known->path == where) {
             return 0;
         }
-        withdraw(from, key); // the same mailbox under another path
+        if (known->mbox != mbox && !registry_mailbox_goes(known->mbox)) {
+            return EEXIST;
+        }
+        withdraw(from, known); // the same mailbox under another path, or one that is as good as gone
     }
-    if (from.services.size() >= service_bound) {
+    topic_entry &about = *topics.try_emplace(name).first;
+    const service_ptr fresh = std::make_shared<const service>(service{&about, scope, where, mbox, &from, &box});
+    if (from.service_count >= service_bound || !share_take(*from.of, held::services, bytes_of(*fresh))) {
+        forget_topic_without_use(&about);
         return ENOSPC;
     }
-    services[key] = fresh;
-    from.services.insert(key);
-    tell_subscribers(added, name, scope, fresh);
+    from.service_count++;
+    about.second.there.emplace(fresh->scope, fresh);
+    box.services.insert(fresh);
+    leave_change(from, name, scope);
     return 0;
 }
 
 int service_unpublish(registry_client &from, uint32_t mbox, const std::string &name, const std::string &scope,
                       const std::string &path)
 {
-    const std::pair<std::string, std::string> key(name, scope);
-    const auto known = services.find(key);
-    if (known == services.end() || known->second.path != (path.empty() ? name : path)) {
+    const auto found = topics.find(name);
+    const service_ptr known = found == topics.end() ? nullptr : at_scope(found->second.there, scope);
+    if (known == nullptr || known->path != (path.empty() ? name : path)) {
         return ENOENT;
     }
-    if (known->second.mbox != mbox) {
+    if (known->mbox != mbox) {
         return EACCES;
     }
-    withdraw(from, key);
+    withdraw(from, known);
     return 0;
 }
 
-int service_subscribe(registry_client &from, uint32_t mbox, uint32_t sid, const std::string &name,
-                      const std::string &scope)
+int service_subscribe(registry_client &from, registry_box_services &box, uint32_t mbox, uint32_t sid,
+                      const std::string &name, const std::string &scope)
 {
     if (name.empty() || sid == 0 || from.subscriptions.count(sid) != 0) {
         return EINVAL;
     }
-    if (from.subscriptions.size() >= service_bound) {
+    topic_entry &about = *topics.try_emplace(name).first;
+    registry_subscription fresh{&about, scope, mbox, {}};
+    if (from.subscriptions.size() >= subscription_bound ||
+        !share_take(*from.of, held::subscriptions, bytes_of(fresh))) {
+        forget_topic_without_use(&about);
         return ENOSPC;
     }
-    from.subscriptions[sid] = {name, scope, mbox};
-    subscribers[name].emplace(&from, sid);
+    from.subscriptions.emplace(sid, std::move(fresh));
+    about.second.subscribers.emplace(from.process, sid);
+    box.sids.insert(sid);
+    writer frame(subscribed, 0);
+    out->send(from, frame.u32(sid), -1);
+    from.work.emplace_back(registry_task::sweep, sid);
     return 0;
 }
 
-int service_unsubscribe(registry_client &from, uint32_t mbox, uint32_t sid)
+int service_unsubscribe(registry_client &from, registry_box_services &box, uint32_t mbox, uint32_t sid)
 {
     const auto known = from.subscriptions.find(sid);
     if (known == from.subscriptions.end() || known->second.mbox != mbox) {
         return ENOENT;
     }
+    box.sids.erase(sid);
     forget_subscription(from, sid);
     return 0;
 }
 
-void service_tell_all(registry_client &to, uint32_t sid)
+bool services_forget_one(registry_client &owner, registry_box_services &box)
 {
-    const registry_subscription &s = to.subscriptions.at(sid);
-    writer frame(subscribed, 0);
-    out->send(to, frame.u32(sid), -1);
-    for (auto it = services.lower_bound({s.name, ""}); it != services.end() && it->first.first == s.name; ++it) {
-        if (scopes_meet(s.scope, it->first.second)) {
-            tell(to, added, sid, it->second);
-        }
+    if (!box.sids.empty()) {
+        forget_subscription(owner, *box.sids.begin());
+        box.sids.erase(box.sids.begin());
+        return true;
     }
+    if (!box.services.empty()) {
+        withdraw(owner, *box.services.begin());
+        return true;
+    }
+    return false;
 }
 
-void services_mailbox_gone(registry_client &owner, uint32_t mbox)
+step service_tell_change(registry_task &task)
 {
-    std::vector<uint32_t> sids;
-    for (const auto &[sid, subscription] : owner.subscriptions) {
-        if (subscription.mbox == mbox) {
-            sids.push_back(sid);
-        }
+    const auto found = topics.find(task.name);
+    if (found == topics.end()) {
+        return step::done;
     }
-    for (const uint32_t sid : sids) {
-        forget_subscription(owner, sid);
+    const auto &subscribers = found->second.subscribers;
+    const auto next = subscribers.upper_bound({task.number, task.second}); // processes and sids begin at 1
+    if (next == subscribers.end()) {
+        return step::done;
     }
-    const auto published = owner.services; // a copy: withdrawing takes from it
-    for (const auto &key : published) {
-        if (services.at(key).mbox == mbox) {
-            withdraw(owner, key);
-        }
+    task.number = next->first;
+    task.second = next->second;
+    registry_client *to = registry_find(next->first);
+    if (to == nullptr) {
+        return step::more;
     }
+    if (out->is_behind(*to)) {
+        to->stale.insert(task.second);
+        out->wake(*to);
+    } else {
+        reconcile(*to, task.second, to->subscriptions.at(task.second), task.scope);
+    }
+    return step::more;
 }
 
-bool services_are_empty() { return services.empty() && subscribers.empty(); }
+step service_sweep(registry_client &subscriber, registry_task &task)
+{
+    const auto found = subscriber.subscriptions.find(task.number);
+    if (found == subscriber.subscriptions.end() || subscriber.leaving) {
+        return step::done;
+    }
+    if (out->is_behind(subscriber)) {
+        return step::behind;
+    }
+    registry_subscription &s = found->second;
+    const auto &there = s.about->second.there;
+    const auto is = task.begun ? there.upper_bound(task.scope) : there.begin();
+    const auto told = task.begun ? s.told.upper_bound(task.scope) : s.told.begin();
+    if (is == there.end() && told == s.told.end()) {
+        return step::done;
+    }
+    const bool take_told = is == there.end() || (told != s.told.end() && told->first < is->first);
+    task.scope = take_told ? told->first : is->first;
+    task.begun = true;
+    reconcile(subscriber, task.number, s, task.scope);
+    return step::more;
+}
+
+bool services_are_empty() { return topics.empty(); }

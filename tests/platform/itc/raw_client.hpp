@@ -115,6 +115,7 @@ inline constexpr uint32_t AWAIT = 6;
 inline constexpr uint32_t MONITOR = 8;
 inline constexpr uint32_t INTRODUCE = 10;
 inline constexpr uint32_t WELCOME = 101;
+inline constexpr uint32_t REFUSED = 102;
 inline constexpr uint32_t RESULT = 103;
 inline constexpr uint32_t LOCATED = 104;
 inline constexpr uint32_t CHANNEL = 107;

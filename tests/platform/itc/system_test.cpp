@@ -912,11 +912,12 @@ TEST_F(ItcSystem, WhenItHasNoDescriptorLeftANewcomerIsTurnedAwayAndTheOthersAreS
         ASSERT_GE(fd, 0);
         write_all(fd, frame(HELLO, 0, words({1})));
         taken.push_back(fd);
-        refused = read_frame(fd).empty();
+        refused = read_frame(fd) == frame(REFUSED, 0, words({EAGAIN}));
     }
     EXPECT_TRUE(refused);
-    EXPECT_TRUE(eventually(
-        [&] { return registry_says().find("itcd: too many processes, one turned away\n") != std::string::npos; }));
+    EXPECT_TRUE(eventually([&] {
+        return registry_says().find("itcd: too many processes of user 0, one turned away\n") != std::string::npos;
+    }));
     EXPECT_EQ(itc_locate("own"), own);
     for (const int fd : taken) {
         close(fd);
@@ -924,7 +925,7 @@ TEST_F(ItcSystem, WhenItHasNoDescriptorLeftANewcomerIsTurnedAwayAndTheOthersAreS
     EXPECT_TRUE(eventually([&] {
         const int fd = raw_connect();
         write_all(fd, frame(HELLO, 0, words({1})));
-        const bool welcome = !read_frame(fd).empty();
+        const bool welcome = word_at(read_frame(fd), 4) == WELCOME;
         close(fd);
         return welcome;
     }));
