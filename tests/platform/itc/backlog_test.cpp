@@ -12,6 +12,7 @@
 #include <linux/sockios.h>
 #include <set>
 #include <sys/ioctl.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace itc_test;
@@ -171,6 +172,32 @@ TEST_F(ItcBacklog, ManyFramesThatWaitedLeaveInOneWrite)
     EXPECT_EQ(read_all(), 1000u);
 }
 
+TEST_F(ItcBacklog, WhatWaitsIsHandedOnBeforeItsProcessLeaves)
+{
+    open_channel();
+    fill(500);
+    std::thread reader([this] { (void)eventually([this] { return read_all() + got >= sent && got == sent; }); });
+    itc_exit();
+    reader.join();
+    EXPECT_EQ(got, sent);
+}
+
+TEST_F(ItcBacklog, AMailboxThatIsDeletedWithABacklogLeavesItsThreadReceiving)
+{
+    const uint32_t other = itc_create_mailbox("other", 0);
+    open_channel();
+    fill(20);
+    EXPECT_EQ(itc_delete_mailbox(other), 0); // waits for room, in vain
+    std::thread sender([this] { send_number(own, 7); });
+    itc_msg *msg = itc_receive(nullptr, 10000, ITC_FROM_ANY);
+    sender.join();
+    ASSERT_NE(msg, nullptr);
+    EXPECT_EQ(reinterpret_cast<numbered *>(msg)->value, 7u);
+    itc_free(&msg);
+    EXPECT_EQ(itc_receive(nullptr, 1, ITC_FROM_ANY), nullptr);
+    EXPECT_EQ(itc_add_name(own, "own again"), 0);
+}
+
 TEST_F(ItcBacklog, BothEndsOfAChannelHaveMoreRoomThanASocketHasByItself)
 {
     int plain[2];
@@ -189,6 +216,20 @@ TEST_F(ItcBacklog, BothEndsOfAChannelHaveMoreRoomThanASocketHasByItself)
     }
     close(plain[0]);
     close(plain[1]);
+}
+
+TEST_F(ItcBacklog, TheRegistrysAnswersWaitForAClientThatReadsLater)
+{
+    constexpr uint32_t requests = 3000; // more than the socket holds the answers of
+    Bytes fields;
+    put_text(fields, "remote");
+    for (uint32_t serial = 1; serial <= requests; serial++) {
+        write_all(connection, frame(5, serial, fields));
+    }
+    ASSERT_EQ(itc_locate("remote"), remote); // it has seen them all
+    for (uint32_t serial = 1; serial <= requests; serial++) {
+        ASSERT_EQ(read_frame(connection), frame(104, serial, words({remote})));
+    }
 }
 
 // ---- What is told on stderr, and that nobody waits for it
@@ -245,6 +286,9 @@ std::string read_now(int fd)
 // Joins, sends to a dead mailbox with a stderr that takes nothing, then lets it be read. 0 for success.
 int send_to_the_dead(deaf how)
 {
+    join("first");
+    send_number(ITC_NO_MBOX, 0); // what was dropped before is told of
+    itc_exit();
     const uint32_t own = join("sender");
     const uint32_t dead = itc_create_mailbox("dead", 0);
     itc_delete_mailbox(dead);
@@ -297,7 +341,37 @@ TEST_F(ItcBacklog, ADropIsCountedAndToldOnStderrButNotEachTime)
     EXPECT_EQ(said.find('\n'), said.size() - 1) << said;
 }
 
+TEST_F(ItcBacklog, ALineAboutADropCountsTheSilentOnesBeforeItAndNoOther)
+{
+    for (int i = 0; i < 3; i++) { // who joins anew hears of the first drop at once
+        itc_exit();
+        own = join("own");
+        testing::internal::CaptureStderr();
+        send_number(ITC_NO_MBOX, 1);
+        const std::string said = testing::internal::GetCapturedStderr();
+        if (i > 0) {
+            EXPECT_EQ(said, "libitc: message dropped, it was sent to no mailbox (and 2 before it without a line)\n");
+        }
+        send_number(ITC_NO_MBOX, 2);
+        send_number(ITC_NO_MBOX, 3);
+    }
+}
+
 // ---- What never gets to a socket
+
+TEST_F(ItcBacklog, AMessageToAnOwnMailboxIsCountedAsSentAndOneToAMailboxThatIsNotThereIsNot)
+{
+    const auto counted = [] {
+        itc_statistics now{};
+        itc_get_statistics(&now);
+        return now.sent;
+    };
+    const uint64_t before = counted();
+    send_number(own, 1);
+    EXPECT_EQ(counted(), before + 1);
+    send_number(own + 1, 1);
+    EXPECT_EQ(counted(), before + 1);
+}
 
 TEST_F(ItcBacklog, AMessageToAnOwnMailboxTouchesNoSocket)
 {

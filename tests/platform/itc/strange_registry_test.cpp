@@ -110,10 +110,12 @@ private:
         next_request(fd, &serial);
         say(fd, greeting_);
         bool first = true;
-        for (unsigned count = 1; answers_ && next_request(fd, &serial); count++) {
-            say_at_once(fd, answers_(count, serial));
+        std::string answer = "more";
+        for (unsigned count = 1; answers_ && !answer.empty() && next_request(fd, &serial); count++) {
+            answer = answers_(count, serial);
+            say_at_once(fd, answer);
         }
-        while (!goes_ && next_request(fd, &serial)) {
+        while (!answers_ && !goes_ && next_request(fd, &serial)) {
             if (serial == 0) {
                 continue; // it wants no answer
             }
@@ -253,6 +255,23 @@ INSTANTIATE_TEST_SUITE_P(
                             frame(itc_wire::removed, 0, number(5) + number(0x8001) + text("", 0))},
                       Frame{"AChannelWithoutADescriptor", frame(itc_wire::channel, 0, number(8) + number(1))}),
     name_of<Frame>);
+
+TEST_F(FrameThatNamesNothing, AndTheBeginningOfOneIsForgottenWithItsRegistry)
+{
+    {
+        const StandIn first(WELCOME, "", false, [](unsigned count, uint32_t serial) {
+            const std::string good = frame(itc_wire::result, serial, number(0));
+            return count == 1 ? good + good.substr(0, 9) : "";
+        });
+        ASSERT_EQ(itc_init(1, 0, nullptr, nullptr, 0), 0);
+        ASSERT_NE(itc_create_mailbox("own", 0), ITC_NO_MBOX);
+        itc_exit();
+    }
+    const StandIn second(WELCOME);
+    ASSERT_EQ(itc_init(1, 0, nullptr, nullptr, 0), 0);
+    EXPECT_NE(itc_create_mailbox("own", 0), ITC_NO_MBOX);
+    itc_exit();
+}
 
 // A read takes a frame and the beginning of the next: what is left of it waits for the rest.
 TEST_F(FrameThatNamesNothing, AndOneThatComesInTwoPartsBehindAnotherIsTakenWhole)
