@@ -7,6 +7,10 @@
 //
 // NAME is what traces print, or NAME.PID where several processes have the same name. MASK is a number, or +L,L,...
 // or -L,L,... to switch levels on or off. `list` removes what killed processes left behind.
+//
+// A record says which descriptor of which process the mask lies behind. The record is its process's to write, so
+// nothing it says is believed before it is seen: that the process is of the record's user, and that behind the
+// descriptor is the sealed memory of this very process. Else whoever writes a record could have root write elsewhere.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -15,9 +19,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,40 +37,110 @@ namespace
 struct process {
     std::string file;
     std::string name;
-    tri::share *share;
+    uid_t owner; // of the record
+    tri::share record;
 };
 
 std::string path_of(const std::string &file) { return std::string(tri::DIRECTORY) + '/' + file; }
 
-// Maps the file of a process; null for what is no such file. Read-only where the user may not write.
-tri::share *map_share(const std::string &file)
+// The record of that name; nothing for what is none.
+std::optional<process> read_record(const std::string &file)
 {
-    int fd = open(path_of(file).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
-    int protection = PROT_READ | PROT_WRITE;
+    const int fd = tri::share_open_file(file.c_str(), O_RDONLY);
     if (fd < 0) {
-        fd = open(path_of(file).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-        protection = PROT_READ;
+        return std::nullopt;
     }
+    process p{file, "", 0, {}};
     struct stat st {
     };
-    void *address = MAP_FAILED;
-    if (fd >= 0 && fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(sizeof(tri::share))) {
-        address = mmap(nullptr, sizeof(tri::share), protection, MAP_SHARED, fd, 0);
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
-    if (address == MAP_FAILED) {
-        return nullptr;
-    }
-    auto *share = static_cast<tri::share *>(address);
-    return memcmp(share->magic, tri::SHARE_MAGIC, sizeof share->magic) == 0 ? share : nullptr;
+    const bool whole = fstat(fd, &st) == 0 && read(fd, &p.record, sizeof p.record) == sizeof p.record &&
+                       memcmp(p.record.magic, tri::SHARE_MAGIC, sizeof p.record.magic) == 0;
+    close(fd);
+    p.owner = st.st_uid;
+    p.name.assign(p.record.info.name, strnlen(p.record.info.name, sizeof p.record.info.name));
+    return whole ? std::optional(p) : std::nullopt;
 }
 
-// Pids come round again; a process is the one that shares this file only if it also started at that time.
+// Pids come round again; a process is the one that made this record only if it also started at that time.
 bool is_alive(const tri::share &share)
 {
     return tri::process_start_time(static_cast<pid_t>(share.pid)) == share.start_time;
+}
+
+// The user that a process runs as, as /proc tells it.
+std::optional<uid_t> user_of(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        unsigned real = 0;
+        unsigned effective = 0;
+        // NOLINTNEXTLINE(cert-err34-c): the kernel writes numbers
+        if (sscanf(line.c_str(), "Uid:\t%u\t%u", &real, &effective) == 2) {
+            return effective;
+        }
+    }
+    return std::nullopt;
+}
+
+// All memory of this kind is of one file system that is mounted nowhere: what is of another is something else.
+std::optional<dev_t> device_of_memory()
+{
+    const int fd = memfd_create("kap-trace", MFD_CLOEXEC);
+    struct stat st {
+    };
+    const bool known = fd >= 0 && fstat(fd, &st) == 0;
+    if (fd >= 0) {
+        close(fd);
+    }
+    return known ? std::optional(st.st_dev) : std::nullopt;
+}
+
+// Opens what a descriptor of another process leads to, once it is known to be memory: to open anything else could do
+// something, or wait. -1, and errno says why.
+int open_memory(const tri::share &record, int access)
+{
+    const std::string link = "/proc/" + std::to_string(record.pid) + "/fd/" + std::to_string(record.memory);
+    const int seen = open(link.c_str(), O_PATH | O_CLOEXEC);
+    if (seen < 0) {
+        return -1;
+    }
+    struct stat st {
+    };
+    int fd = -1;
+    if (fstat(seen, &st) != 0 || !S_ISREG(st.st_mode) || device_of_memory() != st.st_dev) {
+        errno = EBADF;
+    } else {
+        fd = open(("/proc/self/fd/" + std::to_string(seen)).c_str(), access | O_CLOEXEC);
+    }
+    const int saved_errno = errno;
+    close(seen);
+    errno = saved_errno;
+    return fd;
+}
+
+bool is_memory_of(int fd, const tri::share &record, tri::share *out)
+{
+    constexpr int SEALS = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+    return (fcntl(fd, F_GET_SEALS) & SEALS) == SEALS && pread(fd, out, sizeof *out, 0) == sizeof *out &&
+           memcmp(out->magic, record.magic, sizeof record.magic) == 0 && out->pid == record.pid &&
+           out->start_time == record.start_time;
+}
+
+// The memory of a process, for reading or also for writing, and what stands in it. -1, and errno says why.
+int reach(const process &p, int access, tri::share *out)
+{
+    const auto user = user_of(static_cast<pid_t>(p.record.pid));
+    if (!user || (p.owner != 0 && p.owner != *user)) {
+        errno = EPERM;
+        return -1;
+    }
+    const int fd = open_memory(p.record, access);
+    if (fd >= 0 && !is_memory_of(fd, p.record, out)) {
+        close(fd);
+        errno = EBADF;
+        return -1;
+    }
+    return fd;
 }
 
 // Processes that live, in the order of their file names. What dead ones left is removed.
@@ -78,12 +154,12 @@ std::vector<process> processes()
     // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
     while (const dirent *entry = readdir(directory)) {
         const std::string file = entry->d_name;
-        tri::share *share = file[0] == '.' || file == "default" ? nullptr : map_share(file);
-        if (share == nullptr) {
+        const auto p = file[0] == '.' || file == tri::DEFAULT_NAME ? std::nullopt : read_record(file);
+        if (!p) {
             continue;
         }
-        if (is_alive(*share)) {
-            found.push_back({file, std::string(share->info.name, strnlen(share->info.name, 32)), share});
+        if (is_alive(p->record)) {
+            found.push_back(*p);
         } else {
             unlink(path_of(file).c_str());
         }
@@ -104,7 +180,49 @@ std::string levels_of(uint32_t mask)
     return text.empty() ? "none" : text;
 }
 
-uint32_t mask_of(const process &p) { return __atomic_load_n(&p.share->info.mask, __ATOMIC_RELAXED); }
+// As the process has it; to whom that may not be shown, as the record has it.
+uint32_t mask_of(const process &p)
+{
+    tri::share now{};
+    const int fd = reach(p, O_RDONLY, &now);
+    if (fd < 0) {
+        return p.record.info.mask;
+    }
+    close(fd);
+    return now.info.mask;
+}
+
+bool write_mask(int fd, uint32_t mask)
+{
+    constexpr off_t AT = offsetof(tri::share, info) + offsetof(tri_proc_info, mask);
+    return pwrite(fd, &mask, sizeof mask, AT) == sizeof mask;
+}
+
+// False, and errno says why.
+bool set_mask(const process &p, uint32_t mask)
+{
+    tri::share now{};
+    const int fd = reach(p, O_RDWR, &now);
+    if (fd < 0) {
+        return false;
+    }
+    const bool written = write_mask(fd, mask);
+    close(fd);
+    // For whoever may only read the record. It is looked at again: what stands under that name now may be another's.
+    const int record = tri::share_open_file(p.file.c_str(), O_RDWR);
+    struct stat st {
+    };
+    tri::share seen{};
+    if (record >= 0 && fstat(record, &st) == 0 && st.st_uid == p.owner && st.st_nlink == 1 &&
+        pread(record, &seen, sizeof seen, 0) == sizeof seen &&
+        memcmp(seen.magic, p.record.magic, sizeof seen.magic) == 0 && seen.pid == p.record.pid) {
+        (void)write_mask(record, mask);
+    }
+    if (record >= 0) {
+        close(record);
+    }
+    return written;
+}
 
 std::optional<uint32_t> number(const std::string &text, unsigned long limit)
 {
@@ -198,14 +316,18 @@ int set_default(const std::string &how)
         return bad_mask(how);
     }
     mkdir(tri::DIRECTORY, 0755);
+    const std::string file = path_of(tri::DEFAULT_NAME);
     const std::string fresh = path_of(".default." + std::to_string(getpid()));
-    FILE *file = fopen(fresh.c_str(), "w");
-    if (file == nullptr) {
+    unlink(fresh.c_str());
+    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0) {
         return cannot(fresh);
     }
-    (void)fprintf(file, "0x%08x\n", *mask);
-    if (fclose(file) != 0 || chmod(fresh.c_str(), 0644) != 0 || rename(fresh.c_str(), tri::DEFAULT_FILE) != 0) {
-        const int result = cannot(tri::DEFAULT_FILE);
+    char text[16];
+    const int length = snprintf(text, sizeof text, "0x%08x\n", *mask);
+    const bool written = write(fd, text, static_cast<size_t>(length)) == length && fchmod(fd, 0644) == 0;
+    if (close(fd) != 0 || !written || rename(fresh.c_str(), file.c_str()) != 0) {
+        const int result = cannot(file);
         unlink(fresh.c_str());
         return result;
     }
@@ -223,10 +345,9 @@ int set(const std::string &name, const std::string &how)
         if (!mask) {
             return bad_mask(how);
         }
-        if (access(path_of(p.file).c_str(), W_OK) != 0) {
+        if (!set_mask(p, *mask)) {
             return cannot(p.file);
         }
-        __atomic_store_n(&p.share->info.mask, *mask, __ATOMIC_RELAXED);
     }
     return found.empty() ? 1 : 0;
 }

@@ -1,7 +1,7 @@
-// The file behind the trace mask of this process. See mask_share.hpp.
+// The memory behind the trace mask of this process, and its record. See mask_share.hpp.
 //
-// The file appears under its name only once it is filled: it is made under a hidden name and renamed, so that no
-// reader meets half a file.
+// A record appears under its name only once it is filled: it is made under a hidden name and renamed, so that no reader
+// meets half a record.
 #include "mask_share.hpp"
 
 #include <fcntl.h>
@@ -20,52 +20,106 @@ namespace tri
 namespace
 {
 
-char own_path[96];
+char own_file[96]; // the record's name; empty: none
 pid_t own_pid;
 
-bool read_small_file(const char *path, char *buffer, size_t size)
+// The directory itself, not what a link of its name leads to; -1 when there is none.
+int open_directory() { return open(DIRECTORY, O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_PATH); }
+
+// Readable by everybody whatever the umask of the process is.
+int make_directory()
 {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
+    const bool made = mkdir(DIRECTORY, 0755) == 0;
+    const int directory = open_directory();
+    if (made && directory >= 0 && fchmodat(directory, ".", 0755, 0) != 0) {
+        close(directory);
+        return -1;
     }
-    const ssize_t got = read(fd, buffer, size - 1);
-    close(fd);
+    return directory;
+}
+
+// Reads from the beginning; false when there is nothing.
+bool read_text(int fd, char *buffer, size_t size)
+{
+    const ssize_t got = fd < 0 ? -1 : read(fd, buffer, size - 1);
     buffer[got > 0 ? got : 0] = '\0';
     return got > 0;
 }
 
-// Readable by everybody whatever the umask of the process is.
-bool make_directory()
+bool fill(int fd, const share &s)
 {
-    if (mkdir(DIRECTORY, 0755) == 0) {
-        return chmod(DIRECTORY, 0755) == 0;
+    return fchmod(fd, 0644) == 0 && pwrite(fd, &s, sizeof s, 0) == static_cast<ssize_t>(sizeof s);
+}
+
+// Puts the record into the directory, in place of one that a killed process left which had our pid.
+bool write_record(const share &s)
+{
+    const int directory = make_directory();
+    const std::string file = share_file_name(s.info.name, own_pid);
+    const std::string hidden = '.' + file;
+    unlinkat(directory, hidden.c_str(), 0);
+    const int fd = openat(directory, hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    const bool written = fd >= 0 && fill(fd, s) && renameat(directory, hidden.c_str(), directory, file.c_str()) == 0;
+    if (fd >= 0) {
+        close(fd);
     }
-    return errno == EEXIST;
+    if (!written) {
+        unlinkat(directory, hidden.c_str(), 0);
+    } else {
+        if (own_file[0] != '\0' && own_file != file) {
+            unlinkat(directory, own_file, 0);
+        }
+        (void)snprintf(own_file, sizeof own_file, "%s", file.c_str());
+    }
+    if (directory >= 0) {
+        close(directory);
+    }
+    return written;
 }
 
-int make_file(const char *path)
+// Memory with the contents of `s`, which nobody can make smaller; -1 when it cannot be had.
+int make_memory(const share_pages &pages)
 {
-    // Left by a process that had our pid and was killed: it is ours to replace.
-    unlink(path);
-    return open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    const int fd = memfd_create("kap-tri", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (fd < 0) {
+        return -1;
+    }
+    if (ftruncate(fd, sizeof pages) == 0 && pwrite(fd, &pages.s, sizeof pages.s, 0) == sizeof pages.s &&
+        fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0) {
+        return fd;
+    }
+    close(fd);
+    return -1;
 }
 
-bool fill_and_map(int fd, share_pages *pages)
+// The number of the descriptor has to stand in the memory too.
+bool map_memory(int fd, share_pages *pages)
 {
-    if (fchmod(fd, 0644) != 0 || ftruncate(fd, sizeof *pages) != 0 ||
-        pwrite(fd, &pages->s, sizeof pages->s, 0) != static_cast<ssize_t>(sizeof pages->s)) {
+    if (mmap(pages, sizeof *pages, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0) == MAP_FAILED) {
         return false;
     }
-    return mmap(pages, sizeof *pages, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0) != MAP_FAILED;
-}
-
-void path_of(char (&path)[96], const char *prefix, const tri_proc_info &info)
-{
-    (void)snprintf(path, sizeof path, "%s/%s%s", DIRECTORY, prefix, share_file_name(info.name, own_pid).c_str());
+    pages->s.memory = fd;
+    return true;
 }
 
 } // namespace
+
+int share_open_file(const char *file_name, int flags)
+{
+    const int directory = open_directory();
+    if (directory < 0) {
+        return -1;
+    }
+    const int fd = openat(directory, file_name, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    close(directory);
+    struct stat st {
+    };
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
 
 std::string share_file_name(const char *process_name, pid_t pid)
 {
@@ -85,7 +139,15 @@ std::string share_file_name(const char *process_name, pid_t pid)
 uint32_t default_mask()
 {
     char text[32];
-    if (!read_small_file(DEFAULT_FILE, text, sizeof text)) {
+    struct stat st {
+    };
+    const int fd = share_open_file(DEFAULT_NAME, O_RDONLY);
+    const bool is_trusted = fd >= 0 && fstat(fd, &st) == 0 && (st.st_uid == 0 || st.st_uid == geteuid());
+    const bool has_text = is_trusted && read_text(fd, text, sizeof text);
+    if (fd >= 0) {
+        close(fd);
+    }
+    if (!has_text) {
         return BUILT_IN_MASK;
     }
     char *end = nullptr;
@@ -99,7 +161,12 @@ uint64_t process_start_time(pid_t pid)
     char path[48];
     char text[1024];
     (void)snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-    if (!read_small_file(path, text, sizeof text)) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    const bool has_text = read_text(fd, text, sizeof text);
+    if (fd >= 0) {
+        close(fd);
+    }
+    if (!has_text) {
         return 0;
     }
     // The second field is the program's name in parentheses and may hold anything; counting starts behind it.
@@ -117,18 +184,17 @@ bool share_open(share_pages *pages)
     pages->s.pid = static_cast<uint32_t>(own_pid);
     pages->s.start_time = process_start_time(own_pid);
 
-    char hidden[96];
-    path_of(hidden, ".", pages->s.info);
-    const int fd = make_directory() ? make_file(hidden) : -1;
+    const int fd = make_memory(*pages);
     if (fd < 0) {
         return false;
     }
-    const bool mapped = fill_and_map(fd, pages);
-    close(fd);
-    path_of(own_path, "", pages->s.info);
-    if (!mapped || rename(hidden, own_path) != 0) {
-        unlink(hidden);
-        own_path[0] = '\0';
+    if (!map_memory(fd, pages)) {
+        close(fd);
+        return false;
+    }
+    if (!write_record(pages->s)) {
+        pages->s.memory = -1;
+        close(fd);
         return false;
     }
     return true;
@@ -136,22 +202,22 @@ bool share_open(share_pages *pages)
 
 void share_rename(const share_pages *pages)
 {
-    if (own_path[0] == '\0' || own_pid != getpid()) {
-        return;
-    }
-    char path[96];
-    path_of(path, "", pages->s.info);
-    if (rename(own_path, path) == 0) {
-        memcpy(own_path, path, sizeof own_path);
+    if (own_file[0] != '\0' && own_pid == getpid()) {
+        write_record(pages->s);
     }
 }
 
 void share_close()
 {
-    if (own_path[0] != '\0' && own_pid == getpid()) {
-        unlink(own_path);
-        own_path[0] = '\0';
+    if (own_file[0] == '\0' || own_pid != getpid()) {
+        return;
     }
+    const int directory = open_directory();
+    if (directory >= 0) {
+        unlinkat(directory, own_file, 0);
+        close(directory);
+    }
+    own_file[0] = '\0';
 }
 
 } // namespace tri

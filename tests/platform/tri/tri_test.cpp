@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -394,6 +395,174 @@ TEST(KapTrace, RefusesWhatIsNoMaskAndLeavesTheOldOne)
             }
         }
         return 0;
+    });
+    EXPECT_EQ(o.status, 0);
+}
+
+// ---- What others do to the files ----
+
+// Traces once, so that the mask is read, and says whether it is as it was.
+bool still_traces()
+{
+    lttngTriTrace(1, "a.cpp", 1, "still here");
+    return __atomic_load_n(&procInfo->mask, __ATOMIC_RELAXED) == DEFAULT_MASK;
+}
+
+TEST(TriShare, AFileThatIsCutDoesNothingToItsProcess)
+{
+    const outcome o = in_child([] {
+        tri_init();
+        tri_register_thread_name("traced");
+        return truncate(own_file().c_str(), 0) == 0 && still_traces() ? 0 : 1;
+    });
+    EXPECT_EQ(o.status, 0);
+    EXPECT_NE(o.text.find("still here"), std::string::npos);
+}
+
+TEST(TriShare, AFileThatIsOverwrittenDoesNothingToItsProcess)
+{
+    const outcome o = in_child([] {
+        tri_init();
+        std::ofstream(own_file()) << std::string(200, '\xFF');
+        return still_traces() ? 0 : 1;
+    });
+    EXPECT_EQ(o.status, 0);
+}
+
+TEST(TriShare, WhatIsMappedCannotBeMadeSmaller)
+{
+    const outcome o = in_child([] {
+        tri_init();
+        std::ifstream file(own_file());
+        tri::share record{};
+        file.read(reinterpret_cast<char *>(&record), sizeof record);
+        const std::string memory = "/proc/self/fd/" + std::to_string(record.memory);
+        return truncate(memory.c_str(), 0) != 0 && errno == EPERM && still_traces() ? 0 : 1;
+    });
+    EXPECT_EQ(o.status, 0);
+}
+
+TEST(TriShare, ALinkAPipeOrADirectoryInTheWayIsNotFollowedAndHoldsNobodyUp)
+{
+    const auto start_with = [](const char *what, const char *name) {
+        mkdir("/run/kap-tri", 0755);
+        std::ofstream("/run/precious") << "0x2\n";
+        const std::string path = std::string("/run/kap-tri/") + name;
+        const std::string made = std::string(what) == "link"   ? "ln -s /run/precious " + path
+                                 : std::string(what) == "pipe" ? "mkfifo " + path
+                                                               : "mkdir " + path;
+        if (!output_of(made).empty()) {
+            return 9;
+        }
+        tri_init();
+        std::stringstream precious;
+        precious << std::ifstream("/run/precious").rdbuf();
+        return precious.str() == "0x2\n" && still_traces() ? 0 : 1;
+    };
+    for (const char *what : {"link", "pipe", "directory"}) {
+        const outcome of_default = in_child([&] {
+            alarm(20);
+            return start_with(what, "default");
+        });
+        EXPECT_EQ(of_default.status, 0) << what;
+        const outcome of_record = in_child([&] {
+            alarm(20);
+            const std::string file = tri::share_file_name(program_invocation_short_name, getpid());
+            return start_with(what, file.c_str()) + start_with(what, ('.' + file).c_str()) / 10;
+        });
+        EXPECT_EQ(of_record.status, 0) << what;
+    }
+}
+
+TEST(TriShare, ADefaultOfAnotherUserIsNotTaken)
+{
+    const outcome o = in_child([] {
+        mkdir("/run/kap-tri", 0755);
+        std::ofstream("/run/kap-tri/default") << "0x2\n";
+        if (chown("/run/kap-tri/default", 1000, 1000) != 0) {
+            return geteuid() == 0 ? 77 : 1; // a user namespace with one user has no other
+        }
+        return tri::default_mask() == DEFAULT_MASK ? 0 : 1;
+    });
+    EXPECT_TRUE(o.status == 0 || o.status == 77) << o.status;
+}
+
+// Writes a record that says the mask of this process lies behind `fd`.
+void plant_record(const char *name, int fd)
+{
+    tri::share record{};
+    memcpy(record.magic, tri::SHARE_MAGIC, sizeof record.magic);
+    record.pid = static_cast<uint32_t>(getpid());
+    record.start_time = tri::process_start_time(getpid());
+    record.memory = fd;
+    (void)snprintf(record.info.name, sizeof record.info.name, "%s", name);
+    std::ofstream("/run/kap-tri/" + tri::share_file_name(name, getpid()))
+        .write(reinterpret_cast<const char *>(&record), sizeof record);
+}
+
+TEST(KapTrace, WritesNowhereButIntoTheMaskOfThatProcess)
+{
+    const outcome o = in_child([] {
+        alarm(20);
+        tri_init();
+        // A file, a pipe and memory without seals, each with what a record has.
+        const int file = open("/run/precious", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        int pipe_ends[2];
+        const int memory = memfd_create("kap-tri", MFD_CLOEXEC);
+        if (file < 0 || memory < 0 || pipe2(pipe_ends, O_CLOEXEC) != 0) {
+            return 9;
+        }
+        plant_record("victim", memory);
+        std::stringstream content;
+        content << std::ifstream("/run/kap-tri/" + tri::share_file_name("victim", getpid())).rdbuf();
+        const std::string before = content.str();
+        for (const int fd : {file, memory}) {
+            if (write(fd, before.data(), before.size()) != static_cast<ssize_t>(before.size())) {
+                return 9;
+            }
+        }
+        for (const int fd : {file, memory, pipe_ends[0], pipe_ends[1], -1, 9999}) {
+            plant_record("victim", fd);
+            if (output_of(KAP_TRACE " set victim 0x2").rfind("failed: kap-trace: victim", 0) != 0) {
+                return 1;
+            }
+        }
+        for (const int fd : {file, memory}) {
+            std::string after(before.size(), ' ');
+            if (pread(fd, after.data(), after.size(), 0) != static_cast<ssize_t>(after.size()) || after != before) {
+                return 2;
+            }
+        }
+        return 0;
+    });
+    EXPECT_EQ(o.status, 0);
+}
+
+TEST(KapTrace, PassesByWhatIsNoRecord)
+{
+    const outcome o = in_child([] {
+        alarm(20);
+        tri_init();
+        tri_register_thread_name("traced");
+        output_of("mkfifo /run/kap-tri/pipe.1; ln -s traced." + std::to_string(getpid()) +
+                  " /run/kap-tri/link.1; mkdir /run/kap-tri/directory.1; echo short >/run/kap-tri/short.1");
+        const std::string listed = output_of(KAP_TRACE " list");
+        return std::count(listed.begin(), listed.end(), '\n') == 3 && listed.find("\ntraced.") != std::string::npos ? 0
+                                                                                                                    : 1;
+    });
+    EXPECT_EQ(o.status, 0);
+}
+
+TEST(KapTrace, ShowsTheMaskThatWasSetAlsoInTheRecord)
+{
+    const outcome o = in_child([] {
+        tri_init();
+        tri_register_thread_name("traced");
+        output_of(KAP_TRACE " set traced 0x2000");
+        std::ifstream file(own_file());
+        tri::share record{};
+        file.read(reinterpret_cast<char *>(&record), sizeof record);
+        return record.info.mask == 0x2000 ? 0 : 1;
     });
     EXPECT_EQ(o.status, 0);
 }
