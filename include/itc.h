@@ -129,12 +129,17 @@ int itc_get_fd(void);
 int itc_watch_fd(int fd, void (*callback)(void *arg), void *arg);
 void itc_unwatch_fd(int fd);
 
-/* How many messages of this process were dropped: outbox full, or no such mailbox. */
+/*
+ * How many messages of this process were dropped: outbox full, no such mailbox, or the registry's policy has its
+ * mailbox not take them from there, or not so large.
+ */
 struct itc_statistics {
     uint64_t sent;
     uint64_t received;
     uint64_t dropped_full;
     uint64_t dropped_no_mailbox;
+    uint64_t dropped_refused;
+    uint64_t dropped_too_large;
 };
 void itc_get_statistics(struct itc_statistics *out);
 

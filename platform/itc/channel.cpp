@@ -116,6 +116,7 @@ void close_channel(peer *p)
     poll_remove(p->fd);
     close(p->fd);
     tell_closed(p->process, p->channel);
+    door_forget_process(p->process);
     p->fd = -1;
     p->armed = p->write_broken = p->in_round = false;
     peer_resume(p);
@@ -244,12 +245,23 @@ bool admit(const arrival &a)
         note_drop(&g().statistics.dropped_no_mailbox, "there is no such mailbox");
         return false;
     }
-    return true;
+    if (g().box_is_closed[itc_wire::box_of(a.to)]) {
+        registry_look_ahead(); // whoever knows of it already has it from the registry, and so have we
+        if (g().box_is_closed[itc_wire::box_of(a.to)]) {
+            note_drop(&g().statistics.dropped_no_mailbox, "there is no such mailbox yet");
+            return false;
+        }
+    }
+    return door_admits(a);
 }
 
 void arrive(const peer *p, block *b)
 {
     b->sender = sender_of(p, b->frame);
+    if (!door_passed(b->sender, receiver_of(b->frame), b->msg()->msgno)) {
+        block_free(b);
+        return;
+    }
     account_add(p->queued, b);
     mbox_deliver(b, receiver_of(b->frame));
 }
@@ -408,6 +420,7 @@ reading read_once(peer *p, allowance *left)
     }
     const auto got = static_cast<size_t>(put);
     left->bytes -= got < left->bytes ? got : left->bytes;
+    g().registry_news = true;
     if (p->large != nullptr) {
         large_advance(p, got);
     } else {

@@ -104,7 +104,21 @@ enum frame_type : uint32_t {
     subscribed = 109, // u sid
     added = 110,      // u sid, u mbox, s path
     removed = 111,    // u sid, u mbox, s path
+
+    // What a mailbox takes from other processes. Those of a mailbox come before the result that it has the name which
+    // they stand under. What belongs to one policy rule carries its number.
+    door_limit = 112,  // u mbox, u bytes: no message is larger
+    door_rule = 113,   // u mbox, u rule, u first, u last: these numbers only from whom the rule lets in
+    door_share = 114,  // u mbox, u rule, u opens, u opened, u refused, u closed, u session_at, u at_most
+    door_admit = 115,  // u rule, u which of its names, u mbox that has it; before the result for that one
+    door_member = 116, // u rule, u process whose user is in it; right behind the channel to it
 };
+
+constexpr size_t door_words(uint32_t type)
+{
+    constexpr size_t words[] = {2, 4, 8, 3, 2};
+    return type >= door_limit && type <= door_member ? words[type - door_limit] : 0;
+}
 
 struct reader {
     const uint8_t *at;

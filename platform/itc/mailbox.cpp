@@ -83,6 +83,7 @@ struct anchor {
                 itc_wire::writer request(itc_wire::delete_box, 0);
                 registry_send(request.u32(itc_wire::mbox_of(g().process, box)));
                 release_box(box);
+                door_forget_mailbox(itc_wire::mbox_of(g().process, box));
                 g().box_rests_until[box] = clock::now() + box_rest;
             }
         }
@@ -149,6 +150,7 @@ void forget_mailbox(uint32_t mbox)
     state &s = g();
     thread *owner = s.boxes[itc_wire::box_of(mbox)];
     release_box(itc_wire::box_of(mbox));
+    door_forget_mailbox(mbox);
     s.box_rests_until[itc_wire::box_of(mbox)] = clock::now() + box_rest;
     drop_queued(owner, mbox);
     if (owner->mbox == mbox) {
@@ -182,6 +184,7 @@ void tear_down()
     half_close();
     free_table(s.awaiting);
     free_table(s.monitors);
+    door_forget_all();
     s.subscriptions.clear();
     s.next_sid = 0;
     while (!s.threads.empty()) {
@@ -309,13 +312,14 @@ uint32_t itc_create_mailbox(const char *name, uint32_t flags)
     const uint32_t mbox = itc_wire::mbox_of(g().process, box);
     thread *t = thread_record();
     g().boxes[box] = t; // before the registry knows: what is sent at once must not be lost
+    g().box_is_closed[box] = true;
     g().box_count++;
     if (t->mbox == ITC_NO_MBOX) {
         t->mbox = mbox;
     }
     itc_wire::writer request(itc_wire::create_box, 0);
     const uint64_t generation = g().generation;
-    const int error = registry_command(lock, request.u32(mbox).text(name));
+    const int error = registry_command(lock, request.u32(mbox).text(name), box);
     if (error == 0 || generation != g().generation) {
         return error == 0 ? mbox : ITC_NO_MBOX;
     }
@@ -378,6 +382,7 @@ void itc_send(itc_msg **msg, uint32_t to, uint32_t from)
         s.statistics.sent += mbox_is_own(to) ? 1 : 0;
         mbox_deliver(b, to);
     } else {
+        door_answered(b->sender, to, b);
         peer_send(b, to);
     }
     if (s.introducing > 0 && !s.led) {
@@ -406,6 +411,7 @@ void itc_internal_set_half_sent_limit(uint32_t ms)
 int itc_internal_publish(const char *name, const char *scope, uint32_t mbox, const char *path)
 {
     hold lock = call_lock();
+    door_service_changed(mbox);
     itc_wire::writer request(itc_wire::publish, 0);
     return mbox_is_own(mbox) ? registry_command(lock, request.u32(mbox).text(name).text(scope).text(path)) : EINVAL;
 }
@@ -413,6 +419,7 @@ int itc_internal_publish(const char *name, const char *scope, uint32_t mbox, con
 int itc_internal_unpublish(const char *name, const char *scope, uint32_t mbox, const char *path)
 {
     hold lock = call_lock();
+    door_service_changed(mbox);
     itc_wire::writer request(itc_wire::unpublish, 0);
     return mbox_is_own(mbox) ? registry_command(lock, request.u32(mbox).text(name).text(scope).text(path)) : EINVAL;
 }

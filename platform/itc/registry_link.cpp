@@ -6,6 +6,7 @@
 #include "ns.h"
 #include "state.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
@@ -53,6 +54,15 @@ void on_answer(uint32_t serial, uint32_t value)
     }
 }
 
+// A mailbox that was asked for is there: others may send to it.
+void open_box(uint32_t serial, uint32_t error)
+{
+    const auto found = g().calls.find(serial);
+    if (error == 0 && found != g().calls.end() && found->second->opens_box < itc_wire::box_limit) {
+        g().box_is_closed[found->second->opens_box] = false;
+    }
+}
+
 // A name that was waited for, or a death that was watched for: the message goes out, with that mailbox as its sender.
 void on_token(std::unordered_map<uint32_t, awaited> &table, uint32_t token, uint32_t mbox, bool death)
 {
@@ -62,6 +72,10 @@ void on_token(std::unordered_map<uint32_t, awaited> &table, uint32_t token, uint
     }
     const awaited entry = found->second;
     table.erase(found);
+    if (entry.message == nullptr) {
+        door_client_died(mbox);
+        return;
+    }
     entry.message->sender = mbox;
     entry.message->monitor_id = death ? token : 0;
     mbox_deliver(entry.message, entry.deliver_to);
@@ -122,6 +136,9 @@ bool on_number(const itc_wire::registry_frame &head, uint32_t value)
 {
     switch (head.type) {
     case itc_wire::result:
+        open_box(head.serial, value);
+        on_answer(head.serial, value);
+        return true;
     case itc_wire::located:
         on_answer(head.serial, value);
         return true;
@@ -154,34 +171,57 @@ bool on_frame(const itc_wire::registry_frame &head, itc_wire::reader fields)
     default:
         break;
     }
+    if (door_frame_is(head.type)) {
+        return door_frame(head, fields, true);
+    }
     const uint32_t value = fields.u32();
     return fields.whole() && on_number(head, value);
+}
+
+enum class frame_is {
+    whole,
+    not_whole,
+    nonsense
+};
+
+frame_is frame_at(size_t at, itc_wire::registry_frame *head)
+{
+    const state &s = g();
+    if (s.registry_fill - at < sizeof *head) {
+        return frame_is::not_whole;
+    }
+    memcpy(head, s.registry_buffer + at, sizeof *head);
+    if (head->length < sizeof *head || head->length > itc_wire::registry_frame_limit) {
+        return frame_is::nonsense;
+    }
+    return head->length <= s.registry_fill - at ? frame_is::whole : frame_is::not_whole;
+}
+
+itc_wire::reader fields_at(size_t at, const itc_wire::registry_frame &head)
+{
+    return {g().registry_buffer + at + sizeof head, head.length - sizeof head};
 }
 
 // Acts on every whole frame in the buffer. False when the registry makes no sense.
 bool parse()
 {
-    size_t at = 0;
     state &s = g();
-    bool sane = true;
-    while (sane && s.registry_fill - at >= sizeof(itc_wire::registry_frame)) {
-        itc_wire::registry_frame head;
-        memcpy(&head, s.registry_buffer + at, sizeof head);
-        if (head.length < sizeof head || head.length > itc_wire::registry_frame_limit) {
-            return false;
-        }
-        if (head.length > s.registry_fill - at) {
-            break;
-        }
-        sane = on_frame(head, itc_wire::reader(s.registry_buffer + at + sizeof head, head.length - sizeof head));
-        at += head.length;
+    itc_wire::registry_frame head{};
+    frame_is next = frame_at(s.registry_at, &head);
+    while (next == frame_is::whole) {
+        const bool sane = on_frame(head, fields_at(s.registry_at, head));
         if (s.registry < 0) {
             return true; // given up meanwhile, buffer and all
         }
+        s.registry_at += head.length;
+        next = sane ? frame_at(s.registry_at, &head) : frame_is::nonsense;
     }
-    memmove(s.registry_buffer, s.registry_buffer + at, s.registry_fill - at);
-    s.registry_fill -= at;
-    return sane;
+    s.registry_fill -= s.registry_at;
+    s.registry_seen = s.registry_seen > s.registry_at ? s.registry_seen - s.registry_at : 0;
+    memmove(s.registry_buffer, s.registry_buffer + s.registry_at, s.registry_fill);
+    s.registry_at = 0;
+    s.registry_ahead = false;
+    return next != frame_is::nonsense;
 }
 
 void keep_descriptors(msghdr &message)
@@ -282,6 +322,11 @@ void wait_for_registry(hold &lock, clock::time_point deadline)
         follow(lock, deadline);
         return;
     }
+    if (s.registry_ahead) {
+        registry_catch_up();
+        wake_followers();
+        return;
+    }
     pollfd wanted{s.registry, static_cast<short>(s.registry_out.empty() ? POLLIN : POLLIN | POLLOUT), 0};
     s.led = true;
     s.blocked++;
@@ -338,7 +383,8 @@ void registry_close()
     }
     s.registry = -1;
     s.registry_armed = false;
-    s.registry_fill = 0;
+    s.registry_fill = s.registry_at = s.registry_seen = 0;
+    s.registry_ahead = false;
     s.registry_out.clear();
     for (const int fd : s.registry_fds) {
         if (fd >= 0) {
@@ -378,9 +424,48 @@ void registry_flush()
     arm_registry(!s.registry_out.empty());
 }
 
+void registry_look_ahead()
+{
+    state &s = g();
+    if (!s.registry_news) {
+        return;
+    }
+    s.registry_news = false;
+    while (s.registry >= 0 && s.registry_fill < sizeof s.registry_buffer) {
+        const ssize_t got = receive_some();
+        if (got <= 0) {
+            break; // should it have ended, it says so again
+        }
+        s.registry_fill += static_cast<size_t>(got);
+        s.registry_ahead = true;
+    }
+    itc_wire::registry_frame head{};
+    s.registry_seen = std::max(s.registry_seen, s.registry_at);
+    while (frame_at(s.registry_seen, &head) == frame_is::whole) {
+        itc_wire::reader fields = fields_at(s.registry_seen, head);
+        if (door_frame_is(head.type)) {
+            (void)door_frame(head, fields, false);
+        } else if (head.type == itc_wire::result) {
+            open_box(head.serial, fields.u32());
+        }
+        s.registry_seen += head.length;
+    }
+}
+
+void registry_catch_up()
+{
+    if (g().registry_ahead) {
+        registry_read();
+    }
+}
+
 void registry_read()
 {
     state &s = g();
+    if (s.registry_ahead && s.registry >= 0 && !parse()) {
+        complain("the registry sent a frame that makes no sense, giving it up");
+        lose();
+    }
     while (s.registry >= 0) {
         const ssize_t got = receive_some();
         if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -407,7 +492,7 @@ uint32_t new_serial()
     return g().next_serial;
 }
 
-int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value)
+int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value, uint32_t opens_box)
 {
     state &s = g();
     if (!s.up || s.registry_lost) {
@@ -415,6 +500,7 @@ int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value)
     }
     call waiting;
     waiting.serial = new_serial();
+    waiting.opens_box = opens_box;
     frame.set_serial(waiting.serial);
     s.calls[waiting.serial] = &waiting;
     registry_send(frame);
@@ -430,10 +516,10 @@ int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value)
     return 0;
 }
 
-int registry_command(hold &lock, itc_wire::writer &frame)
+int registry_command(hold &lock, itc_wire::writer &frame, uint32_t opens_box)
 {
     uint32_t value = 0;
-    const int error = registry_call(lock, frame, &value);
+    const int error = registry_call(lock, frame, &value, opens_box);
     return error != 0 ? error : static_cast<int>(value);
 }
 

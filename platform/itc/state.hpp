@@ -10,6 +10,7 @@
 #ifndef ITC_STATE_HPP
 #define ITC_STATE_HPP
 
+#include "door.hpp"
 #include "itc.h"
 #include "itc_wire.hpp"
 
@@ -172,6 +173,7 @@ struct arrival {
 // A request whose caller waits for the answer.
 struct call {
     uint32_t serial = 0;
+    uint32_t opens_box = itc_wire::box_limit; // of an own mailbox that is there once this is granted
     bool done = false;
     uint32_t value = 0;
 };
@@ -208,6 +210,7 @@ struct state {
 
     std::vector<thread *> threads;
     thread *boxes[itc_wire::box_limit] = {};
+    bool box_is_closed[itc_wire::box_limit] = {}; // to other processes: the registry has not said yet what it takes
     clock::time_point box_rests_until[itc_wire::box_limit] = {}; // of those that were deleted
     int box_allowance = 0;
     int box_count = 0;
@@ -218,7 +221,12 @@ struct state {
     std::deque<int> registry_fds; // descriptors that came before their frame was whole
     std::string registry_out;
     size_t registry_fill = 0;
+    size_t registry_at = 0;      // the frame that is acted on
+    size_t registry_seen = 0;    // up to here it was looked what is said of doors
+    bool registry_news = true;   // something was received from others since it was looked
+    bool registry_ahead = false; // what was looked at waits to be acted on
     uint8_t registry_buffer[reader_size];
+    struct doors doors;
 
     std::unordered_map<uint32_t, peer *> peers;
     peer *last_peer = nullptr;
@@ -344,12 +352,15 @@ void registry_close();
 void registry_send(itc_wire::writer &frame);
 void registry_flush();
 void registry_read();
+// Takes in what the registry has said of doors, before anything else that it said is acted on.
+void registry_look_ahead();
+void registry_catch_up(); // acts on the rest of it
 uint32_t new_serial();
 // Sends the frame under a fresh serial and waits for its answer; lets the lock go. Returns 0 and the answer's one
 // field, or an errno value.
-int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value);
+int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value, uint32_t opens_box = itc_wire::box_limit);
 // The same for a request that is answered by an errno value; returns that.
-int registry_command(hold &lock, itc_wire::writer &frame);
+int registry_command(hold &lock, itc_wire::writer &frame, uint32_t opens_box = itc_wire::box_limit);
 
 } // namespace itc
 

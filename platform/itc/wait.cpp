@@ -148,6 +148,7 @@ void lead(hold &lock, thread *me, int timeout, const wish *w)
             peers_turn(w != nullptr, w == nullptr || w->from == ITC_FROM_ANY ? 0 : itc_wire::process_of(w->from));
         }
     }
+    registry_catch_up();
     wake_followers();
 }
 

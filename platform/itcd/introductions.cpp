@@ -1,5 +1,7 @@
 #include "introductions.hpp"
 
+#include "doors.hpp"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -105,7 +107,9 @@ void give_channel(registry_client &a, registry_client &b, pairing &p)
     p.channel = number;
     p.low_closed = p.high_closed = p.wanted_again = false;
     tell_channel(a, b.process, number, ends[0]);
+    doors_met(a, b);
     tell_channel(b, a.process, number, ends[1]);
+    doors_met(b, a);
 }
 
 void give_or_wait(registry_client &a, registry_client &b, pairing &p)

@@ -1,5 +1,6 @@
 #include "registry.hpp"
 
+#include "doors.hpp"
 #include "introductions.hpp"
 #include "itc.h"
 #include "services.hpp"
@@ -103,6 +104,7 @@ void name_free(std::map<std::string, uint32_t, std::less<>>::iterator entry)
     box.names.erase(entry->first);
     box.owner->name_count--;
     share_give(*box.owner->of, held::names, name_bytes + entry->first.size());
+    doors_name_gone(entry->first);
     names.erase(entry);
 }
 
@@ -124,6 +126,7 @@ int claim(registry_client &client, uint32_t mbox, const std::string &name)
     }
     client.name_count++;
     mailboxes.at(mbox).names.insert(names.emplace(name, mbox).first->first);
+    doors_name_given(client, mbox, name);
     if (waiting.count(name) != 0) {
         client.work.emplace_back(registry_task::tell_found, mbox);
         client.work.back().name = name;
@@ -539,6 +542,7 @@ void registry_start(registry_output &output, const policy &given_rules)
     numbers_start(somewhere);
     services_start(output);
     introductions_start(output);
+    doors_start(output, given_rules);
 }
 
 void registry_request(registry_client &from, const registry_frame &head, reader fields)
@@ -598,5 +602,5 @@ void registry_not_given(registry_client &client, uint32_t process, uint32_t chan
 bool registry_is_empty()
 {
     return processes.empty() && mailboxes.empty() && names.empty() && waiting.empty() && introductions_are_empty() &&
-           services_are_empty() && shares_are_empty();
+           services_are_empty() && shares_are_empty() && doors_are_empty();
 }
