@@ -45,7 +45,20 @@ struct heard final : registry_output {
     }
 
     void doom(registry_client &, const char *why) override { doomed = why; }
+    void say(const registry_client &, const char *) override {}
+    bool is_behind(const registry_client &) override { return false; }
+    bool takes_descriptor(registry_client &) override { return true; }
+    void wake(registry_client &) override {}
 };
+
+void leave(registry_client &client)
+{
+    registry_leave(client);
+    int budget = 1000000;
+    while (registry_has_work(client)) {
+        (void)registry_work(client, budget);
+    }
+}
 
 void say_hello(registry_client &client)
 {
@@ -121,19 +134,22 @@ TEST_F(Numbers, TheRegistryRefusesWhoSaysHelloTooOftenADayAndWelcomesTheOthers)
     registry_start(answers, rules);
     registry_client server;
     server.who.user = HONEST;
+    server.of = &share_of(HONEST);
     say_hello(server);
     const uint32_t dead_server = server.process;
-    registry_remove(server);
+    leave(server);
     for (uint32_t i = 0; i < NUMBERS_AT_REST_LIMIT; i++) {
         registry_client hasty;
         hasty.who.user = HASTY;
+        hasty.of = &share_of(HASTY);
         say_hello(hasty);
         ASSERT_EQ(answers.type, itc_wire::welcome);
         ASSERT_NE(answers.value, dead_server);
-        registry_remove(hasty);
+        leave(hasty);
     }
     registry_client hasty;
     hasty.who.user = HASTY;
+    hasty.of = &share_of(HASTY);
     say_hello(hasty);
     EXPECT_EQ(answers.type, itc_wire::refused);
     EXPECT_EQ(answers.value, static_cast<uint32_t>(EAGAIN));
@@ -141,9 +157,10 @@ TEST_F(Numbers, TheRegistryRefusesWhoSaysHelloTooOftenADayAndWelcomesTheOthers)
     EXPECT_EQ(hasty.process, 0u);
     registry_client honest;
     honest.who.user = HONEST;
+    honest.of = &share_of(HONEST);
     say_hello(honest);
     EXPECT_EQ(answers.type, itc_wire::welcome);
-    registry_remove(honest);
+    leave(honest);
 }
 
 TEST_F(Numbers, ABoxThatWasDeletedRestsForADay)
