@@ -215,14 +215,24 @@ class Source:
     def line_of(self, place):
         return bisect.bisect_right(self.starts, place)
 
+    def line_text(self, place):
+        line = self.line_of(place)
+        return self.text[self.starts[line - 1] : (self.starts + [len(self.text) + 1])[line] - 1].strip()
+
 
 def one_line(text):
     return re.sub(r"\s+", " ", text)
 
 
+def without_effect():
+    """Path, line and change of what is known to make no difference."""
+    with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "mutants_without_effect"), encoding="utf-8") as file:
+        return {tuple(line.split(" | ")[:3]) for line in file if not line.startswith("#")}
+
+
 def plant(only, seed):
     """For each root and kind: every possible change, in an order that the seed decides."""
-    chosen, lines = {}, {root: 0 for root in ROOTS}
+    chosen, lines, known = {}, {root: 0 for root in ROOTS}, without_effect()
     listed = subprocess.run(
         ["git", "ls-files", *(f"{root}/*.[ch]pp" for root in ROOTS), *(f"{root}/**/*.[ch]pp" for root in ROOTS)],
         check=True, capture_output=True, text=True).stdout.split()
@@ -247,6 +257,7 @@ def plant(only, seed):
             }
             for source, start, end, choices in places
             for becomes in [draw.choice(choices)]
+            if (source.path, source.line_text(start), f"{one_line(source.text[start:end])} -> {one_line(becomes)}") not in known
         ]
     return mutants, lines
 
