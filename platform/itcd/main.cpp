@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <getopt.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -114,11 +115,13 @@ bool read_policy(call &wanted)
     return wrong.empty();
 }
 
-// Holds the lock file that is in the directory, not one that its last owner has just removed. Returns an errno value.
+// Holds the lock file that is in the directory, not one that its last owner has just removed. It has to be a file of
+// our own under this one name: no link leads us elsewhere, nothing that blocks when it is opened holds us up, and
+// nobody else can keep us out by holding the lock of a file of his. Returns an errno value.
 int take_lock()
 {
     for (;;) {
-        lock_fd = open(itc_wire::lock_path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        lock_fd = open(itc_wire::lock_path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
         if (lock_fd < 0) {
             return errno;
         }
@@ -126,6 +129,10 @@ int take_lock()
         };
         struct stat there {
         };
+        if (fstat(lock_fd, &mine) != 0 || !S_ISREG(mine.st_mode) || mine.st_uid != geteuid() || mine.st_nlink > 1) {
+            close(lock_fd);
+            return EPERM;
+        }
         if (flock(lock_fd, LOCK_EX | LOCK_NB) != 0) {
             const int error = errno;
             close(lock_fd);
@@ -163,6 +170,18 @@ int open_signals()
     return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
+// A manager that does not read is waited for a second, and then done without. Returns an errno value.
+int send_in_time(int fd)
+{
+    static constexpr char ready[] = "READY=1";
+    pollfd room{fd, POLLOUT, 0};
+    constexpr int limit_ms = 1000;
+    if (poll(&room, 1, limit_ms) == 0) {
+        return ETIMEDOUT;
+    }
+    return send(fd, ready, sizeof ready - 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0 ? errno : 0;
+}
+
 // Tells a service manager that asked for it. Its socket may have an abstract name, written with a leading '@'.
 void notify_ready()
 {
@@ -177,11 +196,16 @@ void notify_ready()
     if (path[0] == '@') {
         address.sun_path[0] = 0;
     }
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    static constexpr char ready[] = "READY=1";
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
+    int error = fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&address), size) == 0 ? 0 : errno;
+    if (error == 0) {
+        error = send_in_time(fd);
+    }
+    if (error != 0) {
+        complain("the service manager was not told: %s", strerror(error));
+    }
     if (fd >= 0) {
-        (void)!sendto(fd, ready, sizeof ready - 1, MSG_NOSIGNAL, reinterpret_cast<sockaddr *>(&address),
-                      static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
         close(fd);
     }
 }
@@ -224,7 +248,10 @@ int main(int argc, char **argv)
     made_directory = mkdir(itc_wire::directory, 0755) == 0;
     const int locked = take_lock();
     if (locked != 0) {
-        complain("%s: %s", itc_wire::lock_path, locked == EWOULDBLOCK ? "a registry runs already" : strerror(locked));
+        complain("%s: %s", itc_wire::lock_path,
+                 locked == EWOULDBLOCK ? "a registry runs already"
+                 : locked == EPERM     ? "is not a file of our own"
+                                       : strerror(locked));
         return 1;
     }
     const int listener = listen_at(rules);

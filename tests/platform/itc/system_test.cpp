@@ -222,6 +222,66 @@ TEST_F(ItcSystem, TheRegistryTellsAServiceManagerThatItIsReady)
     close(manager);
 }
 
+TEST_F(ItcSystem, AServiceManagerThatDoesNotReadHoldsUpNobody)
+{
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int filler = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, "/run/notify");
+    ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    while (sendto(filler, "x", 1, 0, reinterpret_cast<sockaddr *>(&address), sizeof address) == 1) {
+    }
+    ASSERT_EQ(errno, EAGAIN);
+    setenv("NOTIFY_SOCKET", "/run/notify", 1);
+    start_registry();
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_NE(join("own"), ITC_NO_MBOX);
+    EXPECT_NE(registry_says().find("itcd: the service manager was not told: "), std::string::npos) << registry_says();
+    close(filler);
+    close(manager);
+}
+
+// How a registry ends that starts now, and what it says.
+std::string start_in_vain()
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int log = open("/run/vain.log", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(log, STDERR_FILENO);
+        alarm(20);
+        execl(ITCD_PATH, "itcd", nullptr);
+        _exit(99);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    std::stringstream said;
+    said << std::ifstream("/run/vain.log").rdbuf();
+    return std::to_string(status) + " " + said.str();
+}
+
+TEST_F(ItcSystem, ALockThatIsNoFileOfTheRegistrysOwnIsLeftAloneAndNoRegistryStarts)
+{
+    ASSERT_EQ(mkdir("/run/kap-itc", 0755), 0);
+    const char *const lock = "/run/kap-itc/itcd.lock";
+    const std::string refused = "256 itcd: /run/kap-itc/itcd.lock: ";
+    ASSERT_EQ(symlink("/run/elsewhere", lock), 0);
+    EXPECT_EQ(start_in_vain(), refused + strerror(ELOOP) + "\n");
+    EXPECT_NE(access("/run/elsewhere", F_OK), 0) << "nothing is made where the link leads";
+    ASSERT_EQ(unlink(lock), 0);
+    ASSERT_EQ(mkfifo(lock, 0600), 0);
+    EXPECT_EQ(start_in_vain(), refused + "is not a file of our own\n");
+    ASSERT_EQ(unlink(lock), 0);
+    close(open(lock, O_WRONLY | O_CREAT, 0600));
+    ASSERT_EQ(chown(lock, nobody, nobody), 0);
+    EXPECT_EQ(start_in_vain(), refused + "is not a file of our own\n");
+    ASSERT_EQ(chown(lock, 0, 0), 0);
+    ASSERT_EQ(link(lock, "/run/second-name"), 0);
+    EXPECT_EQ(start_in_vain(), refused + "is not a file of our own\n");
+    ASSERT_EQ(unlink("/run/second-name"), 0);
+    start_registry();
+}
+
 TEST_F(ItcSystem, WrongOptionsAreRefusedWithTheUsage)
 {
     for (const std::vector<std::string> &arguments : std::vector<std::vector<std::string>>{
