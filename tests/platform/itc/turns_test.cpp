@@ -30,19 +30,41 @@ struct Told {
     std::string text;
 };
 
+// A listening socket under a name that the kernel chooses, and the registry behind it: one for all tests of a process.
+struct doorstep {
+    int fd = -1;
+    sockaddr_un address{};
+    socklen_t length = sizeof(sockaddr_un);
+    policy rules;
+
+    doorstep()
+    {
+        signal(SIGPIPE, SIG_IGN);
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        sockaddr_un any{};
+        any.sun_family = AF_UNIX;
+        EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&any), sizeof any.sun_family), 0);
+        EXPECT_EQ(listen(fd, 1024), 0);
+        EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length), 0);
+        EXPECT_EQ(server_open(fd, eventfd(0, EFD_CLOEXEC), rules), 0);
+    }
+};
+
+doorstep &door()
+{
+    static doorstep one;
+    return one;
+}
+
 class Registry : public ::testing::Test
 {
 protected:
-    void SetUp() override
+    void SetUp() override { (void)door(); }
+
+    void TearDown() override
     {
-        signal(SIGPIPE, SIG_IGN);
-        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        sockaddr_un any{};
-        any.sun_family = AF_UNIX;
-        ASSERT_EQ(bind(listener_, reinterpret_cast<const sockaddr *>(&any), sizeof any.sun_family), 0);
-        ASSERT_EQ(listen(listener_, 1024), 0);
-        ASSERT_EQ(getsockname(listener_, reinterpret_cast<sockaddr *>(&address_), &length_), 0);
-        ASSERT_EQ(server_open(listener_, eventfd(0, EFD_CLOEXEC), rules_), 0);
+        settle();
+        EXPECT_TRUE(registry_is_empty()) << "nothing is left of processes that have gone";
     }
 
     // Turns until nothing more happens; how many something was done in is not known, so none is counted.
@@ -53,18 +75,12 @@ protected:
         }
     }
 
-    int connect_raw()
+    static int connect_raw()
     {
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr *>(&address_), length_), 0);
+        EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr *>(&door().address), door().length), 0);
         return fd;
     }
-
-private:
-    int listener_ = -1;
-    sockaddr_un address_{};
-    socklen_t length_ = sizeof address_;
-    policy rules_;
 };
 
 // A process of the test's. Frames are written at once; what came is taken when it is asked for.
