@@ -95,14 +95,19 @@ void buffer_give_back(peer *p)
         g().spare_buffer = p->buffer;
     } else {
         free(p->buffer);
+        memory_less(reader_size);
     }
     p->buffer = nullptr;
 }
 
 void buffer_take(peer *p)
 {
-    p->buffer = g().spare_buffer != nullptr ? g().spare_buffer : static_cast<uint8_t *>(malloc(reader_size));
+    p->buffer = g().spare_buffer;
     g().spare_buffer = nullptr;
+    if (p->buffer == nullptr) {
+        p->buffer = static_cast<uint8_t *>(malloc(reader_size));
+        memory_more(reader_size);
+    }
     if (p->buffer == nullptr) {
         abort();
     }

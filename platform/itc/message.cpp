@@ -6,6 +6,7 @@
 #include "state.hpp"
 
 #include <cstdlib>
+#include <malloc.h>
 
 namespace itc
 {
@@ -15,6 +16,14 @@ namespace
 constexpr uint32_t alive = 0x17C0B10C;
 constexpr uint32_t freed = 0x17C0DEAD;
 
+// Fewer bytes than that are not worth the asking for their pages.
+constexpr size_t give_back = 2u << 20;
+
+// What blocks and buffers hold, and the most of it since memory was last given back. Two threads that meet here may
+// be off by one message.
+std::atomic<size_t> held{0};
+std::atomic<size_t> held_most{0};
+
 [[noreturn]] void give_up(const char *why)
 {
     complain("%s", why);
@@ -22,6 +31,26 @@ constexpr uint32_t freed = 0x17C0DEAD;
 }
 
 } // namespace
+
+void memory_more(size_t size)
+{
+    const size_t now = held.fetch_add(size, std::memory_order_relaxed) + size;
+    if (now > held_most.load(std::memory_order_relaxed)) {
+        held_most.store(now, std::memory_order_relaxed);
+    }
+}
+
+// What was freed stays with the process as holes, as much as there ever was at once. Who filled our queues, or came
+// with many connections, and has gone must not leave them to us for good.
+void memory_less(size_t size)
+{
+    const size_t now = held.fetch_sub(size, std::memory_order_relaxed) - size;
+    const size_t most = held_most.load(std::memory_order_relaxed);
+    if (most > now && most - now >= give_back) {
+        held_most.store(now, std::memory_order_relaxed);
+        (void)malloc_trim(0);
+    }
+}
 
 block *block_new(size_t size, bool zero)
 {
@@ -35,6 +64,7 @@ block *block_new(size_t size, bool zero)
     auto *b = static_cast<block *>(memory);
     *b = {};
     b->size = size;
+    memory_more(sizeof *b + size);
     b->sender = ITC_NO_MBOX;
     b->receiver = ITC_NO_MBOX;
     b->magic = alive;
@@ -47,6 +77,8 @@ block *block_resize(block *b, size_t size)
     if (moved == nullptr) {
         give_up("no memory left for a message");
     }
+    memory_less(sizeof *moved + moved->size);
+    memory_more(sizeof *moved + size);
     moved->size = size;
     return moved;
 }
@@ -74,8 +106,10 @@ block *block_take(itc_msg **msg)
 void block_free(block *b)
 {
     if (b != nullptr) {
+        const size_t size = sizeof *b + b->size;
         b->magic = freed;
         free(b);
+        memory_less(size);
     }
 }
 

@@ -46,12 +46,10 @@ void account_drop_if_unused(account *a)
     }
 }
 
-void half_timer_set(bool running)
+// Only while somebody waits for room: what was attacked and is left alone holds no descriptor more than before.
+void half_timer_start()
 {
     state &s = g();
-    if (s.half_timer < 0 && !running) {
-        return;
-    }
     if (s.half_timer < 0) {
         s.half_timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
         if (s.half_timer < 0 || poll_add(source_timer, 0, s.half_timer, EPOLLIN) != 0) {
@@ -59,12 +57,10 @@ void half_timer_set(bool running)
             return;
         }
     }
+    const auto ns = std::chrono::nanoseconds(s.half_limit).count() / looks_per_half_limit;
     itimerspec every{};
-    if (running) {
-        const auto ns = std::chrono::nanoseconds(s.half_limit).count() / looks_per_half_limit;
-        every.it_value = {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
-        every.it_interval = every.it_value;
-    }
+    every.it_value = {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+    every.it_interval = every.it_value;
     timerfd_settime(s.half_timer, 0, &every, nullptr);
 }
 
@@ -158,7 +154,7 @@ void peer_pause(peer *p, pause why)
             s.half_wanted_at = now;
         }
         s.half_looked_at = now;
-        half_timer_set(true);
+        half_timer_start();
     }
     peer_watch(p);
 }
@@ -172,7 +168,7 @@ void peer_resume(peer *p)
     (p->paused == pause::queue ? s.paused_queue : s.paused_room)--;
     if (p->paused == pause::room && s.paused_room == 0) {
         s.half_unwanted_at = clock::now();
-        half_timer_set(false);
+        half_close();
     }
     p->paused = pause::none;
     if (p->fd < 0) {
