@@ -44,7 +44,7 @@ constexpr long WORST_KB = 64 * 1024;
 constexpr long AFTER_KB = 4 * 1024;
 constexpr double LINES_PER_SECOND = 1000; // ten kinds of line, a hundred of each
 
-constexpr auto SETTLE_BOUND = 10s;
+constexpr auto SETTLE_BOUND = 30s; // what a flood left in the sockets is still read
 constexpr auto SAMPLE_EVERY = 10ms;
 constexpr const char *REPORT_PATH = "/run/attack/honest";
 constexpr const char *OPERATOR_PATH = "/run/attack/operator";
@@ -78,6 +78,7 @@ struct attack {
     bool only_locates = false;    // the honest client has no session
     bool dead_from_alive = false; // the dead link's far end answers at first
     bool with_operator = false;
+    long kept_descriptors = 0; // of the daemon: one namespace handle is kept on purpose
 };
 
 // What the watcher sees of one process.
@@ -89,6 +90,7 @@ struct held {
 struct watched {
     std::string name;
     pid_t pid = -1;
+    long kept_descriptors = 0; // that it may have more after than before
     held before, worst, after;
 };
 
@@ -375,7 +377,8 @@ const std::vector<attack> &attacks()
          .text = "creates in a namespace that cannot be entered",
          .attackers = {{"kap-operator", {"create-in", "666"}}},
          .prepare = announce_broken_namespace,
-         .after = remove_broken_namespace},
+         .after = remove_broken_namespace,
+         .kept_descriptors = 1},
         {"queue", "sessions that end with 40 requests of 60 kB waiting", {{"kap-operator", {"queue-and-end"}}}},
         {"logs", "messages and frames that are worth a line", {{"mallory", {"flood-logs"}}}},
         {.name = "sessions",
@@ -391,7 +394,8 @@ const std::vector<attack> &attacks()
          .attackers = {{"kap-operator", {"create-in", "700", "entered ../../proc/1/ns/net"}},
                        {"kap-operator", {"create-in", "701"}}},
          .prepare = announce_bad_names,
-         .after = remove_bad_names},
+         .after = remove_bad_names,
+         .kept_descriptors = 1},
         {.name = "mask",
          .text = "the file behind the daemon's trace mask truncated, by the daemon's own user",
          .attackers = {{"kap-vorn", {"truncate-mask"}}},
@@ -541,7 +545,7 @@ void fight(arena &a)
 bool is_given_back(const arena &a)
 {
     return std::all_of(a.watch.begin(), a.watch.end(), [](const watched &w) {
-        return w.after.kb - w.before.kb <= AFTER_KB && w.after.descriptors <= w.before.descriptors;
+        return w.after.kb - w.before.kb <= AFTER_KB && w.after.descriptors - w.before.descriptors <= w.kept_descriptors;
     });
 }
 
@@ -622,7 +626,7 @@ void judge_process(verdict &v, const watched &w)
     if (w.after.kb - w.before.kb > AFTER_KB) {
         v.missed.push_back(w.name + " kept " + std::to_string((w.after.kb - w.before.kb) / 1024) + " MiB");
     }
-    if (w.after.descriptors > w.before.descriptors) {
+    if (w.after.descriptors - w.before.descriptors > w.kept_descriptors) {
         v.missed.push_back(w.name + " kept " + std::to_string(w.after.descriptors - w.before.descriptors) +
                            " descriptors");
     }
@@ -702,8 +706,8 @@ void run_node(arena &a)
         a.what->prepare(a);
     }
     start_honest(a);
-    a.watch = {{REGISTRY, a.s.processes.at(REGISTRY).pid, {}, {}, {}},
-               {DAEMON, a.s.processes.at(DAEMON).pid, {}, {}, {}}};
+    a.watch = {{REGISTRY, a.s.processes.at(REGISTRY).pid, 0, {}, {}, {}},
+               {DAEMON, a.s.processes.at(DAEMON).pid, a.what->kept_descriptors, {}, {}, {}}};
     pass_time(a, 1s, false);
     look_all(a, &watched::before);
     look_all(a, &watched::after);
