@@ -10,7 +10,10 @@
 #include <sched.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
+
+#include <linux/magic.h>
 
 #include <array>
 #include <cerrno>
@@ -36,6 +39,35 @@ constexpr int DATAGRAMS_PER_TURN = 64;
 std::string namespace_path(const std::string &name)
 {
     return name.empty() ? OWN_NAMESPACE : NAMESPACE_DIRECTORY + name;
+}
+
+// A name is that of a file in the directory, no way to one elsewhere.
+bool is_file_name(const std::string &name)
+{
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
+bool is_namespace_file(int fd)
+{
+    struct statfs found {
+    };
+    return fstatfs(fd, &found) == 0 && found.f_type == NSFS_MAGIC;
+}
+
+// A descriptor, or -1 and errno. Whatever lies there: opening it does not wait (a FIFO), and leads nowhere else (a link).
+int open_named_namespace(const std::string &name)
+{
+    if (!is_file_name(name)) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int fd = open(namespace_path(name).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+    if (fd >= 0 && !is_namespace_file(fd)) {
+        close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    return fd;
 }
 
 [[noreturn]] void fail(const std::string &what) { throw std::system_error(errno, std::generic_category(), what); }
@@ -168,7 +200,10 @@ namespace_identity namespace_identity::of(const std::string &name_space)
 {
     struct stat found {
     };
-    if (stat(namespace_path(name_space).c_str(), &found) != 0) {
+    // The own one is a link of the kernel's; a name must not be one.
+    const int flags = name_space.empty() ? 0 : AT_SYMLINK_NOFOLLOW;
+    if ((!name_space.empty() && !is_file_name(name_space)) ||
+        fstatat(AT_FDCWD, namespace_path(name_space).c_str(), &found, flags) != 0) {
         return {};
     }
     return {found.st_dev, found.st_ino};
@@ -181,7 +216,7 @@ namespace_visit::namespace_visit(const std::string &name_space)
         return;
     }
     const std::string path = namespace_path(name_space);
-    const int there = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int there = open_named_namespace(name_space);
     if (there < 0) {
         fail(path);
     }

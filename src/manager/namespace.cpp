@@ -4,7 +4,10 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/vfs.h>
 #include <unistd.h>
+
+#include <linux/magic.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -33,6 +36,36 @@ void keep_handle(int fd)
     kept = fd;
 }
 
+// The name comes from another process: it names a file in the directory, it is no way to one elsewhere.
+bool is_file_name(const char *name)
+{
+    return name[0] != '\0' && strcmp(name, ".") != 0 && strcmp(name, "..") != 0 && strchr(name, '/') == nullptr;
+}
+
+// setns() would refuse most of the rest, but not every file that is no namespace should be open in this process.
+bool is_namespace_file(int fd)
+{
+    struct statfs found = {};
+    return fstatfs(fd, &found) == 0 && found.f_type == NSFS_MAGIC;
+}
+
+// A descriptor, or -1 and errno. Whatever lies there: opening it does not wait (a FIFO), and leads nowhere else (a
+// link).
+int open_netns(const char *name, const char *path, size_t path_room)
+{
+    if (!is_file_name(name) || strlen(path) + 1 >= path_room) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW, 0);
+    if (fd >= 0 && !is_namespace_file(fd)) {
+        close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    return fd;
+}
+
 } // namespace
 
 int netns_path(const char *name, char *buffer, size_t size)
@@ -40,13 +73,13 @@ int netns_path(const char *name, char *buffer, size_t size)
     return snprintf(buffer, size, "%s/%s", NETNS_DIRECTORY, name);
 }
 
-int open_current_netns() { return open(OWN_NETNS, O_RDONLY, 0); }
+int open_current_netns() { return open(OWN_NETNS, O_RDONLY | O_CLOEXEC, 0); }
 
 int enter_netns(const char *name)
 {
     char path[4096];
     netns_path(name, path, sizeof path);
-    const int fd = open(path, O_RDONLY, 0);
+    const int fd = open_netns(name, path, sizeof path);
     if (fd < 0) {
         VORN_TRACE(TRACE_ERROR, "Unable to open '%s' file: %s", path, strerror(errno));
         return 1;

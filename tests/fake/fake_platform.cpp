@@ -3,6 +3,9 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/vfs.h>
+
+#include <linux/magic.h>
 
 #include <cerrno>
 #include <chrono>
@@ -101,6 +104,7 @@ struct Platform {
     uint32_t next_session = 1;
 
     std::set<std::string> netns;
+    std::set<std::string> not_netns; // of those
     bool own_netns_readable = true;
     int setns_fails = 0;
     std::string current_netns;
@@ -404,6 +408,12 @@ void supervision_result(uint32_t id, uint32_t result, uint32_t sec, uint32_t nse
 }
 
 void add_netns(const std::string &name) { p().netns.insert(name); }
+void add_other_file(const std::string &name)
+{
+    p().netns.insert(name);
+    p().not_netns.insert(name);
+}
+void remove_netns(const std::string &name) { p().netns.erase(name); }
 void set_own_netns_readable(bool readable) { p().own_netns_readable = readable; }
 void set_setns_fails(int nth) { p().setns_fails = nth; }
 std::string current_netns() { return p().current_netns; }
@@ -839,6 +849,20 @@ int __wrap_close(int fd)
     }
     return __real_close(fd);
 }
+
+int __wrap_fstatfs(int fd, struct statfs *found)
+{
+    const auto known = p().netns_fds.find(fd);
+    if (known == p().netns_fds.end()) {
+        errno = EBADF;
+        return -1;
+    }
+    *found = {};
+    found->f_type = p().not_netns.contains(known->second) ? TMPFS_MAGIC : NSFS_MAGIC;
+    return 0;
+}
+
+int __wrap_fstatfs64(int fd, struct statfs *found) __attribute__((alias("__wrap_fstatfs")));
 
 int __wrap_setns(int fd, int nstype)
 {

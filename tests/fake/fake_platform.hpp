@@ -117,6 +117,8 @@ void supervision_result(uint32_t id, uint32_t result, uint32_t sec = 0, uint32_t
 // ---- Network namespaces: setns, and open of the two kinds of namespace file (linked with --wrap) ----
 
 void add_netns(const std::string &name);
+void add_other_file(const std::string &name); // it lies where the names are, and is no namespace
+void remove_netns(const std::string &name);
 void set_own_netns_readable(bool readable); // open("/proc/self/ns/net")
 void set_setns_fails(int nth);              // the nth setns from now (1 = next) fails with EPERM; 0: none
 std::string current_netns();                // "" = the process's own

@@ -47,6 +47,45 @@ TEST_F(Namespace, CannotEnterWhatIsNotThere)
                 ElementsAre(Trace{1, "Unable to open '/var/run/netns/none' file: No such file or directory"}));
 }
 
+TEST_F(Namespace, IsNamedByAFileNameAndNotByAWay)
+{
+    for (const char *name : {"", ".", "..", "../netns/far", "far/", "/far", "a/b"}) {
+        fake::traces().clear();
+        fake::add_netns(name); // so that it would be found
+        EXPECT_EQ(enter_netns(name), 1) << name;
+        EXPECT_THAT(fake::traces(), ElementsAre(Trace{1, std::string("Unable to open '/var/run/netns/") + name +
+                                                             "' file: Invalid argument"}));
+    }
+    EXPECT_EQ(fake::current_netns(), "");
+    EXPECT_EQ(fake::open_netns_fds(), 0u);
+}
+
+TEST_F(Namespace, MayHaveANameWithDotsInIt)
+{
+    for (const char *name : {"...", ".far", "far..1"}) {
+        fake::add_netns(name);
+        EXPECT_EQ(enter_netns(name), 0) << name;
+        EXPECT_EQ(fake::current_netns(), name);
+    }
+}
+
+TEST_F(Namespace, IsNotEnteredByPartOfItsName)
+{
+    const std::string name(4096, 'a');
+    fake::add_netns(std::string(4095 - strlen("/var/run/netns/"), 'a'));
+    EXPECT_EQ(enter_netns(name.c_str()), 1);
+    EXPECT_EQ(fake::current_netns(), "");
+}
+
+TEST_F(Namespace, IsNoOtherFileThatLiesThere)
+{
+    fake::add_other_file("far");
+    EXPECT_EQ(enter_netns("far"), 1);
+    EXPECT_THAT(fake::traces(),
+                ElementsAre(Trace{1, "Unable to open '/var/run/netns/far' file: Invalid argument"}));
+    EXPECT_EQ(fake::open_netns_fds(), 0u);
+}
+
 TEST_F(Namespace, ClosesItsHandleWhenItMayNotEnter)
 {
     fake::set_setns_fails(1);
