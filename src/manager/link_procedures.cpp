@@ -92,6 +92,7 @@ void stop_sessions_of_deleted(const eth_port *port, iml_link *link)
     if (port != nullptr && port->oper_state == ETH_PORT_OPERATIONAL) {
         stop_link_sessions(*port, link);
     }
+    end_sessions_of_deleted_link(link);
 }
 
 // The EMCA MACs that remain in use on the port, under the port's interface name.

@@ -99,6 +99,17 @@ void end_replaced_session(uint32_t session_id)
     }
 }
 
+// Only where a new session can follow. Else the link would stand as enabled and nobody would ping.
+void end_link_session_before_another(iml_link *link, const char *name_space)
+{
+    int previous = -1;
+    if (!netns_visit_begin(name_space, &previous)) {
+        return;
+    }
+    end_link_session(link);
+    netns_visit_end(name_space, previous);
+}
+
 uint32_t begin_link_session(const supervision_params &params, iml_link *link)
 {
     const uint32_t previous = link->supervision_session_id;
@@ -334,21 +345,31 @@ void start_keep_alive(const char *if_name, iml_link *link, const char *name_spac
 void stop_link_supervision(iml_link *link, const char *name_space)
 {
     int previous = -1;
-    if (!netns_visit_begin(name_space, &previous)) {
-        return;
-    }
+    const bool inside = netns_visit_begin(name_space, &previous);
     end_link_session(link);
-    netns_visit_end(name_space, previous);
+    if (inside) {
+        netns_visit_end(name_space, previous);
+    }
 }
 
 void stop_keep_alive(iml_link *link, const char *name_space)
 {
     int previous = -1;
-    if (!netns_visit_begin(name_space, &previous)) {
-        return;
-    }
+    const bool inside = netns_visit_begin(name_space, &previous);
     end_keep_alive_sessions(link);
-    netns_visit_end(name_space, previous);
+    if (inside) {
+        netns_visit_end(name_space, previous);
+    }
+}
+
+void end_sessions_of_deleted_link(iml_link *link)
+{
+    end_replaced_session(link->supervision_session_id);
+    iml_link_set_session(link, 0);
+    for (uint32_t i = 0; i < link->keep_alive_count; ++i) {
+        end_replaced_session(link->keep_alive_sessions[i].session_id);
+    }
+    iml_link_free_keep_alives(link);
 }
 
 bool find_link_place(const eth_port &port, const iml_link *link, link_place *place)
@@ -396,7 +417,7 @@ void restart_link_supervision(const eth_port &port, iml_link *link)
     if (port.oper_state != ETH_PORT_OPERATIONAL || !find_link_place(port, link, &place)) {
         return;
     }
-    stop_link_supervision(link, place.name_space);
+    end_link_session_before_another(link, place.name_space);
     const uint32_t result = start_link_supervision(place.if_name, port.mac, link, place.name_space);
     if (result != 0) {
         VORN_TRACE(TRACE_ERROR, "Supervision start failed for link: %u. Result: %u", link->link_ref, result);

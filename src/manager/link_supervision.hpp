@@ -35,8 +35,14 @@ void supervision_callback(const supervision_rtt *rtt, uint32_t session_id, uint3
 uint32_t start_link_supervision(const char *if_name, const mac_address &local_mac, iml_link *link,
                                 const char *name_space);
 void start_keep_alive(const char *if_name, iml_link *link, const char *name_space);
+
+// The library needs no visit to stop a session. That the namespace cannot be entered is traced as it is for a start;
+// the sessions are stopped all the same.
 void stop_link_supervision(iml_link *link, const char *name_space);
 void stop_keep_alive(iml_link *link, const char *name_space);
+// What a link still has when it is deleted, because its port or the port's VLAN was not there to stop it in: ended
+// without a trace, so that nobody pings for a link that is no more.
+void end_sessions_of_deleted_link(iml_link *link);
 
 // Where the sessions of a link live; false while the port does not know the link's VLAN.
 struct link_place {
@@ -53,7 +59,8 @@ void stop_link_sessions(const eth_port &port, iml_link *link);
 void start_supervision_on_port(const char *iepcsi_port_name);
 void stop_supervision_on_port(const char *iepcsi_port_name);
 
-// Stop and start again with the link's current RTT settings, when its port is operational.
+// Stop and start again with the link's current RTT settings, when its port is operational. Where the namespace cannot be
+// entered, the session that runs goes on.
 void restart_link_supervision(const eth_port &port, iml_link *link);
 
 void handle_supervision_ind(const supervision_ind &ind);

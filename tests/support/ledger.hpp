@@ -142,10 +142,6 @@ private:
         uint32_t client;
         bool disturbed = false;
     };
-    struct last_seen {
-        bool stoppable; // the port is known and operational, and the place of the link on it
-        std::set<uint32_t> ids;
-    };
 
     void fail(const std::string &what)
     {
@@ -478,17 +474,8 @@ private:
         ++seen_["steps with " + std::string(count < 4 ? text(count) : "4 or more") + " links"];
     }
 
-    static bool is_stoppable(const iml_link *link)
-    {
-        eth_port port;
-        link_place place;
-        return iepcsi_fetch_port_data(iemli_to_iepcsi_port_name(link->link_data->imlPortName), &port) &&
-               port.oper_state == 1 && find_link_place(port, link, &place);
-    }
-
-    // Open sessions of the library are what the links say, with the link's addresses and VLAN. Sessions are given up
-    // (they run on, and nobody listens) only where the port or its VLAN was not there when they had to be stopped.
-    // A link is enabled only while somebody pings it, but after a restart for other RTT settings that failed.
+    // Open sessions of the library are what the links say, with the link's addresses and VLAN: nobody pings for a link
+    // that is no more, whatever was not there when it was deleted. A link is enabled only while somebody pings it, but after a restart for other RTT settings that failed.
     void check_supervision()
     {
         std::set<uint32_t> of_links;
@@ -509,11 +496,7 @@ private:
                    name + " is enabled, and somebody pings it");
         }
         for (const auto &[id, session] : fake::sessions()) {
-            if (of_links.count(id) == 0 && given_up_.count(id) == 0) {
-                expect(foreign_ || may_be_given_up(id), "session " + text(id) + " of the library belongs to a link");
-                given_up_.insert(id);
-                ++seen_["session given up"];
-            }
+            expect(of_links.count(id) > 0, "session " + text(id) + " of the library belongs to a link");
         }
     }
 
@@ -541,17 +524,6 @@ private:
         expect(params.sup_type ==
                    (id == link->supervision_session_id ? SUPERVISION_TYPE_LINK : SUPERVISION_TYPE_KEEP_ALIVE),
                name + " is of its kind");
-    }
-
-    bool may_be_given_up(uint32_t id) const
-    {
-        for (const auto &[ref, one] : last_) {
-            if (one.ids.count(id) > 0) {
-                const iml_link *link = iml_link_look_up(ref);
-                return !one.stoppable || iepcsi_get_port_list() == nullptr || (link != nullptr && !is_stoppable(link));
-            }
-        }
-        return false;
     }
 
     // PMI holds the VLAN of every link on its port, EMI its endpoints, and nothing else, in every VLAN for which
@@ -626,10 +598,6 @@ private:
 
     void remember()
     {
-        last_.clear();
-        for (const iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
-            last_[link->link_ref] = {is_stoppable(link), ids_of(link)};
-        }
         if (std::any_of(seats_.begin(), seats_.end(), [](const auto &one) { return one.second.disturbed; })) {
             excuse_everything_under_way(); // there may be two for one link
         }
@@ -680,8 +648,6 @@ private:
     std::set<std::pair<uint32_t, uint32_t>> sent_while_answering_;
     std::set<uint32_t> unsure_;
 
-    std::map<uint32_t, last_seen> last_; // links
-    std::set<uint32_t> given_up_;        // sessions of the library
     std::set<uint32_t> unwatched_;       // links
 
     bool foreign_ = false;      // for ever

@@ -864,6 +864,47 @@ TEST_F(LinkProcedure, DeleteOnAPortThatIsDownStopsNothing)
     EXPECT_EQ(iml_link_count(), 0u);
 }
 
+// What was not there to stop the sessions in must not keep them: nobody would ever end them.
+class DeletedLink : public LinkProcedure
+{
+protected:
+    void SetUp() override
+    {
+        LinkProcedure::SetUp();
+        have_link({.app_links = {APP_1, APP_2}});
+        ASSERT_EQ(fake::sessions().size(), 3u);
+        forget_records();
+    }
+    void expect_no_session_after_the_delete()
+    {
+        request(delete_request(session, 9, 1));
+        EXPECT_EQ(iml_link_count(), 0u);
+        EXPECT_TRUE(fake::sessions().empty());
+    }
+};
+
+TEST_F(DeletedLink, HasNoSessionsAlsoWhenItsNamespaceCannotBeEntered)
+{
+    fake::set_setns_fails(1);
+    expect_no_session_after_the_delete();
+    EXPECT_EQ(fake::count_traced(1, "Failed to enter ns_a1 namespace"), 1u);
+}
+
+TEST_F(DeletedLink, HasNoSessionsAlsoWhenItsPortIsUnknown)
+{
+    iepcsi_client_forget_all();
+    expect_no_session_after_the_delete();
+    for (const Trace &trace : fake::traces()) {
+        EXPECT_THAT(trace.text, testing::Not(testing::HasSubstr("stopped")));
+    }
+}
+
+TEST_F(DeletedLink, HasNoSessionsAlsoWhenThePortHasLostItsVlan)
+{
+    remove_vlan("IDLA1", 100);
+    expect_no_session_after_the_delete();
+}
+
 TEST_F(LinkProcedure, DeleteOpensNothingForALinkThatIsNotThere)
 {
     IemliPendingRequest *pending = make_request(IEMLI_PENDING_DELETE, session, 5);

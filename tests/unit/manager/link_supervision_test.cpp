@@ -260,15 +260,27 @@ TEST_F(LinkSessions, IgnoreHigherResultsOfAStop)
     EXPECT_EQ(link->supervision_session_id, 0u);
 }
 
-TEST_F(LinkSessions, DoNotStopOutsideTheirNamespace)
+TEST_F(LinkSessions, StopAlsoWhereTheirNamespaceCannotBeEntered)
 {
+    fake::set_next_session_id(70);
     start_link_supervision("eth_a1", LOCAL, link, "ns_a1");
     start_keep_alive("eth_a1", link, "ns_a1");
-    stop_link_supervision(link, "nowhere");
-    stop_keep_alive(link, "nowhere");
-    EXPECT_EQ(fake::sessions().size(), 3u);
-    EXPECT_EQ(link->supervision_state, SUPERVISION_RUNNING);
-    EXPECT_NE(link->keep_alive_sessions, nullptr);
+    forget_records();
+    fake::remove_netns("ns_a1");
+    stop_link_supervision(link, "ns_a1");
+    stop_keep_alive(link, "ns_a1");
+    EXPECT_TRUE(fake::sessions().empty());
+    EXPECT_EQ(link->supervision_state, SUPERVISION_NOT_RUNNING);
+    EXPECT_EQ(link->supervision_session_id, 0u);
+    EXPECT_EQ(link->keep_alive_sessions, nullptr);
+    EXPECT_EQ(fake::current_netns(), "");
+    const Trace not_opened{1, "Unable to open '/var/run/netns/ns_a1' file: No such file or directory"};
+    const Trace not_entered{1, "Failed to enter ns_a1 namespace"};
+    EXPECT_THAT(fake::traces(),
+                ElementsAre(not_opened, not_entered,
+                            Trace{6, "Supervision stopped for link ref: 1 with session id: 70"}, not_opened,
+                            not_entered, Trace{6, "Keep alive stopped with session id: 71:"},
+                            Trace{6, "Keep alive stopped with session id: 72:"}));
 }
 
 TEST_F(LinkSessions, KeepOneAlivePerAppLink)

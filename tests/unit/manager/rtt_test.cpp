@@ -352,6 +352,19 @@ TEST_F(RttReport, SettingsEmptyTheSamplesByTheRestartAlone)
     EXPECT_TRUE(fake::sessions().empty());
 }
 
+// Else the link would stand as enabled, and nobody would ping.
+TEST_F(RttReport, LeavesTheSessionAsItIsWhereItsNamespaceCannotBeEntered)
+{
+    const uint32_t before = link->supervision_session_id;
+    fake::set_next_session_id(900);
+    fake::remove_netns("ns_a1");
+    EXPECT_TRUE(rtt_enable(1, {5, 1, 64}));
+    EXPECT_EQ(link->supervision_session_id, before);
+    EXPECT_EQ(link->supervision_state, SUPERVISION_RUNNING);
+    EXPECT_EQ(fake::sessions().count(before), 1u);
+    EXPECT_TRUE(fake::traced(1, "Supervision start failed for link: 1. Result: 1"));
+}
+
 TEST_F(RttReport, TellsWhenTheSessionDoesNotStartAgain)
 {
     fake::set_start_result(3);
