@@ -1,6 +1,9 @@
 // From a received frame to the answer that the engine is handed: a pure function over what the kernel gave.
 #pragma once
 
+#include <algorithm>
+#include <cstring>
+
 #include "ecpri.hpp"
 #include "engine.hpp"
 #include "packet_socket.hpp"
@@ -16,10 +19,13 @@ inline bool read_answer(const packet::received &r, uint32_t domain, answer *out)
         return false;
     }
     const uint16_t vlan = r.tagged ? r.tci & 0x0FFF : 0;
-    *out = {.key = {domain, r.if_index, m.destination, m.source, vlan},
+    *out = {.key = {domain, r.if_index, m.destination, m.source, vlan, tag_protocol(r.tagged, r.tpid, vlan)},
             .measurement_id = m.measurement_id,
             .time_valid = ecpri::time_is_valid(m),
-            .received = r.stamp};
+            .received = r.stamp,
+            .dummy_bytes = m.dummy_bytes,
+            .marked = std::min<size_t>({m.dummy_bytes, r.available - ecpri::MIN_FRAME_SIZE, MARK_SIZE})};
+    memcpy(out->bytes, r.bytes + ecpri::MIN_FRAME_SIZE, out->marked);
     return true;
 }
 

@@ -75,7 +75,7 @@ inline constexpr size_t MIN_FRAME_SIZE = sizeof(ethernet_header) + sizeof(delay_
 inline constexpr size_t MIN_PAYLOAD_SIZE = sizeof(delay_measurement) - COMMON_HEADER_SIZE;
 static_assert(MIN_FRAME_SIZE == 38);
 
-// The bytes in front of the dummy bytes, as numbers.
+// The bytes in front of the dummy bytes, as numbers, and how many of those there are.
 struct measurement {
     mac_address destination;
     mac_address source;
@@ -84,6 +84,7 @@ struct measurement {
     uint8_t action;
     uint64_t seconds; // 48 bits
     uint32_t nanoseconds;
+    uint16_t dummy_bytes = 0; // behind them, of a frame that was read: what its payload size counts, no padding
 };
 
 // Writes everything up to the dummy bytes of a frame that has `frame_size` bytes without its tag; the tag is written
@@ -137,6 +138,7 @@ inline bool get_measurement(const uint8_t *frame, size_t available, size_t lengt
     out->action = body.action;
     out->seconds = static_cast<uint64_t>(from_be16(body.seconds_high)) << 32 | from_be32(body.seconds_low);
     out->nanoseconds = from_be32(body.nanoseconds);
+    out->dummy_bytes = static_cast<uint16_t>(payload - MIN_PAYLOAD_SIZE);
     return true;
 }
 

@@ -2,6 +2,7 @@
 #include "engine.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -107,16 +108,49 @@ bool id_is_taken(const engine &e, const session *s, uint8_t id)
 }
 
 // Sessions between the same two addresses are told apart by the id alone: none may have two owners at a time.
-uint8_t next_measurement_id(const engine &e, const session *s)
+uint8_t next_measurement_id(const engine &e, session *s)
 {
-    uint8_t id = s->latest.measurement_id;
-    for (int tries = 0; tries < 256; tries++) {
-        id++;
-        if (!id_is_taken(e, s, id)) {
-            break;
-        }
+    uint8_t id = next_id(&s->ids);
+    for (int tries = 1; tries < 256 && id_is_taken(e, s, id); tries++) {
+        id = next_id(&s->ids);
     }
     return id;
+}
+
+// ---- Marks ----
+
+// How much of a mark a session's requests have room for.
+size_t mark_room(const session &s) { return std::min<size_t>(MARK_SIZE, s.frame_size - ecpri::MIN_FRAME_SIZE); }
+
+bool brings_mark_of(const engine &e, const session &s, uint32_t sequence, const answer &a)
+{
+    const size_t room = mark_room(s);
+    const mark ours = make_mark(e.key, e.process_mark, s.id, sequence);
+    return a.marked >= room && memcmp(a.bytes, &ours, room) == 0;
+}
+
+// Whether an answer can be one to the request with that sequence number, as far as its dummy bytes go.
+bool may_answer(const engine &e, const session &s, uint32_t sequence, const answer &a)
+{
+    return a.dummy_bytes == 0 ? !s.echoes : brings_mark_of(e, s, sequence, a);
+}
+
+// The same for any request of the session: the answer itself says for which.
+bool may_answer_any(const engine &e, const session &s, const answer &a)
+{
+    be32 sequence{};
+    if (a.marked >= offsetof(mark, sequence) + sizeof sequence) {
+        memcpy(&sequence, a.bytes + offsetof(mark, sequence), sizeof sequence);
+    }
+    return may_answer(e, s, from_be32(sequence), a);
+}
+
+void note_echo(engine &e, session &s, const answer &a)
+{
+    if (!s.echoes && a.dummy_bytes > 0 && mark_room(s) > 0) {
+        s.echoes = true;
+        e.echoing++;
+    }
 }
 
 struct owner {
@@ -124,25 +158,29 @@ struct owner {
     request *r; // NULL: none waits for the answer
 };
 
-owner owner_of(const engine &e, const answer &a)
+owner owner_of(engine &e, const answer &a)
 {
     const auto found = e.by_key.find(a.key);
     for (session *s = found == e.by_key.end() ? nullptr : found->second; s != nullptr; s = s->twin) {
         for (request *r : {&s->latest, &s->extended}) {
-            if (is_of(*r, a.measurement_id)) {
+            if (!is_of(*r, a.measurement_id)) {
+                continue;
+            }
+            if (may_answer(e, *s, r->sequence, a)) {
                 return {s, r};
             }
+            e.counters.foreign++;
         }
     }
     return {nullptr, nullptr};
 }
 
 // The far end lives, however late it answers.
-void have_patience_again(engine &e, const session_key &key)
+void have_patience_again(engine &e, const answer &a)
 {
-    const auto found = e.by_key.find(key);
+    const auto found = e.by_key.find(a.key);
     for (session *s = found == e.by_key.end() ? nullptr : found->second; s != nullptr; s = s->twin) {
-        s->hasty = false;
+        s->hasty = s->hasty && !may_answer_any(e, *s, a);
     }
 }
 
@@ -175,12 +213,11 @@ void report_lost(engine &e, session &s, request &r)
 
 // ---- Sending ----
 
-// A sequence number and the session stand in the dummy bytes for whoever reads a capture. Nothing relies on them.
-void put_dummy_bytes(const session &s, uint8_t *bytes, size_t size)
+void put_dummy_bytes(const engine &e, const session &s, uint8_t *bytes, size_t size)
 {
-    const be32 marks[2] = {to_be32(s.id), to_be32(s.sequence)};
+    const mark ours = make_mark(e.key, e.process_mark, s.id, s.latest.sequence);
     memset(bytes, 0, size);
-    memcpy(bytes, marks, std::min(size, sizeof marks));
+    memcpy(bytes, &ours, std::min(size, sizeof ours));
 }
 
 size_t build_request(engine &e, const session &s)
@@ -194,7 +231,7 @@ size_t build_request(engine &e, const session &s)
                                .nanoseconds = static_cast<uint32_t>(s.latest.sent.real % 1'000'000'000)};
     const size_t length = s.tagged ? frame_length(s) : s.frame_size;
     const size_t dummy = ecpri::put_measurement(e.frame.data(), m, s.frame_size, s.tagged ? &s.tag : nullptr);
-    put_dummy_bytes(s, e.frame.data() + dummy, length - dummy);
+    put_dummy_bytes(e, s, e.frame.data() + dummy, length - dummy);
     return length;
 }
 
@@ -202,13 +239,13 @@ void send_request(engine &e, session &s, const engine_io &io)
 {
     s.sequence++;
     const uint8_t id = next_measurement_id(e, &s);
-    s.latest = {true, id, io.read_clocks(io.context)};
+    const clocks stamp = io.read_clocks(io.context);
+    s.latest = {true, id, stamp, stamp.monotonic, false, s.sequence};
     const size_t length = build_request(e, s);
-    if (io.send(io.context, s, e.frame.data(), length) == 0) {
-        e.counters.sent++;
-    } else {
-        e.counters.not_sent++;
-    }
+    const int result = io.send(io.context, s, e.frame.data(), length);
+    s.latest.left = io.read_clocks(io.context).monotonic;
+    s.latest.no_room = result == EAGAIN || result == ENOMEM;
+    (result == 0 ? e.counters.sent : e.counters.not_sent)++;
 }
 
 // The session's next turn in its own slot.
@@ -220,13 +257,30 @@ void schedule_next(session &s, int64_t now_slot)
 }
 
 // Its answer has hardly had time to come: it left long after its turn.
-bool is_fresh(const session &s, int64_t now) { return now - s.latest.sent.monotonic < period_of(s) * SLOT_NS / 2; }
+bool is_fresh(const session &s, int64_t now) { return now - s.latest.left < period_of(s) * SLOT_NS / 2; }
+
+// It did not leave, or its answer may be among frames that nobody read.
+bool cannot_be_judged(const session &s, const request &r, const engine_io &io)
+{
+    return r.no_room || (io.may_have_missed != nullptr && io.may_have_missed(io.context, s, r.sent.monotonic));
+}
+
+void let_go_or_report_lost(engine &e, session &s, request &r, const engine_io &io)
+{
+    if (s.hasty || !cannot_be_judged(s, r, io)) {
+        report_lost(e, s, r);
+        return;
+    }
+    r.outstanding = false;
+    s.hasty = true;
+    e.counters.unjudged++;
+}
 
 // Whatever is still unanswered is lost now, or gets one more interval.
-void judge(engine &e, session &s, int64_t now, bool late)
+void judge(engine &e, session &s, int64_t now, bool late, const engine_io &io)
 {
     if (s.extended.outstanding) {
-        report_lost(e, s, s.extended);
+        let_go_or_report_lost(e, s, s.extended, io);
         s.hasty = true;
     }
     if (!s.latest.outstanding) {
@@ -236,7 +290,7 @@ void judge(engine &e, session &s, int64_t now, bool late)
         s.extended = s.latest;
         e.counters.extended++;
     } else {
-        report_lost(e, s, s.latest);
+        let_go_or_report_lost(e, s, s.latest, io);
     }
 }
 
@@ -245,7 +299,7 @@ void take_turn(engine &e, session &s, int64_t now, const engine_io &io)
     const int64_t now_slot = slot_of(now);
     const bool late = now_slot - s.due >= LATE_SLOTS;
     schedule_next(s, now_slot);
-    judge(e, s, now, late);
+    judge(e, s, now, late, io);
     e.counters.late += late ? 1 : 0;
     send_request(e, s, io);
 }
@@ -273,14 +327,22 @@ size_t session_key_hash::operator()(const session_key &key) const
 {
     const uint64_t place = static_cast<uint64_t>(key.domain) << 32 | static_cast<uint32_t>(key.if_index);
     const uint64_t local = mac_number(key.local) | static_cast<uint64_t>(key.vlan) << 48;
-    return static_cast<size_t>(mix(mix(mix(place) ^ local) ^ mac_number(key.remote)));
+    const uint64_t remote = mac_number(key.remote) | static_cast<uint64_t>(key.tpid) << 48;
+    return static_cast<size_t>(mix(mix(mix(place) ^ local) ^ remote));
+}
+
+void engine_set_key(engine &e, const secret &key)
+{
+    e.key = key;
+    e.process_mark = mark_of_process(key);
 }
 
 void engine_add(engine &e, session *s, int64_t now)
 {
     s->due = quietest_slot(e, slot_of(now)) + next_second(e, *s) * SLOTS_PER_SECOND;
     s->bucket = static_cast<size_t>(s->due % SLOTS_PER_SECOND);
-    s->latest.outstanding = s->extended.outstanding = s->hasty = false;
+    s->latest.outstanding = s->extended.outstanding = s->hasty = s->echoes = false;
+    s->ids = make_id_order(e.key, s->id);
     // All memory is taken here, where the caller can be told that there is none.
     e.frame.resize(std::max(e.frame.size(), frame_length(*s)));
     put_in_bucket(e, s);
@@ -316,13 +378,14 @@ int64_t engine_deadline(const engine &e)
 
 void engine_answer(engine &e, const answer &a, const clocks &now)
 {
-    have_patience_again(e, a.key);
+    have_patience_again(e, a);
     const auto [s, r] = owner_of(e, a);
     if (s == nullptr) {
         e.counters.stale++;
         return;
     }
     r->outstanding = false;
+    note_echo(e, *s, a);
     e.counters.answered++;
     const bool usable = round_trip_is_usable(*r, a, now);
     const int64_t round_trip = usable ? a.received - r->sent.real : 0;

@@ -27,6 +27,8 @@ namespace
 // Thousands of answers that wait while the process cannot run.
 constexpr int RECEIVE_BUFFER = 8 * 1024 * 1024;
 
+constexpr uint32_t WHOLE_FRAME = 0x40000;
+
 bool switch_on(int fd, int level, int option)
 {
     const int on = 1;
@@ -132,12 +134,13 @@ int open_socket(const filter &f)
     return fd;
 }
 
-// Accepts: one of the EtherTypes, then revision 1 without concatenation, the message type, the action. The offsets
-// are those of an untagged frame, which a tagged one is by the time the filter runs. Which VLAN it came from is not
-// for the filter: sessions of any VLAN share the socket.
+// Accepts: one of the EtherTypes, then revision 1 without concatenation, the message type, the action, and the mark if
+// one is wanted. The offsets are those of an untagged frame, which a tagged one is by the time the filter runs. Which
+// VLAN it came from is not for the filter: sessions of any VLAN share the socket. A frame that is too short to be asked
+// is not let through.
 bool set_filter(int fd, const filter &f)
 {
-    sock_filter code[MAX_ETHER_TYPES + 12];
+    sock_filter code[MAX_ETHER_TYPES + 16];
     size_t n = 0;
     code[n++] = BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 12);
     for (size_t i = 0; i < f.count && i < MAX_ETHER_TYPES; i++) {
@@ -147,12 +150,21 @@ bool set_filter(int fd, const filter &f)
     code[n++] = BPF_STMT(BPF_RET | BPF_K, 0);
     code[n++] = BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 14);
     code[n++] = BPF_STMT(BPF_ALU | BPF_AND | BPF_K, ecpri::REVISION_MASK);
-    code[n++] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ecpri::REVISION_1, 0, 5);
+    code[n++] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ecpri::REVISION_1, 0, 4);
     code[n++] = BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 15);
-    code[n++] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ecpri::ONE_WAY_DELAY_MEASUREMENT, 0, 3);
+    code[n++] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ecpri::ONE_WAY_DELAY_MEASUREMENT, 0, 2);
     code[n++] = BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 19);
-    code[n++] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, f.action, 0, 1);
-    code[n++] = BPF_STMT(BPF_RET | BPF_K, 0x40000);
+    code[n++] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, f.action, 1, 0);
+    code[n++] = BPF_STMT(BPF_RET | BPF_K, 0);
+    if (f.wanted == marks::OURS_OR_NONE) {
+        code[n++] = BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 16);
+        code[n++] = BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, ecpri::MIN_PAYLOAD_SIZE, 0, 2); // no dummy bytes: accepted
+    }
+    if (f.wanted != marks::ANY) {
+        code[n++] = BPF_STMT(BPF_LD | BPF_W | BPF_ABS, f.word_offset);
+        code[n++] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, f.word, 0, 1);
+    }
+    code[n++] = BPF_STMT(BPF_RET | BPF_K, WHOLE_FRAME);
     code[n++] = BPF_STMT(BPF_RET | BPF_K, 0);
     const sock_fprog program{static_cast<unsigned short>(n), code};
     return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0;
@@ -166,6 +178,7 @@ received describe(batch *b, size_t i)
     r.length = b->headers[i].msg_len;
     r.available = r.length < b->frame_bytes ? r.length : b->frame_bytes;
     r.if_index = b->addresses[i].sll_ifindex;
+    r.to_interface = b->addresses[i].sll_pkttype == PACKET_HOST;
     for (cmsghdr *c = CMSG_FIRSTHDR(h); c != nullptr; c = CMSG_NXTHDR(h, c)) {
         if (c->cmsg_level == SOL_PACKET && c->cmsg_type == PACKET_AUXDATA) {
             read_auxiliary(&r, c);

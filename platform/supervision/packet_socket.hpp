@@ -24,13 +24,24 @@ namespace packet
 inline constexpr size_t BATCH = 32;
 inline constexpr size_t MAX_ETHER_TYPES = 16;
 
+// What the dummy bytes of a wanted frame hold, besides.
+enum class marks : uint8_t {
+    ANY,
+    OURS_OR_NONE, // none, or the word at its place
+    OURS,
+};
+
 struct filter {
     uint8_t action; // ecpri::ACTION_* of the frames that are wanted
     uint16_t ether_types[MAX_ETHER_TYPES];
     size_t count;
+    marks wanted = marks::ANY;
+    uint32_t word = 0;        // as it is read
+    uint32_t word_offset = 0; // in a frame without tag
 };
 
 struct received {
+    bool to_interface; // sent to the address of the very interface, and not to a group or another one
     const uint8_t *bytes;
     size_t available; // at `bytes`
     size_t length;    // on the wire, without tag

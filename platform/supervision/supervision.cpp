@@ -15,7 +15,9 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/auxv.h>
 #include <sys/eventfd.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +30,7 @@
 #include <memory>
 #include <new>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "answer.hpp"
@@ -68,7 +71,10 @@ enum stop_result : uint32_t {
 
 constexpr time_t STOP_PATIENCE_S = 5;
 constexpr size_t KEPT_FRAME_BYTES = 64; // of a received frame: all that is read of it, and no dummy bytes to speak of
-constexpr int MAX_BATCHES = 128;        // per turn and socket, so that a flood cannot hold up sending
+// Per turn and socket. More than a full socket holds, so that what had arrived when the turn began is read whatever the
+// clock says of it.
+constexpr int MAX_BATCHES = 4096;
+constexpr size_t FLOOD = 4 * packet::BATCH; // frames in one turn to which no request was waiting
 constexpr int64_t LATE_TRACE_PAUSE_NS = 10'000'000'000;
 // The kernel takes a moment to begin stamping frames when they arrive; it stamps them when they are read until then.
 constexpr int64_t STAMPS_SETTLE_NS = 1'000'000'000;
@@ -81,6 +87,9 @@ struct domain {
     int fd;
     packet::filter filter;
     size_t sessions;
+    size_t echoing;     // of them: their far end was seen to send dummy bytes back
+    size_t short_of;    // of them: their frames have no room for the part of the mark that a filter knows
+    int64_t last_drops; // when it was seen that the kernel had dropped frames
 };
 
 struct entry {
@@ -105,6 +114,8 @@ struct library {
     bool has_thread = false;
     int64_t first_domain_opened = 0;
     int64_t late_traced = -LATE_TRACE_PAUSE_NS;
+    uint32_t drops = 0;   // since that was told
+    bool flooded = false; // in this turn
 };
 
 // Where the process was when it was loaded; the thread goes there. Closed once it has.
@@ -157,6 +168,7 @@ session_key key_of(const entry &x, int if_index, bool tagged)
     session_key key = x.s.key;
     key.if_index = if_index;
     key.vlan = tagged ? x.vlan : 0;
+    key.tpid = tag_protocol(tagged, from_be16(x.s.tag.tpid), x.vlan);
     return key;
 }
 
@@ -184,6 +196,12 @@ bool find_interface_again(entry *x)
     return x->s.tagged == was_tagged;
 }
 
+// What the kernel dropped it dropped before that was seen, perhaps long before.
+bool may_have_missed(void *, const session &s, int64_t since)
+{
+    return since <= static_cast<const entry *>(s.link)->home->last_drops;
+}
+
 int send_frame(void *, session &s, const uint8_t *frame, size_t length)
 {
     auto *x = static_cast<entry *>(s.link);
@@ -196,27 +214,74 @@ int send_frame(void *, session &s, const uint8_t *frame, size_t length)
 
 // ---- Receiving ----
 
-void take_frame(library &l, const domain &d, const packet::received &r, const clocks &now)
+void take_frame(library &l, domain &d, const packet::received &r, const clocks &now)
 {
     answer a{};
     if (read_answer(r, d.id, &a)) {
+        const uint64_t before = l.e.echoing;
         engine_answer(l.e, a, now);
+        d.echoing += l.e.echoing - before;
     }
 }
 
-void drain(library &l, const domain &d)
+// Whether a frame arrived after the turn had begun. A stamp that lies ahead says that the clock was set back since, and
+// nothing of when the frame came.
+bool came_after(const packet::received &r, const clocks &turn, const clocks &now)
 {
+    return r.stamp > turn.real && r.stamp <= now.real;
+}
+
+// Everything that had arrived when the turn began, or no verdict of the turn would be a true one. What comes while it
+// is read can wait: who sends faster than this reads must not hold up the verdicts.
+void drain(library &l, domain &d, const clocks &turn)
+{
+    const uint64_t stale_before = l.e.counters.stale;
     for (int i = 0; i < MAX_BATCHES; i++) {
         const size_t count = packet::receive(d.fd, &l.batch);
         const clocks now = read_clocks(nullptr);
         for (size_t f = 0; f < count; f++) {
             take_frame(l, d, l.batch.frames[f], now);
         }
-        if (count < packet::BATCH) {
-            return;
+        if (count < packet::BATCH || came_after(l.batch.frames[count - 1], turn, now)) {
+            break;
         }
     }
+    l.flooded = l.flooded || l.e.counters.stale - stale_before >= FLOOD;
 }
+
+void note_drops(library &l, domain &d)
+{
+    const uint32_t drops = packet::take_drops(d.fd);
+    l.drops += drops;
+    if (drops > 0) {
+        d.last_drops = nanoseconds(CLOCK_MONOTONIC);
+    }
+}
+
+// ---- The kernel's filter ----
+
+// Frames that are no answers of ours should not get as far as the socket's queue, where they take the room of those
+// that are. How much the filter can ask for depends on the sessions: their frames must have room for the mark, and a
+// far end that never brought dummy bytes may be one that does not.
+packet::marks marks_to_want(const domain &d)
+{
+    if (d.short_of > 0) {
+        return packet::marks::ANY;
+    }
+    return d.echoing < d.sessions ? packet::marks::OURS_OR_NONE : packet::marks::OURS;
+}
+
+// The filter that is there stays when the kernel does not take the other one, until the next turn.
+void choose_filter(domain &d)
+{
+    packet::filter changed = d.filter;
+    changed.wanted = marks_to_want(d);
+    if (changed.wanted != d.filter.wanted && packet::set_filter(d.fd, changed)) {
+        d.filter = changed;
+    }
+}
+
+bool is_short_of_room(const session &s) { return s.frame_size < ecpri::MIN_FRAME_SIZE + offsetof(mark, request); }
 
 // ---- The thread ----
 
@@ -228,10 +293,7 @@ void tell_lateness(library &l, int64_t late_slots, int64_t now)
     }
     l.late_traced = now;
     const long long late_ms = late_slots * (SLOT_NS / 1'000'000);
-    uint32_t drops = 0;
-    for (const auto &d : l.domains) {
-        drops += packet::take_drops(d->fd);
-    }
+    const uint32_t drops = std::exchange(l.drops, 0);
     lttngTriTrace(4, short_fname(__FILE__), __LINE__,
                   formatStr("WARNING: Supervision ran %lld ms late. Requests sent late: %llu, given more time: %llu, "
                             "received frames dropped: %u",
@@ -251,11 +313,16 @@ std::vector<int> take_sockets_of_empty_domains(library &l)
     return sockets;
 }
 
+// In a flood the sockets are left alone for a slot, and the lock with them: who starts or stops a session has his turn.
+//
 // What to sleep on: new sessions always; answers only when the next turn is more than a slot away. Before that they
 // can wait for it, their round trip is the kernel's stamp: so that thousands of sessions cost one wake-up per slot.
 void choose_polled(library &l, int64_t now, int64_t deadline)
 {
     l.polled.assign(1, {l.wake_fd, POLLIN, 0});
+    if (l.flooded) {
+        return;
+    }
     if (deadline - now <= SLOT_NS && now - l.first_domain_opened >= STAMPS_SETTLE_NS) {
         return;
     }
@@ -271,15 +338,19 @@ int64_t take_turn(library &l, std::vector<int> *unused)
     *unused = take_sockets_of_empty_domains(l);
     // Read before the sockets are: what is due by then has had its answer handed in, if there is one, however long
     // that takes.
-    const int64_t now = nanoseconds(CLOCK_MONOTONIC);
+    const clocks turn = read_clocks(nullptr);
+    const int64_t now = turn.monotonic;
+    l.flooded = false;
     for (const auto &d : l.domains) {
-        drain(l, *d);
+        drain(l, *d, turn);
+        note_drops(l, *d);
+        choose_filter(*d);
     }
-    const engine_io io{nullptr, read_clocks, send_frame};
+    const engine_io io{nullptr, read_clocks, send_frame, may_have_missed};
     tell_lateness(l, engine_run(l.e, now, io), now);
     const int64_t deadline = engine_deadline(l.e);
     choose_polled(l, now, deadline);
-    return deadline;
+    return l.flooded ? std::min(deadline, nanoseconds(CLOCK_MONOTONIC) + SLOT_NS) : deadline;
 }
 
 void sleep_until(library &l, int64_t deadline)
@@ -330,6 +401,19 @@ bool make_thread()
     return made && pthread_detach(thread) == 0;
 }
 
+// Early in the life of a machine the kernel may not have drawn enough chance yet; what it gave the process at its start
+// must do then.
+void draw_key(library &l)
+{
+    secret key;
+    if (getrandom(&key, sizeof key, GRND_NONBLOCK) != sizeof key) {
+        static_assert(sizeof key == 16, "the kernel gives as many");
+        memcpy(&key, reinterpret_cast<const void *>(getauxval(AT_RANDOM)),
+               sizeof key); // NOLINT(performance-no-int-to-ptr)
+    }
+    engine_set_key(l.e, key);
+}
+
 bool ensure_thread(library &l)
 {
     if (l.wake_fd < 0) {
@@ -339,6 +423,7 @@ bool ensure_thread(library &l)
         return false;
     }
     if (!l.has_thread) {
+        draw_key(l);
         l.has_thread = l.wake_fd >= 0 && make_thread();
     }
     return l.has_thread;
@@ -352,7 +437,10 @@ domain *open_domain(library &l, const struct stat &netns)
     d->id = ++l.last_domain;
     d->device = netns.st_dev;
     d->inode = netns.st_ino;
+    d->last_drops = INT64_MIN;
     d->filter.action = ecpri::ACTION_RESPONSE;
+    d->filter.word = l.e.process_mark;
+    d->filter.word_offset = ecpri::MIN_FRAME_SIZE + offsetof(mark, process);
     d->fd = packet::open_socket(d->filter);
     if (d->fd < 0) {
         return nullptr;
@@ -477,6 +565,8 @@ uint32_t start(library &l, uint32_t *session_id, const supervision_params &p, su
     }
     let_answers_in(x);
     home->sessions++;
+    home->short_of += is_short_of_room(x->s) ? 1 : 0;
+    choose_filter(*home); // before its first request
     *session_id = x->s.id;
     return STARTED;
 }
@@ -488,6 +578,8 @@ void stop(library &l, entry *x)
         packet::shut_out(x->home->fd, x->s.key.if_index, x->s.key.local);
     }
     x->home->sessions--;
+    x->home->echoing -= x->s.echoes ? 1 : 0;
+    x->home->short_of -= is_short_of_room(x->s) ? 1 : 0;
     l.sessions.erase(x->s.id);
 }
 

@@ -121,7 +121,8 @@ private:
     static session_key key_of(size_t i, uint16_t vlan)
     {
         const auto last = static_cast<uint8_t>(i < 2 ? 1 : i);
-        return {DOMAIN, 3, {{2, 0, 0, 0, 0, 1}}, {{2, 0, 0, 0, 0, last}}, vlan};
+        return {
+            DOMAIN, 3, {{2, 0, 0, 0, 0, 1}}, {{2, 0, 0, 0, 0, last}}, vlan, tag_protocol(vlan != 0, ETH_P_8021Q, vlan)};
     }
 
     void remove(size_t i)
