@@ -146,11 +146,20 @@ void send_answer(far_end *f, int if_index, const std::vector<uint8_t> &frame, fa
     counters->failed += sent ? 0 : 1;
 }
 
+bool is_group(const mac_address &mac) { return (mac.byte[0] & 1) != 0; }
+
+// To this interface, from somebody else to whom an answer can be sent.
+bool is_for_this_end(const far_end *f, const packet::received &r, const ecpri::measurement &m)
+{
+    return (f->knobs.any_address ? !is_group(m.destination) : r.to_interface) && !is_group(m.source) &&
+           mac_number(m.source) != 0 && !mac_equal(m.source, m.destination);
+}
+
 void answer_request(far_end *f, const packet::received &r)
 {
     ecpri::measurement m{};
     if (r.length > r.available || !ecpri::get_measurement(r.bytes, r.available, r.length, &m) ||
-        m.action != ecpri::ACTION_REQUEST || (m.destination.byte[0] & 1) != 0) {
+        m.action != ecpri::ACTION_REQUEST || !is_for_this_end(f, r, m)) {
         return;
     }
     const std::string &interface = listed_name(f, r.if_index);

@@ -1,9 +1,11 @@
 // The far end of supervised links: it answers one-way delay measurements, as the units at the other ends of the
 // cables do, and counts them. It takes faults: silence, loss, delay, times that cannot be used.
 //
-// It answers requests to any unicast address that arrive on its interfaces, in the name of that address, with the
-// request's VLAN tag and its dummy bytes. An interface and the VLAN device above it must not both be listed, or a
-// request of that VLAN is answered twice.
+// It answers requests to the address of the interface on which they arrive, with the request's VLAN tag and its dummy
+// bytes, and only those that come from a single other one: not what is sent to a group or passes by, so that nobody can
+// have it speak for others or to many. (A knob has it answer for every address, for whoever needs a thousand far ends
+// on one interface.) An interface and the VLAN device above it must not both be listed, or a request of that VLAN is
+// answered twice.
 //
 // It has no thread: far_end_fd is readable when there is something to do, far_end_handle then does it. What is to be
 // answered late waits in the far end; its timer makes far_end_fd readable.
@@ -23,6 +25,7 @@ struct far_end_knobs {
     uint32_t loss_percent = 0;  // of the requests stay without answer, by chance
     uint32_t drop_next = 0;     // so many of the next requests stay without answer; counts down
     bool unusable_time = false; // the time stamp in the answers is none
+    bool any_address = false;   // answers for every address that is not a group's, in its name
 };
 
 // What came from one peer. Counters start at 0 and never go back; a request is either answered, dropped by a knob,

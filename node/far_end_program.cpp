@@ -10,7 +10,8 @@ namespace
 {
 
 constexpr uint32_t LONGEST_DELAY_US = 60'000'000;
-constexpr const char *COMMANDS = "show, die, silent on|off, delay US, loss PERCENT, drop N, unusable-time on|off";
+constexpr const char *COMMANDS =
+    "show, die, silent on|off, delay US, loss PERCENT, drop N, unusable-time on|off, any-address on|off";
 
 bool parse_switch(const std::string &text)
 {
@@ -134,6 +135,8 @@ bool far_end_program::set_knob(const arguments &words)
         knobs_.silent = parse_switch(words[1]);
     } else if (name == "unusable-time") {
         knobs_.unusable_time = parse_switch(words[1]);
+    } else if (name == "any-address") {
+        knobs_.any_address = parse_switch(words[1]);
     } else if (name == "delay") {
         knobs_.delay_us = parse_number(words[1], LONGEST_DELAY_US, "delay in microseconds");
     } else if (name == "loss") {
@@ -172,6 +175,7 @@ json far_end_program::show()
               {"delay_us", knobs_.delay_us},
               {"loss_percent", knobs_.loss_percent},
               {"unusable_time", knobs_.unusable_time}}},
+            {"any_address", knobs_.any_address},
             {"counters", {{"unknown_number", unknown_number_}}},
             {"places", std::move(places)}};
 }

@@ -43,7 +43,8 @@ constexpr program_call PROGRAM = {
                 "  die                             end at once without cleaning up\n"
                 "iepcsi:  lock PORT, unlock PORT, vlan-add PORT VLAN INTERFACE NAMESPACE, vlan-remove PORT VLAN\n"
                 "aasi:    appear, disappear, announce-foreign [SID [MAILBOX]], config-update [ID...]\n"
-                "far-end: silent on|off, delay US, loss PERCENT, drop N, unusable-time on|off\n"};
+                "far-end: silent on|off, delay US, loss PERCENT, drop N, unusable-time on|off,\n"
+                "         any-address on|off\n"};
 
 int run_service(event_loop &loop, service &runs)
 {

@@ -54,7 +54,8 @@ bool is_namespace_file(int fd)
     return fstatfs(fd, &found) == 0 && found.f_type == NSFS_MAGIC;
 }
 
-// A descriptor, or -1 and errno. Whatever lies there: opening it does not wait (a FIFO), and leads nowhere else (a link).
+// A descriptor, or -1 and errno. Whatever lies there: opening it does not wait (a FIFO), and leads nowhere else (a
+// link).
 int open_named_namespace(const std::string &name)
 {
     if (!is_file_name(name)) {

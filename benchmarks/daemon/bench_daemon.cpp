@@ -201,6 +201,7 @@ int main(int argc, char **argv)
     try {
         d.stage = stage_make("/run/bench-logs");
         demo_start(d);
+        stage_control("far-end", {"any-address", "on"}); // a far end for each link
         compare_creates(d);
         puts("");
         compare_pings(d, seconds);

@@ -252,6 +252,7 @@ bool run(const options &o)
     scene s;
     s.d.stage = stage_make("/run/starved-logs");
     demo_start(s.d);
+    stage_control("far-end", {"any-address", "on"}); // a far end for each link
     if (!load_take_precedence()) {
         throw stage_failure(std::string("real-time priority: ") + strerror(errno));
     }

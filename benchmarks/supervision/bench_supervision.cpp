@@ -75,6 +75,7 @@ pid_t start_far_end()
     std::string error;
     far_end *f = far_end_open({"far0"}, &error);
     must(f != nullptr, error.c_str());
+    far_end_get_knobs(f).any_address = true; // a far end for each session
     for (;;) {
         pollfd p{far_end_fd(f), POLLIN, 0};
         poll(&p, 1, -1);
