@@ -4,6 +4,9 @@
  *
  * A session lives in the network namespace in which the calling thread is when it starts it, and stays there. Sending,
  * matching answers, timing and loss run on one thread of the library's own.
+ *
+ * The request's dummy bytes begin with sixteen that only this process knows. An answer that brings dummy bytes has to
+ * bring these; one that brings none is taken until the session's far end has been seen to send them back.
  */
 #ifndef SUPERVISION_H
 #define SUPERVISION_H

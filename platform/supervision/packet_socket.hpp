@@ -6,7 +6,8 @@
 //
 // The kernel takes the 802.1Q tag off a received frame before a packet socket sees it, and a socket that is bound to
 // the inner EtherType does not get the frame at all; so the socket is bound for all protocols, a filter in the kernel
-// lets through delay measurements only, and the tag is read from the auxiliary data.
+// lets through delay measurements only, and the tag is read from the auxiliary data. The filter can also ask for a word
+// in the dummy bytes: what it turns away takes no room in the queue, however much of it comes.
 #pragma once
 
 #include <sys/socket.h>
