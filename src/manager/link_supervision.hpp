@@ -59,8 +59,8 @@ void stop_link_sessions(const eth_port &port, iml_link *link);
 void start_supervision_on_port(const char *iepcsi_port_name);
 void stop_supervision_on_port(const char *iepcsi_port_name);
 
-// Stop and start again with the link's current RTT settings, when its port is operational. Where the namespace cannot be
-// entered, the session that runs goes on.
+// Stop and start again with the link's current RTT settings, when its port is operational. Where the namespace cannot
+// be entered, the session that runs goes on.
 void restart_link_supervision(const eth_port &port, iml_link *link);
 
 void handle_supervision_ind(const supervision_ind &ind);

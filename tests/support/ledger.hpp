@@ -475,7 +475,8 @@ private:
     }
 
     // Open sessions of the library are what the links say, with the link's addresses and VLAN: nobody pings for a link
-    // that is no more, whatever was not there when it was deleted. A link is enabled only while somebody pings it, but after a restart for other RTT settings that failed.
+    // that is no more, whatever was not there when it was deleted. A link is enabled only while somebody pings it, but
+    // after a restart for other RTT settings that failed.
     void check_supervision()
     {
         std::set<uint32_t> of_links;
@@ -648,7 +649,7 @@ private:
     std::set<std::pair<uint32_t, uint32_t>> sent_while_answering_;
     std::set<uint32_t> unsure_;
 
-    std::set<uint32_t> unwatched_;       // links
+    std::set<uint32_t> unwatched_; // links
 
     bool foreign_ = false;      // for ever
     bool service_lost_ = false; // in this step, as what follows

@@ -81,8 +81,7 @@ TEST_F(Namespace, IsNoOtherFileThatLiesThere)
 {
     fake::add_other_file("far");
     EXPECT_EQ(enter_netns("far"), 1);
-    EXPECT_THAT(fake::traces(),
-                ElementsAre(Trace{1, "Unable to open '/var/run/netns/far' file: Invalid argument"}));
+    EXPECT_THAT(fake::traces(), ElementsAre(Trace{1, "Unable to open '/var/run/netns/far' file: Invalid argument"}));
     EXPECT_EQ(fake::open_netns_fds(), 0u);
 }
 
