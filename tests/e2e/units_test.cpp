@@ -130,3 +130,22 @@ TEST_F(Units, TheNodeWorksWithTheRightsThatItsUnitsGive)
     const auto shared = std::filesystem::directory_iterator("/run/kap-tri");
     EXPECT_NE(shared, std::filesystem::directory_iterator()) << "nobody shares a trace mask";
 }
+
+// Where there is a systemd to ask: it knows every setting, and every group of system calls.
+TEST_F(Units, SystemdUnderstandsThem)
+{
+    if (command_run({"systemd-analyze", "--version"}).status != 0) {
+        GTEST_SKIP() << "no systemd-analyze";
+    }
+    for (const auto &[unit, program] : {std::pair{"kap-itcd.service", "itcd"}, {"kap-vorn.service", "kap-vorn"}}) {
+        std::ifstream file(std::string(PACKAGING) + unit);
+        std::ofstream copy(std::string("/run/") + unit);
+        for (std::string line; std::getline(file, line);) {
+            copy << (line.starts_with("ExecStart=") ? "ExecStart=" + d.stage.bin_dir + "/" + program : line) << "\n";
+        }
+    }
+    const command_result said =
+        command_run({"systemd-analyze", "verify", "--man=no", "/run/kap-itcd.service", "/run/kap-vorn.service"});
+    EXPECT_EQ(said.status, 0);
+    EXPECT_EQ(said.output, "");
+}

@@ -18,6 +18,10 @@ inline void private_etc_make(const std::vector<private_user> &users)
 {
     namespace fs = std::filesystem;
     const fs::path copy = "/run/etc";
+    if (fs::exists(copy) && umount2("/etc", MNT_DETACH) != 0) {
+        throw std::runtime_error("cannot give up the last /etc");
+    }
+    fs::remove_all(copy);
     fs::create_directories(copy);
     // Only what programs here look for; secrets of the machine are none of it.
     for (const char *name : {"passwd", "group", "nsswitch.conf", "ld.so.cache", "ld.so.conf", "localtime"}) {
