@@ -129,6 +129,8 @@ void close_channel(peer *p)
     block_free(p->large);
     p->large = nullptr;
     p->start = p->fill = p->skip = 0;
+    p->received = 0;
+    p->parsed = true;
     buffer_give_back(p);
 }
 
@@ -426,6 +428,7 @@ reading read_once(peer *p, allowance *left)
     const auto got = static_cast<size_t>(put);
     left->bytes -= got < left->bytes ? got : left->bytes;
     g().registry_news = true;
+    p->received += got;
     if (p->large != nullptr) {
         large_advance(p, got);
     } else {
@@ -445,6 +448,7 @@ turn read_in_turn(peer *p, allowance left, bool drain)
 {
     for (reading last = reading::full;;) {
         const parsing parsed = parse(p, &left);
+        p->parsed = parsed == parsing::all;
         if (parsed == parsing::turn_over) {
             peer_ask_for_turn(p);
             return turn::more;
@@ -465,6 +469,18 @@ turn read_in_turn(peer *p, allowance left, bool drain)
         }
         last = read_once(p, &left);
     }
+}
+
+bool is_read(const peer *p, uint64_t mark)
+{
+    return p->received - (p->fill - p->start) >= mark || (p->received >= mark && p->parsed);
+}
+
+// How much of the channel lies in its socket.
+uint64_t unread(const peer *p)
+{
+    int waiting = 0;
+    return ioctl(p->fd, SIOCINQ, &waiting) == 0 && waiting > 0 ? static_cast<uint64_t>(waiting) : 0;
 }
 
 // The peer is gone afterwards if its channel ended.
@@ -677,10 +693,26 @@ void peer_absent(uint32_t process)
 void peer_drain(uint32_t process)
 {
     peer *p = peer_find(process);
-    int waiting = 0;
-    if (p != nullptr && p->fd >= 0 && ioctl(p->fd, SIOCINQ, &waiting) == 0 && (waiting > 0 || p->fill > p->start)) {
-        read_channel(p, {SIZE_MAX, static_cast<size_t>(waiting)}, true);
+    if (p != nullptr && p->fd >= 0 && !is_read(p, p->received + unread(p))) {
+        read_channel(p, {SIZE_MAX, static_cast<size_t>(unread(p))}, true);
     }
+}
+
+bool peer_has_sent(uint32_t process, uint32_t *channel, uint64_t *mark)
+{
+    const peer *p = peer_find(process);
+    if (p == nullptr || p->fd < 0) {
+        return false;
+    }
+    *channel = p->channel;
+    *mark = p->received + unread(p);
+    return !is_read(p, *mark);
+}
+
+bool peer_is_read(uint32_t process, uint32_t channel, uint64_t mark)
+{
+    const peer *p = peer_find(process);
+    return p == nullptr || p->fd < 0 || p->channel != channel || is_read(p, mark);
 }
 
 void peer_event(uint32_t process, uint32_t events)

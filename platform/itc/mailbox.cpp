@@ -181,6 +181,7 @@ void tear_down()
     s.registry_lost = true;
     peers_close();
     s.round.clear();
+    s.late.clear();
     half_close();
     free_table(s.awaiting);
     free_table(s.monitors);

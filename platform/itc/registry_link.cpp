@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
+#include <set>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -94,6 +95,11 @@ void deliver_service(uint32_t msgno, uint32_t sid, uint32_t mbox, std::string_vi
     mbox_deliver(b, subscription->second);
 }
 
+void tell_service(itc_wire::frame_type type, uint32_t sid, uint32_t mbox, std::string_view path)
+{
+    deliver_service(type == itc_wire::added ? NS_SERVICE_ADDED_IND : NS_SERVICE_REMOVED_IND, sid, mbox, path);
+}
+
 void on_subscribed(uint32_t sid)
 {
     const auto subscription = g().subscriptions.find(sid);
@@ -106,16 +112,36 @@ void on_subscribed(uint32_t sid)
     mbox_deliver(b, subscription->second);
 }
 
+bool subscription_has_late_news(uint32_t sid)
+{
+    const auto &late = g().late;
+    return std::any_of(late.begin(), late.end(),
+                       [sid](const late_news &n) { return n.type != itc_wire::died && n.key == sid; });
+}
+
+// Keeps news for later if something of the process comes before them, or news of the same subscription do.
+bool put_off(itc_wire::frame_type type, uint32_t key, uint32_t mbox, std::string_view path)
+{
+    late_news n{itc_wire::process_of(mbox), 0, 0, type, key, mbox, {}};
+    if (type == itc_wire::added || !peer_has_sent(n.process, &n.channel, &n.mark)) {
+        if (type == itc_wire::died || !subscription_has_late_news(key)) {
+            return false;
+        }
+        n.process = 0;
+    }
+    n.path = path;
+    g().late.push_back(std::move(n));
+    return true;
+}
+
 bool on_service(const itc_wire::registry_frame &head, itc_wire::reader &fields)
 {
     const uint32_t sid = fields.u32();
     const uint32_t mbox = fields.u32();
     const std::string_view path = fields.text();
-    if (fields.whole()) {
-        if (head.type == itc_wire::removed) {
-            peer_drain(itc_wire::process_of(mbox)); // what it had sent comes before the news of its end
-        }
-        deliver_service(head.type == itc_wire::added ? NS_SERVICE_ADDED_IND : NS_SERVICE_REMOVED_IND, sid, mbox, path);
+    const auto type = static_cast<itc_wire::frame_type>(head.type);
+    if (fields.whole() && !put_off(type, sid, mbox, path)) {
+        tell_service(type, sid, mbox, path);
     }
     return fields.whole();
 }
@@ -146,8 +172,9 @@ bool on_number(const itc_wire::registry_frame &head, uint32_t value)
         on_token(g().awaiting, head.serial, value, false);
         return true;
     case itc_wire::died:
-        peer_drain(itc_wire::process_of(value));
-        on_token(g().monitors, head.serial, value, true);
+        if (!put_off(itc_wire::died, head.serial, value, {})) {
+            on_token(g().monitors, head.serial, value, true);
+        }
         return true;
     case itc_wire::no_process:
         peer_absent(value);
@@ -481,6 +508,38 @@ void registry_read()
             lose();
         }
     }
+}
+
+bool late_news_deliver()
+{
+    state &s = g();
+    if (s.late.empty()) {
+        return false;
+    }
+    std::deque<late_news> later;
+    std::set<uint32_t> held_back; // subscriptions of which earlier news are not due
+    std::vector<late_news> due;
+    for (late_news &n : s.late) {
+        const bool service = n.type != itc_wire::died;
+        if ((n.process != 0 && !peer_is_read(n.process, n.channel, n.mark)) ||
+            (service && held_back.count(n.key) != 0)) {
+            if (service) {
+                held_back.insert(n.key);
+            }
+            later.push_back(std::move(n));
+        } else {
+            due.push_back(std::move(n));
+        }
+    }
+    s.late = std::move(later);
+    for (const late_news &n : due) {
+        if (n.type == itc_wire::died) {
+            on_token(s.monitors, n.key, n.mbox, true);
+        } else {
+            tell_service(n.type, n.key, n.mbox, n.path);
+        }
+    }
+    return !due.empty();
 }
 
 uint32_t new_serial()

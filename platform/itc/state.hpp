@@ -145,6 +145,8 @@ struct peer {
     size_t held_bytes = 0;
     account *queued = nullptr;
     bool in_round = false;
+    bool parsed = true;    // nothing whole is left in the buffer
+    uint64_t received = 0; // bytes, by this channel
     pause paused = pause::none;
     size_t resume_below = 0;   // messages, of one that waits for its queue
     uint8_t *buffer = nullptr; // while it holds something
@@ -184,6 +186,17 @@ struct call {
 struct awaited {
     block *message;
     uint32_t deliver_to;
+};
+
+// What the registry told of a process of which something was still to be read: it is told on after that.
+struct late_news {
+    uint32_t process; // 0: this only comes after other news of the same subscription
+    uint32_t channel;
+    uint64_t mark; // of the peer's `received`
+    itc_wire::frame_type type;
+    uint32_t key; // the token of a death, the number of a subscription
+    uint32_t mbox;
+    std::string path;
 };
 
 struct watch {
@@ -257,6 +270,8 @@ struct state {
     std::map<uint32_t, uint32_t> subscriptions;     // sid to mailbox
     std::unordered_map<uint32_t, awaited> awaiting; // by token
     std::unordered_map<uint32_t, awaited> monitors; // by monitor id
+
+    std::deque<late_news> late;
 
     itc_statistics statistics{};
     uint64_t silent_drops = 0; // since the last line that told of them
@@ -333,7 +348,10 @@ void half_close();
 void peer_send(block *b, uint32_t to);
 void peer_introduced(uint32_t process, uint32_t channel, int fd);
 void peer_absent(uint32_t process);
-void peer_drain(uint32_t process);                  // takes in what that process has sent up to now
+void peer_drain(uint32_t process); // takes in what that process has sent up to now, however much it is
+// Whether that process has sent something that is not read yet; then up to where, of what came by which channel.
+bool peer_has_sent(uint32_t process, uint32_t *channel, uint64_t *mark);
+bool peer_is_read(uint32_t process, uint32_t channel, uint64_t mark);
 void peer_event(uint32_t process, uint32_t events); // what there is to read is left to the next turn
 void peer_flush(peer *p);
 void peer_watch(peer *p); // has the wait ask for what is of use now
@@ -358,6 +376,7 @@ void registry_read();
 // Takes in what the registry has said of doors, before anything else that it said is acted on.
 void registry_look_ahead();
 void registry_catch_up(); // acts on the rest of it
+bool late_news_deliver(); // what is due of it; true if some was
 uint32_t new_serial();
 // Sends the frame under a fresh serial and waits for its answer; lets the lock go. Returns 0 and the answer's one
 // field, or an errno value.

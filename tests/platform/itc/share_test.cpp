@@ -184,6 +184,7 @@ TEST_F(ItcShare, TheOutboxesOfManyPeersThatReadNothingAreBoundedTogether)
 
 constexpr uint32_t FLOOD = 0x5502;
 constexpr uint32_t ANSWER = 0x5503;
+constexpr uint32_t GONE = 0x5504;
 
 // Numbers from `first` on, each a message of `size` bytes.
 Bytes numbers(uint16_t box, uint32_t msgno, uint32_t first, uint32_t count, size_t size = 8)
@@ -276,6 +277,24 @@ TEST_F(ItcShare, WhatAFloodSentArrivesWholeAndInOrder)
         ASSERT_EQ(reinterpret_cast<uint32_t *>(msg)[1], expected);
         itc_free(&msg);
     }
+}
+
+TEST_F(ItcShare, TheDeathOfAFloodIsToldAfterItsMessagesAndTheOthersDoNotWaitForThem)
+{
+    const stranger honest(own);
+    auto flood = std::make_unique<stranger>(own);
+    itc_msg *gone = itc_alloc(4, GONE);
+    itc_monitor(raw_create(flood->connection, flood->process, "flood"), &gone);
+    ASSERT_NE(itc_locate("flood"), ITC_NO_MBOX); // so the monitor is known, too
+    const Bytes many = numbers(box, FLOOD, 0, FLOODED);
+    ASSERT_EQ(flood->put(many), many.size());
+    flood.reset();
+    ASSERT_TRUE(eventually([] { return itc_locate("flood") == ITC_NO_MBOX; })); // the news are here
+    ASSERT_GT(honest.put(message_frame(4, box, 1, words({WORK}))), 0u);
+    const int before = taken_before(WORK);
+    EXPECT_GE(before, 0);
+    EXPECT_LE(before, TWO_TURNS);
+    EXPECT_EQ(before + taken_before(GONE), static_cast<int>(FLOODED));
 }
 
 // ---- Queues
