@@ -13,6 +13,8 @@
  * it and set the caller's pointer to NULL. Whoever holds a message frees it with itc_free.
  *
  * Order between two mailboxes is kept. What a dead peer had sent is delivered before its death is reported.
+ * Other processes are read in turns, a share each; one whose messages are not taken is not read any further, and what
+ * it sends waits on its side.
  */
 #ifndef ITC_H
 #define ITC_H
@@ -87,8 +89,9 @@ uint32_t itc_sender(const struct itc_msg *msg);
 
 /*
  * Sends a message. Never blocks, never fails: what cannot go out now waits in an outbox that later ITC calls flush;
- * the outbox is bounded, and what the bound drops is counted and traced. `from`: an own mailbox or ITC_MY_MBOX; for a
- * mailbox that is not ours, and from a thread that has none, the message arrives with the sender ITC_NO_MBOX.
+ * the outbox is bounded (16 MiB of memory for each peer, less when many are full), and what the bound drops is counted
+ * and traced. `from`: an own mailbox or ITC_MY_MBOX; for a mailbox that is not ours, and from a thread that has none,
+ * the message arrives with the sender ITC_NO_MBOX.
  */
 void itc_send(struct itc_msg **msg, uint32_t to, uint32_t from);
 
@@ -98,6 +101,7 @@ void itc_send(struct itc_msg **msg, uint32_t to, uint32_t from);
  * `timeout_ms`: 0 looks without waiting, ITC_NO_TIMEOUT waits for ever.
  * `from`: ITC_FROM_ANY, or the only sender whose messages pass.
  * Callbacks of itc_watch_fd and the signal library run inside this call, between two messages.
+ * What passes is not found behind more than 8 MiB of the same process, or 16 MiB of all, that do not: take those first.
  * Returns NULL when the time is over, when the thread owns no mailbox, or when the registry is lost.
  */
 struct itc_msg *itc_receive(const uint32_t *filter, uint32_t timeout_ms, uint32_t from);
