@@ -121,7 +121,7 @@ void close_channel(peer *p)
     poll_remove(p->fd);
     close(p->fd);
     tell_closed(p->process, p->channel);
-    door_forget_process(p->process);
+    door_forget_channel(p->process, p->channel);
     p->fd = -1;
     p->armed = p->write_broken = p->in_round = false;
     peer_resume(p);
@@ -672,6 +672,7 @@ void peer_introduced(uint32_t process, uint32_t channel, int fd)
             close(fd);
         }
         peer_delete(p);
+        door_forget_channel(process, channel);
         tell_closed(process, channel); // so that there can be another, later
         return;
     }

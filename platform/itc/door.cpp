@@ -25,7 +25,7 @@ bool is_member(uint32_t rule, uint32_t sender)
 {
     const auto &membership = g().doors.membership;
     const auto rules = sender == ITC_NO_MBOX ? membership.end() : membership.find(itc_wire::process_of(sender));
-    return rules != membership.end() && has_number(rules->second, rule);
+    return rules != membership.end() && has_number(rules->second.rules, rule);
 }
 
 bool lets_in(uint32_t rule, uint32_t sender)
@@ -218,11 +218,14 @@ void on_admit(uint32_t rule, uint32_t which, uint32_t mbox, bool in_turn)
     }
 }
 
-void on_member(uint32_t rule, uint32_t process)
+void on_member(uint32_t rule, uint32_t process, uint32_t channel)
 {
-    std::vector<uint32_t> &rules = g().doors.membership[process];
-    if (!has_number(rules, rule)) {
-        rules.push_back(rule);
+    door_membership &of = g().doors.membership[process];
+    if (of.channel != channel) {
+        of = {channel, {}};
+    }
+    if (!has_number(of.rules, rule)) {
+        of.rules.push_back(rule);
     }
 }
 
@@ -243,7 +246,7 @@ bool door_frame(const itc_wire::registry_frame &head, itc_wire::reader &fields, 
     if (head.type == itc_wire::door_admit) {
         on_admit(words[0], words[1], words[2], in_turn);
     } else if (head.type == itc_wire::door_member) {
-        on_member(words[0], words[1]);
+        on_member(words[0], words[1], words[2]);
     } else if (!mbox_is_own(words[0])) {
         return true; // deleted meanwhile
     } else if (head.type == itc_wire::door_limit) {
@@ -331,7 +334,13 @@ void door_forget_mailbox(uint32_t mbox)
     }
 }
 
-void door_forget_process(uint32_t process) { g().doors.membership.erase(process); }
+void door_forget_channel(uint32_t process, uint32_t channel)
+{
+    const auto found = g().doors.membership.find(process);
+    if (found != g().doors.membership.end() && found->second.channel == channel) {
+        g().doors.membership.erase(found);
+    }
+}
 
 void door_forget_all() { g().doors = {}; }
 

@@ -61,10 +61,16 @@ struct door_named {
     uint32_t mbox;
 };
 
+// The rules that the user of the process at the other end of a channel is in.
+struct door_membership {
+    uint32_t channel = 0;
+    std::vector<uint32_t> rules;
+};
+
 struct doors {
     std::unordered_map<uint32_t, door> of;                       // by mailbox; only of those that have one
     std::unordered_map<uint32_t, std::vector<door_named>> named; // by rule, in the order in which they got their names
-    std::unordered_map<uint32_t, std::vector<uint32_t>> membership; // by process: the rules that its user is in
+    std::unordered_map<uint32_t, door_membership> membership;    // by process
 };
 
 bool door_frame_is(uint32_t type); // a frame that is ours
@@ -80,7 +86,7 @@ void door_answered(uint32_t from, uint32_t to, block *b);
 void door_client_died(uint32_t client);
 void door_service_changed(uint32_t mbox); // it was published or withdrawn: the sessions that it had are over
 void door_forget_mailbox(uint32_t mbox);
-void door_forget_process(uint32_t process);
+void door_forget_channel(uint32_t process, uint32_t channel);
 void door_forget_all();
 
 } // namespace itc

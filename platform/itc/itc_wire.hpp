@@ -111,12 +111,12 @@ enum frame_type : uint32_t {
     door_rule = 113,   // u mbox, u rule, u first, u last: these numbers only from whom the rule lets in
     door_share = 114,  // u mbox, u rule, u opens, u opened, u refused, u closed, u session_at, u at_most
     door_admit = 115,  // u rule, u which of its names, u mbox that has it; before the result for that one
-    door_member = 116, // u rule, u process whose user is in it; right behind the channel to it
+    door_member = 116, // u rule, u process whose user is in it, u channel; before either end of the channel is given
 };
 
 constexpr size_t door_words(uint32_t type)
 {
-    constexpr size_t words[] = {2, 4, 8, 3, 2};
+    constexpr size_t words[] = {2, 4, 8, 3, 3};
     return type >= door_limit && type <= door_member ? words[type - door_limit] : 0;
 }
 

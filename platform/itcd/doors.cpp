@@ -149,12 +149,13 @@ void doors_name_gone(const std::string &name)
     }
 }
 
-void doors_met(registry_client &to, const registry_client &other)
+void doors_meet(registry_client &to, const registry_client &other, uint32_t channel)
 {
     for (const circle &c : circles) {
-        if (policy_includes(*c.people, other.who) && policy_may_claim(*rules, to.who, *c.door)) {
+        const bool included = other.who.user == 0 || policy_includes(*c.people, other.who);
+        if (included && policy_may_claim(*rules, to.who, *c.door)) {
             writer frame(door_member, 0);
-            out->send(to, frame.u32(c.rule).u32(other.process), -1);
+            out->send(to, frame.u32(c.rule).u32(other.process).u32(channel), -1);
         }
     }
 }

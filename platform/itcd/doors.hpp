@@ -11,7 +11,8 @@
 void doors_start(registry_output &output, const policy &rules);
 void doors_name_given(registry_client &owner, uint32_t mbox, const std::string &name);
 void doors_name_gone(const std::string &name);
-void doors_met(registry_client &to, const registry_client &other); // `to` was just told of a channel to `other`
+// A channel is about to be given to the two: `to` hears what the other's user is let in to.
+void doors_meet(registry_client &to, const registry_client &other, uint32_t channel);
 bool doors_are_empty();
 
 #endif

@@ -106,10 +106,10 @@ void give_channel(registry_client &a, registry_client &b, pairing &p)
     const uint32_t number = ++last_channel;
     p.channel = number;
     p.low_closed = p.high_closed = p.wanted_again = false;
+    doors_meet(a, b, number);
+    doors_meet(b, a, number);
     tell_channel(a, b.process, number, ends[0]);
-    doors_met(a, b);
     tell_channel(b, a.process, number, ends[1]);
-    doors_met(b, a);
 }
 
 void give_or_wait(registry_client &a, registry_client &b, pairing &p)

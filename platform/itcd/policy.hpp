@@ -4,7 +4,8 @@
  * Without rules root, the registry's own user and members of the registry's own group may connect, each of them may
  * claim any free name and publish any service, and every mailbox takes everything from everybody. Rules come from
  * options and from the policy's files (policy_file.hpp). A name or service with a rule belongs to the people of its
- * rules always, whether somebody has it just now or not. Root may claim and publish everything.
+ * rules always, whether somebody has it just now or not. Root may claim and publish everything, and is one of all
+ * people.
  *
  * Credentials are the kernel's (SO_PEERCRED, SO_PEERGROUPS); a client says nothing of itself.
  */

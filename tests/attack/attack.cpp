@@ -50,7 +50,8 @@ constexpr const char *REPORT_PATH = "/run/attack/honest";
 constexpr const char *OPERATOR_PATH = "/run/attack/operator";
 
 const std::vector<private_user> USERS = {
-    {"kap-itc", 64001}, {"kap-vorn", 64002}, {"kap-linkd", 64003}, {"kap-operator", 64004}, {"mallory", 64005},
+    {"kap-itc", 64001}, {"kap-vorn", 64002}, {"kap-linkd", 64003}, {"kap-operator", 64004},
+    {"mallory", 64005}, {"kap-node", 64006}, {"kap-admin", 64007}, // whom the policy names
 };
 
 struct options {

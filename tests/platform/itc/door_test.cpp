@@ -367,6 +367,15 @@ TEST_F(Door, WhoIsInNoShareOpensNoSession)
     EXPECT_EQ(statistics().dropped_refused, 1u);
 }
 
+TEST_F(Door, RootIsOneOfAllPeople)
+{
+    const Gate gate;
+    const Child root([&] { return ask(0, "root", gate); });
+    join("receiver");
+    gate.open();
+    EXPECT_NE(opening(), ITC_NO_MBOX);
+}
+
 TEST_F(Door, AUserThatHasItsSessionKeepsNobodyElseOut)
 {
     const Gate silent;
