@@ -17,7 +17,7 @@ constexpr uint32_t alive = 0x17C0B10C;
 constexpr uint32_t freed = 0x17C0DEAD;
 
 // Fewer bytes than that are not worth the asking for their pages.
-constexpr size_t give_back = 2u << 20;
+constexpr size_t give_back = 512u << 10;
 
 // What blocks and buffers hold, and the most of it since memory was last given back. Two threads that meet here may
 // be off by one message.
@@ -40,11 +40,14 @@ void memory_more(size_t size)
     }
 }
 
+void memory_less(size_t size) { held.fetch_sub(size, std::memory_order_relaxed); }
+
 // What was freed stays with the process as holes, as much as there ever was at once. Who filled our queues, or came
-// with many connections, and has gone must not leave them to us for good.
-void memory_less(size_t size)
+// with many connections, and has gone must not leave them to us for good. It takes milliseconds, so that nobody is to
+// wait for it.
+void memory_give_back()
 {
-    const size_t now = held.fetch_sub(size, std::memory_order_relaxed) - size;
+    const size_t now = held.load(std::memory_order_relaxed);
     const size_t most = held_most.load(std::memory_order_relaxed);
     if (most > now && most - now >= give_back) {
         held_most.store(now, std::memory_order_relaxed);

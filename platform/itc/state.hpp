@@ -87,9 +87,10 @@ block *block_resize(block *b, size_t size); // the message's bytes are kept
 block *block_of(const itc_msg *msg);        // ends the process if it is no message
 block *block_take(itc_msg **msg);           // NULL for no message
 void block_free(block *b);
-// Memory was taken, or has been freed: a lot of it that is free goes back to the kernel. From any thread.
+// Memory was taken, or has been freed: from any thread. A lot of it that is free goes back to the kernel.
 void memory_more(size_t size);
 void memory_less(size_t size);
+void memory_give_back();
 
 struct block_list {
     block *head = nullptr;

@@ -133,6 +133,9 @@ void lead(hold &lock, thread *me, int timeout, const wish *w)
     s.led = me->leading = me->waiting = true;
     s.blocked++;
     lock.unlock();
+    if (timeout != 0) {
+        memory_give_back(); // there is nothing to do, as far as we know
+    }
     const int count = epoll_wait(epoll, events, events_per_wait, timeout);
     lock.lock();
     s.blocked--;

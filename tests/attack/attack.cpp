@@ -222,18 +222,28 @@ void make_places(arena &a)
 
 // ---- What some attacks need -----------------------------------------------------------------------------------------
 
-void link_lock_elsewhere(arena & /*a*/)
+// A registry that finds the lock laid elsewhere: it may refuse to start, or replace it, but neither follow it nor hang.
+// Whoever laid it then takes it away again.
+void lay_lock_elsewhere(arena &a)
 {
-    if (symlink("/run/attack/elsewhere", itc_wire::lock_path) != 0 || chmod("/run/attack", 0777) != 0) {
+    constexpr const char *ELSEWHERE = "/run/attack/elsewhere";
+    if (symlink(ELSEWHERE, itc_wire::lock_path) != 0 || chmod("/run/attack", 0777) != 0) {
         throw stage_failure("cannot lay the symlink");
     }
-}
-
-void look_for_elsewhere(arena &a)
-{
-    if (fs::exists("/run/attack/elsewhere")) {
+    std::vector<std::string> command = a.s.launchers[REGISTRY];
+    command.push_back(a.s.bin_dir + "/" + REGISTRY);
+    command.insert(command.end(), a.s.registry_arguments.begin(), a.s.registry_arguments.end());
+    fs::create_directories(a.s.log_dir);
+    child_process registry = process_start(REGISTRY, command, a.s.log_dir + "/itcd-first.log");
+    const bool refused = process_wait(registry, 2s);
+    if (fs::exists(ELSEWHERE)) {
         a.gained.emplace_back("a file made where the lock's symlink points");
     }
+    process_kill(registry);
+    if (refused && process_status_text(registry) != "exit status 1") {
+        a.gained.push_back("the registry: " + process_status_text(registry));
+    }
+    fs::remove(itc_wire::lock_path);
 }
 
 void fill_notify_socket(arena &a)
@@ -404,8 +414,7 @@ const std::vector<attack> &attacks()
         {.name = "lock",
          .text = "a symlink where the registry's lock belongs",
          .attackers = {{"mallory", {"nothing"}}},
-         .before = link_lock_elsewhere,
-         .after = look_for_elsewhere},
+         .before = lay_lock_elsewhere},
         {.name = "notify",
          .text = "a NOTIFY_SOCKET that is full",
          .attackers = {{"mallory", {"nothing"}}},

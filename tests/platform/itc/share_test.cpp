@@ -26,9 +26,11 @@ constexpr size_t memory_factor = 8; // a sanitizer keeps its own books beside ea
 constexpr size_t memory_factor = 1;
 #endif
 
-size_t resident_kilobytes()
+size_t resident_kilobytes(bool with_what_is_free = false)
 {
-    malloc_trim(0); // what is free is not held
+    if (!with_what_is_free) {
+        malloc_trim(0);
+    }
     std::ifstream status("/proc/self/status");
     std::string word;
     size_t kilobytes = 0;
@@ -166,6 +168,22 @@ TEST_F(ItcShare, AnOutboxOfSmallMessagesTakesNoMoreMemoryThanItsBound)
     EXPECT_LT(full, before + 20 * 1024 * memory_factor);
     EXPECT_GT(full, before + 12 * 1024); // and there is use in it
 }
+
+#ifndef KAP_SANITIZED
+TEST_F(ItcShare, MemoryOfMessagesThatAreGoneIsGivenBackWhenThereIsNothingToDo)
+{
+    auto s = std::make_unique<stranger>(own);
+    const uint32_t remote = raw_create(s->connection, s->process, "remote");
+    const size_t before = resident_kilobytes();
+    fill_outbox(remote, 4);
+    EXPECT_GT(resident_kilobytes(true), before + 12 * 1024);
+    s.reset();
+    EXPECT_TRUE(eventually([&] {
+        EXPECT_EQ(itc_receive(nullptr, 1, ITC_FROM_ANY), nullptr);
+        return resident_kilobytes(true) < before + 2 * 1024;
+    }));
+}
+#endif
 
 TEST_F(ItcShare, TheOutboxesOfManyPeersThatReadNothingAreBoundedTogether)
 {
