@@ -12,12 +12,6 @@
 namespace itc
 {
 
-state &g()
-{
-    static state *const only = new state; // never destroyed: threads may outlive main()
-    return *only;
-}
-
 hold call_lock()
 {
     hold lock(g().lock);

@@ -513,9 +513,6 @@ void registry_read()
 bool late_news_deliver()
 {
     state &s = g();
-    if (s.late.empty()) {
-        return false;
-    }
     std::deque<late_news> later;
     std::set<uint32_t> held_back; // subscriptions of which earlier news are not due
     std::vector<late_news> due;

@@ -279,7 +279,12 @@ struct state {
     clock::time_point next_drop_line;
 };
 
-state &g();
+// Never destroyed: threads may outlive main().
+inline __attribute__((visibility("hidden"))) state &g()
+{
+    static state *const only = new state;
+    return *only;
+}
 
 // The lock, as every call from outside takes it: what waits for other processes is tried on the way.
 hold call_lock();

@@ -124,7 +124,7 @@ void lead(hold &lock, thread *me, int timeout, const wish *w)
     const int epoll = s.epoll;
     const uint64_t generation = s.generation;
     bool patient = false;
-    if (!s.round.empty() || late_news_deliver()) {
+    if (!s.round.empty() || (!s.late.empty() && late_news_deliver())) {
         timeout = 0;
     } else if (w != nullptr && s.paused_queue > 0 && peers_could_go_further()) {
         patient = true;
@@ -150,7 +150,9 @@ void lead(hold &lock, thread *me, int timeout, const wish *w)
         } else if (!s.round.empty()) {
             peers_turn(w != nullptr, w == nullptr || w->from == ITC_FROM_ANY ? 0 : itc_wire::process_of(w->from));
         }
-        (void)late_news_deliver();
+        if (!s.late.empty()) {
+            (void)late_news_deliver();
+        }
     }
     registry_catch_up();
     wake_followers();
