@@ -60,9 +60,13 @@ void take_out_of_bucket(engine &e, const session *s)
 // The first of the coming hundred slots with the fewest sessions.
 int64_t quietest_slot(const engine &e, int64_t now_slot)
 {
+    int64_t place = now_slot % SLOTS_PER_SECOND;
     int64_t best = now_slot + 1;
+    size_t fewest = SIZE_MAX;
     for (int64_t slot = best; slot <= now_slot + SLOTS_PER_SECOND; slot++) {
-        if (e.buckets[slot % SLOTS_PER_SECOND].sessions.size() < e.buckets[best % SLOTS_PER_SECOND].sessions.size()) {
+        place = place + 1 < SLOTS_PER_SECOND ? place + 1 : 0;
+        if (e.buckets[place].sessions.size() < fewest) {
+            fewest = e.buckets[place].sessions.size();
             best = slot;
         }
     }

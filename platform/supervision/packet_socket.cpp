@@ -105,6 +105,14 @@ bool change_membership(int fd, int option, int if_index, const mac_address &mac)
     return setsockopt(fd, SOL_PACKET, option, &request, sizeof request) == 0;
 }
 
+bool change_promiscuity(int fd, int option, int if_index)
+{
+    packet_mreq request{};
+    request.mr_ifindex = if_index;
+    request.mr_type = PACKET_MR_PROMISC;
+    return setsockopt(fd, SOL_PACKET, option, &request, sizeof request) == 0;
+}
+
 } // namespace
 
 bool batch_init(batch *b, size_t frame_bytes)
@@ -271,5 +279,9 @@ void shut_out(int fd, int if_index, const mac_address &mac)
 {
     change_membership(fd, PACKET_DROP_MEMBERSHIP, if_index, mac);
 }
+
+bool let_all_in(int fd, int if_index) { return change_promiscuity(fd, PACKET_ADD_MEMBERSHIP, if_index); }
+
+void let_all_in_no_more(int fd, int if_index) { change_promiscuity(fd, PACKET_DROP_MEMBERSHIP, if_index); }
 
 } // namespace packet

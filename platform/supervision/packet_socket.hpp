@@ -96,5 +96,8 @@ int interface_vlan(int fd, const char *name);
 // interface or the socket at the latest.
 bool let_in(int fd, int if_index, const mac_address &mac);
 void shut_out(int fd, int if_index, const mac_address &mac);
+// The same for frames to whatever address.
+bool let_all_in(int fd, int if_index);
+void let_all_in_no_more(int fd, int if_index);
 
 } // namespace packet

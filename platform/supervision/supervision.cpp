@@ -35,6 +35,7 @@
 
 #include "answer.hpp"
 #include "engine.hpp"
+#include "guests.hpp"
 #include "packet_socket.hpp"
 #include "tri.h"
 
@@ -70,6 +71,7 @@ enum stop_result : uint32_t {
 };
 
 constexpr time_t STOP_PATIENCE_S = 5;
+constexpr int64_t WOKEN = INT64_MIN;    // it has been told to look and has not yet
 constexpr size_t KEPT_FRAME_BYTES = 64; // of a received frame: all that is read of it, and no dummy bytes to speak of
 // Per turn and socket. More than a full socket holds, so that what had arrived when the turn began is read whatever the
 // clock says of it.
@@ -78,6 +80,20 @@ constexpr size_t FLOOD = 4 * packet::BATCH; // frames in one turn to which no re
 constexpr int64_t LATE_TRACE_PAUSE_NS = 10'000'000'000;
 // The kernel takes a moment to begin stamping frames when they arrive; it stamps them when they are read until then.
 constexpr int64_t STAMPS_SETTLE_NS = 1'000'000'000;
+
+// What was asked of an interface, and when. It is believed for a moment: the sessions of one link are started one right
+// after the other, and there may be thousands.
+struct interface_facts {
+    char name[16];
+    int64_t asked;
+    int index; // 0: there is none
+    int mtu;
+    int vlan;
+    bool has_mac;
+    mac_address mac;
+};
+
+constexpr int64_t FACTS_LAST_NS = 1'000'000;
 
 // A network namespace with sessions in it.
 struct domain {
@@ -90,6 +106,8 @@ struct domain {
     size_t echoing;     // of them: their far end was seen to send dummy bytes back
     size_t short_of;    // of them: their frames have no room for the part of the mark that a filter knows
     int64_t last_drops; // when it was seen that the kernel had dropped frames
+    guests let_in;
+    interface_facts facts;
 };
 
 struct entry {
@@ -98,7 +116,7 @@ struct entry {
     char if_name[16];
     uint16_t vlan; // as asked for
     bool wants_tag;
-    bool let_in;
+    bool let_in; // its address is a guest
 };
 
 struct library {
@@ -111,7 +129,10 @@ struct library {
     uint32_t last_session = 0;
     uint32_t last_domain = 0;
     int wake_fd = -1;
+    int own_namespaces = -1; // of the thread that started a session last
+    pid_t own_namespaces_of = 0;
     bool has_thread = false;
+    int64_t sleeps_until = NEVER; // the thread, as it found when it looked last
     int64_t first_domain_opened = 0;
     int64_t late_traced = -LATE_TRACE_PAUSE_NS;
     uint32_t drops = 0;   // since that was told
@@ -152,8 +173,22 @@ int64_t nanoseconds(clockid_t clock)
 
 clocks read_clocks(void *) { return {nanoseconds(CLOCK_MONOTONIC), nanoseconds(CLOCK_REALTIME)}; }
 
-void wake(const library &l)
+// The thread has to look only when there is something to send before it wakes by itself, or a socket to close, and once
+// for all such reasons. Else thousands of sessions that are started or stopped one after the other would have it run,
+// and take the lock from their starter, thousands of times.
+bool has_to_look(const library &l)
 {
+    const auto is_unused = [](const std::unique_ptr<domain> &d) { return d->sessions == 0; };
+    return l.sleeps_until != WOKEN &&
+           (engine_deadline(l.e) < l.sleeps_until || std::any_of(l.domains.begin(), l.domains.end(), is_unused));
+}
+
+void wake_if_needed(library &l)
+{
+    if (!has_to_look(l)) {
+        return;
+    }
+    l.sleeps_until = WOKEN;
     const uint64_t one = 1;
     // It fails only when the thread has not yet seen 2^64 - 2 earlier calls.
     if (write(l.wake_fd, &one, sizeof one) < 0) {
@@ -172,23 +207,58 @@ session_key key_of(const entry &x, int if_index, bool tagged)
     return key;
 }
 
+bool are_of_now(const interface_facts &facts, const char *name, int64_t now)
+{
+    return facts.index != 0 && now - facts.asked < FACTS_LAST_NS && strncmp(facts.name, name, sizeof facts.name) == 0;
+}
+
+const interface_facts &ask_facts(domain *home, const char (&name)[16])
+{
+    interface_facts &f = home->facts;
+    f = {};
+    memcpy(f.name, name, sizeof f.name);
+    f.asked = nanoseconds(CLOCK_MONOTONIC);
+    f.index = packet::interface_index(home->fd, name);
+    f.mtu = packet::interface_mtu(home->fd, name);
+    f.vlan = packet::interface_vlan(home->fd, name);
+    f.has_mac = packet::interface_mac(home->fd, name, &f.mac);
+    return f;
+}
+
+const interface_facts &facts_of(const entry &x)
+{
+    if (are_of_now(x.home->facts, x.if_name, nanoseconds(CLOCK_MONOTONIC))) {
+        return x.home->facts;
+    }
+    return ask_facts(x.home, x.if_name);
+}
+
 // On the device of that very VLAN the kernel adds the tag, and takes it off what it hands to the device.
-bool needs_tag(const entry &x) { return x.wants_tag && packet::interface_vlan(x.home->fd, x.if_name) != x.vlan; }
+bool needs_tag(const entry &x) { return x.wants_tag && facts_of(x).vlan != x.vlan; }
 
 void let_answers_in(entry *x)
 {
-    mac_address own{};
-    const bool is_own = packet::interface_mac(x->home->fd, x->if_name, &own) && mac_equal(own, x->s.key.local);
-    x->let_in = !is_own && packet::let_in(x->home->fd, x->s.key.if_index, x->s.key.local);
+    const interface_facts &facts = facts_of(*x);
+    const bool is_own = facts.has_mac && mac_equal(facts.mac, x->s.key.local);
+    x->let_in = !is_own && guest_let_in(x->home->let_in, x->home->fd, {x->s.key.if_index, x->s.key.local});
+}
+
+void shut_answers_out(entry *x)
+{
+    if (x->let_in) {
+        guest_shut_out(x->home->let_in, x->home->fd, {x->s.key.if_index, x->s.key.local});
+    }
+    x->let_in = false;
 }
 
 // The interface was deleted and may be back under its name. True when it is, and a frame built before fits it.
 bool find_interface_again(entry *x)
 {
-    const int if_index = packet::interface_index(x->home->fd, x->if_name);
+    const int if_index = ask_facts(x->home, x->if_name).index;
     if (if_index == 0 || if_index == x->s.key.if_index) {
         return false;
     }
+    shut_answers_out(x);
     const bool was_tagged = x->s.tagged;
     x->s.tagged = needs_tag(*x);
     engine_rekey(lib().e, &x->s, key_of(*x, if_index, x->s.tagged));
@@ -349,6 +419,7 @@ int64_t take_turn(library &l, std::vector<int> *unused)
     const engine_io io{nullptr, read_clocks, send_frame, may_have_missed};
     tell_lateness(l, engine_run(l.e, now, io), now);
     const int64_t deadline = engine_deadline(l.e);
+    l.sleeps_until = deadline;
     choose_polled(l, now, deadline);
     return l.flooded ? std::min(deadline, nanoseconds(CLOCK_MONOTONIC) + SLOT_NS) : deadline;
 }
@@ -452,12 +523,33 @@ domain *open_domain(library &l, const struct stat &netns)
     return l.domains.back().get();
 }
 
+// The calling thread's directory of namespaces, kept open from call to call: walking to it anew costs more than all
+// else that a session takes.
+void open_own_namespaces(library &l)
+{
+    if (l.own_namespaces >= 0) {
+        close(l.own_namespaces);
+    }
+    l.own_namespaces = open("/proc/thread-self/ns", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    l.own_namespaces_of = gettid();
+}
+
+// The directory of a thread that has ended, whose number the caller has by now, gives nothing: it is opened anew.
+bool own_netns(library &l, struct stat *netns)
+{
+    if (l.own_namespaces_of == gettid() && fstatat(l.own_namespaces, "net", netns, 0) == 0) {
+        return true;
+    }
+    open_own_namespaces(l);
+    return fstatat(l.own_namespaces, "net", netns, 0) == 0;
+}
+
 // The namespace in which the calling thread is. While its socket is open no other namespace can get its inode.
 domain *current_domain(library &l)
 {
     struct stat netns {
     };
-    if (stat("/proc/thread-self/ns/net", &netns) != 0) {
+    if (!own_netns(l, &netns)) {
         return nullptr;
     }
     for (const auto &d : l.domains) {
@@ -521,12 +613,12 @@ void fill_entry(entry *x, const supervision_params &p, domain *home, supervision
 
 uint32_t find_interface(entry *x)
 {
-    const int if_index = packet::interface_index(x->home->fd, x->if_name);
+    const interface_facts &facts = facts_of(*x);
+    const int if_index = facts.index;
     if (if_index == 0) {
         return NO_INTERFACE;
     }
-    const int mtu = packet::interface_mtu(x->home->fd, x->if_name);
-    if (x->s.frame_size > static_cast<size_t>(mtu) + sizeof(ecpri::ethernet_header)) {
+    if (x->s.frame_size > static_cast<size_t>(facts.mtu) + sizeof(ecpri::ethernet_header)) {
         return INVALID;
     }
     x->s.tagged = needs_tag(*x);
@@ -574,9 +666,7 @@ uint32_t start(library &l, uint32_t *session_id, const supervision_params &p, su
 void stop(library &l, entry *x)
 {
     engine_remove(l.e, &x->s);
-    if (x->let_in) {
-        packet::shut_out(x->home->fd, x->s.key.if_index, x->s.key.local);
-    }
+    shut_answers_out(x);
     x->home->sessions--;
     x->home->echoing -= x->s.echoes ? 1 : 0;
     x->home->short_of -= is_short_of_room(x->s) ? 1 : 0;
@@ -606,7 +696,7 @@ uint32_t start_supervision_session(uint32_t *session_id, const supervision_param
         }
         const uint32_t result = start(l, session_id, *params, callback);
         // Also after a failure: the thread closes the socket of a namespace that has no session.
-        wake(l);
+        wake_if_needed(l);
         return result;
     } catch (const std::bad_alloc &) {
         return NO_MEMORY;
@@ -627,7 +717,7 @@ uint32_t stop_supervision_session(uint32_t session_id)
     const bool known = found != l.sessions.end();
     if (known) {
         stop(l, found->second.get());
-        wake(l);
+        wake_if_needed(l);
     }
     pthread_mutex_unlock(&l.lock);
     return known ? STOPPED : NO_SESSION;

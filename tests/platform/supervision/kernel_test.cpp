@@ -1,6 +1,7 @@
 // What the packet socket relies on in the kernel, and what the platform's design rests on. If one of these fails, a
 // kernel behaves differently and the library must be looked at.
 #include "ecpri.hpp"
+#include "guests.hpp"
 #include "network.hpp"
 #include "packet_socket.hpp"
 
@@ -278,6 +279,54 @@ TEST_F(Kernel, LetsAnAddressInUntilItIsShutOut)
     packet::shut_out(near_, index, foreign);
     EXPECT_FALSE(filtered());
     EXPECT_FALSE(packet::let_in(near_, index + 1000, foreign)) << "there is no such interface";
+}
+
+// Of more addresses than a few dozen the card is not told one by one: the kernel walks all it has for each one more.
+TEST_F(Kernel, LetsEverythingInWhenThereAreManyAddresses)
+{
+    using supervision::guest;
+    constexpr unsigned MANY = 300;
+    supervision::guests all;
+    const int index = packet::interface_index(near_, "near0");
+    const auto number = [&](unsigned i) {
+        return guest{index, {{0x02, 0, 0, 0x77, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)}}};
+    };
+    const auto lines = [](const std::string &text, const char *with) {
+        size_t count = 0;
+        for (size_t at = text.find(with); at != std::string::npos; at = text.find(with, at + 1)) {
+            count++;
+        }
+        return count;
+    };
+    const auto singles = [&] { return lines(run("bridge fdb show dev near0"), "02:00:00:77:"); };
+    // How often the card was asked to take everything in. A kind of card that cannot filter is asked by the kernel
+    // itself when there is any address.
+    const auto asked_for_all = [] {
+        const std::string text = run("ip -d link show near0");
+        const std::string word = "promiscuity ";
+        return std::stoi(text.substr(text.find(word) + word.size()));
+    };
+    const int at_first = asked_for_all();
+    int before = 0;
+    for (unsigned i = 0; i < MANY; i++) {
+        ASSERT_TRUE(supervision::guest_let_in(all, near_, number(i))) << i;
+        if (i == supervision::MOST_SINGLE_ADDRESSES - 1) {
+            before = asked_for_all();
+        }
+    }
+    EXPECT_EQ(asked_for_all(), before + 1);
+    EXPECT_EQ(singles(), supervision::MOST_SINGLE_ADDRESSES);
+    EXPECT_TRUE(supervision::guest_let_in(all, near_, number(0))) << "a second session from the same address";
+    supervision::guest_shut_out(all, near_, number(0));
+    EXPECT_EQ(singles(), supervision::MOST_SINGLE_ADDRESSES) << "one session still has it";
+    for (unsigned i = 0; i < MANY; i++) {
+        supervision::guest_shut_out(all, near_, number(i));
+    }
+    EXPECT_EQ(singles(), 0u);
+    EXPECT_EQ(asked_for_all(), at_first);
+    EXPECT_TRUE(all.places.empty() && all.interfaces.empty()) << "nothing is remembered";
+    EXPECT_FALSE(supervision::guest_let_in(all, near_, {index + 1000, {}})) << "there is no such interface";
+    EXPECT_TRUE(all.places.empty() && all.interfaces.empty());
 }
 
 } // namespace
