@@ -60,7 +60,7 @@ public:
         for (process &p : processes_) {
             leave(p);
         }
-        for (int i = 0; i < 16 && !registry_is_empty(); ++i) {
+        for (int i = 0; i < 256 && !registry_is_empty(); ++i) {
             server_turn(0);
         }
         require(registry_is_empty(), "nothing is left of processes that have gone");
