@@ -72,7 +72,8 @@ enum stop_result : uint32_t {
 
 constexpr time_t STOP_PATIENCE_S = 5;
 constexpr int64_t WOKEN = INT64_MIN;    // it has been told to look and has not yet
-constexpr size_t KEPT_FRAME_BYTES = 64; // of a received frame: all that is read of it, and no dummy bytes to speak of
+constexpr size_t KEPT_FRAME_BYTES = 64; // of a received frame: all that is read of it
+static_assert(KEPT_FRAME_BYTES >= ecpri::MIN_FRAME_SIZE + MARK_SIZE);
 // Per turn and socket. More than a full socket holds, so that what had arrived when the turn began is read whatever the
 // clock says of it.
 constexpr int MAX_BATCHES = 4096;
@@ -479,8 +480,8 @@ void draw_key(library &l)
     secret key;
     if (getrandom(&key, sizeof key, GRND_NONBLOCK) != sizeof key) {
         static_assert(sizeof key == 16, "the kernel gives as many");
-        memcpy(&key, reinterpret_cast<const void *>(getauxval(AT_RANDOM)),
-               sizeof key); // NOLINT(performance-no-int-to-ptr)
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): so the C library gives it
+        memcpy(&key, reinterpret_cast<const void *>(getauxval(AT_RANDOM)), sizeof key);
     }
     engine_set_key(l.e, key);
 }

@@ -87,9 +87,13 @@ void send_difference(iml_link_proc *proc, const IemliLinkData *old_data)
     free(added);
 }
 
+// The ports are unknown only when port control is lost. Then the sessions stay, as all that was set up below does.
 void stop_sessions_of_deleted(const eth_port *port, iml_link *link)
 {
-    if (port != nullptr && port->oper_state == ETH_PORT_OPERATIONAL) {
+    if (port == nullptr) {
+        return;
+    }
+    if (port->oper_state == ETH_PORT_OPERATIONAL) {
         stop_link_sessions(*port, link);
     }
     end_sessions_of_deleted_link(link);

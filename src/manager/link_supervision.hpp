@@ -40,8 +40,8 @@ void start_keep_alive(const char *if_name, iml_link *link, const char *name_spac
 // the sessions are stopped all the same.
 void stop_link_supervision(iml_link *link, const char *name_space);
 void stop_keep_alive(iml_link *link, const char *name_space);
-// What a link still has when it is deleted, because its port or the port's VLAN was not there to stop it in: ended
-// without a trace, so that nobody pings for a link that is no more.
+// What a link still has when it is deleted, because its port's VLAN was not there to stop it in: ended without a trace,
+// so that nobody pings for a link that is no more.
 void end_sessions_of_deleted_link(iml_link *link);
 
 // Where the sessions of a link live; false while the port does not know the link's VLAN.

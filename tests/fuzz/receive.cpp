@@ -59,6 +59,7 @@ public:
         monotonic = SECOND;
         real = REAL_START + SECOND;
         tallies.clear();
+        engine_set_key(engine_, {1, 2});
         require(packet::batch_init(&batch_, FRAME_BYTES), "memory for a batch");
     }
     Story(const Story &) = delete;

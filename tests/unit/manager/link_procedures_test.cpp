@@ -890,19 +890,29 @@ TEST_F(DeletedLink, HasNoSessionsAlsoWhenItsNamespaceCannotBeEntered)
     EXPECT_EQ(fake::count_traced(1, "Failed to enter ns_a1 namespace"), 1u);
 }
 
-TEST_F(DeletedLink, HasNoSessionsAlsoWhenItsPortIsUnknown)
+// Only a TN port's links live where its VLAN is.
+TEST_F(DeletedLink, HasNoSessionsAlsoWhenThePortHasLostItsVlan)
 {
-    iepcsi_client_forget_all();
-    expect_no_session_after_the_delete();
+    add_vlan("TNA", 200, "eth_tn.200", "ns_tn");
+    ASSERT_EQ(create_link(session, {.port = "TN_A", .vlan = 200, .app_links = {APP_3}}), 2u);
+    ASSERT_EQ(fake::sessions().size(), 5u);
+    remove_vlan("TNA", 200);
+    forget_records();
+    request(delete_request(session, 9, 2));
+    EXPECT_EQ(iml_link_count(), 1u);
+    EXPECT_EQ(fake::sessions().size(), 3u) << "those of the other";
     for (const Trace &trace : fake::traces()) {
         EXPECT_THAT(trace.text, testing::Not(testing::HasSubstr("stopped")));
     }
 }
 
-TEST_F(DeletedLink, HasNoSessionsAlsoWhenThePortHasLostItsVlan)
+// Its end takes nothing back of what was set up below.
+TEST_F(DeletedLink, KeepsItsSessionsWhenItWentWithPortControl)
 {
-    remove_vlan("IDLA1", 100);
-    expect_no_session_after_the_delete();
+    iepcsi_client_forget_all();
+    request(delete_request(session, 9, 1));
+    EXPECT_EQ(iml_link_count(), 0u);
+    EXPECT_EQ(fake::sessions().size(), 3u);
 }
 
 TEST_F(LinkProcedure, DeleteOpensNothingForALinkThatIsNotThere)
