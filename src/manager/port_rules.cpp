@@ -18,23 +18,45 @@ namespace
 
 constexpr uint32_t EMCA_INDEX_MASK = 0xFF;
 
+constexpr uint32_t MAC_CHAINS = EMCA_INDEX_MASK + 1;
+
 struct mac_list {
     mac_address *macs;
     uint32_t count;
+    // Chains of the places that a duplicate is looked for in, by the MACs' last bytes: a place and 1, 0 ends a chain.
+    uint16_t first[MAC_CHAINS];
+    uint16_t next[MAC_CHAINS];
 };
 
 // The place where the next MAC is written, and how far a duplicate is looked for, is an index of 8 bits: MAC number 257
 // takes the place of the first.
 uint32_t mac_list_index(const mac_list &list) { return list.count & EMCA_INDEX_MASK; }
 
-bool mac_list_has(const mac_list &list, const mac_address &mac)
+uint16_t *chain_of(mac_list *list, const mac_address &mac)
 {
-    for (uint32_t i = 0; i < mac_list_index(list); ++i) {
-        if (mac_equal(list.macs[i], mac)) {
+    return &list->first[(mac.byte[5] ^ mac.byte[4] * 7u ^ mac.byte[3] * 31u) & EMCA_INDEX_MASK];
+}
+
+bool mac_list_has(mac_list *list, const mac_address &mac)
+{
+    for (uint16_t place = *chain_of(list, mac); place != 0; place = list->next[place - 1]) {
+        if (mac_equal(list->macs[place - 1], mac)) {
             return true;
         }
     }
     return false;
+}
+
+// When the index is at its end it begins anew, and none of the places before it is looked at any more.
+void enter_in_chain(mac_list *list, uint32_t place)
+{
+    if (place == EMCA_INDEX_MASK) {
+        memset(list->first, 0, sizeof list->first);
+        return;
+    }
+    uint16_t *first = chain_of(list, list->macs[place]);
+    list->next[place] = *first;
+    *first = static_cast<uint16_t>(place + 1);
 }
 
 // On failure the list is empty.
@@ -49,7 +71,9 @@ bool mac_list_append(mac_list *list, const mac_address &mac)
     }
     list->macs = static_cast<mac_address *>(grown);
     list->macs[list->count] = {};
-    list->macs[mac_list_index(*list)] = mac;
+    const uint32_t place = mac_list_index(*list);
+    list->macs[place] = mac;
+    enter_in_chain(list, place);
     ++list->count;
     return true;
 }
@@ -58,7 +82,7 @@ bool append_emca_macs_of_link(mac_list *list, const IemliLinkData *data)
 {
     for (uint32_t i = 0; i < data->numberOfAppLinks; ++i) {
         const mac_address &mac = iemli_app_links(data)[i].nearEndAppMac;
-        if (!mac_list_has(*list, mac) && !mac_list_append(list, mac)) {
+        if (!mac_list_has(list, mac) && !mac_list_append(list, mac)) {
             return false;
         }
     }

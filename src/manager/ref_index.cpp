@@ -60,6 +60,42 @@ void grow(ref_index *index)
     index->bucket_count = 2 * old_count;
 }
 
+// A table is halved when it has become far too large, so that what many entries took does not stay for good; a small
+// one may stay.
+constexpr uint32_t SMALL_TABLE = 1024;
+constexpr uint32_t FAR_TOO_LARGE = 8; // buckets for an entry
+
+void append_chain(ref_index_node **head, ref_index_node *chain)
+{
+    while (*head != nullptr) {
+        head = &(*head)->next;
+    }
+    *head = chain;
+    if (chain != nullptr) {
+        chain->back = head;
+    }
+}
+
+// Keys of two buckets that become one are different, so that the order within a key stays.
+void halve(ref_index *index)
+{
+    const uint32_t half = index->bucket_count / 2;
+    for (uint32_t i = 0; i < half; ++i) {
+        append_chain(&index->grown_buckets[i], index->grown_buckets[half + i]);
+    }
+    index->bucket_count = half;
+    void *smaller = realloc(index->grown_buckets, half * sizeof(void *));
+    if (smaller == nullptr) {
+        return;
+    }
+    index->grown_buckets = static_cast<ref_index_node **>(smaller);
+    for (uint32_t i = 0; i < half; ++i) {
+        if (index->grown_buckets[i] != nullptr) {
+            index->grown_buckets[i]->back = &index->grown_buckets[i];
+        }
+    }
+}
+
 } // namespace
 
 void ref_index_insert(ref_index *index, ref_index_node *node, uint32_t key, void *owner)
@@ -91,6 +127,9 @@ void ref_index_remove(ref_index *index, ref_index_node *node)
     node->back = nullptr;
     node->next = nullptr;
     --index->count;
+    if (bucket_count(index) > SMALL_TABLE && index->count < bucket_count(index) / FAR_TOO_LARGE) {
+        halve(index);
+    }
 }
 
 ref_index_node *ref_index_first(const ref_index *index, uint32_t key)

@@ -68,6 +68,48 @@ TEST_F(RefIndex, KeepsTheOrderOfEqualKeysWhenItGrows)
     }
 }
 
+TEST_F(RefIndex, GivesTheTableOfManyBackWhenFewAreLeftAndKeepsTheirOrder)
+{
+    std::vector<ref_index_node> nodes(20000);
+    for (uint32_t i = 0; i < nodes.size(); ++i) {
+        ref_index_insert(&index, &nodes[i], i % 10000, nullptr);
+    }
+    const uint32_t largest = index.bucket_count;
+    EXPECT_GE(largest, 16384u);
+    const auto left = [](uint32_t key) { return key % 1000 == 7; };
+    for (uint32_t i = 0; i < nodes.size(); ++i) {
+        if (!left(i % 10000)) {
+            ref_index_remove(&index, &nodes[i]);
+        }
+    }
+    EXPECT_EQ(index.count, 20u);
+    EXPECT_LE(index.bucket_count, 1024u);
+    for (uint32_t key = 0; key < 10000; ++key) {
+        ASSERT_EQ(all(key), left(key) ? (Nodes{&nodes[key + 10000], &nodes[key]}) : Nodes{}) << key;
+    }
+    for (uint32_t i = 0; i < nodes.size(); ++i) {
+        ref_index_remove(&index, &nodes[i]);
+    }
+    EXPECT_EQ(index.count, 0u);
+}
+
+TEST_F(RefIndex, StaysAsLargeAsItIsWithoutMemoryForASmallerTable)
+{
+    std::vector<ref_index_node> nodes(4000);
+    for (uint32_t i = 0; i < nodes.size(); ++i) {
+        ref_index_insert(&index, &nodes[i], i, nullptr);
+    }
+    fake::fail_allocations_from(1);
+    for (uint32_t i = 10; i < nodes.size(); ++i) {
+        ref_index_remove(&index, &nodes[i]);
+    }
+    EXPECT_GT(fake::failed_allocations(), 0u);
+    fake::fail_allocations_from(0);
+    for (uint32_t key = 0; key < nodes.size(); ++key) {
+        ASSERT_EQ(all(key), key < 10 ? Nodes{&nodes[key]} : Nodes{}) << key;
+    }
+}
+
 TEST_F(RefIndex, RemovesOneOfEqualKeysFromAnyPlace)
 {
     ref_index_node nodes[3] = {};
