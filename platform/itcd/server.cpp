@@ -27,7 +27,6 @@ using clock = std::chrono::steady_clock;
 constexpr size_t read_size = 8192;
 constexpr int events_per_wait = 256;
 constexpr int accepts_per_turn = 16;
-constexpr unsigned lines_per_second = 5;
 constexpr std::chrono::seconds hello_limit{2};
 constexpr std::chrono::milliseconds retry_time{10};
 constexpr std::chrono::seconds trim_time{1};
@@ -77,19 +76,6 @@ clock::time_point next_retry;
 clock::time_point next_trim;
 size_t held_before = 0;
 
-// Whether a line may be said now: not many in a second, so that nobody fills a log through us.
-bool may_complain()
-{
-    static clock::time_point second;
-    static unsigned lines = 0;
-    const auto now = clock::now();
-    if (now - second >= std::chrono::seconds(1)) {
-        second = now;
-        lines = 0;
-    }
-    return ++lines <= lines_per_second;
-}
-
 void enqueue(client &c, bool again)
 {
     if (!c.queued) {
@@ -109,8 +95,8 @@ void doom_client(client &c, const char *why)
     }
     c.doomed = true;
     enqueue(c, false);
-    if (why != nullptr && may_complain()) {
-        complain("disconnecting process %u (user %u): %s", c.process, c.who.user, why);
+    if (why != nullptr) {
+        complain_of(why, "disconnecting process %u (user %u): %s", c.process, c.who.user, why);
     }
 }
 
@@ -160,10 +146,8 @@ void give_up_descriptor(client &c)
     uint32_t fields[2];
     memcpy(fields, c.box.head->bytes() + sizeof(itc_wire::registry_frame), sizeof fields);
     pop(c);
-    if (may_complain()) {
-        complain("process %u (user %u) is not introduced to %u: no descriptor can be sent", c.process, c.who.user,
-                 fields[0]);
-    }
+    complain("process %u (user %u) is not introduced to %u: no descriptor can be sent", c.process, c.who.user,
+             fields[0]);
     registry_not_given(c, fields[0], fields[1]);
     itc_wire::writer frame(itc_wire::no_process, 0);
     outbox_push(c.box, frame.u32(fields[0]).frame(), -1, true);
@@ -230,9 +214,7 @@ struct server_output final : registry_output {
 
     void say(const registry_client &about, const char *what) override
     {
-        if (may_complain()) {
-            complain("process %u (user %u): %s", about.process, about.who.user, what);
-        }
+        complain_of(what, "process %u (user %u): %s", about.process, about.who.user, what);
     }
 
     bool is_behind(const registry_client &which) override
@@ -449,12 +431,7 @@ void refuse(int fd, int error)
     close(fd);
 }
 
-void say_too_many()
-{
-    if (may_complain()) {
-        complain("too many processes, one turned away");
-    }
-}
+void say_too_many() { complain("too many processes, one turned away"); }
 
 // No descriptor is left: the newcomer is taken with the reserve and sent away, or it would be announced for ever.
 void turn_away(int listener)
@@ -489,9 +466,7 @@ size_t connections_share()
 int admit(int fd, policy_person *who)
 {
     if (!policy_admits(*admitting, fd, who)) {
-        if (may_complain()) {
-            complain("user %u may not connect", who->user);
-        }
+        complain("user %u may not connect", who->user);
         return EACCES;
     }
     look_at_limit();
@@ -502,9 +477,7 @@ int admit(int fd, policy_person *who)
     share &of = share_of(who->user);
     if (of.counts[static_cast<size_t>(held::connections)] >= connections_share() ||
         !share_take(of, held::connections, client_bytes)) {
-        if (may_complain()) {
-            complain("too many processes of user %u, one turned away", who->user);
-        }
+        complain("too many processes of user %u, one turned away", who->user);
         share_forget(of);
         return EAGAIN;
     }

@@ -189,6 +189,32 @@ TEST_F(ItcSystem, AStderrThatTakesNothingHoldsUpNobodyAndTheLinesThatWereLostAre
     close(ends[1]);
 }
 
+TEST_F(ItcSystem, AHundredLinesOfAKindAreWrittenInASecondAndTheRestIsCounted)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    start_registry_with_stderr(ends[1]);
+    ASSERT_TRUE(eventually([&] { return read_now(ends[0]) == "itcd: ready on /run/kap-itc/itcd.sock\n"; }));
+    std::string said;
+    size_t caused = 0;
+    const std::string more = " more of the kind: disconnecting process ";
+    EXPECT_TRUE(eventually([&] {
+        for (int i = 0; i < 500; i++) {
+            caused += make_it_complain() ? 1 : 0;
+            said += read_now(ends[0]);
+        }
+        return said.find(more) != std::string::npos;
+    }));
+    size_t written = 0;
+    for (size_t at = 0; (at = said.find("itcd: disconnecting process ", at)) != std::string::npos; at++) {
+        written++;
+    }
+    EXPECT_GE(written, 100u);
+    EXPECT_LT(written, caused);
+    close(ends[0]);
+    close(ends[1]);
+}
+
 TEST_F(ItcSystem, AStderrThatNobodyReadsOrThatIsNotThereEndsNoRegistry)
 {
     int ends[2];
