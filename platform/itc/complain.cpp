@@ -7,6 +7,7 @@
 #include "state.hpp"
 
 #include <cstdarg>
+#include <cstring>
 
 namespace itc
 {
@@ -47,6 +48,17 @@ __attribute__((format(printf, 1, 2))) bool say_of_drops(const char *format, ...)
     return taken;
 }
 
+drop_kind &kind_of(state &s, const char *why)
+{
+    for (drop_kind &k : s.drops) {
+        if (k.why == nullptr || strcmp(k.why, why) == 0) {
+            k.why = why;
+            return k;
+        }
+    }
+    return s.drops.back();
+}
+
 } // namespace
 
 void complain(const char *format, ...)
@@ -60,17 +72,17 @@ void complain(const char *format, ...)
 
 void note_drop(uint64_t *counter, const char *why)
 {
-    state &s = g();
+    drop_kind &k = kind_of(g(), why);
     ++*counter;
     const clock::time_point now = clock::now();
-    if (now < s.next_drop_line) {
-        s.silent_drops++;
+    if (now < k.next_line) {
+        k.silent++;
         return;
     }
     const bool taken = say_of_drops("message dropped, %s (and %llu before it without a line)", why,
-                                    static_cast<unsigned long long>(s.silent_drops));
-    s.silent_drops = taken ? 0 : s.silent_drops + 1;
-    s.next_drop_line = now + (taken ? clock::duration(drop_line_interval) : clock::duration(lost_line_interval));
+                                    static_cast<unsigned long long>(k.silent));
+    k.silent = taken ? 0 : k.silent + 1;
+    k.next_line = now + (taken ? clock::duration(drop_line_interval) : clock::duration(lost_line_interval));
 }
 
 } // namespace itc

@@ -271,7 +271,9 @@ int itc_init(int mailbox_count, int alloc_scheme, const void *scheme_params, con
         return error;
     }
     g().box_allowance = mailbox_count;
-    g().next_drop_line = {}; // who joins anew hears of the first drop at once
+    for (drop_kind &k : g().drops) {
+        k.next_line = {}; // who joins anew hears of the first drop at once
+    }
     g().up = true;
     g().generation++;
     return 0;

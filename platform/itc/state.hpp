@@ -14,6 +14,7 @@
 #include "itc.h"
 #include "itc_wire.hpp"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -205,6 +206,15 @@ struct watch {
     void *arg;
 };
 
+// Drops for one reason; a flood of one hides no other.
+struct drop_kind {
+    const char *why = nullptr;
+    uint64_t silent = 0; // since the last line that told of them
+    clock::time_point next_line;
+};
+
+inline constexpr size_t DROP_KINDS = 8; // more than there are reasons
+
 struct state {
     std::mutex lock;
     std::condition_variable turn;
@@ -275,8 +285,7 @@ struct state {
     std::deque<late_news> late;
 
     itc_statistics statistics{};
-    uint64_t silent_drops = 0; // since the last line that told of them
-    clock::time_point next_drop_line;
+    std::array<drop_kind, DROP_KINDS> drops{};
 };
 
 // Never destroyed: threads may outlive main().

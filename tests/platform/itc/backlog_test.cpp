@@ -356,6 +356,20 @@ TEST_F(ItcBacklog, ALineAboutADropCountsTheSilentOnesBeforeItAndNoOther)
     }
 }
 
+TEST_F(ItcBacklog, DropsForOneReasonHideNoneForAnother)
+{
+    itc_exit();
+    own = join("own");
+    testing::internal::CaptureStderr();
+    for (uint32_t i = 0; i < 5; i++) {
+        send_number(ITC_NO_MBOX, i);
+    }
+    send_number(own + 1, 0); // another mailbox of this process, which it has not
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find("it was sent to no mailbox (and "), std::string::npos) << said;
+    EXPECT_NE(said.find("there is no such mailbox (and 0 before it without a line)\n"), std::string::npos) << said;
+}
+
 // ---- What never gets to a socket
 
 TEST_F(ItcBacklog, AMessageToAnOwnMailboxIsCountedAsSentAndOneToAMailboxThatIsNotThereIsNot)
