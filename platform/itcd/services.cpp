@@ -79,10 +79,9 @@ void leave_change(registry_client &causer, const std::string &name, const std::s
     causer.work.push_back(std::move(task));
 }
 
-// `causer` has the news told: the owner, or who takes the place of one that leaves.
-void withdraw(registry_client &causer, const service_ptr &which)
+// `causer` has the news told: the owner, or who takes the place of one that leaves. `gone` is no entry of a table.
+void withdraw(registry_client &causer, const service_ptr &gone)
 {
-    const service_ptr gone = which; // what is handed in may be an entry of a table
     gone->about->second.there.erase(gone->scope);
     gone->box->services.erase(gone);
     share_give(*gone->owner->of, held::services, bytes_of(*gone));
@@ -195,7 +194,8 @@ bool services_forget_one(registry_client &owner, registry_box_services &box)
         return true;
     }
     if (!box.services.empty()) {
-        withdraw(owner, *box.services.begin());
+        const auto gone = box.services.extract(box.services.begin());
+        withdraw(owner, gone.value());
         return true;
     }
     return false;
