@@ -90,6 +90,27 @@ void forget(registry_client &a, registry_client &b, pairing &p)
     pairings.erase(pair_key(a.process, b.process));
 }
 
+// A channel outlives the process at its other end until all that came over it is read. It counts for whose process that
+// was: who sends, ends and comes again would have as many as he likes.
+void keep_unread(registry_client &leaving, registry_client &other, const pairing &p)
+{
+    const bool closed = other.process < leaving.process ? p.low_closed : p.high_closed;
+    if (p.channel != 0 && !closed && !other.leaving) {
+        other.unread[leaving.process] = {p.channel, leaving.of};
+        share_owe(*leaving.of, held::unread);
+    }
+}
+
+void forget_unread(registry_client &reader, std::map<uint32_t, std::pair<uint32_t, share *>>::iterator which)
+{
+    share &of = *which->second.second;
+    reader.unread.erase(which);
+    share_give(of, held::unread, 0);
+    if (!of.active) {
+        share_forget(of);
+    }
+}
+
 void give_channel(registry_client &a, registry_client &b, pairing &p)
 {
     int ends[2];
@@ -135,8 +156,8 @@ void introduce_once(registry_client &from, registry_client &other)
         known->wanted_again = known->wanted_again || known->low_closed || known->high_closed;
         return;
     }
-    if (!share_take(*from.of, held::pairings, pairing_bytes)) {
-        out->say(from, "its user has too many introductions, there is no other");
+    if (!share_has_room(*from.of, held::unread, 1) || !share_take(*from.of, held::pairings, pairing_bytes)) {
+        out->say(from, "its user has too many introductions, or channels that are not read to the end: no other");
         tell_absent(from, other.process);
         return;
     }
@@ -149,6 +170,11 @@ void introduce_once(registry_client &from, registry_client &other)
 
 void introduction_closed(registry_client &from, uint32_t process, uint32_t number)
 {
+    const auto unread = from.unread.find(process);
+    if (unread != from.unread.end() && unread->second.first == number) {
+        forget_unread(from, unread);
+        return;
+    }
     pairing *known = find(from, process);
     if (known == nullptr || number == 0 || known->channel != number) {
         return;
@@ -188,12 +214,17 @@ bool introduce_next_waiting(registry_client &client)
 
 bool introduction_forget_one(registry_client &leaving)
 {
+    if (leaving.partners.empty() && !leaving.unread.empty()) {
+        forget_unread(leaving, leaving.unread.begin());
+        return true;
+    }
     if (leaving.partners.empty()) {
         return false;
     }
     registry_client &other = **leaving.partners.begin();
     pairing &p = *find(leaving, other.process);
     const bool hoped_for = p.channel == 0 || p.wanted_again;
+    keep_unread(leaving, other, p);
     forget(leaving, other, p);
     if (hoped_for && !other.leaving) {
         tell_absent(other, leaving.process);

@@ -75,11 +75,12 @@ struct registry_client {
     resting_boxes resting;
     size_t name_count = 0;
     size_t service_count = 0;
-    std::map<uint32_t, uint32_t> monitors;                            // token to mailbox
-    std::map<uint32_t, std::string_view> awaited;                     // token to name, as the waiters' table has it
-    std::map<uint32_t, registry_subscription> subscriptions;          // by sid
-    std::set<uint32_t> stale;                                         // sids whose news were kept back
-    std::set<registry_client *> partners;                             // whom it has been introduced to, or is to be
+    std::map<uint32_t, uint32_t> monitors;                   // token to mailbox
+    std::map<uint32_t, std::string_view> awaited;            // token to name, as the waiters' table has it
+    std::map<uint32_t, registry_subscription> subscriptions; // by sid
+    std::set<uint32_t> stale;                                // sids whose news were kept back
+    std::set<registry_client *> partners;                    // whom it has been introduced to, or is to be
+    std::map<uint32_t, std::pair<uint32_t, share *>> unread; // processes that are gone: the channel, and whose it was
     std::map<std::pair<size_t, uint64_t>, registry_client *> wanting; // introductions that wait for it
     std::map<uid_t, size_t> wanting_of;                               // how many of them each user asked for
     std::vector<registry_task> work;                                  // the last is done first

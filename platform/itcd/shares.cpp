@@ -32,6 +32,8 @@ bool share_take(share &of, held what, size_t bytes)
     return true;
 }
 
+void share_owe(share &of, held what) { of.counts[static_cast<size_t>(what)]++; }
+
 void share_give(share &of, held what, size_t bytes)
 {
     of.counts[static_cast<size_t>(what)]--;

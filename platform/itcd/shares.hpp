@@ -21,6 +21,7 @@ enum class held : size_t {
     awaits,
     monitors,
     pairings,
+    unread,
     kinds
 };
 
@@ -34,6 +35,7 @@ inline constexpr size_t share_bounds[static_cast<size_t>(held::kinds)] = {
     16384, // names that are waited for
     65536, // monitors
     16384, // introductions
+    256,   // channels of processes that are gone, which others have not read to the end
 };
 inline constexpr size_t share_bytes_bound = 24u << 20; // of tables
 inline constexpr size_t share_queued_bound = 8u << 20; // of frames that its processes have not read
@@ -54,6 +56,7 @@ struct share {
 
 share &share_of(uid_t user);                                // made when it is asked for
 bool share_take(share &of, held what, size_t bytes);        // false, and nothing is taken, at a bound
+void share_owe(share &of, held what);                       // the same at any bound, for what cannot be refused
 void share_give(share &of, held what, size_t bytes);        // what share_take took
 bool share_has_room(const share &of, held what, size_t by); // for `by` more
 void share_forget(share &of);                               // if it holds nothing any more
