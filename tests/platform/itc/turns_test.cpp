@@ -447,6 +447,35 @@ TEST_F(Registry, NineHundredWhoWantToMeetAProcessThatDoesNotReadEndNobody)
     EXPECT_EQ(count(honest.hear(), itc_wire::channel), 1u);
 }
 
+TEST_F(Registry, ChannelsOfProcessesThatAreGoneCountForTheirUserUntilTheyAreReadToTheEnd)
+{
+    Process reader(connect_raw());
+    reader.create(1, "reader");
+    const auto locates = [](Process &one) {
+        one.locate("reader");
+        return one.hear_until([](const auto &all) { return count(all, itc_wire::located) == 1; });
+    };
+    std::vector<Told> unread;
+    for (size_t i = 0; i < share_bounds[static_cast<size_t>(held::unread)]; i++) {
+        Process one(connect_raw());
+        EXPECT_EQ(count(locates(one), itc_wire::channel), 1u);
+        for (const Told &told : reader.hear()) {
+            if (told.type == itc_wire::channel) {
+                unread.push_back(told);
+            }
+        }
+    }
+    settle();
+    Process late(connect_raw());
+    const auto told = locates(late);
+    EXPECT_EQ(count(told, itc_wire::channel), 0u);
+    EXPECT_EQ(count(told, itc_wire::no_process), 1u);
+    ASSERT_FALSE(unread.empty());
+    reader.say_in_turns(itc_wire::writer(itc_wire::closed, 0).u32(unread[0].first).u32(unread[0].second));
+    settle();
+    EXPECT_EQ(count(locates(late), itc_wire::channel), 1u);
+}
+
 TEST_F(Registry, AnIntroductionThatWaitsEndsWithEitherProcess)
 {
     Process busy(connect_raw());
