@@ -350,7 +350,8 @@ std::vector<std::string> policy_read(policy &p, const std::string &directory, si
     closedir(dir);
     std::sort(names.begin(), names.end());
     for (const std::string &name : names) {
-        read_file(directory + "/" + name, p, wrong);
+        std::string path = directory;
+        read_file(path.append("/").append(name), p, wrong);
     }
     *files = names.size();
     return wrong;
