@@ -6,6 +6,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+outbox::~outbox()
+{
+    while (head != nullptr) {
+        outbox_pop(*this);
+    }
+}
+
 void outbox_push(outbox &box, std::string_view frame, int fd, bool own)
 {
     auto *fresh = static_cast<outbox_frame *>(malloc(sizeof(outbox_frame) + frame.size()));

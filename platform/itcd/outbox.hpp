@@ -23,6 +23,11 @@ struct outbox {
     size_t held = 0;     // bytes of memory
     size_t own_held = 0; // those of answers
     size_t written = 0;  // of the head
+
+    outbox() = default;
+    outbox(const outbox &) = delete;
+    outbox &operator=(const outbox &) = delete;
+    ~outbox();
 };
 
 void outbox_push(outbox &box, std::string_view frame, int fd, bool own); // takes `fd` over
