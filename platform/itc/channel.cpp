@@ -93,7 +93,7 @@ void buffer_give_back(peer *p)
 {
     if (g().spare_buffer == nullptr) {
         g().spare_buffer = p->buffer;
-    } else {
+    } else if (p->buffer != nullptr) {
         free(p->buffer);
         memory_less(reader_size);
     }
