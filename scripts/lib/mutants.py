@@ -33,7 +33,7 @@ TESTS = (
     ("src/manager/*", ("unit_manager", "scenario", "unit_iemli", "unit_clients")),
     ("src/*", ("scenario", "unit_iemli")),
     ("platform/itc/*", ("platform_itc", "platform_ns", "platform_sighandler", "node_live")),
-    ("platform/itcd/*", ("itcd_numbers", "platform_itc", "platform_ns")),
+    ("platform/itcd/*", ("itcd_numbers", "itcd_turns", "platform_itc", "platform_ns")),
     ("platform/ns/*", ("platform_ns",)),
     ("platform/sighandler/*", ("platform_sighandler",)),
     ("platform/supervision/*", ("supervision_core", "platform_supervision")),
@@ -50,7 +50,7 @@ NEEDS = {
     "node_live": ("itcd", "kap-node"),
     "e2e": ("e2e-client", "e2e-hostile", "itcd", "kap-node", "kap-vorn", "kap-demo", "kap-trace", "vornctl"),
 }
-SHARDS = {name: 1 for name in (*CORE, "supervision_core", "itcd_numbers")}
+SHARDS = {name: 1 for name in (*CORE, "supervision_core", "itcd_numbers", "itcd_turns")}
 SILENCE = 120  # seconds without a word; the longest test takes 20
 MANY_SHARDS = 6  # tests of the platform wait more than they work
 
