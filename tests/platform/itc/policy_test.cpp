@@ -123,6 +123,67 @@ TEST_F(Policy, TheCheckSaysEverythingThatIsWrongWithItsPlace)
                     "itcd: /run/policy.d/d.toml:1:8: write [[name]]\n");
 }
 
+TEST_F(Policy, TheCheckKnowsEachKindOfMistake)
+{
+    const std::string long_name(256, 'n');
+    write("a.toml", "connect = 5\n");
+    write("b.toml", "[[name]]\nname = \"\"\n[[name]]\nprefix = \"\"\nusers = [\"nobody\"]\n[[name]]\nname = 7\n"
+                    "groups = []\n[[name]]\nname = \"" +
+                        long_name + "\"\nusers = []\n[[name]]\nname = \"a\\u0000b\"\nusers = []\n");
+    write("c.toml", "[[service]]\nname = \"s\"\nscope = 1\n");
+    write("d.toml", "[[door]]\nonly = 5\nshare = [1]\n[[door]]\nname = \"d\"\n[[door.only]]\n[[door.only]]\n"
+                    "numbers = []\nfrom = [\"\", \"" +
+                        long_name +
+                        "\", 8]\n[[door.only]]\nnumbers = 7\nfrom = 7\n[[door.only]]\n"
+                        "numbers = [[\"x\", 2], [1, \"y\"], -1, 4294967296]\ngroups = [\"games\"]\n[[door.share]]\n"
+                        "opens = 1\nopened = 2\nrefused = 3\nclosed = 4\nsession_at = 3\nat_most = 65537\n");
+    write("e.toml", "");
+    ASSERT_EQ(mkdir("/run/policy.d/f.toml", 0755), 0);
+    const auto [status, said] = call({"--check", DIRECTORY});
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(said, "itcd: /run/policy.d/a.toml:1:11: write [connect]\n"
+                    "itcd: /run/policy.d/b.toml:1:1: lacks \"users\" or \"groups\"\n"
+                    "itcd: /run/policy.d/b.toml:1:1: needs a \"name\" or a \"prefix\", one of them, and not empty\n"
+                    "itcd: /run/policy.d/b.toml:3:1: needs a \"name\" or a \"prefix\", one of them, and not empty\n"
+                    "itcd: /run/policy.d/b.toml:6:1: needs a \"name\" or a \"prefix\", one of them, and not empty\n"
+                    "itcd: /run/policy.d/b.toml:7:8: must be a text of at most 255 bytes\n"
+                    "itcd: /run/policy.d/b.toml:9:1: needs a \"name\" or a \"prefix\", one of them, and not empty\n"
+                    "itcd: /run/policy.d/b.toml:10:8: must be a text of at most 255 bytes\n"
+                    "itcd: /run/policy.d/b.toml:12:1: needs a \"name\" or a \"prefix\", one of them, and not empty\n"
+                    "itcd: /run/policy.d/b.toml:13:8: must be a text of at most 255 bytes\n"
+                    "itcd: /run/policy.d/c.toml:1:1: lacks \"users\" or \"groups\"\n"
+                    "itcd: /run/policy.d/c.toml:3:9: must be a text of at most 255 bytes\n"
+                    "itcd: /run/policy.d/d.toml:1:1: lacks \"name\"\n"
+                    "itcd: /run/policy.d/d.toml:2:8: write [[door.only]]\n"
+                    "itcd: /run/policy.d/d.toml:3:9: write [[door.share]]\n"
+                    "itcd: /run/policy.d/d.toml:6:1: lacks \"numbers\"\n"
+                    "itcd: /run/policy.d/d.toml:6:1: lacks \"from\", \"users\" or \"groups\"\n"
+                    "itcd: /run/policy.d/d.toml:8:11: must be a list of numbers\n"
+                    "itcd: /run/policy.d/d.toml:9:9: must be a name of 1 to 255 bytes\n"
+                    "itcd: /run/policy.d/d.toml:9:13: must be a name of 1 to 255 bytes\n"
+                    "itcd: /run/policy.d/d.toml:9:273: must be a text\n"
+                    "itcd: /run/policy.d/d.toml:11:11: must be a list of numbers\n"
+                    "itcd: /run/policy.d/d.toml:12:8: must be a list of texts\n"
+                    "itcd: /run/policy.d/d.toml:14:13: must be a number from 0 to 4294967295\n"
+                    "itcd: /run/policy.d/d.toml:14:26: must be a number from 1 to 4294967295\n"
+                    "itcd: /run/policy.d/d.toml:14:32: must be a number from 0 to 4294967295\n"
+                    "itcd: /run/policy.d/d.toml:14:36: must be a number from 0 to 4294967295\n"
+                    "itcd: /run/policy.d/d.toml:16:1: lacks \"users\" or \"groups\"\n"
+                    "itcd: /run/policy.d/d.toml:21:14: must be a number from 4 to 65536\n"
+                    "itcd: /run/policy.d/d.toml:22:11: must be a number from 0 to 65536\n"
+                    "itcd: /run/policy.d/e.toml: cannot be read, or is empty\n"
+                    "itcd: /run/policy.d/f.toml: cannot be read, or is empty\n");
+}
+
+TEST_F(Policy, TheCheckOfWhatIsNoDirectorySaysSo)
+{
+    EXPECT_EQ(call({"--check", "/run/there-is-none"}),
+              std::make_pair(1, std::string("itcd: /run/there-is-none: no policy there, not one file *.toml\n")));
+    write("a.toml", "");
+    EXPECT_EQ(call({"--check", "/run/policy.d/a.toml"}),
+              std::make_pair(1, std::string("itcd: /run/policy.d/a.toml: Not a directory\n")));
+}
+
 TEST_F(Policy, TheCheckOfAGoodPolicySaysNothing)
 {
     write("a.toml", "[connect]\nusers = [\"nobody\"]\ngroups = [\"games\"]\n"
