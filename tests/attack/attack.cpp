@@ -203,6 +203,7 @@ void make_directory_of(const std::string &path, const std::string &user)
 void make_places(arena &a)
 {
     private_etc_make(USERS);
+    a.s.bin_dir = programs_for_everybody(a.s.bin_dir);
     make_directory_of(itc_wire::directory, "kap-itc");
     make_directory_of("/run/kap-tri", "kap-vorn");
     fs::create_directories("/run/attack");

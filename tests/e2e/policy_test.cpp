@@ -62,6 +62,7 @@ protected:
             GTEST_SKIP() << "there are no other users in this user namespace";
         }
         private_etc_make(USERS);
+        d.stage.bin_dir = programs_for_everybody(d.stage.bin_dir);
         make_directory("/run/kap-itc", "kap-itc");
         make_directory("/run/kap-tri", "kap-vorn");
         fs::create_directories(POLICY);

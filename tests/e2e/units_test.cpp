@@ -76,6 +76,7 @@ protected:
             GTEST_SKIP() << "there are no other users in this user namespace";
         }
         private_etc_make(users);
+        d.stage.bin_dir = programs_for_everybody(d.stage.bin_dir);
         make_directory("/run/kap-itc", "kap-itc");
         make_directory("/run/kap-tri", "kap-vorn");
         run_as_unit(REGISTRY, "kap-itcd.service");

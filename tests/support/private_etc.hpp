@@ -1,4 +1,5 @@
-// An /etc of the sandbox's own, with users that the machine does not have. Only inside a sandbox.
+// An /etc of the sandbox's own, with users that the machine does not have, and programs that these can read wherever
+// the checkout lies. Only inside a sandbox.
 #pragma once
 
 #include <filesystem>
@@ -42,4 +43,23 @@ inline void private_etc_make(const std::vector<private_user> &users)
     if (mount(copy.c_str(), "/etc", nullptr, MS_BIND, nullptr) != 0) {
         throw std::runtime_error("cannot mount an own /etc");
     }
+}
+
+// Where users who may not look into the checkout (it may lie in somebody's home) find what was built. The programs find
+// their libraries from where they are themselves.
+inline std::string programs_for_everybody(const std::string &bin_dir)
+{
+    namespace fs = std::filesystem;
+    const fs::path place = "/run/built";
+    for (const char *part : {"bin", "lib"}) {
+        const fs::path from = fs::path(bin_dir).parent_path() / part;
+        if (fs::exists(place / part) && umount2((place / part).c_str(), MNT_DETACH) != 0) {
+            throw std::runtime_error("cannot give up the last " + from.string());
+        }
+        fs::create_directories(place / part);
+        if (mount(from.c_str(), (place / part).c_str(), nullptr, MS_BIND, nullptr) != 0) {
+            throw std::runtime_error("cannot show " + from.string() + " to other users");
+        }
+    }
+    return place / "bin";
 }
