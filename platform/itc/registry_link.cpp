@@ -251,6 +251,14 @@ bool parse()
     return next != frame_is::nonsense;
 }
 
+void parse_or_lose()
+{
+    if (!parse()) {
+        complain("the registry sent a frame that makes no sense, giving it up");
+        lose();
+    }
+}
+
 void keep_descriptors(msghdr &message)
 {
     for (cmsghdr *c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
@@ -489,9 +497,8 @@ void registry_catch_up()
 void registry_read()
 {
     state &s = g();
-    if (s.registry_ahead && s.registry >= 0 && !parse()) {
-        complain("the registry sent a frame that makes no sense, giving it up");
-        lose();
+    if (s.registry_ahead && s.registry >= 0) {
+        parse_or_lose();
     }
     while (s.registry >= 0) {
         const ssize_t got = receive_some();
@@ -503,10 +510,7 @@ void registry_read()
             return;
         }
         s.registry_fill += static_cast<size_t>(got);
-        if (!parse()) {
-            complain("the registry sent a frame that makes no sense, giving it up");
-            lose();
-        }
+        parse_or_lose();
     }
 }
 

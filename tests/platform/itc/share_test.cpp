@@ -85,10 +85,9 @@ protected:
     {
         ItcTest::SetUp();
         if (!IsSkipped()) {
-            itc_internal_set_half_sent_limit(30000);
+            itc_internal_set_half_sent_limit(30000); // as it is when no test has set it
             start_registry();
             own = join("own");
-            itc_internal_set_half_sent_limit(30000); // as it is when no test has set it
             box = static_cast<uint16_t>(own & 0xFFF);
         }
     }
