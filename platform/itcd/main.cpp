@@ -14,6 +14,7 @@
 #include "policy_file.hpp"
 #include "program_call.hpp"
 #include "server.hpp"
+#include "service_manager.hpp"
 
 #include <cerrno>
 #include <csignal>
@@ -21,7 +22,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <getopt.h>
-#include <poll.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -170,43 +170,13 @@ int open_signals()
     return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
-// A manager that does not read is waited for a second, and then done without. Returns an errno value.
-int send_in_time(int fd)
-{
-    static constexpr char ready[] = "READY=1";
-    pollfd room{fd, POLLOUT, 0};
-    constexpr int limit_ms = 1000;
-    if (poll(&room, 1, limit_ms) == 0) {
-        return ETIMEDOUT;
-    }
-    return send(fd, ready, sizeof ready - 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0 ? errno : 0;
-}
-
-// Tells a service manager that asked for it. Its socket may have an abstract name, written with a leading '@'.
+// A manager that does not read is waited for a second, and then done without.
 void notify_ready()
 {
-    const char *path = getenv("NOTIFY_SOCKET");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const size_t length = path == nullptr ? 0 : strlen(path);
-    if (length < 2 || length >= sizeof address.sun_path) {
-        return;
-    }
-    memcpy(address.sun_path, path, length);
-    if (path[0] == '@') {
-        address.sun_path[0] = 0;
-    }
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
-    int error = fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&address), size) == 0 ? 0 : errno;
-    if (error == 0) {
-        error = send_in_time(fd);
-    }
+    constexpr int limit_ms = 1000;
+    const int error = manager_tell("READY=1", limit_ms);
     if (error != 0) {
         complain("the service manager was not told: %s", strerror(error));
-    }
-    if (fd >= 0) {
-        close(fd);
     }
 }
 
