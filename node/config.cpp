@@ -2,13 +2,18 @@
 #include "config.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <fstream>
-#include <set>
+#include <functional>
+#include <map>
+#include <sstream>
+
+#define TOML_EXCEPTIONS 0
+#define TOML_ENABLE_FORMATTERS 0
+#include <toml++/toml.h>
 
 namespace kap_node
 {
-
-using nlohmann::json;
 
 namespace
 {
@@ -18,188 +23,399 @@ constexpr size_t PORT_NAME_MOST = 15;
 constexpr size_t FMI_NAME_MOST = 63;
 constexpr size_t INTERFACE_MOST = 15;
 constexpr size_t NAMESPACE_MOST = 255;
+// What a client keeps of the namespace of a VLAN.
+constexpr size_t VLAN_NAMESPACE_MOST = 15;
 constexpr uint32_t MOST_CLIENTS = 4096;
 constexpr uint32_t MOST_RECORDS = 16'000'000;
 
-[[noreturn]] void fail(const std::string &where, const std::string &what) { throw config_error(where + ": " + what); }
+struct port_names {
+    const char *people_name;
+    const char *name;
+    const char *fmi_name;
+};
 
-void expect_keys(const json &object, const std::string &where, const std::vector<std::string> &known)
+constexpr port_names PORTS[] = {
+    {"IDL_A1", "IDLA1", "DiPort_A1"}, {"IDL_A2", "IDLA2", "DiPort_A2"}, {"IDL_B1", "IDLB1", "DiPort_B1"},
+    {"IDL_B2", "IDLB2", "DiPort_B2"}, {"TN_A", "TNA", "TNA"},           {"TN_B", "TNB", "TNB"},
+    {"TN_C", "TNC", "TNC"},           {"TN_D", "TND", "TND"},
+};
+
+struct mistake {
+    toml::source_position at;
+    std::string what;
+};
+
+// What is wrong with the file, in the order in which it was found.
+struct file {
+    std::vector<mistake> mistakes;
+
+    void refuse(const toml::source_region &where, const std::string &what) { mistakes.push_back({where.begin, what}); }
+};
+
+// What a table may hold: for each key what to do with its value. Whatever else it holds is refused.
+using keys = std::map<std::string_view, std::function<void(const toml::node &)>>;
+
+void read_table(file &f, const toml::node &node, const char *written, const keys &known)
 {
-    if (!object.is_object()) {
-        fail(where, "is not an object");
+    const toml::table *table = node.as_table();
+    if (table == nullptr) {
+        f.refuse(node.source(), std::string("write ") + written);
+        return;
     }
-    for (const auto &[key, value] : object.items()) {
-        if (std::find(known.begin(), known.end(), key) == known.end()) {
-            fail(where, "unknown key \"" + key + "\"");
+    for (const auto &[key, value] : *table) {
+        const auto found = known.find(key.str());
+        if (found == known.end()) {
+            f.refuse(key.source(), "nothing is called \"" + std::string(key.str()) + "\" here");
+        } else {
+            found->second(value);
         }
     }
 }
 
-std::string text_of(const json &object, const std::string &where, const char *key, const std::string &fallback,
-                    size_t longest)
+// ---- Values --------------------------------------------------------------------------------------------------------
+
+using check = std::function<std::string(const std::string &)>; // what is wrong with a text, or nothing
+
+// True when it is a text and nothing is wrong with it.
+bool read_text(file &f, const toml::node &node, const check &wrong_with, std::string *to)
 {
-    if (!object.contains(key)) {
-        return fallback;
+    const auto *text = node.as_string();
+    const std::string bad = text == nullptr ? "must be a text" : wrong_with(text->get());
+    if (!bad.empty()) {
+        f.refuse(node.source(), bad);
+        return false;
     }
-    if (!object[key].is_string()) {
-        fail(where + "." + key, "is not a string");
-    }
-    auto text = object[key].get<std::string>();
-    if (text.size() > longest || text.find('\0') != std::string::npos) {
-        fail(where + "." + key, "is longer than " + std::to_string(longest) + " characters or holds a zero byte");
-    }
-    return text;
+    *to = text->get();
+    return true;
 }
 
-uint32_t number_of(const json &object, const std::string &where, const char *key, uint32_t fallback, uint32_t most)
+template <class Value>
+void read_word(file &f, const toml::node &node, const std::map<std::string, Value> &words, Value *to)
 {
-    if (!object.contains(key)) {
-        return fallback;
+    const auto *text = node.as_string();
+    const auto found = text == nullptr ? words.end() : words.find(text->get());
+    if (found != words.end()) {
+        *to = found->second;
+        return;
     }
-    const json &value = object[key];
-    if (!value.is_number_unsigned() || value.get<uint64_t>() > most) {
-        fail(where + "." + key, "is no number from 0 to " + std::to_string(most));
+    std::string all;
+    for (const auto &[word, value] : words) {
+        all += (all.empty() ? "\"" : " or \"") + word + "\"";
     }
-    return value.get<uint32_t>();
+    f.refuse(node.source(), "must be " + all);
 }
 
-bool flag_of(const json &object, const std::string &where, const char *key, bool fallback)
+template <class Number> void read_number(file &f, const toml::node &node, uint32_t most, Number *to)
 {
-    if (!object.contains(key)) {
-        return fallback;
+    const auto *number = node.as_integer();
+    if (number == nullptr || number->get() < 0 || number->get() > most) {
+        f.refuse(node.source(), "must be a number from 0 to " + std::to_string(most));
+    } else {
+        *to = static_cast<Number>(number->get());
     }
-    if (!object[key].is_boolean()) {
-        fail(where + "." + key, "is neither true nor false");
+}
+
+void read_flag(file &f, const toml::node &node, bool *to)
+{
+    const auto *flag = node.as_boolean();
+    if (flag == nullptr) {
+        f.refuse(node.source(), "must be true or false");
+    } else {
+        *to = flag->get();
     }
-    return object[key].get<bool>();
+}
+
+bool has_control_character(const std::string &text)
+{
+    return std::any_of(text.begin(), text.end(), [](unsigned char c) { return iscntrl(c) != 0; });
+}
+
+check name_of_at_most(size_t longest)
+{
+    return [longest](const std::string &text) {
+        const bool fits = !text.empty() && text.size() <= longest && !has_control_character(text);
+        return fits ? "" : "must be a name of 1 to " + std::to_string(longest) + " characters";
+    };
+}
+
+// As the kernel has it.
+std::string wrong_with_interface(const std::string &text)
+{
+    const auto is_bad = [](unsigned char c) { return c == '/' || c == ':' || isspace(c) != 0; };
+    if (text == "." || text == ".." || std::any_of(text.begin(), text.end(), is_bad)) {
+        return "\"" + text + "\" can be no interface's name";
+    }
+    return name_of_at_most(INTERFACE_MOST)(text);
 }
 
 // A namespace is named, not found by a path.
-std::string name_space_of(const json &object, const std::string &where)
+std::string wrong_with_namespace(const std::string &text)
 {
-    std::string name = text_of(object, where, "namespace", "", NAMESPACE_MOST);
-    if (name.find('/') != std::string::npos || name == "." || name == "..") {
-        fail(where + ".namespace", "is a path");
+    if (text.find('/') != std::string::npos || text == "." || text == "..") {
+        return "must be the name of a namespace, not a path";
     }
-    return name;
+    if (text.size() > NAMESPACE_MOST || has_control_character(text)) {
+        return "must be a name of at most " + std::to_string(NAMESPACE_MOST) + " characters";
+    }
+    return "";
 }
 
-bool parse_adm_state(const json &object, const std::string &where)
+// Where the interfaces are that this is about.
+std::string wrong_with_place(const std::string &text)
 {
-    const std::string text = text_of(object, where, "adm_state", "locked", 16);
-    if (text != "locked" && text != "unlocked") {
-        fail(where + ".adm_state", "\"" + text + "\" is neither \"locked\" nor \"unlocked\"");
+    if (text == HOST_NAMESPACE) {
+        return "\"" + text + "\" stands for the machine's own namespace: leave the key out";
     }
-    return text == "unlocked";
+    return wrong_with_namespace(text);
 }
 
-port_config parse_port(const json &object, const std::string &where)
-{
-    expect_keys(object, where,
-                {"name", "fmi_name", "interface", "namespace", "reported_namespace", "adm_state", "capability",
-                 "vlan_interfaces"});
+// ---- Ports ---------------------------------------------------------------------------------------------------------
+
+// A port, and where the file says what another must not say too.
+struct port_entry {
     port_config port;
-    port.name = text_of(object, where, "name", "", PORT_NAME_MOST);
-    if (port.name.empty()) {
-        fail(where, "a port needs a name");
+    toml::source_region at;
+    toml::source_region name_at;
+    toml::source_region fmi_name_at;
+    toml::source_region name_space_at;
+};
+
+bool is_tn(const port_config &port) { return port.people_name.starts_with("TN"); }
+
+// What has been read is kept as it is for what is not wrong, so that one mistake is told once.
+port_entry read_port(file &f, const port_names &names, const toml::key &key, const toml::node &node)
+{
+    port_entry entry{{}, key.source(), key.source(), key.source(), key.source()};
+    port_config &port = entry.port;
+    port.people_name = names.people_name;
+    port.name = names.name;
+    port.fmi_name = names.fmi_name;
+    port.unlocked = true;
+    port.vlan_interfaces = true;
+    bool has_interface = false;
+    bool is_told_otherwise = false;
+    const std::string written = "[ports." + port.people_name + "]";
+    const auto text_to = [&f](std::string *to, toml::source_region *at, const check &wrong_with) {
+        return [&f, to, at, wrong_with](const toml::node &value) {
+            *at = value.source();
+            (void)read_text(f, value, wrong_with, to);
+        };
+    };
+    toml::source_region interface_at = key.source();
+    read_table(f, node, written.c_str(),
+               {{"name", text_to(&port.name, &entry.name_at, name_of_at_most(PORT_NAME_MOST))},
+                {"fmi_name", text_to(&port.fmi_name, &entry.fmi_name_at, name_of_at_most(FMI_NAME_MOST))},
+                {"interface",
+                 [&](const toml::node &value) {
+                     has_interface = true;
+                     interface_at = value.source();
+                     (void)read_text(f, value, wrong_with_interface, &port.interface);
+                 }},
+                {"namespace", text_to(&port.name_space, &entry.name_space_at, wrong_with_place)},
+                {"reported_namespace",
+                 [&](const toml::node &value) {
+                     is_told_otherwise = true;
+                     entry.name_space_at = value.source();
+                     (void)read_text(f, value, wrong_with_namespace, &port.reported_name_space);
+                 }},
+                {"admin",
+                 [&](const toml::node &value) {
+                     read_word<bool>(f, value, {{"locked", false}, {"unlocked", true}}, &port.unlocked);
+                 }},
+                {"vlan",
+                 [&](const toml::node &value) {
+                     read_word<vlan_mode>(
+                         f, value,
+                         {{"device", vlan_mode::device}, {"bridge", vlan_mode::bridge}, {"none", vlan_mode::none}},
+                         &port.vlan);
+                 }},
+                {"capability", [&](const toml::node &value) { read_number(f, value, UINT32_MAX, &port.capability); }},
+                {"vlan_interfaces", [&](const toml::node &value) { read_flag(f, value, &port.vlan_interfaces); }}});
+    if (!has_interface && node.is_table()) {
+        f.refuse(key.source(), port.people_name + " lacks \"interface\"");
     }
-    port.fmi_name = text_of(object, where, "fmi_name", port.name, FMI_NAME_MOST);
-    port.interface = text_of(object, where, "interface", "", INTERFACE_MOST);
-    port.name_space = name_space_of(object, where);
-    port.reported_name_space = text_of(object, where, "reported_namespace", port.name_space, NAMESPACE_MOST);
-    port.unlocked = parse_adm_state(object, where);
-    port.capability = number_of(object, where, "capability", 2, UINT32_MAX);
-    port.vlan_interfaces = flag_of(object, where, "vlan_interfaces", false);
-    return port;
+    port.interface_at = {interface_at.begin.line, interface_at.begin.column};
+    port.reported_name_space = is_told_otherwise ? port.reported_name_space : port.name_space;
+    return entry;
 }
 
-std::vector<port_config> parse_ports(const json &list)
+std::string the_line(const toml::source_region &where) { return "line " + std::to_string(where.begin.line); }
+
+// What two ports cannot both have.
+void refuse_what_is_taken(file &f, const port_entry &first, const port_entry &second)
 {
-    if (!list.is_array()) {
-        fail("ports", "is not a list");
+    const auto taken = [&](const std::string &what) { return what + " is " + first.port.people_name + "'s already"; };
+    if (first.port.name == second.port.name) {
+        f.refuse(second.name_at, taken("the name \"" + second.port.name + "\"") + ", " + the_line(first.name_at));
     }
-    std::vector<port_config> ports;
-    std::set<std::string> names;
-    for (size_t i = 0; i < list.size(); ++i) {
-        const std::string where = "ports[" + std::to_string(i) + "]";
-        ports.push_back(parse_port(list[i], where));
-        if (!names.insert(ports.back().name).second) {
-            fail(where, "a second port of the name " + ports.back().name);
+    if (first.port.fmi_name == second.port.fmi_name) {
+        f.refuse(second.fmi_name_at,
+                 taken("the name \"" + second.port.fmi_name + "\"") + ", " + the_line(first.fmi_name_at));
+    }
+    if (first.port.interface == second.port.interface && first.port.name_space == second.port.name_space &&
+        !first.port.interface.empty()) {
+        const file_place at = second.port.interface_at;
+        f.refuse({{at.line, at.column}, {at.line, at.column}, nullptr},
+                 taken("the interface \"" + second.port.interface + "\"") + ", line " +
+                     std::to_string(first.port.interface_at.line));
+    }
+}
+
+void check_ports(file &f, const std::vector<port_entry> &entries)
+{
+    for (size_t i = 0; i < entries.size(); ++i) {
+        for (size_t j = 0; j < i; ++j) {
+            refuse_what_is_taken(f, entries[j], entries[i]);
         }
+        const port_config &port = entries[i].port;
+        if (is_tn(port) && port.vlan_interfaces && port.reported_name_space.size() > VLAN_NAMESPACE_MOST) {
+            f.refuse(entries[i].name_space_at, "the namespace of a TN port's VLANs is told to clients in at most " +
+                                                   std::to_string(VLAN_NAMESPACE_MOST) + " characters");
+        }
+    }
+}
+
+std::vector<port_config> read_ports(file &f, const toml::node &node)
+{
+    std::vector<port_entry> entries;
+    const toml::table *table = node.as_table();
+    if (table == nullptr) {
+        f.refuse(node.source(), "write [ports.IDL_A1], or another port's name");
+        return {};
+    }
+    for (const auto &[key, value] : *table) {
+        const std::string_view name = key.str();
+        const auto *names = std::find_if(std::begin(PORTS), std::end(PORTS),
+                                         [&](const port_names &each) { return name == each.people_name; });
+        if (names == std::end(PORTS)) {
+            f.refuse(key.source(), "there is no port \"" + std::string(name) +
+                                       "\"; there are IDL_A1, IDL_A2, IDL_B1, IDL_B2, TN_A, TN_B, TN_C and TN_D");
+        } else {
+            entries.push_back(read_port(f, *names, key, value));
+        }
+    }
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const port_entry &a, const port_entry &b) { return a.at.begin < b.at.begin; });
+    check_ports(f, entries);
+    std::vector<port_config> ports;
+    for (port_entry &entry : entries) {
+        ports.push_back(std::move(entry.port));
     }
     return ports;
 }
 
-far_end_config parse_far_end(const json &object, const std::string &where)
+// ---- The far end ---------------------------------------------------------------------------------------------------
+
+void read_interfaces(file &f, const toml::node &node, std::vector<std::string> *to)
 {
-    expect_keys(object, where, {"namespace", "interfaces"});
-    far_end_config place;
-    place.name_space = name_space_of(object, where);
-    const json list = object.value("interfaces", json());
-    if (!list.is_array() || list.empty()) {
-        fail(where + ".interfaces", "is not a list of names");
+    const toml::array *list = node.as_array();
+    if (list == nullptr || list->empty()) {
+        f.refuse(node.source(), "must be a list of interfaces' names");
+        return;
     }
-    for (const json &name : list) {
-        if (!name.is_string() || name.get<std::string>().empty() || name.get<std::string>().size() > INTERFACE_MOST) {
-            fail(where + ".interfaces", name.dump() + " is no name of an interface");
+    for (const toml::node &entry : *list) {
+        std::string name;
+        if (read_text(f, entry, wrong_with_interface, &name)) {
+            to->push_back(name);
         }
-        place.interfaces.push_back(name.get<std::string>());
+    }
+}
+
+far_end_config read_far_end(file &f, const toml::node &node)
+{
+    far_end_config place;
+    read_table(f, node, "[[far_end]]",
+               {{"namespace",
+                 [&](const toml::node &value) { (void)read_text(f, value, wrong_with_place, &place.name_space); }},
+                {"interfaces", [&](const toml::node &value) { read_interfaces(f, value, &place.interfaces); }}});
+    if (node.is_table() && !node.as_table()->contains("interfaces")) {
+        f.refuse(node.source(), "lacks \"interfaces\"");
     }
     return place;
 }
 
-std::vector<far_end_config> parse_far_ends(const json &list)
+std::vector<far_end_config> read_far_ends(file &f, const toml::node &node)
 {
-    if (!list.is_array()) {
-        fail("far_end", "is not a list");
-    }
     std::vector<far_end_config> places;
-    for (size_t i = 0; i < list.size(); ++i) {
-        places.push_back(parse_far_end(list[i], "far_end[" + std::to_string(i) + "]"));
+    const toml::array *list = node.as_array();
+    if (list == nullptr) {
+        f.refuse(node.source(), "write [[far_end]]");
+        return places;
+    }
+    for (const toml::node &entry : *list) {
+        places.push_back(read_far_end(f, entry));
     }
     return places;
 }
 
+// ---- The file ------------------------------------------------------------------------------------------------------
+
+node_config read_all(file &f, const toml::table &document)
+{
+    node_config config;
+    read_table(
+        f, document, "a table",
+        {{"backend",
+          [&](const toml::node &value) {
+              read_word<backend_kind>(f, value, {{"kernel", backend_kind::kernel}, {"memory", backend_kind::memory}},
+                                      &config.backend);
+          }},
+         {"max_clients", [&](const toml::node &value) { read_number(f, value, MOST_CLIENTS, &config.max_clients); }},
+         {"ports", [&](const toml::node &value) { config.ports = read_ports(f, value); }},
+         {"emi",
+          [&](const toml::node &value) {
+              read_table(f, value, "[emi]", {{"max_endpoints", [&](const toml::node &number) {
+                                                  read_number(f, number, MOST_RECORDS, &config.max_endpoints);
+                                              }}});
+          }},
+         {"fmi",
+          [&](const toml::node &value) {
+              read_table(f, value, "[fmi]", {{"max_rules", [&](const toml::node &number) {
+                                                  read_number(f, number, MOST_RECORDS, &config.max_rules);
+                                              }}});
+          }},
+         {"far_end", [&](const toml::node &value) { config.far_end = read_far_ends(f, value); }}});
+    return config;
+}
+
+[[noreturn]] void tell(file &f, const std::string &name)
+{
+    std::stable_sort(f.mistakes.begin(), f.mistakes.end(),
+                     [](const mistake &a, const mistake &b) { return a.at < b.at; });
+    std::string lines;
+    for (const mistake &m : f.mistakes) {
+        lines.append(lines.empty() ? "" : "\n").append(name).append(":").append(std::to_string(m.at.line));
+        lines.append(":").append(std::to_string(m.at.column)).append(": ").append(m.what);
+    }
+    throw config_error(lines);
+}
+
 } // namespace
 
-node_config parse_config(const json &document)
+node_config read_config(std::istream &text, const std::string &name)
 {
-    expect_keys(document, "configuration", {"max_clients", "ports", "emi", "fmi", "far_end"});
+    std::stringstream bytes;
+    bytes << text.rdbuf();
+    file f;
     node_config config;
-    config.max_clients = number_of(document, "configuration", "max_clients", 64, MOST_CLIENTS);
-    if (document.contains("ports")) {
-        config.ports = parse_ports(document["ports"]);
+    const std::string document = bytes.str();
+    const toml::parse_result parsed = toml::parse(document);
+    if (parsed) {
+        config = read_all(f, parsed.table());
+    } else {
+        f.refuse(parsed.error().source(), std::string(parsed.error().description()));
     }
-    if (document.contains("emi")) {
-        expect_keys(document["emi"], "emi", {"max_endpoints"});
-        config.max_endpoints = number_of(document["emi"], "emi", "max_endpoints", 65536, MOST_RECORDS);
-    }
-    if (document.contains("fmi")) {
-        expect_keys(document["fmi"], "fmi", {"max_rules"});
-        config.max_rules = number_of(document["fmi"], "fmi", "max_rules", 65536, MOST_RECORDS);
-    }
-    if (document.contains("far_end")) {
-        config.far_end = parse_far_ends(document["far_end"]);
+    if (!f.mistakes.empty()) {
+        tell(f, name);
     }
     return config;
 }
 
-node_config read_config(std::istream &text, const std::string &name)
-{
-    try {
-        return parse_config(json::parse(text));
-    } catch (const json::exception &problem) {
-        throw config_error(name + ": " + problem.what());
-    } catch (const config_error &problem) {
-        throw config_error(name + ": " + problem.what());
-    }
-}
-
 node_config read_config_file(const std::string &path)
 {
-    std::ifstream file(path);
-    if (!file) {
-        throw config_error(path + ": cannot be opened");
+    std::ifstream file(path, std::ios::binary);
+    if (!file || file.peek() == std::ifstream::traits_type::eof()) {
+        throw config_error(path + ": cannot be read, or is empty");
     }
     return read_config(file, path);
 }

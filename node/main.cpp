@@ -163,6 +163,9 @@ int main(int argc, char **argv)
     }
     try {
         return run(words);
+    } catch (const config_error &problem) {
+        (void)fprintf(stderr, "%s\n", problem.what());
+        return 1;
     } catch (const std::exception &problem) {
         (void)fprintf(stderr, "kap-node%s%s: %s\n", words.empty() ? "" : " ", words.empty() ? "" : words[0].c_str(),
                       problem.what());

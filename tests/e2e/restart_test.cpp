@@ -173,15 +173,14 @@ INSTANTIATE_TEST_SUITE_P(Service, LowerLayerRestart, testing::Values("iepcsi", "
 // The daemon enters a port's namespace by its name; the port control server gives its own one, and takes it away.
 TEST_F(Restart, APortWhoseNamespaceHasNoNameCarriesLinksToo)
 {
-    constexpr const char *config_path = "/run/kap-node.json";
+    constexpr const char *config_path = "/run/kap-node.toml";
     start();
     stage_stop_process(d.stage, "iepcsi", SIGTERM, 5s);
     wait_event(iemli_event_kind::withdrawn);
     command_must({"ip", "-n", NEAR_NAMESPACE, "link", "set", "idl_a1", "netns", std::to_string(getpid())});
     command_must({"ip", "link", "set", "idl_a1", "up"});
-    nlohmann::json config = nlohmann::json::parse(std::ifstream(config_path));
-    config["ports"][0].erase("namespace");
-    std::ofstream(config_path) << config;
+    // The first port's; the other's stays.
+    command_must({"sed", "-i", "0,/^namespace = .*$/{//d}", config_path});
     start_service("iepcsi");
     stage_stop_process(d.stage, DAEMON, SIGTERM, 5s);
     start_daemon();

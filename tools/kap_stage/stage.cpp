@@ -19,7 +19,7 @@ namespace
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-constexpr const char *CONFIG_PATH = "/run/kap-node.json";
+constexpr const char *CONFIG_PATH = "/run/kap-node.toml";
 constexpr const char *NODE_SERVICES[] = {"iepcsi", "pmi", "emi", "fmi", AGENT};
 constexpr size_t TAIL_LINES = 12;
 constexpr int LOOK_EVERY_MS = 10;
@@ -35,23 +35,26 @@ std::string process_tail(const child_process &child)
 
 // ---- The node's configuration ---------------------------------------------------------------------------------------
 
-nlohmann::json port_config(const stage_port &port)
+void write_port(std::ostream &out, const stage_port &port)
 {
-    return {{"name", port.node_name},           {"fmi_name", port.fmi_name},
-            {"interface", port.wire.interface}, {"namespace", NEAR_NAMESPACE},
-            {"adm_state", "unlocked"},          {"vlan_interfaces", port.wire.vlan_device != 0}};
+    out << "[ports." << port.iemli_name << "]\n"
+        << "name = \"" << port.node_name << "\"\n"
+        << "fmi_name = \"" << port.fmi_name << "\"\n"
+        << "interface = \"" << port.wire.interface << "\"\n"
+        << "namespace = \"" << NEAR_NAMESPACE << "\"\n"
+        << "vlan_interfaces = " << (port.wire.vlan_device != 0 ? "true" : "false") << "\n";
 }
 
 void write_config(const stage &s)
 {
-    nlohmann::json config;
-    nlohmann::json far_interfaces;
+    std::ofstream out(CONFIG_PATH);
+    std::string far_interfaces;
+    out << "backend = \"memory\"\n";
     for (const stage_port &port : s.ports) {
-        config["ports"].push_back(port_config(port));
-        far_interfaces.push_back(port.wire.interface);
+        write_port(out, port);
+        far_interfaces += (far_interfaces.empty() ? "\"" : ", \"") + std::string(port.wire.interface) + "\"";
     }
-    config["far_end"] = {{{"namespace", FAR_NAMESPACE}, {"interfaces", far_interfaces}}};
-    std::ofstream(CONFIG_PATH) << config.dump(2) << "\n";
+    out << "[[far_end]]\nnamespace = \"" << FAR_NAMESPACE << "\"\ninterfaces = [" << far_interfaces << "]\n";
 }
 
 // ---- Programs -------------------------------------------------------------------------------------------------------

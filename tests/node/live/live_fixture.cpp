@@ -40,9 +40,9 @@ void NodeTest::run(const std::string &command)
     ASSERT_EQ(system(command.c_str()), 0) << command; // NOLINT(cert-env33-c): a test's own words
 }
 
-void NodeTest::start(const std::string &service, const nlohmann::json &config)
+void NodeTest::start(const std::string &service, const std::string &config)
 {
-    const std::string file = "/run/" + service + ".json";
+    const std::string file = "/run/" + service + ".toml";
     std::ofstream(file) << config;
     const pid_t pid = fork();
     ASSERT_GE(pid, 0);

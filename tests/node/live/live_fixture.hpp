@@ -26,8 +26,8 @@ protected:
     // Runs a shell command; a failure fails the test.
     static void run(const std::string &command);
 
-    // Starts "kap-node SERVICE" with this configuration.
-    void start(const std::string &service, const nlohmann::json &config);
+    // Starts "kap-node SERVICE" with this configuration, a text in TOML.
+    void start(const std::string &service, const std::string &config);
     // The exit status of a started service once it has ended; -1 when it does not within 10 seconds.
     int status_of(const std::string &service);
     void signal(const std::string &service, int number);

@@ -19,10 +19,15 @@ namespace kap_node
 namespace
 {
 
-const json NODE = json::parse(R"({
-    "ports": [{"name": "IDLA1", "fmi_name": "DiPort_A1", "interface": "idl_a1", "namespace": "near",
-               "adm_state": "unlocked"}],
-    "far_end": [{"namespace": "far", "interfaces": ["idl_a1"]}]})");
+const std::string NODE = R"(
+    backend = "memory"
+    [ports.IDL_A1]
+    interface = "idl_a1"
+    namespace = "near"
+    [[far_end]]
+    namespace = "far"
+    interfaces = ["idl_a1"]
+)";
 
 const bytes CONNECT_PMI = message_of(0x1B1003, "00 00 00 02  00 00 00 C8  00 00 00 01  00 00 00 01");
 const bytes ENABLE = message_of(0x1B1009, "00 00 00 07  00 00 00 01  'IDLA1' 0*11  00 00 00 64");
@@ -120,9 +125,9 @@ TEST_F(NodeProgram, EndsWhenTheRegistryIsLost)
 
 TEST_F(NodeProgram, RefusesAConfigurationThatMakesNoSense)
 {
-    start("pmi", json::parse(R"({"ports": 7})"));
+    start("pmi", "ports = 7");
     EXPECT_EQ(status_of("pmi"), 1);
-    start("far-end", json::object());
+    start("far-end", "max_clients = 7");
     EXPECT_EQ(status_of("far-end"), 1);
 }
 
@@ -227,7 +232,7 @@ TEST_F(NodeProgram, TheFarEndTakesItsKnobsAndFollowsItsNamespace)
 
 // ---- A namespace without a name ----
 
-const json NAMELESS = json::parse(R"({"ports": [{"name": "IDLA1", "interface": "lo", "adm_state": "unlocked"}]})");
+const std::string NAMELESS = "backend = \"memory\"\n[ports.IDL_A1]\ninterface = \"lo\"\n";
 
 std::vector<std::string> own_names()
 {
@@ -258,9 +263,7 @@ TEST_F(NodeProgram, GivesTheNamespaceThatItIsInANameAndTakesItAwayAtTheEnd)
 
 TEST_F(NodeProgram, MakesNoNameWhenEveryPortHasOne)
 {
-    json named = NAMELESS;
-    named["ports"][0]["reported_namespace"] = "host";
-    start("iepcsi", named);
+    start("iepcsi", NAMELESS + "reported_namespace = \"host\"\n");
     join_node();
     EXPECT_EQ(port()["reported_namespace"], "host");
     EXPECT_EQ(own_names(), std::vector<std::string>{});
@@ -299,7 +302,7 @@ TEST_F(NodeProgram, SharesTheNameWithOthersInTheNamespaceAndTheLastTakesItAway)
 
 TEST_F(NodeProgram, SaysSoAndEndsWhenItMayNotMakeAName)
 {
-    const std::string config = "/run/nameless.json";
+    const std::string config = "/run/nameless.toml";
     std::ofstream(config) << NAMELESS;
     run("mkdir -p /run/kap-node-netns");
     const std::string command =
