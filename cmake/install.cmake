@@ -1,0 +1,71 @@
+# What is installed, and where: programs, libraries, headers, units, policy, man pages. Included last, when all targets
+# are there. The demonstration and the tests are not installed.
+include(GNUInstallDirs)
+set(KAP_UNIT_DIR ${CMAKE_INSTALL_PREFIX}/lib/systemd/system CACHE PATH "where units of systemd go")
+set(KAP_SYSUSERS_DIR ${CMAKE_INSTALL_PREFIX}/lib/sysusers.d CACHE PATH "where its users and groups go")
+set(KAP_TMPFILES_DIR ${CMAKE_INSTALL_PREFIX}/lib/tmpfiles.d CACHE PATH "where its files of /run go")
+
+# ---- Programs
+
+foreach(program itcd kap-vorn kap-node kap-responder)
+  if(TARGET ${program})
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+  endif()
+endforeach()
+foreach(program vornctl kap-trace kap-link)
+  if(TARGET ${program})
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  endif()
+endforeach()
+
+# ---- Libraries
+#
+# The number of the interface: it changes when a program linked with the last one would not run any more. The names
+# without it, which a linker looks for, lie in a directory of their own, as the headers do: others have such short names,
+# too. pkg-config knows both.
+set(KAP_LIBRARIES itc ns tri sighandler supervision)
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/namelinks)
+foreach(library ${KAP_LIBRARIES})
+  set_target_properties(${library} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0)
+  install(TARGETS ${library} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_SKIP)
+  file(CREATE_LINK ../lib${library}.so.0 ${CMAKE_BINARY_DIR}/namelinks/lib${library}.so SYMBOLIC)
+  install(FILES ${CMAKE_BINARY_DIR}/namelinks/lib${library}.so DESTINATION ${CMAKE_INSTALL_LIBDIR}/kap)
+endforeach()
+
+set(KAP_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/kap)
+file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/include/*.h ${CMAKE_SOURCE_DIR}/include/*.hpp)
+install(FILES ${headers} DESTINATION ${KAP_INCLUDE_DIR})
+install(FILES ${CMAKE_SOURCE_DIR}/src/iemli/iemli_messages.hpp DESTINATION ${KAP_INCLUDE_DIR}/iemli)
+
+file(GLOB descriptions CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/pkgconfig/*.pc.in)
+foreach(description ${descriptions})
+  cmake_path(GET description STEM LAST_ONLY name)
+  configure_file(${description} ${CMAKE_BINARY_DIR}/pkgconfig/${name} @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/pkgconfig/${name} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
+
+# ---- What runs them
+
+file(GLOB units CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/systemd/*)
+foreach(unit ${units})
+  cmake_path(GET unit FILENAME name)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${unit})
+  file(READ ${unit} text)
+  string(REPLACE "/usr/sbin/" "${CMAKE_INSTALL_FULL_SBINDIR}/" text "${text}")
+  file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/units/${name} CONTENT "${text}" @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/units/${name} DESTINATION ${KAP_UNIT_DIR})
+endforeach()
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/packaging/sysusers.d/ DESTINATION ${KAP_SYSUSERS_DIR})
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/packaging/tmpfiles.d/ DESTINATION ${KAP_TMPFILES_DIR})
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/packaging/policy.d
+        DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/kap-itc)
+if(EXISTS ${CMAKE_SOURCE_DIR}/packaging/kap-node.toml)
+  install(FILES ${CMAKE_SOURCE_DIR}/packaging/kap-node.toml DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/kap-node)
+endif()
+
+# ---- Manual
+
+foreach(section 1 5 8)
+  file(GLOB pages CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/man/*.${section})
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()
