@@ -50,8 +50,9 @@ constexpr const char *REPORT_PATH = "/run/attack/honest";
 constexpr const char *OPERATOR_PATH = "/run/attack/operator";
 
 const std::vector<private_user> USERS = {
-    {"kap-itc", 64001}, {"kap-vorn", 64002}, {"kap-linkd", 64003}, {"kap-operator", 64004},
-    {"mallory", 64005}, {"kap-node", 64006}, {"kap-admin", 64007}, // whom the policy names
+    {"kap-itc", 64001}, {"kap-vorn", 64002},  {"kap-linkd", 64003},  {"kap-operator", 64004},
+    {"mallory", 64005}, {"kap-admin", 64006}, {"kap-iepcsi", 64007}, {"kap-pmi", 64008},
+    {"kap-emi", 64009}, {"kap-fmi", 64010},   {"kap-aasi", 64011}, // whom the policy names
 };
 
 struct options {
@@ -217,8 +218,8 @@ void make_places(arena &a)
             a.s.registry_arguments.insert(a.s.registry_arguments.end(), {"--allow-user", user});
         }
     }
-    a.s.launchers[REGISTRY] = unit_launcher(unit_read(source / "packaging/kap-itcd.service"));
-    a.s.launchers[DAEMON] = unit_launcher(unit_read(source / "packaging/kap-vorn.service"));
+    a.s.launchers[REGISTRY] = unit_launcher(unit_read(source / "packaging/systemd/kap-itcd.service"));
+    a.s.launchers[DAEMON] = unit_launcher(unit_read(source / "packaging/systemd/kap-vorn.service"));
 }
 
 // ---- What some attacks need -----------------------------------------------------------------------------------------

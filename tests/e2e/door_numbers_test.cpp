@@ -29,7 +29,7 @@ policy packaged()
     for (const std::string &wrong : policy_read(p, POLICY, &files)) {
         EXPECT_NE(wrong.find("there is no "), std::string::npos) << wrong; // the machine need not have the users
     }
-    EXPECT_EQ(files, 2u);
+    EXPECT_EQ(files, 3u);
     return p;
 }
 

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
+
 #include "e2e.hpp"
 #include "link_list/link_list.hpp"
 #include "support/private_etc.hpp"
@@ -24,8 +26,8 @@ constexpr const char *POLICY = "/etc/kap-itc/policy.d";
 constexpr const char *ALL_READ = "the daemon has read it all\n";
 
 const std::vector<private_user> USERS = {
-    {"kap-itc", 64001},  {"kap-vorn", 64002},  {"kap-linkd", 64003},
-    {"kap-node", 64004}, {"kap-admin", 64005}, {"mallory", 64006},
+    {"kap-itc", 64001}, {"kap-vorn", 64002}, {"kap-linkd", 64003}, {"kap-admin", 64004}, {"kap-iepcsi", 64005},
+    {"kap-pmi", 64006}, {"kap-emi", 64007},  {"kap-fmi", 64008},   {"kap-aasi", 64009},  {"mallory", 64010},
 };
 
 unsigned id_of(const std::string &name)
@@ -68,14 +70,12 @@ protected:
         fs::create_directories(POLICY);
         fs::copy(std::string(PACKAGING) + "policy.d", POLICY);
         std::ofstream(std::string(POLICY) + "/test.toml") << "[connect]\nusers = [\"mallory\"]\n";
-        d.stage.launchers[REGISTRY] = unit_launcher(unit_read(std::string(PACKAGING) + "kap-itcd.service"));
-        d.stage.launchers[DAEMON] = unit_launcher(unit_read(std::string(PACKAGING) + "kap-vorn.service"));
+        d.stage.launchers[REGISTRY] = unit_launcher(unit_read(std::string(PACKAGING) + "systemd/kap-itcd.service"));
+        d.stage.launchers[DAEMON] = unit_launcher(unit_read(std::string(PACKAGING) + "systemd/kap-vorn.service"));
         for (const char *service : {"pmi", "emi", "fmi", "aasi"}) {
-            d.stage.launchers[service] = as_user("kap-node", "");
+            d.stage.launchers[service] = as_user(std::string("kap-") + service, "");
         }
-        for (const char *service : {"iepcsi", FAR_END}) {
-            d.stage.launchers[service] = as_user("kap-node", "+sys_admin,+net_admin,+net_raw");
-        }
+        d.stage.launchers["iepcsi"] = as_user("kap-iepcsi", "+sys_admin,+net_admin");
     }
 
     void TearDown() override
@@ -190,4 +190,22 @@ TEST_F(PackagedPolicy, AnOperatorAndALinkManagerHaveASessionEachAndAStrangerNone
     EXPECT_EQ(send_as("kap-linkd", "manager", {"open"}).substr(0, strlen(OPENED)), OPENED);
     kill_process("silent");
     ASSERT_EQ(iemli_client_open(d.client).outcome, iemli_outcome::confirmed);
+}
+
+TEST_F(PackagedPolicy, AnOperatorMayConnectAndPosesAsNoServerAlsoWhileItIsNotThere)
+{
+    constexpr const char *REFUSED = "usage: e2e-stranger NAME WORDS..., with a registry\n";
+    start();
+    EXPECT_EQ(send_as("kap-admin", "operator", {}), ALL_READ);
+    const std::vector<std::pair<std::string, std::string>> servers = {
+        {"iepcsi", "iepcsi-server"},   {"pmi", "pmi-server"},         {"emi", "endpoint_mgr"}, {"fmi", "flow-manager"},
+        {"aasi", "automationagentsi"}, {FAR_END, "kap-node-far-end"}, {DAEMON, "kap-vorn"},
+    };
+    for (const auto &[process, name] : servers) {
+        kill_process(process);
+        EXPECT_THAT(send_as("kap-admin", name, {}), testing::EndsWith(REFUSED)) << name;
+    }
+    for (const char *other : {"kap-pmi", "kap-vorn"}) {
+        EXPECT_THAT(send_as(other, "iepcsi-server", {}), testing::EndsWith(REFUSED)) << other;
+    }
 }
