@@ -123,7 +123,8 @@ void close_channel(peer *p)
     tell_closed(p->process, p->channel);
     door_forget_channel(p->process, p->channel);
     p->fd = -1;
-    p->armed = p->write_broken = p->in_round = false;
+    p->armed = p->write_broken = false;
+    g().round.remove(p);
     peer_resume(p);
     half_end(p);
     block_free(p->large);
@@ -134,7 +135,7 @@ void close_channel(peer *p)
     buffer_give_back(p);
 }
 
-void peer_delete(peer *p)
+__attribute__((cold)) void peer_delete(peer *p)
 {
     if (p->fd < 0) {
         g().introducing--;
@@ -259,13 +260,13 @@ bool admit(const arrival &a)
             return false;
         }
     }
-    return door_admits(a);
+    return g().doors.of.empty() || door_admits(a);
 }
 
 void arrive(const peer *p, block *b)
 {
     b->sender = sender_of(p, b->frame);
-    if (!door_passed(b->sender, receiver_of(b->frame), b->msg()->msgno)) {
+    if (!g().doors.of.empty() && !door_passed(b->sender, receiver_of(b->frame), b->msg()->msgno)) {
         block_free(b);
         return;
     }
@@ -340,7 +341,7 @@ size_t take_front(peer *p, const front &f)
         p->skip = f.frame.length;
         return sizeof f.frame;
     }
-    if (f.frame.length > reader_size - sizeof f.frame) {
+    if (f.frame.length > reader_size - sizeof f.frame) [[unlikely]] {
         large_begin(p, f.frame, f.bytes, f.there);
         return sizeof f.frame + f.there;
     }
@@ -429,7 +430,7 @@ reading read_once(peer *p, allowance *left)
     left->bytes -= got < left->bytes ? got : left->bytes;
     g().registry_news = true;
     p->received += got;
-    if (p->large != nullptr) {
+    if (p->large != nullptr) [[unlikely]] {
         large_advance(p, got);
     } else {
         p->fill += got;
@@ -450,7 +451,7 @@ turn read_in_turn(peer *p, allowance left, bool drain)
         const parsing parsed = parse(p, &left);
         p->parsed = parsed == parsing::all;
         if (parsed == parsing::turn_over) {
-            peer_ask_for_turn(p);
+            g().round.push(p);
             return turn::more;
         }
         if (parsed == parsing::nonsense) {
@@ -463,7 +464,7 @@ turn read_in_turn(peer *p, allowance left, bool drain)
         if (last == reading::empty || (last == reading::some && !drain) || left.bytes == 0) {
             return turn::done;
         }
-        if (p->large != nullptr && !large_grow(p, drain)) {
+        if (p->large != nullptr && !large_grow(p, drain)) [[unlikely]] {
             peer_pause(p, pause::room);
             return turn::more;
         }
@@ -507,7 +508,7 @@ void take_turn(peer *p, const allowance &share, bool waits, bool further)
     allowance left = left_of(share, p->queued);
     if (left.messages == 0 || left.bytes == 0) {
         if (!waits) {
-            peer_ask_for_turn(p); // when some of it was taken
+            g().round.push(p); // when some of it was taken
             return;
         }
         if (further && !may_go_further(p)) {
@@ -527,14 +528,11 @@ void take_turn(peer *p, const allowance &share, bool waits, bool further)
 void run_round(bool waits, bool further, uint32_t wanted)
 {
     state &s = g();
-    const allowance share = turn_share(s.round.size());
-    for (size_t count = s.round.size(); count > 0 && !s.round.empty(); count--) {
-        peer *p = peer_find(s.round.front());
-        s.round.pop_front();
-        if (p != nullptr && p->in_round) {
-            p->in_round = false;
-            take_turn(p, share, waits, further || p->process == wanted);
-        }
+    const allowance share = turn_share(s.round.size);
+    for (size_t count = s.round.size; count > 0 && !s.round.empty(); count--) {
+        peer *p = s.round.head;
+        s.round.remove(p);
+        take_turn(p, share, waits, further || p->process == wanted);
     }
 }
 
@@ -622,7 +620,7 @@ void peer_send(block *b, uint32_t to)
         block_free(b);
         return;
     }
-    if (!outbox_has_room(p, b)) {
+    if (!outbox_has_room(p, b)) [[unlikely]] {
         peer_flush(p);
     }
     if (b->size > itc_wire::message_limit || !outbox_has_room(p, b)) {
@@ -635,7 +633,7 @@ void peer_send(block *b, uint32_t to)
     b->frame.from_box =
         b->sender == ITC_NO_MBOX ? itc_wire::no_box : static_cast<uint16_t>(itc_wire::box_of(b->sender));
     s.statistics.sent++;
-    if (p->fd < 0 || p->outbox.head != nullptr || p->write_broken) {
+    if (p->fd < 0 || p->outbox.head != nullptr || p->write_broken) [[unlikely]] {
         enqueue(p, b, 0);
         if (p->write_broken || worth_a_try(p)) {
             peer_flush(p);
@@ -726,7 +724,7 @@ void peer_event(uint32_t process, uint32_t events)
         peer_flush(p);
     }
     if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && p->paused == pause::none) {
-        peer_ask_for_turn(p);
+        g().round.push(p);
     }
 }
 

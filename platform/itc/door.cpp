@@ -262,9 +262,6 @@ bool door_frame(const itc_wire::registry_frame &head, itc_wire::reader &fields, 
 
 bool door_admits(const arrival &a)
 {
-    if (g().doors.of.empty()) {
-        return true;
-    }
     door *d = door_of(a.to);
     judgement j = d == nullptr ? judgement::pass : judge(*d, a);
     if (j != judgement::pass) {
@@ -278,7 +275,7 @@ bool door_admits(const arrival &a)
 
 bool door_passed(uint32_t sender, uint32_t to, uint32_t msgno)
 {
-    door *d = g().doors.of.empty() ? nullptr : door_of(to);
+    door *d = door_of(to);
     if (d == nullptr || !opens_session(*d, msgno)) {
         return true;
     }
@@ -294,7 +291,7 @@ bool door_passed(uint32_t sender, uint32_t to, uint32_t msgno)
 
 void door_answered(uint32_t from, uint32_t to, block *b)
 {
-    door *d = g().doors.of.empty() ? nullptr : door_of(from);
+    door *d = door_of(from);
     if (d == nullptr || d->shares.empty()) {
         return;
     }

@@ -8,25 +8,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 namespace itc
 {
 
-hold call_lock()
-{
-    hold lock(g().lock);
-    if (g().backlogged.load(std::memory_order_relaxed) != 0) {
-        peers_try();
-    }
-    return lock;
-}
-
-void try_backlog()
-{
-    if (g().backlogged.load(std::memory_order_relaxed) != 0) {
-        (void)call_lock();
-    }
-}
+state_storage only_state;
+constinit thread_local own_thread here{nullptr, 0};
 
 namespace
 {
@@ -57,10 +45,12 @@ void thread_delete(thread *t)
     delete t;
 }
 
-// The calling thread's record. A thread that ends takes its mailboxes with it: nobody else may receive from them.
+// A library's constructors run before those of whatever is linked with it.
+__attribute__((constructor(101))) void make_state() { new (only_state.bytes) state; }
+
+// A thread that ends takes its mailboxes with it: nobody else may receive from them.
 struct anchor {
-    thread *self = nullptr;
-    uint64_t generation = 0;
+    bool in_use = false; // so that there is something to destroy
 
     anchor() = default;
     anchor(const anchor &) = delete;
@@ -69,7 +59,8 @@ struct anchor {
     ~anchor()
     {
         const hold lock(g().lock);
-        if (self == nullptr || generation != g().generation) {
+        thread *self = std::exchange(here.self, nullptr);
+        if (self == nullptr || here.generation != g().generation) {
             return;
         }
         for (uint32_t box = 0; box < itc_wire::box_limit; box++) {
@@ -84,7 +75,7 @@ struct anchor {
         thread_delete(self);
     }
 };
-thread_local anchor here;
+thread_local anchor last_here;
 
 thread *thread_record()
 {
@@ -92,6 +83,7 @@ thread *thread_record()
     if (here.self == nullptr || here.generation != s.generation) {
         here.self = new thread;
         here.generation = s.generation;
+        last_here.in_use = true;
         s.threads.push_back(here.self);
     }
     return here.self;
@@ -174,7 +166,6 @@ void tear_down()
     registry_close();
     s.registry_lost = true;
     peers_close();
-    s.round.clear();
     s.late.clear();
     half_close();
     free_table(s.awaiting);
@@ -210,18 +201,6 @@ uint32_t sender_for(uint32_t from)
 bool name_is_good(const char *name)
 {
     return name != nullptr && *name != 0 && strnlen(name, itc_wire::name_limit + 1) <= itc_wire::name_limit;
-}
-
-thread *thread_current()
-{
-    const bool valid = here.self != nullptr && here.generation == g().generation && here.self->mbox != ITC_NO_MBOX;
-    return valid ? here.self : nullptr;
-}
-
-bool mbox_is_own(uint32_t mbox)
-{
-    const state &s = g();
-    return s.up && itc_wire::process_of(mbox) == s.process && s.boxes[itc_wire::box_of(mbox)] != nullptr;
 }
 
 void mbox_deliver(block *b, uint32_t to)
@@ -379,7 +358,9 @@ void itc_send(itc_msg **msg, uint32_t to, uint32_t from)
         s.statistics.sent += mbox_is_own(to) ? 1 : 0;
         mbox_deliver(b, to);
     } else {
-        door_answered(b->sender, to, b);
+        if (!s.doors.of.empty()) {
+            door_answered(b->sender, to, b);
+        }
         peer_send(b, to);
     }
     if (s.introducing > 0 && !s.led) {

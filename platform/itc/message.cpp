@@ -19,10 +19,9 @@ constexpr uint32_t freed = 0x17C0DEAD;
 // Fewer bytes than that are not worth the asking for their pages.
 constexpr size_t give_back = 512u << 10;
 
-// What blocks and buffers hold, and the most of it since memory was last given back. Two threads that meet here may
-// be off by one message.
-std::atomic<size_t> held{0};
-std::atomic<size_t> held_most{0};
+// Up to here it is cheaper to wipe a message than to ask for zeros: the C library keeps what a thread has freed at hand
+// for malloc, not for calloc.
+constexpr size_t wiped_here = 1024;
 
 [[noreturn]] void give_up(const char *why)
 {
@@ -32,25 +31,15 @@ std::atomic<size_t> held_most{0};
 
 } // namespace
 
-void memory_more(size_t size)
-{
-    const size_t now = held.fetch_add(size, std::memory_order_relaxed) + size;
-    if (now > held_most.load(std::memory_order_relaxed)) {
-        held_most.store(now, std::memory_order_relaxed);
-    }
-}
-
-void memory_less(size_t size) { held.fetch_sub(size, std::memory_order_relaxed); }
-
 // What was freed stays with the process as holes, as much as there ever was at once. Who filled our queues, or came
 // with many connections, and has gone must not leave them to us for good. It takes milliseconds, so that nobody is to
 // wait for it.
 void memory_give_back()
 {
-    const size_t now = held.load(std::memory_order_relaxed);
-    const size_t most = held_most.load(std::memory_order_relaxed);
-    if (most > now && most - now >= give_back) {
-        held_most.store(now, std::memory_order_relaxed);
+    const size_t now = g().held.load(std::memory_order_relaxed);
+    const size_t most = g().held_most.load(std::memory_order_relaxed);
+    if (most > now && most - now >= give_back) [[unlikely]] {
+        g().held_most.store(now, std::memory_order_relaxed);
         (void)malloc_trim(0);
     }
 }
@@ -60,8 +49,9 @@ block *block_new(size_t size, bool zero)
     if (size > SIZE_MAX - sizeof(block)) {
         give_up("a message of an impossible size");
     }
-    void *memory = zero ? calloc(1, sizeof(block) + size) : malloc(sizeof(block) + size);
-    if (memory == nullptr) {
+    const bool wipe = zero && size <= wiped_here;
+    void *memory = zero && !wipe ? calloc(1, sizeof(block) + size) : malloc(sizeof(block) + size);
+    if (memory == nullptr) [[unlikely]] {
         give_up("no memory left for a message");
     }
     auto *b = static_cast<block *>(memory);
@@ -71,6 +61,9 @@ block *block_new(size_t size, bool zero)
     b->sender = ITC_NO_MBOX;
     b->receiver = ITC_NO_MBOX;
     b->magic = alive;
+    if (wipe) {
+        memset(b->bytes(), 0, size); // the message alone: a compiler knows calloc from the wiping of a whole malloc
+    }
     return b;
 }
 

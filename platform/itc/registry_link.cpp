@@ -517,7 +517,7 @@ void registry_read()
 bool late_news_deliver()
 {
     state &s = g();
-    std::deque<late_news> later;
+    std::vector<late_news> later;
     std::set<uint32_t> held_back; // subscriptions of which earlier news are not due
     std::vector<late_news> due;
     for (late_news &n : s.late) {

@@ -175,17 +175,9 @@ void peer_resume(peer *p)
         return;
     }
     peer_watch(p);
-    peer_ask_for_turn(p); // for what was read of it already, too
+    s.round.push(p); // for what was read of it already, too
     if (s.led) {
         wake_leader();
-    }
-}
-
-void peer_ask_for_turn(peer *p)
-{
-    if (!p->in_round) {
-        p->in_round = true;
-        g().round.push_back(p->process);
     }
 }
 

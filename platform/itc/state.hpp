@@ -18,9 +18,11 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <deque>
 #include <map>
 #include <mutex>
+#include <new>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -45,6 +47,8 @@ inline constexpr std::chrono::seconds box_rest{24 * 3600 + 60}; // a little long
 // How soon a call tries again what an earlier one could not send. In a burst against a full socket this keeps the cost
 // of trying at a few hundredths; no peer is seen to have read in less.
 inline constexpr std::chrono::microseconds time_between_tries{50};
+
+void peers_try(); // whatever waits, unless it was tried a moment ago
 
 // What one process has in the queues here. Outlives its channel as long as that is something.
 struct account {
@@ -88,10 +92,7 @@ block *block_resize(block *b, size_t size); // the message's bytes are kept
 block *block_of(const itc_msg *msg);        // ends the process if it is no message
 block *block_take(itc_msg **msg);           // NULL for no message
 void block_free(block *b);
-// Memory was taken, or has been freed: from any thread. A lot of it that is free goes back to the kernel.
-void memory_more(size_t size);
-void memory_less(size_t size);
-void memory_give_back();
+void memory_give_back(); // a lot that is free goes back to the kernel
 
 struct block_list {
     block *head = nullptr;
@@ -133,34 +134,68 @@ enum class pause : uint8_t {
     room,  // the rest of a large message has no room
 };
 
-// Another process, once there is something to send to it or it has been introduced.
-struct peer {
+// Another process, once there is something to send to it or it has been introduced. What every message touches stands
+// first.
+struct alignas(64) peer {
     uint32_t process = 0;
     uint32_t channel = 0;
     int fd = -1;
     bool write_broken = false;
     bool armed = false; // the wait asks for room to write
+    bool in_round = false;
+    bool parsed = true; // nothing whole is left in the buffer
+    pause paused = pause::none;
+    account *queued = nullptr;
+    peer *round_before = nullptr;
+    peer *round_after = nullptr;
     block_list outbox;
+    uint64_t received = 0;     // bytes, by this channel
+    uint8_t *buffer = nullptr; // while it holds something
+    size_t start = 0;          // what it holds begins here
+    size_t fill = 0;           // and ends here
+    size_t skip = 0;           // bytes still to come of a message that was refused
+    block *large = nullptr;    // a message that does not fit in the buffer, while it arrives
+
     size_t outbox_memory = 0; // of what waits behind the first
     size_t head_written = 0;  // of the outbox's first frame
     size_t held_frames = 0;   // queued since the socket was last tried
     size_t held_bytes = 0;
-    account *queued = nullptr;
-    bool in_round = false;
-    bool parsed = true;    // nothing whole is left in the buffer
-    uint64_t received = 0; // bytes, by this channel
-    pause paused = pause::none;
-    size_t resume_below = 0;   // messages, of one that waits for its queue
-    uint8_t *buffer = nullptr; // while it holds something
-    size_t start = 0;          // what it holds begins here
-    size_t fill = 0;           // and ends here
-    block *large = nullptr;    // a message that does not fit in the buffer, while it arrives
+    size_t resume_below = 0; // messages, of one that waits for its queue
     size_t large_got = 0;
     size_t large_size = 0;
     size_t large_charged = 0;        // of its memory, to what half-sent messages may have together
     size_t large_seen = 0;           // of large_got, when it was last seen to have come on
     clock::time_point large_seen_at; // and when that was
-    size_t skip = 0;                 // bytes still to come of a message that was refused
+};
+
+// Those that asked for a turn, in the order in which they did.
+struct turn_list {
+    peer *head = nullptr;
+    peer *tail = nullptr;
+    size_t size = 0;
+
+    bool empty() const { return head == nullptr; }
+    void push(peer *p) // unless it is there
+    {
+        if (!p->in_round) {
+            p->in_round = true;
+            p->round_before = tail;
+            p->round_after = nullptr;
+            (tail == nullptr ? head : tail->round_after) = p;
+            tail = p;
+            size++;
+        }
+    }
+
+    void remove(peer *p) // if it is there
+    {
+        if (p->in_round) {
+            p->in_round = false;
+            (p->round_before == nullptr ? head : p->round_before->round_after) = p->round_after;
+            (p->round_after == nullptr ? tail : p->round_after->round_before) = p->round_before;
+            size--;
+        }
+    }
 };
 
 // What a peer may bring in one turn, or what is left of it.
@@ -215,22 +250,40 @@ struct drop_kind {
 
 inline constexpr size_t DROP_KINDS = 8; // more than there are reasons
 
+// What a message that comes or goes touches stands first, close together: a process that sleeps between two messages
+// finds its caches cold, and then every line costs more than what is done with it.
 struct state {
     std::mutex lock;
-    std::condition_variable turn;
     unsigned blocked = 0;    // threads inside a wait, with the lock released
     unsigned followers = 0;  // those of them that sleep on `turn`
     uint64_t generation = 0; // grows with every itc_init and itc_exit
+    uint32_t process = 0;
+    int epoll = -1;
     bool led = false;
     bool up = false; // between itc_init and itc_exit
     bool exiting = false;
     bool woken = false;    // the eventfd is readable
     bool fd_given = false; // itc_get_fd was called: the descriptor must tell of queued messages
     bool registry_lost = false;
-    bool registry_armed = false; // the wait asks for room to write
+    bool registry_armed = false;         // the wait asks for room to write
+    bool registry_news = true;           // something was received from others since it was looked
+    bool registry_ahead = false;         // what was looked at waits to be acted on
+    std::atomic<unsigned> backlogged{0}; // peers whose outbox holds something; changed with the lock held
+    unsigned introducing = 0;
+    unsigned paused_queue = 0; // how many peers
+    unsigned paused_room = 0;
+    turn_list round; // peers that have something to read
+    peer *last_peer = nullptr;
+    uint8_t *spare_buffer = nullptr;
+    size_t queued_memory = 0; // on all accounts
+    std::vector<late_news> late;
+    struct doors doors;
+    uint64_t channel_writes = 0; // that took something
+    std::atomic<size_t> held{0}; // by blocks and buffers, and the most of it since memory was last given back
+    std::atomic<size_t> held_most{0};
+    itc_statistics statistics{};
 
-    uint32_t process = 0;
-    int epoll = -1;
+    std::condition_variable turn;
     int wake = -1; // an eventfd that ends the leader's wait
     int registry = -1;
     std::map<int, watch> watches;
@@ -248,21 +301,12 @@ struct state {
     std::deque<int> registry_fds; // descriptors that came before their frame was whole
     std::string registry_out;
     size_t registry_fill = 0;
-    size_t registry_at = 0;      // the frame that is acted on
-    size_t registry_seen = 0;    // up to here it was looked what is said of doors
-    bool registry_news = true;   // something was received from others since it was looked
-    bool registry_ahead = false; // what was looked at waits to be acted on
+    size_t registry_at = 0;   // the frame that is acted on
+    size_t registry_seen = 0; // up to here it was looked what is said of doors
     uint8_t registry_buffer[reader_size];
-    struct doors doors;
 
     std::unordered_map<uint32_t, peer *> peers;
-    peer *last_peer = nullptr;
     std::unordered_map<uint32_t, account *> accounts;
-    size_t queued_memory = 0;   // of all of them
-    std::deque<uint32_t> round; // peers that have something to read, in turn
-    unsigned paused_queue = 0;  // how many peers
-    unsigned paused_room = 0;
-    uint8_t *spare_buffer = nullptr;
     size_t half_memory = 0;             // charged for half-sent messages
     peer *half_slot = nullptr;          // whose half-sent message alone may grow beyond what is charged
     int half_timer = -1;                // a timerfd, once a message had to wait for room
@@ -271,34 +315,75 @@ struct state {
     clock::time_point half_unwanted_at; // when the last did
     clock::time_point next_full_line;
     std::chrono::milliseconds half_limit{30000};
-    unsigned introducing = 0;
-    std::atomic<unsigned> backlogged{0}; // peers whose outbox holds something; changed with the lock held
-    size_t outboxes_memory = 0;          // of all that waits behind the first of each
-    clock::time_point last_tries;        // of all of them
-    uint64_t channel_writes = 0;         // that took something
+    size_t outboxes_memory = 0;   // of all that waits behind the first of each
+    clock::time_point last_tries; // of all of them
 
     uint32_t next_sid = 0;
     std::map<uint32_t, uint32_t> subscriptions;     // sid to mailbox
     std::unordered_map<uint32_t, awaited> awaiting; // by token
     std::unordered_map<uint32_t, awaited> monitors; // by monitor id
 
-    std::deque<late_news> late;
-
-    itc_statistics statistics{};
     std::array<drop_kind, DROP_KINDS> drops{};
 };
 
-// Never destroyed: threads may outlive main().
-inline __attribute__((visibility("hidden"))) state &g()
+// In the library's own data, so that nothing has to be asked or loaded to reach it. Made when the library is loaded,
+// and never destroyed: threads may outlive main().
+struct alignas(64) state_storage {
+    std::byte bytes[sizeof(state)];
+};
+extern __attribute__((visibility("hidden"))) state_storage only_state;
+
+inline state &g() { return *std::launder(reinterpret_cast<state *>(only_state.bytes)); }
+
+// The calling thread's record.
+struct own_thread {
+    thread *self;
+    uint64_t generation;
+};
+extern __attribute__((visibility("hidden"))) constinit thread_local own_thread here;
+
+// NULL if the calling thread owns no mailbox.
+inline thread *thread_current()
 {
-    static state *const only = new state;
-    return *only;
+    const bool valid = here.self != nullptr && here.generation == g().generation && here.self->mbox != ITC_NO_MBOX;
+    return valid ? here.self : nullptr;
 }
 
+// A living mailbox of this process.
+inline bool mbox_is_own(uint32_t mbox)
+{
+    const state &s = g();
+    return s.up && itc_wire::process_of(mbox) == s.process && s.boxes[itc_wire::box_of(mbox)] != nullptr;
+}
+
+// Memory was taken, or has been freed: from any thread.
+inline void memory_more(size_t size)
+{
+    const size_t now = g().held.fetch_add(size, std::memory_order_relaxed) + size;
+    if (now > g().held_most.load(std::memory_order_relaxed)) {
+        g().held_most.store(now, std::memory_order_relaxed);
+    }
+}
+
+inline void memory_less(size_t size) { g().held.fetch_sub(size, std::memory_order_relaxed); }
+
 // The lock, as every call from outside takes it: what waits for other processes is tried on the way.
-hold call_lock();
+inline hold call_lock()
+{
+    hold lock(g().lock);
+    if (g().backlogged.load(std::memory_order_relaxed) != 0) [[unlikely]] {
+        peers_try();
+    }
+    return lock;
+}
+
 // The same for a call that needs no lock of its own.
-void try_backlog();
+inline void try_backlog()
+{
+    if (g().backlogged.load(std::memory_order_relaxed) != 0) [[unlikely]] {
+        (void)call_lock();
+    }
+}
 
 // ---- wait.cpp: the descriptors, the lead, itc_receive ---------------------------------------------------------------
 
@@ -328,16 +413,15 @@ void flush_everything(hold &lock, clock::duration limit);
 // ---- mailbox.cpp: itc_init, itc_exit, threads and their mailboxes ---------------------------------------------------
 
 bool name_is_good(const char *name);             // 1 to 255 bytes
-thread *thread_current();                        // NULL if the calling thread owns no mailbox
-bool mbox_is_own(uint32_t mbox);                 // a living mailbox of this process
 void mbox_deliver(block *b, uint32_t to);        // to a mailbox of this process; counts and frees what nobody receives
 block *thread_unqueue(thread *t, block *before); // takes out the block after that one (the first for NULL)
 
 // ---- complain.cpp: lines on stderr ----------------------------------------------------------------------------------
 
 // Adds who says it, and the line feed. Never waits.
-__attribute__((format(printf, 1, 2))) void complain(const char *format, ...);
-void note_drop(uint64_t *counter, const char *why); // counts, and says it on stderr, but not too often
+__attribute__((cold, format(printf, 1, 2))) void complain(const char *format, ...);
+// Counts, and says it on stderr, but not too often.
+__attribute__((cold)) void note_drop(uint64_t *counter, const char *why);
 
 // ---- share.cpp: what each process may have of this one -----------------------------------------------------------
 
@@ -347,10 +431,9 @@ void account_add(account *a, block *b); // it is queued
 void account_take(block *b);            // and is no more; nothing for a block that is on no account
 
 void peer_pause(peer *p, pause why);
-void peer_resume(peer *p);       // nothing for one that is read
-void peer_ask_for_turn(peer *p); // it has something to read
+void peer_resume(peer *p); // nothing for one that is read
 allowance turn_share(size_t peers);
-void note_full_queue(const peer *p);
+__attribute__((cold)) void note_full_queue(const peer *p);
 bool may_go_further(const peer *p); // beyond its share, while somebody waits and nothing that is queued passes
 
 bool half_room(peer *p, size_t memory); // for a half-sent message to have that much
@@ -377,7 +460,6 @@ void peer_end_half_sent(peer *p);
 void peers_turn(bool waits, uint32_t wanted);
 bool peers_could_go_further();
 void peers_go_further();
-void peers_try();           // whatever waits, unless it was tried a moment ago
 void peers_lose_registry(); // drops what waits for an introduction that will never come
 void peers_close();
 
@@ -389,7 +471,7 @@ void registry_send(itc_wire::writer &frame);
 void registry_flush();
 void registry_read();
 // Takes in what the registry has said of doors, before anything else that it said is acted on.
-void registry_look_ahead();
+__attribute__((cold)) void registry_look_ahead();
 void registry_catch_up(); // acts on the rest of it
 bool late_news_deliver(); // what is due of it; true if some was
 uint32_t new_serial();
