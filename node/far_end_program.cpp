@@ -1,6 +1,8 @@
 // The far end as a service (far_end_program.hpp).
 #include "far_end_program.hpp"
 
+#include "message.hpp"
+
 #include <system_error>
 
 namespace kap_node

@@ -6,7 +6,7 @@
 
 #include "config.hpp"
 #include "far_end.hpp"
-#include "netlink.hpp"
+#include "name_space.hpp"
 #include "program.hpp"
 
 #include <functional>

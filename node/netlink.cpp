@@ -1,19 +1,13 @@
 // Interfaces of a namespace through the route socket (netlink.hpp).
 #include "netlink.hpp"
 
-#include <fcntl.h>
 #include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
-
-#include <linux/magic.h>
 
 #include <array>
 #include <cerrno>
@@ -29,47 +23,10 @@ namespace kap_node
 namespace
 {
 
-constexpr const char *NAMESPACE_DIRECTORY = "/var/run/netns/";
-constexpr const char *OWN_NAMESPACE = "/proc/self/ns/net";
 constexpr size_t DATAGRAM_MOST = 65536;
 constexpr int RECEIVE_BUFFER = 1 << 20;
 // One link message may be followed by many; a reader gives others their turn after so many datagrams.
 constexpr int DATAGRAMS_PER_TURN = 64;
-
-std::string namespace_path(const std::string &name)
-{
-    return name.empty() ? OWN_NAMESPACE : NAMESPACE_DIRECTORY + name;
-}
-
-// A name is that of a file in the directory, no way to one elsewhere.
-bool is_file_name(const std::string &name)
-{
-    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
-}
-
-bool is_namespace_file(int fd)
-{
-    struct statfs found {
-    };
-    return fstatfs(fd, &found) == 0 && found.f_type == NSFS_MAGIC;
-}
-
-// A descriptor, or -1 and errno. Whatever lies there: opening it does not wait (a FIFO), and leads nowhere else (a
-// link).
-int open_named_namespace(const std::string &name)
-{
-    if (!is_file_name(name)) {
-        errno = EINVAL;
-        return -1;
-    }
-    const int fd = open(namespace_path(name).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
-    if (fd >= 0 && !is_namespace_file(fd)) {
-        close(fd);
-        errno = EINVAL;
-        return -1;
-    }
-    return fd;
-}
 
 [[noreturn]] void fail(const std::string &what) { throw std::system_error(errno, std::generic_category(), what); }
 
@@ -197,56 +154,6 @@ netlink_news netlink_apply(std::span<const uint8_t> datagram, interface_table &t
     return news;
 }
 
-namespace_identity namespace_identity::of(const std::string &name_space)
-{
-    struct stat found {
-    };
-    // The own one is a link of the kernel's; a name must not be one.
-    const int flags = name_space.empty() ? 0 : AT_SYMLINK_NOFOLLOW;
-    if ((!name_space.empty() && !is_file_name(name_space)) ||
-        fstatat(AT_FDCWD, namespace_path(name_space).c_str(), &found, flags) != 0) {
-        return {};
-    }
-    return {found.st_dev, found.st_ino};
-}
-
-// Staying at home needs no privilege.
-namespace_visit::namespace_visit(const std::string &name_space)
-{
-    if (name_space.empty()) {
-        return;
-    }
-    const std::string path = namespace_path(name_space);
-    const int there = open_named_namespace(name_space);
-    if (there < 0) {
-        fail(path);
-    }
-    home_ = open(OWN_NAMESPACE, O_RDONLY | O_CLOEXEC);
-    const bool entered = home_ >= 0 && setns(there, CLONE_NEWNET) == 0;
-    const int cause = errno;
-    close(there);
-    if (!entered) {
-        if (home_ >= 0) {
-            close(home_);
-        }
-        errno = cause;
-        fail(path);
-    }
-}
-
-// A process that cannot find its way back would work in the wrong namespace from here on.
-namespace_visit::~namespace_visit()
-{
-    if (home_ < 0) {
-        return;
-    }
-    if (setns(home_, CLONE_NEWNET) != 0) {
-        perror("kap-node: the way back from a network namespace");
-        abort();
-    }
-    close(home_);
-}
-
 interface_watch::interface_watch(const std::string &name_space) : name_space_(name_space)
 {
     {
@@ -255,7 +162,7 @@ interface_watch::interface_watch(const std::string &name_space) : name_space_(na
         fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
     }
     if (fd_ < 0) {
-        fail(namespace_path(name_space));
+        fail("the interfaces of the namespace \"" + name_space + "\"");
     }
     setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
     sockaddr_nl address{};
@@ -265,7 +172,7 @@ interface_watch::interface_watch(const std::string &name_space) : name_space_(na
         const int cause = errno;
         close(fd_);
         errno = cause;
-        fail(namespace_path(name_space));
+        fail("the interfaces of the namespace \"" + name_space + "\"");
     }
     ask_for_all();
 }

@@ -6,8 +6,7 @@
 #pragma once
 
 #include "interfaces.hpp"
-
-#include <sys/types.h>
+#include "name_space.hpp"
 
 #include <set>
 #include <span>
@@ -25,30 +24,6 @@ struct netlink_news {
 
 // Brings a table up to date from a datagram; `seen` collects the indexes that were reported as present.
 netlink_news netlink_apply(std::span<const uint8_t> datagram, interface_table &table, std::set<int> &seen);
-
-// Which namespace a name stands for: names are given anew, identities are not. The empty name stands for the process's
-// own namespace.
-struct namespace_identity {
-    dev_t device = 0;
-    ino_t inode = 0;
-
-    bool operator==(const namespace_identity &) const = default;
-    // All zero when there is no namespace of that name.
-    static namespace_identity of(const std::string &name_space);
-};
-
-// Steps into a namespace for the life of the object. Throws std::system_error.
-class namespace_visit
-{
-public:
-    explicit namespace_visit(const std::string &name_space);
-    ~namespace_visit();
-    namespace_visit(const namespace_visit &) = delete;
-    namespace_visit &operator=(const namespace_visit &) = delete;
-
-private:
-    int home_ = -1;
-};
 
 class interface_watch
 {

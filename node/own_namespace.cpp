@@ -1,7 +1,7 @@
 // The name of the own network namespace (own_namespace.hpp).
 #include "own_namespace.hpp"
 
-#include "netlink.hpp"
+#include "name_space.hpp"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -20,7 +20,7 @@
 #include <stdexcept>
 
 #include "load.hpp"
-#include "netlink.hpp"
+#include "name_space.hpp"
 #include "packet_socket.hpp"
 #include "process.hpp"
 #include "wires.hpp"

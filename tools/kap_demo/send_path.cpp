@@ -16,7 +16,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "netlink.hpp"
+#include "name_space.hpp"
 #include "slowness.hpp"
 
 namespace

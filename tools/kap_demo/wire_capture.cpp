@@ -15,7 +15,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "netlink.hpp"
+#include "name_space.hpp"
 
 namespace
 {

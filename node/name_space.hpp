@@ -1,0 +1,38 @@
+// Network namespaces by their names in /run/netns: which one a name stands for, and stepping into it and back.
+//
+// A name stands for the file of that name; nothing that lies there makes whoever opens it wait. A symbolic link is no
+// namespace, but for one: that to the own namespace of whoever follows it ("kap-host", where the machine has it).
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace kap_node
+{
+
+// Which namespace a name stands for: names are given anew, identities are not. The empty name stands for the process's
+// own namespace.
+struct namespace_identity {
+    dev_t device = 0;
+    ino_t inode = 0;
+
+    bool operator==(const namespace_identity &) const = default;
+    // All zero when there is no namespace of that name.
+    static namespace_identity of(const std::string &name_space);
+};
+
+// Steps into a namespace for the life of the object. Throws std::system_error.
+class namespace_visit
+{
+public:
+    explicit namespace_visit(const std::string &name_space);
+    ~namespace_visit();
+    namespace_visit(const namespace_visit &) = delete;
+    namespace_visit &operator=(const namespace_visit &) = delete;
+
+private:
+    int home_ = -1;
+};
+
+} // namespace kap_node
