@@ -3,6 +3,9 @@
 
 #include "clients/emi_messages.hpp"
 
+#include <algorithm>
+#include <cerrno>
+
 namespace kap_node
 {
 
@@ -60,10 +63,24 @@ constexpr protocol EMI = {
     .capability_size = 4,
 };
 
+uint32_t reason_of(const kernel_refusal &refusal)
+{
+    switch (refusal.error) {
+    case ENOSPC:
+    case E2BIG:
+        return EMI_REJ_MAX_NUM_ENDPOINTS_REACHED;
+    case ENODEV:
+    case ENXIO:
+        return EMI_REJ_UNKNOWN_PORT_NAME;
+    default:
+        return EMI_REJ_INTERNAL_REASON;
+    }
+}
+
 } // namespace
 
-emi_service::emi_service(const node_config &config, outlet &out)
-    : service(EMI, out, config.max_clients), max_endpoints_(config.max_endpoints)
+emi_service::emi_service(const node_config &config, outlet &out, endpoint_backend &backend)
+    : service(EMI, out, config.max_clients), backend_(backend), max_endpoints_(config.max_endpoints)
 {
     for (const port_config &port : config.ports) {
         ports_.insert(port.fmi_name);
@@ -113,40 +130,104 @@ std::optional<uint32_t> emi_service::refusal(const std::optional<endpoint> &reco
     return std::nullopt;
 }
 
-verdict emi_service::add(const std::vector<endpoint> &records)
+// Where the records without a port belong.
+std::set<std::string> emi_service::ports_of(const std::vector<endpoint> &records) const
 {
-    std::set<endpoint> fresh;
+    std::set<std::string> named;
     for (const endpoint &record : records) {
-        if (!users_.contains(record)) {
-            fresh.insert(record);
+        if (!record.port.empty()) {
+            named.insert(record.port);
         }
     }
-    if (users_.size() + fresh.size() > max_endpoints_) {
+    return named.empty() ? ports_ : named;
+}
+
+placed_endpoint emi_service::place(const endpoint &record, const std::string &port)
+{
+    return {port, record.address, static_cast<uint16_t>(record.vlan_id), record.far_end != 0};
+}
+
+verdict emi_service::add(const std::vector<endpoint> &records)
+{
+    const auto ports = ports_of(records);
+    for (const endpoint &record : records) {
+        users_.add(record);
+        if (!record.port.empty()) {
+            placed_.add(place(record, record.port));
+            continue;
+        }
+        for (const std::string &port : ports) {
+            shared_.add({record, port});
+            placed_.add(place(record, port));
+        }
+    }
+    if (users_.size() > max_endpoints_ && !users_.fresh().empty()) {
+        take_back();
         return rejected(EMI_REJ_MAX_NUM_ENDPOINTS_REACHED);
     }
-    for (const endpoint &record : records) {
-        ++users_[record];
-    }
-    return confirmed();
+    const auto fresh = placed_.fresh();
+    return ended(fresh.empty() ? std::nullopt : backend_.add(fresh));
 }
 
 verdict emi_service::remove(const std::vector<endpoint> &records)
 {
+    const auto ports = ports_of(records);
+    uint64_t unknown = 0;
     for (const endpoint &record : records) {
-        const auto found = users_.find(record);
-        if (found == users_.end()) {
-            ++unknown_removals_;
-        } else if (--found->second == 0) {
-            users_.erase(found);
+        if (users_.of(record) == 0) {
+            ++unknown;
+        } else {
+            count_removal(record, ports);
         }
     }
+    const auto gone = placed_.gone();
+    verdict result = ended(gone.empty() ? std::nullopt : backend_.remove(gone));
+    if (!result.reject_reason) {
+        unknown_removals_ += unknown;
+    }
+    return result;
+}
+
+// The last removal of an endpoint without a port takes it from every port, whichever the request names.
+void emi_service::count_removal(const endpoint &record, const std::set<std::string> &ports)
+{
+    users_.take(record);
+    if (!record.port.empty()) {
+        placed_.take(place(record, record.port));
+        return;
+    }
+    for (const std::string &port : ports_) {
+        const uint64_t here = shared_.of({record, port});
+        const uint64_t left = users_.of(record) == 0 ? 0 : here - std::min<uint64_t>(here, ports.count(port));
+        shared_.set({record, port}, left);
+        const placed_endpoint placed = place(record, port);
+        placed_.set(placed, placed_.of(placed) - (here - left));
+    }
+}
+
+verdict emi_service::ended(const std::optional<kernel_refusal> &refused)
+{
+    if (refused) {
+        take_back();
+        return rejected(reason_of(*refused));
+    }
+    users_.keep();
+    shared_.keep();
+    placed_.keep();
     return confirmed();
+}
+
+void emi_service::take_back()
+{
+    users_.take_back();
+    shared_.take_back();
+    placed_.take_back();
 }
 
 json emi_service::state() const
 {
     auto endpoints = json::array();
-    for (const auto &[record, users] : users_) {
+    for (const auto &[record, users] : users_.all()) {
         endpoints.push_back({{"port", record.port},
                              {"mac", mac_text(record.address)},
                              {"type", record.type},
@@ -154,10 +235,14 @@ json emi_service::state() const
                              {"far_end", record.far_end},
                              {"users", users}});
     }
-    return {{"ports", ports_},
-            {"max_endpoints", max_endpoints_},
-            {"endpoints", std::move(endpoints)},
-            {"unknown_removals", unknown_removals_}};
+    json shown = {{"ports", ports_},
+                  {"max_endpoints", max_endpoints_},
+                  {"endpoints", std::move(endpoints)},
+                  {"unknown_removals", unknown_removals_}};
+    if (json kernel = backend_.show(); !kernel.is_null()) {
+        shown["kernel"] = std::move(kernel);
+    }
+    return shown;
 }
 
 } // namespace kap_node

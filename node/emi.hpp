@@ -3,9 +3,15 @@
 // Links share endpoints (every link of a port and VLAN asks for the same PTP and LLDP addresses), so each add of an
 // endpoint counts one user and each remove takes one away. Removing an endpoint that is not there is confirmed, since
 // nothing is left to remove, and counted. A request is carried out whole or not at all.
+//
+// A near-end MAC comes without the name of a port: it belongs to the ports that the other records of its request name,
+// or to every port when they name none. An endpoint that several records ask for on a port is given to the backend
+// once, and taken from it with the last of them.
 #pragma once
 
 #include "config.hpp"
+#include "counts.hpp"
+#include "emi_backend.hpp"
 #include "service.hpp"
 
 #include <set>
@@ -16,7 +22,8 @@ namespace kap_node
 class emi_service : public service
 {
 public:
-    emi_service(const node_config &config, outlet &out);
+    emi_service(const node_config &config, outlet &out,
+                endpoint_backend &backend = memory_endpoint_backend::instance());
 
 protected:
     verdict perform(const request_kind &kind, client &from, const message_view &message) override;
@@ -34,14 +41,29 @@ private:
         auto operator<=>(const endpoint &) const = default;
     };
 
+    // An endpoint without a port, and a port that it belongs to.
+    struct shared_endpoint {
+        endpoint record;
+        std::string port;
+        auto operator<=>(const shared_endpoint &) const = default;
+    };
+
     static std::optional<endpoint> endpoint_at(const message_view &message, uint32_t index);
     std::optional<uint32_t> refusal(const std::optional<endpoint> &record) const;
+    std::set<std::string> ports_of(const std::vector<endpoint> &records) const;
     verdict add(const std::vector<endpoint> &records);
     verdict remove(const std::vector<endpoint> &records);
+    void count_removal(const endpoint &record, const std::set<std::string> &ports);
+    static placed_endpoint place(const endpoint &record, const std::string &port);
+    verdict ended(const std::optional<kernel_refusal> &refused);
+    void take_back();
 
+    endpoint_backend &backend_;
     std::set<std::string> ports_;
     size_t max_endpoints_;
-    std::map<endpoint, uint64_t> users_;
+    user_counts<endpoint> users_;
+    user_counts<shared_endpoint> shared_;
+    user_counts<placed_endpoint> placed_;
     uint64_t unknown_removals_ = 0;
 };
 

@@ -6,22 +6,16 @@
 
 #include "config.hpp"
 #include "far_end.hpp"
+#include "kernel_keeper.hpp"
 #include "name_space.hpp"
 #include "program.hpp"
 
-#include <functional>
 #include <memory>
 
 namespace kap_node
 {
 
 inline constexpr const char *FAR_END_MAILBOX = "kap-node-far-end";
-
-// How the engines' descriptors get into the loop and out of it.
-struct descriptor_hooks {
-    std::function<void(int fd, std::function<void()> callback)> watch;
-    std::function<void(int fd)> unwatch;
-};
 
 class far_end_program : public program
 {

@@ -3,15 +3,18 @@
 
 #include "clients/fmi_messages.hpp"
 
+#include <algorithm>
+#include <cerrno>
+
 namespace kap_node
 {
 
 namespace
 {
 
-constexpr uint32_t HIGHEST_ACTION = 1;
-constexpr uint32_t HIGHEST_STATIC_RULE_TYPE = 1;
-constexpr uint32_t NO_POLICER = 0;
+constexpr uint32_t HIGHEST_ACTION = FMI_LET_IN;
+constexpr uint32_t HIGHEST_STATIC_RULE_TYPE = FMI_LET_IN;
+constexpr mac WHOLE_ADDRESS = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 constexpr size_t ENTRIES_AT = offsetof(fmi_append_dynamic_rule_req, entries);
 constexpr size_t ENTRY_SIZE = sizeof(fmi_dynamic_rule_entry);
 
@@ -117,11 +120,11 @@ std::string error_text(uint32_t reason)
 
 } // namespace
 
-fmi_service::fmi_service(const node_config &config, outlet &out)
-    : service(FMI, out, config.max_clients), max_rules_(config.max_rules)
+fmi_service::fmi_service(const node_config &config, outlet &out, rule_backend &backend)
+    : service(FMI, out, config.max_clients), backend_(backend), max_rules_(config.max_rules)
 {
     for (const port_config &port : config.ports) {
-        ports_.insert(port.fmi_name);
+        ports_[port.fmi_name];
     }
 }
 
@@ -152,7 +155,54 @@ verdict fmi_service::perform(const request_kind &kind, client & /*from*/, const 
     }
 }
 
-bool fmi_service::full() const { return static_rules_.size() + dynamic_rules_.size() + policers_.size() >= max_rules_; }
+bool fmi_service::full() const { return entries_ >= max_rules_; }
+
+// The reason to reject with when the rules that the port has now cannot be had.
+std::optional<uint32_t> fmi_service::have_rules(const std::string &port)
+{
+    const auto refusal = backend_.apply(port, ports_[port]);
+    if (!refusal) {
+        return std::nullopt;
+    }
+    return refusal->error == EOPNOTSUPP ? FMI_ERROR_ACL_NOT_SUPPORTED : FMI_ERROR_UNSUCCESSFUL;
+}
+
+// The reason to reject with; nothing when the entry is there, under the id last_id_.
+template <class Entry>
+std::optional<uint32_t> fmi_service::append(const std::string &port, std::map<uint32_t, Entry> port_rules::*where,
+                                            Entry entry)
+{
+    if (full()) {
+        return FMI_ERROR_UNSUCCESSFUL;
+    }
+    auto &entries = ports_[port].*where;
+    const auto added = entries.emplace(last_id_ + 1, std::move(entry)).first;
+    if (const auto reason = have_rules(port)) {
+        entries.erase(added);
+        return reason;
+    }
+    ++last_id_;
+    ++entries_;
+    return std::nullopt;
+}
+
+// The reason to reject with, `unknown` when the port has no entry of this id; nothing when it is gone.
+template <class Entry>
+std::optional<uint32_t> fmi_service::remove(const std::string &port, std::map<uint32_t, Entry> port_rules::*where,
+                                            uint32_t id, uint32_t unknown)
+{
+    auto &entries = ports_[port].*where;
+    auto removed = entries.extract(id);
+    if (!removed) {
+        return unknown;
+    }
+    if (const auto reason = have_rules(port)) {
+        entries.insert(std::move(removed));
+        return reason;
+    }
+    --entries_;
+    return std::nullopt;
+}
 
 verdict fmi_service::set_default_action(const std::string &port, const message_view &message)
 {
@@ -160,7 +210,11 @@ verdict fmi_service::set_default_action(const std::string &port, const message_v
     if (action > HIGHEST_ACTION) {
         return rejected(FMI_ERROR_ACL_UNKNOWN_ACTION);
     }
-    default_actions_[port] = action;
+    const auto before = std::exchange(ports_[port].default_action, action);
+    if (const auto reason = have_rules(port)) {
+        ports_[port].default_action = before;
+        return rejected(*reason);
+    }
     return confirmed(message_writer().text(port, FMI_PORT_NAME_LEN).take());
 }
 
@@ -170,77 +224,80 @@ verdict fmi_service::append_static_rule(const std::string &port, const message_v
     if (type > HIGHEST_STATIC_RULE_TYPE) {
         return rejected(FMI_ERROR_ACL_UNKNOWN_STATIC_RULE);
     }
-    if (full()) {
-        return rejected(FMI_ERROR_UNSUCCESSFUL);
+    if (const auto reason = append(port, &port_rules::static_rules, type)) {
+        return rejected(*reason);
     }
-    static_rules_[++last_id_] = {port, type};
     return confirmed(message_writer().word(type).word(last_id_).text(port, FMI_PORT_NAME_LEN).take());
 }
 
 verdict fmi_service::remove_static_rule(const std::string &port, const message_view &message)
 {
     const uint32_t id = message.word(offsetof(fmi_rule_id_msg, id));
-    const auto found = static_rules_.find(id);
-    if (found == static_rules_.end() || found->second.port != port) {
-        return rejected(FMI_ERROR_ACL_UNKNOWN_STATIC_RULE);
+    if (const auto reason = remove(port, &port_rules::static_rules, id, FMI_ERROR_ACL_UNKNOWN_STATIC_RULE)) {
+        return rejected(*reason);
     }
-    static_rules_.erase(found);
     return confirmed(message_writer().word(id).text(port, FMI_PORT_NAME_LEN).take());
+}
+
+// The reason to reject with; nothing when the entry was added to the rule.
+std::optional<uint32_t> fmi_service::add_entry(dynamic_rule &rule, const message_view &message, size_t at)
+{
+    switch (message.word(at + offsetof(fmi_dynamic_rule_entry, type))) {
+    case FMI_ENTRY_DEST_MAC:
+        if (message.mac_at(at + offsetof(fmi_dynamic_rule_entry, mask)) != WHOLE_ADDRESS) {
+            return FMI_ERROR_ACL_NOT_SUPPORTED;
+        }
+        rule.addresses.push_back(message.mac_at(at + offsetof(fmi_dynamic_rule_entry, mac)));
+        return std::nullopt;
+    case FMI_ENTRY_ETHER_TYPE:
+        rule.ether_types.push_back(message.half(at + offsetof(fmi_dynamic_rule_entry, ether_type)));
+        return std::nullopt;
+    default:
+        return FMI_ERROR_ACL_INVALID_ARGS;
+    }
 }
 
 verdict fmi_service::append_dynamic_rule(const std::string &port, const message_view &message)
 {
     const uint32_t count = message.word(offsetof(fmi_append_dynamic_rule_req, no_of_entries));
-    dynamic_rule rule{port, message.word(offsetof(fmi_append_dynamic_rule_req, policer_id)), {}, {}};
-    const auto policed = policers_.find(rule.policer_id);
+    dynamic_rule rule;
+    rule.policer_id = message.word(offsetof(fmi_append_dynamic_rule_req, policer_id));
     if (!message.holds(ENTRIES_AT, count, ENTRY_SIZE) ||
-        (rule.policer_id != NO_POLICER && (policed == policers_.end() || policed->second.port != port))) {
+        (rule.policer_id != FMI_NO_POLICER && !ports_[port].policers.contains(rule.policer_id))) {
         return rejected(FMI_ERROR_ACL_INVALID_ARGS);
     }
     for (uint32_t i = 0; i < count; ++i) {
-        const size_t at = ENTRIES_AT + size_t{i} * ENTRY_SIZE;
-        switch (message.word(at + offsetof(fmi_dynamic_rule_entry, type))) {
-        case FMI_ENTRY_DEST_MAC:
-            rule.addresses.push_back(message.mac_at(at + offsetof(fmi_dynamic_rule_entry, mac)));
-            break;
-        case FMI_ENTRY_ETHER_TYPE:
-            rule.ether_types.push_back(message.half(at + offsetof(fmi_dynamic_rule_entry, ether_type)));
-            break;
-        default:
-            return rejected(FMI_ERROR_ACL_INVALID_ARGS);
+        if (const auto reason = add_entry(rule, message, ENTRIES_AT + size_t{i} * ENTRY_SIZE)) {
+            return rejected(*reason);
         }
     }
-    if (full()) {
-        return rejected(FMI_ERROR_UNSUCCESSFUL);
+    if (const auto reason = append(port, &port_rules::dynamic_rules, std::move(rule))) {
+        return rejected(*reason);
     }
-    dynamic_rules_[++last_id_] = std::move(rule);
     return confirmed(message_writer().text(port, FMI_PORT_NAME_LEN).word(last_id_).take());
 }
 
 verdict fmi_service::remove_dynamic_rule(const std::string &port, const message_view &message)
 {
     const uint32_t id = message.word(offsetof(fmi_rule_id_msg, id));
-    const auto found = dynamic_rules_.find(id);
-    if (found == dynamic_rules_.end() || found->second.port != port) {
-        return rejected(FMI_ERROR_ACL_INVALID_ARGS);
+    if (const auto reason = remove(port, &port_rules::dynamic_rules, id, FMI_ERROR_ACL_INVALID_ARGS)) {
+        return rejected(*reason);
     }
-    dynamic_rules_.erase(found);
     return confirmed(message_writer().word(id).text(port, FMI_PORT_NAME_LEN).take());
 }
 
 verdict fmi_service::create_policer(const std::string &port, const message_view &message)
 {
-    if (full()) {
-        return rejected(FMI_ERROR_UNSUCCESSFUL);
-    }
-    policers_[++last_id_] = {
-        .port = port,
+    const policer entry = {
         .committed_rate = message.word(offsetof(fmi_create_policer_req, commitedRate)),
         .committed_burst = message.word(offsetof(fmi_create_policer_req, commitedMaxBurstSize)),
         .peak_rate = message.word(offsetof(fmi_create_policer_req, peakRate)),
         .peak_burst = message.word(offsetof(fmi_create_policer_req, peakMaxBurstSize)),
         .committed_only = message.word(offsetof(fmi_create_policer_req, useCommitedRateOnly)),
     };
+    if (const auto reason = append(port, &port_rules::policers, entry)) {
+        return rejected(*reason);
+    }
     return confirmed(message_writer().word(last_id_).text(port, FMI_PORT_NAME_LEN).take());
 }
 
@@ -269,39 +326,73 @@ bytes fmi_service::reject_fields(const request_kind &kind, const message_view &m
     }
 }
 
+namespace
+{
+
+json shown(uint32_t id, const std::string &port, uint32_t type) { return {{"id", id}, {"port", port}, {"type", type}}; }
+
+json shown(uint32_t id, const std::string &port, const dynamic_rule &rule)
+{
+    auto addresses = json::array();
+    for (const mac &address : rule.addresses) {
+        addresses.push_back(mac_text(address));
+    }
+    return {{"id", id},
+            {"port", port},
+            {"policer_id", rule.policer_id},
+            {"macs", std::move(addresses)},
+            {"ether_types", rule.ether_types}};
+}
+
+json shown(uint32_t id, const std::string &port, const policer &entry)
+{
+    return {{"id", id},
+            {"port", port},
+            {"committed_rate", entry.committed_rate},
+            {"committed_burst", entry.committed_burst},
+            {"peak_rate", entry.peak_rate},
+            {"peak_burst", entry.peak_burst},
+            {"committed_only", entry.committed_only}};
+}
+
+// The entries of all ports, by id.
+template <class Entry>
+json all_shown(const std::map<std::string, port_rules> &ports, std::map<uint32_t, Entry> port_rules::*where)
+{
+    std::map<uint32_t, json> by_id;
+    for (const auto &[port, rules] : ports) {
+        for (const auto &[id, entry] : rules.*where) {
+            by_id[id] = shown(id, port, entry);
+        }
+    }
+    auto list = json::array();
+    for (auto &[id, entry] : by_id) {
+        list.push_back(std::move(entry));
+    }
+    return list;
+}
+
+} // namespace
+
 json fmi_service::state() const
 {
-    auto statics = json::array();
-    for (const auto &[id, rule] : static_rules_) {
-        statics.push_back({{"id", id}, {"port", rule.port}, {"type", rule.type}});
-    }
-    auto dynamics = json::array();
-    for (const auto &[id, rule] : dynamic_rules_) {
-        auto addresses = json::array();
-        for (const mac &address : rule.addresses) {
-            addresses.push_back(mac_text(address));
+    auto names = json::array();
+    auto actions = json::object();
+    for (const auto &[port, rules] : ports_) {
+        names.push_back(port);
+        if (rules.default_action) {
+            actions[port] = *rules.default_action;
         }
-        dynamics.push_back({{"id", id},
-                            {"port", rule.port},
-                            {"policer_id", rule.policer_id},
-                            {"macs", std::move(addresses)},
-                            {"ether_types", rule.ether_types}});
     }
-    auto policers = json::array();
-    for (const auto &[id, entry] : policers_) {
-        policers.push_back({{"id", id},
-                            {"port", entry.port},
-                            {"committed_rate", entry.committed_rate},
-                            {"committed_burst", entry.committed_burst},
-                            {"peak_rate", entry.peak_rate},
-                            {"peak_burst", entry.peak_burst},
-                            {"committed_only", entry.committed_only}});
+    json all = {{"ports", std::move(names)},
+                {"default_actions", std::move(actions)},
+                {"static_rules", all_shown(ports_, &port_rules::static_rules)},
+                {"dynamic_rules", all_shown(ports_, &port_rules::dynamic_rules)},
+                {"policers", all_shown(ports_, &port_rules::policers)}};
+    if (json kernel = backend_.show(); !kernel.is_null()) {
+        all["kernel"] = std::move(kernel);
     }
-    return {{"ports", ports_},
-            {"default_actions", default_actions_},
-            {"static_rules", std::move(statics)},
-            {"dynamic_rules", std::move(dynamics)},
-            {"policers", std::move(policers)}};
+    return all;
 }
 
 } // namespace kap_node

@@ -1,11 +1,13 @@
 // The flow manager: access-control lists of the node's ports (a default action, static rules and dynamic rules per
-// port) and policers. It keeps what it is given and filters nothing; ids are counted from 1 over all ports.
+// port) and policers. What they mean stands in fmi_backend.hpp; a change that the backend refuses is rejected and
+// changes nothing. Ids are counted from 1 over all ports.
 #pragma once
 
 #include "config.hpp"
+#include "fmi_backend.hpp"
 #include "service.hpp"
 
-#include <set>
+#include <map>
 
 namespace kap_node
 {
@@ -13,7 +15,7 @@ namespace kap_node
 class fmi_service : public service
 {
 public:
-    fmi_service(const node_config &config, outlet &out);
+    fmi_service(const node_config &config, outlet &out, rule_backend &backend = memory_rule_backend::instance());
 
 protected:
     verdict perform(const request_kind &kind, client &from, const message_view &message) override;
@@ -23,25 +25,6 @@ protected:
     const char *own_commands() const override { return ""; }
 
 private:
-    struct static_rule {
-        std::string port;
-        uint32_t type;
-    };
-    struct dynamic_rule {
-        std::string port;
-        uint32_t policer_id;
-        std::vector<mac> addresses;
-        std::vector<uint16_t> ether_types;
-    };
-    struct policer {
-        std::string port;
-        uint32_t committed_rate;
-        uint32_t committed_burst;
-        uint32_t peak_rate;
-        uint32_t peak_burst;
-        uint32_t committed_only;
-    };
-
     verdict set_default_action(const std::string &port, const message_view &message);
     verdict append_static_rule(const std::string &port, const message_view &message);
     verdict remove_static_rule(const std::string &port, const message_view &message);
@@ -49,14 +32,19 @@ private:
     verdict remove_dynamic_rule(const std::string &port, const message_view &message);
     verdict create_policer(const std::string &port, const message_view &message);
     bool full() const;
+    template <class Entry>
+    std::optional<uint32_t> append(const std::string &port, std::map<uint32_t, Entry> port_rules::*where, Entry entry);
+    template <class Entry>
+    std::optional<uint32_t> remove(const std::string &port, std::map<uint32_t, Entry> port_rules::*where, uint32_t id,
+                                   uint32_t unknown);
+    std::optional<uint32_t> have_rules(const std::string &port);
+    static std::optional<uint32_t> add_entry(dynamic_rule &rule, const message_view &message, size_t at);
 
-    std::set<std::string> ports_;
+    rule_backend &backend_;
     size_t max_rules_;
     uint32_t last_id_ = 0;
-    std::map<std::string, uint32_t> default_actions_;
-    std::map<uint32_t, static_rule> static_rules_;
-    std::map<uint32_t, dynamic_rule> dynamic_rules_;
-    std::map<uint32_t, policer> policers_;
+    size_t entries_ = 0; // rules and policers of all ports
+    std::map<std::string, port_rules> ports_;
 };
 
 } // namespace kap_node

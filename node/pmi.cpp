@@ -3,6 +3,8 @@
 
 #include "clients/pmi_messages.hpp"
 
+#include <cerrno>
+
 namespace kap_node
 {
 
@@ -58,9 +60,33 @@ constexpr protocol PMI = {
     .capability_size = 4,
 };
 
+// The reason that fits: the port is not there, it is not allowed, or the VLAN's place is taken or unfit for one.
+uint32_t reason_of(const kernel_refusal &refusal)
+{
+    switch (refusal.error) {
+    case ENODEV:
+    case ENOENT:
+    case ENXIO:
+    case ENETDOWN:
+        return PMI_REJ_INVALID_PORTSTATE;
+    case EPERM:
+    case EACCES:
+        return PMI_REJ_NOT_ALLOWED;
+    case EEXIST:
+    case EBUSY:
+    case EINVAL:
+    case ERANGE:
+    case ENAMETOOLONG:
+        return PMI_REJ_INVALID_RESOURCE;
+    default:
+        return PMI_REJ_INTERNAL_REASON;
+    }
+}
+
 } // namespace
 
-pmi_service::pmi_service(const node_config &config, outlet &out) : service(PMI, out, config.max_clients)
+pmi_service::pmi_service(const node_config &config, outlet &out, vlan_backend &backend)
+    : service(PMI, out, config.max_clients), backend_(backend)
 {
     for (const port_config &port : config.ports) {
         ports_.insert(port.name);
@@ -74,13 +100,21 @@ verdict pmi_service::perform(const request_kind &kind, client & /*from*/, const 
     if (!port || !ports_.contains(*port) || vlan_id == 0 || vlan_id > VLAN_MOST) {
         return rejected(PMI_REJ_INVALID_RESOURCE);
     }
-    const port_vlan meant{*port, vlan_id};
+    const port_vlan meant{*port, static_cast<uint16_t>(vlan_id)};
     return kind.number == PMI_ENABLE_PORT_VLAN_REQ ? enable(meant) : disable(meant);
 }
 
 verdict pmi_service::enable(const port_vlan &wanted)
 {
-    ++users_[wanted];
+    const auto found = users_.find(wanted);
+    if (found != users_.end()) {
+        ++found->second;
+        return confirmed();
+    }
+    if (const auto refusal = backend_.open(wanted.port, wanted.vlan_id)) {
+        return rejected(reason_of(*refusal));
+    }
+    users_[wanted] = 1;
     return confirmed();
 }
 
@@ -90,9 +124,14 @@ verdict pmi_service::disable(const port_vlan &unwanted)
     if (found == users_.end()) {
         return rejected(PMI_REJ_NOT_ALLOWED);
     }
-    if (--found->second == 0) {
-        users_.erase(found);
+    if (found->second > 1) {
+        --found->second;
+        return confirmed();
     }
+    if (const auto refusal = backend_.close(unwanted.port, unwanted.vlan_id)) {
+        return rejected(reason_of(*refusal));
+    }
+    users_.erase(found);
     return confirmed();
 }
 
@@ -102,7 +141,11 @@ json pmi_service::state() const
     for (const auto &[meant, users] : users_) {
         vlans.push_back({{"port", meant.port}, {"vlan_id", meant.vlan_id}, {"users", users}});
     }
-    return {{"ports", ports_}, {"vlans", std::move(vlans)}};
+    json shown = {{"ports", ports_}, {"vlans", std::move(vlans)}};
+    if (json kernel = backend_.show(); !kernel.is_null()) {
+        shown["kernel"] = std::move(kernel);
+    }
+    return shown;
 }
 
 } // namespace kap_node

@@ -2,10 +2,11 @@
 //
 // Each link that uses a VLAN of a port enables it once and disables it once, and two links may share one. So every
 // confirmed enable adds a user and every disable takes one away; the VLAN is closed with its last user. Disabling a
-// VLAN that nobody has enabled is refused.
+// VLAN that nobody has enabled is refused. What the backend refuses is rejected and changes no count.
 #pragma once
 
 #include "config.hpp"
+#include "pmi_backend.hpp"
 #include "service.hpp"
 
 #include <set>
@@ -16,7 +17,7 @@ namespace kap_node
 class pmi_service : public service
 {
 public:
-    pmi_service(const node_config &config, outlet &out);
+    pmi_service(const node_config &config, outlet &out, vlan_backend &backend = memory_vlan_backend::instance());
 
 protected:
     verdict perform(const request_kind &kind, client &from, const message_view &message) override;
@@ -27,13 +28,14 @@ protected:
 private:
     struct port_vlan {
         std::string port;
-        uint32_t vlan_id;
+        uint16_t vlan_id;
         auto operator<=>(const port_vlan &) const = default;
     };
 
     verdict enable(const port_vlan &wanted);
     verdict disable(const port_vlan &unwanted);
 
+    vlan_backend &backend_;
     std::set<std::string> ports_;
     std::map<port_vlan, uint64_t> users_;
 };

@@ -1,5 +1,5 @@
-"""The first file system of a machine, in memory: busybox, the modules for the disks, guest/init and guest/agent. Made anew
-for each start, so that these two may change without a new image.
+"""The first file system of a machine, in memory: busybox, the modules for the disks, guest/init, guest/agent and its unit.
+Made anew for each start, so that these may change without a new image.
 """
 
 import gzip
@@ -14,7 +14,7 @@ def make(image):
     for directory in ("bin", "dev", "proc", "sys", "root", "modules"):
         archive.directory(directory)
     archive.device("dev/console", 5, 1)
-    for name in ("init", "agent"):
+    for name in ("init", "agent", "lab-agent.service"):
         archive.file(name, (GUEST / name).read_bytes())
     archive.file("bin/busybox", (image.first / "busybox").read_bytes())
     modules = (image.first / "modules").read_bytes()

@@ -1,8 +1,12 @@
-"""The image of a laboratory's machine: a minimal Debian 12 with the packages of group "guest" of scripts/packages, and
-its kernel.
+"""The images of a laboratory's machines, each with Debian's kernel: two kinds.
 
+get(): a minimal Debian 12 with the packages of group "guest" of scripts/packages, to run programs of this build in.
 Packages are unpacked, not configured: nothing of them runs while the image is made. So it is made the same way for
 another machine's processor, and nothing of Debian's starts in it beside the agent: no systemd, no udev.
+
+get_plain(): a Debian 12 as somebody finds it after its installation, small, with group "plain": configured, and it boots
+as it does everywhere, with systemd and udev. Nothing of ours is in it. It has no network: apt finds the Debian packages
+that ours need in an archive on its disk (/var/lib/offline), and nothing else.
 
 An image is kept for a day in KAP_LAB_CACHE (default: ~/.cache/kap-vorn/lab) under a key of everything it is made from.
 Whoever finds another one making the same image waits for it. Needs root, for the owners of the files.
@@ -37,27 +41,48 @@ class Image:
     disk: pathlib.Path
     kernel: pathlib.Path
     first: pathlib.Path  # a directory: what runs before the disk is there
+    starts: str  # what is the first process on the disk: "agent", or "systemd", which starts the agent
 
 
-def guest_packages():
+def packages_of(group):
     text = (PROJECT / "scripts/packages").read_text()
-    return [line.split()[1] for line in text.splitlines() if line.startswith("guest ")]
+    return [line.split()[1] for line in text.splitlines() if line.split()[:1] == [group]]
+
+
+def cache_directory():
+    cache = pathlib.Path(os.environ.get("KAP_LAB_CACHE") or pathlib.Path.home() / ".cache/kap-vorn/lab")
+    cache.mkdir(parents=True, exist_ok=True)
+    return cache
 
 
 def get(architecture="amd64", more_packages=()):
     """The image, made if there is none of today."""
-    packages = guest_packages() + list(more_packages)
-    parts = [architecture, *packages, pathlib.Path(__file__).read_text()]
-    key = hashlib.sha256("\n".join(parts).encode()).hexdigest()[:16]
-    cache = pathlib.Path(os.environ.get("KAP_LAB_CACHE") or pathlib.Path.home() / ".cache/kap-vorn/lab")
-    cache.mkdir(parents=True, exist_ok=True)
+    packages = packages_of("guest") + list(more_packages)
+
+    def fill(root, log):
+        unpack_packages(root, architecture, packages, log)
+        complete(root)
+
+    return kept(architecture, packages, fill, "agent")
+
+
+def get_plain(offered=()):
+    """The image that boots as Debian does; `offered` are the Debian packages in its archive, with what they need."""
+    packages, offered = packages_of("plain"), sorted(set(offered))
+    return kept("amd64", ["plain", *packages, "offered", *offered],
+                lambda root, log: install_packages(root, packages, offered, log), "systemd")
+
+
+def kept(architecture, parts, fill, starts):
+    key = hashlib.sha256("\n".join([architecture, *parts, pathlib.Path(__file__).read_text()]).encode()).hexdigest()[:16]
+    cache = cache_directory()
     place = cache / f"{architecture}-{key}"
     with open(cache / f"{architecture}-{key}.lock", "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         if not place.exists() or time.time() - place.stat().st_mtime > KEPT_FOR_S:
             remove_old(cache)
-            make(place, architecture, packages)
-    return Image(architecture, place / "disk", place / "kernel", place / "first")
+            make(place, architecture, fill)
+    return Image(architecture, place / "disk", place / "kernel", place / "first", starts)
 
 
 def remove_old(cache):
@@ -67,15 +92,14 @@ def remove_old(cache):
             shutil.rmtree(entry, ignore_errors=True)
 
 
-def make(place, arch, packages):
+def make(place, arch, fill):
     print(f"making the image of a machine ({arch}) ...", file=sys.stderr, flush=True)
     start = time.time()
     work = pathlib.Path(f"{place}.new")
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir()
     root = work / "root"
-    unpack_packages(root, arch, packages, work / "mmdebstrap.log")
-    complete(root)
+    fill(root, work / "mmdebstrap.log")
     version = unpack_kernel(root, work)
     keep_first_files(root, version, work / "first")
     make_disk(work / "disk", root)
@@ -94,17 +118,54 @@ def run(command, log=None):
     return done.stdout
 
 
-def unpack_packages(root, arch, packages, log):
+def fetch_kernel(arch):
     """The kernel's own package is fetched beside the others: as one of them it would bring what makes initial RAM disks.
     """
-    fetch = ("set -e; mkdir \"$1/kernel\"; cd \"$1/kernel\"; export APT_CONFIG=\"$MMDEBSTRAP_APT_CONFIG\"; "
-             f"name=$(apt-cache depends {KERNEL_PACKAGES[arch]} | sed -n 's/^ *Depends: \\(linux-image.*\\)/\\1/p'); "
-             "apt-get -o APT::Sandbox::User=root download \"$name\"")
+    return ("set -e; mkdir \"$1/kernel\"; cd \"$1/kernel\"; export APT_CONFIG=\"$MMDEBSTRAP_APT_CONFIG\"; "
+            f"name=$(apt-cache depends {KERNEL_PACKAGES[arch]} | sed -n 's/^ *Depends: \\(linux-image.*\\)/\\1/p'); "
+            "apt-get -o APT::Sandbox::User=root download \"$name\"")
+
+
+def unpack_packages(root, arch, packages, log):
     unwanted = ["/usr/share/doc/*", "/usr/share/man/*", "/usr/share/locale/*", "/usr/share/info/*"]
     run(["mmdebstrap", "--variant=extract", f"--architectures={arch}", "--include=?essential",
          "--include=" + ",".join(packages), "--hook-dir=/usr/share/mmdebstrap/hooks/merged-usr",
          *[f"--dpkgopt=path-exclude={path}" for path in unwanted],
-         f"--extract-hook={fetch}", "bookworm", root, *debian_sources(arch)], log)
+         f"--extract-hook={fetch_kernel(arch)}", "bookworm", root, *debian_sources(arch)], log)
+
+
+def install_packages(root, packages, offered, log):
+    """As debootstrap and an installation do; documentation comes with ours, since a purge has to take it away again."""
+    archive = root / "var/lib/offline"
+    fetch = ("set -e; export APT_CONFIG=\"$MMDEBSTRAP_APT_CONFIG\"; mkdir -p \"$1/var/lib/offline/partial\"; "
+             "apt-get -q -y --no-install-recommends --download-only -o APT::Sandbox::User=root "
+             f"-o Dir::Cache::archives=\"$1/var/lib/offline\" install {' '.join(offered)}")
+    run(["mmdebstrap", "--variant=minbase", "--architectures=amd64", "--include=" + ",".join(packages),
+         f"--customize-hook={fetch_kernel('amd64')}", *([f"--customize-hook={fetch}"] if offered else []),
+         "bookworm", root, *debian_sources("amd64")], log)
+    archive.mkdir(parents=True, exist_ok=True)
+    index_archive(archive)
+    for place in (root / "etc/apt/sources.list.d").glob("*"):
+        place.unlink()
+    (root / "etc/apt/sources.list").write_text("deb [trusted=yes] file:/var/lib/offline ./\n")
+    run(["chroot", root, "apt-get", "-q", "-o", "APT::Sandbox::User=root", "update"])
+    (root / "etc/hostname").write_text("debian\n")
+    (root / "etc/hosts").write_text("127.0.0.1 localhost\n127.0.1.1 debian\n")
+    (root / "etc/network/interfaces").write_text("auto lo\niface lo inet loopback\n")
+    # Each machine gets its own at its first boot, and a boot is not the first one only because of this.
+    (root / "etc/machine-id").write_text("")
+    (root / "var/log/journal").mkdir(exist_ok=True)
+
+
+def index_archive(archive):
+    """As dpkg-scanpackages does it, which is in a package that nothing else here needs."""
+    text = ""
+    for package in sorted(archive.glob("*.deb")):
+        content = package.read_bytes()
+        text += run(["dpkg-deb", "-f", package]).decode()
+        text += (f"Filename: ./{package.name}\nSize: {len(content)}\n"
+                 f"SHA256: {hashlib.sha256(content).hexdigest()}\n\n")
+    (archive / "Packages").write_text(text)
 
 
 def debian_sources(arch):

@@ -11,7 +11,7 @@
 Commands are bash scripts, run by root one after the other; what one starts in the background goes on. Disks are
 written to in copies of the machine's own, so machines share an image and nothing stays of them but their logs:
 NAME.console (the kernel and what the first processes say), NAME.output (what the commands printed, as it comes) and
-NAME.emulator. The emulated processors are those of the emulator alone (tcg), some ten times slower than real ones.
+NAME.emulator. What runs the processors is said in accelerator.py.
 """
 
 import base64
@@ -29,17 +29,19 @@ import tarfile
 import tempfile
 import time
 
+import accelerator
 import first_files
 
 # By Debian's name of the processor: the emulator with all that does not depend on the disks, and the kernel's command line.
+# A processor that is emulated has all that the emulator knows (max), as has one that is not.
 #
 # The emulator's time stamp counters are one and steady, which a kernel on several processors does not believe by itself.
 # Without them each reading of the clock goes through an emulated timer and takes tens of microseconds. And a kernel that
 # checks whether its timer ticks gives up when the host keeps the emulator from running for a moment.
 EMULATORS = {
-    "amd64": (("qemu-system-x86_64", "-machine", "q35", "-cpu", "max", "-accel", "tcg,thread=multi"),
+    "amd64": (("qemu-system-x86_64", "-machine", "q35", "-cpu", "max"),
               "console=ttyS0 tsc=reliable no_timer_check"),
-    "armhf": (("qemu-system-arm", "-machine", "virt,highmem=off", "-cpu", "max", "-accel", "tcg,thread=multi"),
+    "armhf": (("qemu-system-arm", "-machine", "virt,highmem=off", "-cpu", "max"),
               "console=ttyAMA0"),
 }
 READY_BOUND_S = 600
@@ -102,7 +104,9 @@ class Machine:
         first.write_bytes(first_files.make(image))
         kernel_line += f" panic=-1 net.ifnames=0 quiet {kernel_options}"
         kernel_line += f" lab.tree={tree_at}" if tree else ""
-        command = [*emulator, "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
+        kernel_line += f" lab.init={image.starts}"
+        command = [*emulator, *accelerator.options(image), "-nodefaults", "-no-user-config", "-display", "none",
+                   *(["-no-reboot"] if image.starts == "agent" else []),
                    "-smp", str(processors), "-m", str(memory_mib), "-kernel", image.kernel, "-initrd", first,
                    "-append", kernel_line, "-serial", f"file:{self.logs / self.name}.console",
                    "-qmp", f"unix:{self.directory / 'monitor'},server=on,wait=off",
@@ -140,8 +144,18 @@ class Machine:
 
     def wait_ready(self, bound_s=READY_BOUND_S):
         deadline = time.monotonic() + bound_s
-        self.line = self._connect("line", deadline)
+        if not self.line:
+            self.line = self._connect("line", deadline)
         self._read_line(deadline)
+
+    def wait_booted(self, bound_s=READY_BOUND_S):
+        """Every job of systemd's is done. What failed then is for the caller to look at."""
+        self.try_run("systemctl is-system-running --wait", bound_s)
+
+    def reboot(self, bound_s=READY_BOUND_S):
+        """As `reboot` does it, where the machine has systemd; back when the agent is there again."""
+        self.run("systemctl reboot --no-block")
+        self.wait_ready(bound_s)
 
     def try_run(self, script, bound_s=COMMAND_BOUND_S, echo=None):
         """The status and what was printed, on both outputs; `echo` is a file that gets it as it comes, too."""

@@ -249,6 +249,140 @@ TEST_F(Fmi, RefusesEveryTruncationOfEveryRequest)
     expect_truncations_refused(message_of(0x1B0F53, HEAD), 12, 0x1B0F55, 6, all);
 }
 
+TEST_F(Fmi, RejectsAnAddressOfWhichOnlyAPartIsToBeMatched)
+{
+    std::string entry = MAC_ENTRY;
+    entry.replace(entry.rfind("FF  0*8"), 2, "00");
+    receive(append_dynamic(PORT, "00 00 00 00  ", "00 00 00 02  " + entry + TYPE_ENTRY));
+    expect_answer(message_of(0x1B0F63, HEAD + "00 00 00 02  " + PORT + error_field("refused")));
+    EXPECT_EQ(kept(), nothing);
+}
+
+// Keeps what it is asked for, and refuses while it has something to say.
+class wilful_backend : public rule_backend
+{
+public:
+    std::optional<kernel_refusal> apply(const std::string &port, const port_rules &wanted) override
+    {
+        ++asked;
+        if (!refusal) {
+            ports[port] = wanted;
+        }
+        return refusal;
+    }
+    json show() override { return {{"asked", asked}}; }
+
+    std::optional<kernel_refusal> refusal;
+    std::map<std::string, port_rules> ports;
+    int asked = 0;
+};
+
+class FmiBackend : public Fmi
+{
+protected:
+    void SetUp() override
+    {
+        tested = std::make_unique<fmi_service>(config, out, backend);
+        receive(CONNECT);
+        out.take();
+    }
+    // The request is rejected with this reason, and nothing has become another.
+    void expect_refused(const bytes &request, uint32_t reason)
+    {
+        const json before = kept();
+        const auto in_kernel = backend.ports;
+        backend.refusal = kernel_refusal{EPERM, "Operation not permitted"};
+        receive(request);
+        const auto answers = out.take();
+        ASSERT_EQ(answers.size(), 1u);
+        EXPECT_EQ(message_view(answers[0].data).number(), message_view(request).number() + 2);
+        EXPECT_EQ(message_view(answers[0].data).word(12), reason);
+        EXPECT_EQ(kept(), before);
+        EXPECT_EQ(backend.ports, in_kernel);
+        backend.refusal.reset();
+    }
+    wilful_backend backend;
+};
+
+TEST_F(FmiBackend, IsGivenAllRulesOfThePortAfterEachChange)
+{
+    receive(SET_ACTION);
+    receive(APPEND_STATIC);
+    receive(CREATE_POLICER);
+    receive(append_dynamic(PORT, "00 00 00 02  ", "00 00 00 02  " + MAC_ENTRY + TYPE_ENTRY));
+    port_rules wanted;
+    wanted.default_action = FMI_LET_IN;
+    wanted.static_rules = {{1, 1}};
+    wanted.policers = {{2, {10000000, 262144, 0, 0, 1}}};
+    wanted.dynamic_rules[3] = {2, {{2, 0, 0, 0, 0, 5}}, {0xAEFE}};
+    EXPECT_EQ(backend.ports, (std::map<std::string, port_rules>{{"DiPort_A1", wanted}}));
+    receive(remove_dynamic("00 00 00 03  ", PORT));
+    receive(remove_static("00 00 00 01  ", PORT));
+    wanted.dynamic_rules.clear();
+    wanted.static_rules.clear();
+    EXPECT_EQ(backend.ports, (std::map<std::string, port_rules>{{"DiPort_A1", wanted}}));
+    EXPECT_EQ(backend.asked, 6);
+}
+
+TEST_F(FmiBackend, ARefusalRejectsAndChangesNothing)
+{
+    for (const bool filled : {false, true}) {
+        SCOPED_TRACE(filled ? "with rules" : "without rules");
+        if (filled) {
+            receive(message_of(0x1B0F58, HEAD + "00 00 00 00  " + PORT + "0*4"));
+            receive(APPEND_STATIC);
+            receive(APPEND_DYNAMIC);
+            receive(CREATE_POLICER);
+            out.take();
+            expect_refused(remove_static("00 00 00 01  ", PORT), 1);
+            expect_refused(remove_dynamic("00 00 00 02  ", PORT), 1);
+        }
+        expect_refused(SET_ACTION, 1);
+        expect_refused(APPEND_STATIC, 1);
+        expect_refused(APPEND_DYNAMIC, 1);
+        expect_refused(CREATE_POLICER, 1);
+    }
+}
+
+TEST_F(FmiBackend, ARefusedRequestUsesUpNoId)
+{
+    expect_refused(APPEND_DYNAMIC, 1);
+    receive(APPEND_DYNAMIC);
+    expect_answer(message_of(0x1B0F62, HEAD + PORT + "00 00 00 01"));
+}
+
+TEST_F(FmiBackend, ARefusedRequestTakesNoRoom)
+{
+    config.max_rules = 1;
+    SetUp();
+    expect_refused(APPEND_STATIC, 1);
+    receive(APPEND_STATIC);
+    expect_answer(message_of(0x1B0F5C, HEAD + "00 00 00 01  00 00 00 01  " + PORT));
+    expect_refused(remove_static("00 00 00 01  ", PORT), 1);
+    receive(APPEND_DYNAMIC);
+    expect_answer(message_of(0x1B0F63, HEAD + "00 00 00 01  " + PORT + error_field("refused")));
+}
+
+TEST_F(FmiBackend, WhatTheKernelCannotDoIsNotSupported)
+{
+    backend.refusal = kernel_refusal{EOPNOTSUPP, "Operation not supported"};
+    receive(SET_ACTION);
+    expect_answer(message_of(0x1B0F5A, HEAD + "00 00 00 02  " + PORT + error_field("refused")));
+}
+
+TEST_F(FmiBackend, IsNotAskedForWhatTheServiceItselfRejects)
+{
+    receive(message_of(0x1B0F58, HEAD + "00 00 00 02  " + PORT + "0*4"));
+    receive(message_of(0x1B0F58, HEAD + "00 00 00 01  " + NO_PORT + "0*4"));
+    receive(remove_dynamic("00 00 00 01  ", PORT));
+    receive(remove_static("00 00 00 01  ", PORT));
+    receive(append_dynamic(PORT, "00 00 00 01  ", "00 00 00 02  " + MAC_ENTRY + TYPE_ENTRY));
+    EXPECT_EQ(backend.asked, 0);
+    EXPECT_EQ(out.take().size(), 5u);
+}
+
+TEST_F(FmiBackend, WhatTheBackendTellsIsShown) { EXPECT_EQ(tested->show()["kernel"], json::parse(R"({"asked": 0})")); }
+
 TEST_F(Fmi, ShowsItsWholeStateInAFixedShape)
 {
     const json shown = tested->show();

@@ -1,0 +1,31 @@
+"""The packages of this project for a machine of the laboratory."""
+
+import pathlib
+import re
+import subprocess
+
+INSTALL = "DEBIAN_FRONTEND=noninteractive apt-get -o Dpkg::Use-Pty=0 install -q -y --no-install-recommends ./*.deb"
+INTERFACES = {"eth0": "02:00:00:00:01:00", "eth1": "02:00:00:00:01:01", "eth2": "02:00:00:00:01:02"}
+
+
+def find(given):
+    """The .deb files of a list of files and directories."""
+    paths = [pathlib.Path(path) for path in given]
+    return [p.resolve() for path in paths for p in (sorted(path.glob("*.deb")) if path.is_dir() else [path])]
+
+
+def field(package, name):
+    done = subprocess.run(["dpkg-deb", "-f", str(package), name], check=True, stdout=subprocess.PIPE)
+    return done.stdout.decode().strip()
+
+
+def needed_from_debian(given):
+    """The names of the packages of Debian that these ask for themselves; of alternatives the first."""
+    own = {field(package, "Package") for package in given}
+    needed = set()
+    for package in given:
+        for kind in ("Depends", "Pre-Depends", "Recommends"):
+            for word in field(package, kind).split(","):
+                name = re.split(r"[ (:|]", word.strip())[0]
+                needed |= {name} if name else set()
+    return sorted(needed - own)
