@@ -5,6 +5,8 @@
 // have to be looked for among them; requests and dumps go over another one.
 #pragma once
 
+#include "kernel_refusal.hpp"
+
 #include <linux/netlink.h>
 
 #include <cstdint>
@@ -19,12 +21,6 @@ struct mnl_socket;
 
 namespace kap_node
 {
-
-// Why the kernel did not do something: its errno, and its own words where it gave some (else what the errno means).
-struct kernel_refusal {
-    int error;
-    std::string words;
-};
 
 class netlink_socket
 {
