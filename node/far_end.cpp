@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <compare>
 #include <cstring>
@@ -32,12 +33,18 @@ struct peer_key {
     auto operator<=>(const peer_key &other) const = default;
 };
 
+struct peer_record {
+    far_end_counters counters;
+    int64_t second; // of the monotonic clock, and how many of its requests were let through in it
+    uint32_t in_second;
+};
+
 struct delayed_answer {
     int64_t due; // monotonic
     uint64_t order;
     int if_index;
     std::vector<uint8_t> frame;
-    far_end_counters *counters;
+    peer_record *peer;
     bool operator<(const delayed_answer &other) const // the first one is the greatest
     {
         return due != other.due ? due > other.due : order > other.order;
@@ -64,13 +71,17 @@ uint64_t mac_number(const mac_address &mac)
 } // namespace
 
 struct far_end {
-    int socket = -1;
+    std::array<int, FAR_END_QUEUES> sockets{};
+    size_t queues = 0; // of these are open
     int timer = -1;
     int poll = -1;
     std::vector<std::string> interfaces;
     std::map<int, std::string> names; // of interfaces seen; "" for one that is not listed
     far_end_knobs knobs;
-    std::map<peer_key, far_end_counters> peers;
+    std::map<peer_key, peer_record> peers;
+    peer_record others{}; // beyond MAX_PEERS
+    far_end_totals totals{};
+    int64_t second = 0; // in which the batch at hand was read
     std::priority_queue<delayed_answer> waiting;
     uint64_t order = 0;
     std::mt19937 chance{1}; // NOLINT(cert-msc32-c,cert-msc51-cpp): the same losses in every run
@@ -80,8 +91,8 @@ struct far_end {
 namespace
 {
 
-// Interfaces come and go, and an index is not given to another one while the kernel runs. A rename is found too late;
-// nobody renames the interface a link runs on.
+// Interfaces come and go, and an index is not given to another one while the kernel runs. A rename is found when
+// somebody has it look anew.
 const std::string &listed_name(far_end *f, int if_index)
 {
     const auto known = f->names.find(if_index);
@@ -89,12 +100,12 @@ const std::string &listed_name(far_end *f, int if_index)
         return known->second;
     }
     char name[16] = {};
-    const bool listed = packet::interface_name(f->socket, if_index, name) &&
+    const bool listed = packet::interface_name(f->sockets[0], if_index, name) &&
                         std::find(f->interfaces.begin(), f->interfaces.end(), name) != f->interfaces.end();
     return f->names[if_index] = listed ? name : "";
 }
 
-far_end_counters *counters_of(far_end *f, const std::string &interface, uint16_t vlan, const mac_address &peer)
+peer_record *record_of(far_end *f, const std::string &interface, uint16_t vlan, const mac_address &peer)
 {
     const peer_key key{interface, vlan, mac_number(peer)};
     const auto known = f->peers.find(key);
@@ -102,9 +113,27 @@ far_end_counters *counters_of(far_end *f, const std::string &interface, uint16_t
         return &known->second;
     }
     if (f->peers.size() >= MAX_PEERS) {
-        return nullptr;
+        f->totals.uncounted++;
+        return &f->others;
     }
-    return &f->peers.emplace(key, far_end_counters{interface, vlan, peer, 0, 0, 0, 0}).first->second;
+    return &f->peers.emplace(key, peer_record{{interface, vlan, peer, 0, 0, 0, 0}, 0, 0}).first->second;
+}
+
+// Those that share a record have no bound of their own: who comes late must not wait for others.
+bool asks_too_often(const far_end *f, peer_record *peer)
+{
+    if (f->knobs.per_second == 0 || peer == &f->others) {
+        return false;
+    }
+    if (peer->second != f->second) {
+        peer->second = f->second;
+        peer->in_second = 0;
+    }
+    if (peer->in_second >= f->knobs.per_second) {
+        return true;
+    }
+    peer->in_second++;
+    return false;
 }
 
 bool stays_unanswered(far_end *f)
@@ -141,9 +170,9 @@ std::vector<uint8_t> build_answer(const far_end *f, const packet::received &r, e
 
 void send_answer(far_end *f, int if_index, const std::vector<uint8_t> &frame, far_end_counters *counters)
 {
-    const bool sent = packet::send_frame(f->socket, if_index, frame.data(), frame.size()) == 0;
-    counters->answered += sent ? 1 : 0;
-    counters->failed += sent ? 0 : 1;
+    const bool sent = packet::send_frame(f->sockets[0], if_index, frame.data(), frame.size()) == 0;
+    (sent ? counters->answered : counters->failed)++;
+    (sent ? f->totals.answered : f->totals.failed)++;
 }
 
 bool is_group(const mac_address &mac) { return (mac.byte[0] & 1) != 0; }
@@ -158,28 +187,30 @@ bool is_for_this_end(const far_end *f, const packet::received &r, const ecpri::m
 void answer_request(far_end *f, const packet::received &r)
 {
     ecpri::measurement m{};
-    if (r.length > r.available || !ecpri::get_measurement(r.bytes, r.available, r.length, &m) ||
+    if (r.outgoing || r.length > r.available || !ecpri::get_measurement(r.bytes, r.available, r.length, &m) ||
         m.action != ecpri::ACTION_REQUEST || !is_for_this_end(f, r, m)) {
         return;
     }
     const std::string &interface = listed_name(f, r.if_index);
     const uint16_t vlan = r.tagged ? r.tci & 0x0FFF : 0;
-    far_end_counters *counters = interface.empty() ? nullptr : counters_of(f, interface, vlan, m.source);
-    if (counters == nullptr) {
+    if (interface.empty()) {
         return;
     }
-    counters->requests++;
-    if (stays_unanswered(f)) {
-        counters->dropped++;
+    peer_record *peer = record_of(f, interface, vlan, m.source);
+    peer->counters.requests++;
+    f->totals.requests++;
+    if (stays_unanswered(f) || asks_too_often(f, peer)) {
+        peer->counters.dropped++;
+        f->totals.dropped++;
         return;
     }
     std::vector<uint8_t> frame = build_answer(f, r, m);
     if (f->knobs.delay_us == 0) {
-        send_answer(f, r.if_index, frame, counters);
+        send_answer(f, r.if_index, frame, &peer->counters);
         return;
     }
     const int64_t due = nanoseconds(CLOCK_MONOTONIC) + static_cast<int64_t>(f->knobs.delay_us) * 1000;
-    f->waiting.push({due, f->order++, r.if_index, std::move(frame), counters});
+    f->waiting.push({due, f->order++, r.if_index, std::move(frame), peer});
 }
 
 void set_timer(far_end *f)
@@ -197,7 +228,7 @@ void send_what_is_due(far_end *f)
     const int64_t now = nanoseconds(CLOCK_MONOTONIC);
     while (!f->waiting.empty() && f->waiting.top().due <= now) {
         const delayed_answer &a = f->waiting.top();
-        send_answer(f, a.if_index, a.frame, a.counters);
+        send_answer(f, a.if_index, a.frame, &a.peer->counters);
         f->waiting.pop();
     }
 }
@@ -209,18 +240,79 @@ bool watch(const far_end *f, int fd)
     return fd >= 0 && epoll_ctl(f->poll, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-bool open_descriptors(far_end *f)
+constexpr packet::filter REQUESTS{ecpri::ACTION_REQUEST, {ECPRI_ETHER_TYPE}, 1};
+constexpr packet::filter NOTHING{ecpri::ACTION_REQUEST, {}, 0};
+
+bool open_first_queue(far_end *f)
 {
-    const packet::filter filter{ecpri::ACTION_REQUEST, {ECPRI_ETHER_TYPE}, 1};
+    f->sockets[0] = packet::open_socket(REQUESTS);
+    f->queues = f->sockets[0] >= 0 ? 1 : 0;
+    return f->queues == 1;
+}
+
+void close_queues(far_end *f)
+{
+    while (f->queues > 0) {
+        close(f->sockets[--f->queues]);
+    }
+}
+
+// A socket takes nothing in before it shares the frames with the others, or a request would be answered by several.
+bool open_shared_queues(far_end *f, unsigned queues)
+{
+    int group = packet::NO_GROUP;
+    for (; f->queues < queues; f->queues++) {
+        const int fd = packet::open_socket(NOTHING);
+        if (fd < 0) {
+            return false;
+        }
+        f->sockets[f->queues] = fd;
+        if (!packet::share_by_sender(fd, &group)) {
+            f->queues++;
+            return false;
+        }
+    }
+    return std::all_of(f->sockets.begin(), f->sockets.begin() + queues,
+                       [](int fd) { return packet::set_filter(fd, REQUESTS); });
+}
+
+bool open_queues(far_end *f, unsigned queues)
+{
+    if (queues <= 1) {
+        return open_first_queue(f);
+    }
+    if (open_shared_queues(f, std::min(queues, FAR_END_QUEUES))) {
+        return true;
+    }
+    close_queues(f);
+    return open_first_queue(f);
+}
+
+bool open_descriptors(far_end *f, unsigned queues)
+{
     f->poll = epoll_create1(EPOLL_CLOEXEC);
     f->timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    f->socket = f->poll >= 0 && f->timer >= 0 ? packet::open_socket(filter) : -1;
-    return watch(f, f->timer) && watch(f, f->socket) && packet::batch_init(&f->batch, MAX_FRAME_BYTES);
+    return f->poll >= 0 && watch(f, f->timer) && open_queues(f, queues) &&
+           std::all_of(f->sockets.begin(), f->sockets.begin() + static_cast<ptrdiff_t>(f->queues),
+                       [f](int fd) { return watch(f, fd); }) &&
+           packet::batch_init(&f->batch, MAX_FRAME_BYTES);
+}
+
+// Each queue in its turn, a batch of it.
+void answer_what_is_there(far_end *f)
+{
+    f->second = f->knobs.per_second > 0 ? nanoseconds(CLOCK_MONOTONIC) / 1'000'000'000 : 0;
+    for (size_t queue = 0; queue < f->queues; queue++) {
+        const size_t count = packet::receive(f->sockets[queue], &f->batch);
+        for (size_t i = 0; i < count; i++) {
+            answer_request(f, f->batch.frames[i]);
+        }
+    }
 }
 
 } // namespace
 
-far_end *far_end_open(const std::vector<std::string> &interfaces, std::string *error)
+far_end *far_end_open(const std::vector<std::string> &interfaces, std::string *error, unsigned queues)
 {
     if (interfaces.empty()) {
         *error = "the far end has no interface to answer on";
@@ -228,9 +320,11 @@ far_end *far_end_open(const std::vector<std::string> &interfaces, std::string *e
     }
     auto *f = new far_end;
     f->interfaces = interfaces;
-    if (!open_descriptors(f)) {
-        *error = std::string("the far end cannot open its socket: ") + strerror(errno);
+    if (!open_descriptors(f, queues)) {
+        const int saved_errno = errno;
+        *error = std::string("the far end cannot open its socket: ") + strerror(saved_errno);
         far_end_close(f);
+        errno = saved_errno;
         return nullptr;
     }
     return f;
@@ -238,7 +332,8 @@ far_end *far_end_open(const std::vector<std::string> &interfaces, std::string *e
 
 void far_end_close(far_end *f)
 {
-    for (const int fd : {f->socket, f->timer, f->poll}) {
+    close_queues(f);
+    for (const int fd : {f->timer, f->poll}) {
         if (fd >= 0) {
             close(fd);
         }
@@ -251,17 +346,16 @@ int far_end_fd(const far_end *f) { return f->poll; }
 
 void far_end_handle(far_end *f)
 {
-    uint64_t expirations = 0;
-    // Not blocking; what is due is decided by the clock.
-    const bool expired = read(f->timer, &expirations, sizeof expirations) > 0;
-    if (expired || !f->waiting.empty()) {
+    const bool waited = !f->waiting.empty();
+    if (waited) {
+        uint64_t expirations = 0;
+        (void)!read(f->timer, &expirations, sizeof expirations); // what is due is decided by the clock
         send_what_is_due(f);
     }
-    const size_t count = packet::receive(f->socket, &f->batch);
-    for (size_t i = 0; i < count; i++) {
-        answer_request(f, f->batch.frames[i]);
+    answer_what_is_there(f);
+    if (waited || !f->waiting.empty()) {
+        set_timer(f);
     }
-    set_timer(f);
 }
 
 far_end_knobs &far_end_get_knobs(far_end *f) { return f->knobs; }
@@ -269,8 +363,20 @@ far_end_knobs &far_end_get_knobs(far_end *f) { return f->knobs; }
 std::vector<far_end_counters> far_end_get_counters(const far_end *f)
 {
     std::vector<far_end_counters> all;
-    for (const auto &[key, counters] : f->peers) {
-        all.push_back(counters);
+    for (const auto &[key, peer] : f->peers) {
+        all.push_back(peer.counters);
     }
     return all;
 }
+
+far_end_totals far_end_get_totals(far_end *f)
+{
+    for (size_t queue = 0; queue < f->queues; queue++) {
+        f->totals.lost += packet::take_drops(f->sockets[queue]);
+    }
+    return f->totals;
+}
+
+void far_end_look_anew(far_end *f) { f->names.clear(); }
+
+int far_end_socket(const far_end *f) { return f->sockets[0]; }

@@ -17,6 +17,10 @@
 
 #include "vorn_types.hpp"
 
+// What is read in turns: a sender's frames are all in one of so many queues, so that one who floods holds up the few
+// that share his.
+inline constexpr unsigned FAR_END_QUEUES = 8;
+
 struct far_end;
 
 struct far_end_knobs {
@@ -26,6 +30,7 @@ struct far_end_knobs {
     uint32_t drop_next = 0;     // so many of the next requests stay without answer; counts down
     bool unusable_time = false; // the time stamp in the answers is none
     bool any_address = false;   // answers for every address that is not a group's, in its name
+    uint32_t per_second = 0;    // of one peer's requests are answered; 0: all
 };
 
 // What came from one peer. Counters start at 0 and never go back; a request is either answered, dropped by a knob,
@@ -40,9 +45,21 @@ struct far_end_counters {
     uint64_t failed;
 };
 
+// The same of all peers together, and what cannot be said of one. Of ever new peers the first 65,536 are counted by
+// themselves; the others are answered like these.
+struct far_end_totals {
+    uint64_t requests;
+    uint64_t answered;
+    uint64_t dropped;
+    uint64_t failed;
+    uint64_t uncounted; // requests of the others
+    uint64_t lost;      // frames that the kernel dropped because they were not read in time
+};
+
 // Opens the far end in the network namespace in which the calling thread is. The interfaces need not exist yet, and
-// may go and come back. NULL and a text in *error when there is no socket (not allowed) or the list is empty.
-far_end *far_end_open(const std::vector<std::string> &interfaces, std::string *error);
+// may go and come back. NULL, a text in *error and errno when there is no socket (not allowed); NULL and a text when
+// the list is empty. `queues`: at most FAR_END_QUEUES; where the kernel has no such thing it is one.
+far_end *far_end_open(const std::vector<std::string> &interfaces, std::string *error, unsigned queues = 1);
 void far_end_close(far_end *f);
 
 int far_end_fd(const far_end *f);
@@ -53,3 +70,9 @@ far_end_knobs &far_end_get_knobs(far_end *f);
 
 // In the order of interface, VLAN and peer.
 std::vector<far_end_counters> far_end_get_counters(const far_end *f);
+far_end_totals far_end_get_totals(far_end *f);
+
+// Asks the kernel anew which interface has which name; until then one that was renamed has its old one.
+void far_end_look_anew(far_end *f);
+// For questions about an interface of its namespace (packet_socket.hpp).
+int far_end_socket(const far_end *f);

@@ -2,6 +2,7 @@
 #include "packet_socket.hpp"
 
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -178,6 +179,34 @@ bool set_filter(int fd, const filter &f)
     return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0;
 }
 
+// Which socket a frame is for is the low half of its sender's address, stirred; the kernel takes it modulo their
+// number. The program runs where a frame's network header begins, so that the address is reached from the link layer's.
+bool share_by_sender(int fd, int *group)
+{
+    constexpr uint32_t STIR = 0x9E3779B1;
+    sock_filter code[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<uint32_t>(SKF_LL_OFF + 8)),
+                          BPF_STMT(BPF_ALU | BPF_MUL | BPF_K, STIR), BPF_STMT(BPF_ALU | BPF_RSH | BPF_K, 16),
+                          BPF_STMT(BPF_RET | BPF_A, 0)};
+    const sock_fprog program{sizeof code / sizeof code[0], code};
+    constexpr uint32_t HOW = PACKET_FANOUT_CBPF;
+    const bool first = *group == NO_GROUP;
+    const uint32_t wanted =
+        first ? (HOW | PACKET_FANOUT_FLAG_UNIQUEID) << 16 : HOW << 16 | static_cast<uint32_t>(*group);
+    if (setsockopt(fd, SOL_PACKET, PACKET_FANOUT, &wanted, sizeof wanted) != 0) {
+        return false;
+    }
+    uint32_t joined = 0;
+    socklen_t size = sizeof joined;
+    if (!first) {
+        return true;
+    }
+    if (getsockopt(fd, SOL_PACKET, PACKET_FANOUT, &joined, &size) != 0) {
+        return false;
+    }
+    *group = static_cast<int>(joined & 0xFFFF);
+    return setsockopt(fd, SOL_PACKET, PACKET_FANOUT_DATA, &program, sizeof program) == 0;
+}
+
 received describe(batch *b, size_t i)
 {
     msghdr *h = &b->headers[i].msg_hdr;
@@ -187,6 +216,7 @@ received describe(batch *b, size_t i)
     r.available = r.length < b->frame_bytes ? r.length : b->frame_bytes;
     r.if_index = b->addresses[i].sll_ifindex;
     r.to_interface = b->addresses[i].sll_pkttype == PACKET_HOST;
+    r.outgoing = b->addresses[i].sll_pkttype == PACKET_OUTGOING;
     for (cmsghdr *c = CMSG_FIRSTHDR(h); c != nullptr; c = CMSG_NXTHDR(h, c)) {
         if (c->cmsg_level == SOL_PACKET && c->cmsg_type == PACKET_AUXDATA) {
             read_auxiliary(&r, c);
@@ -260,6 +290,24 @@ int interface_mtu(int fd, const char *name)
 {
     ifreq request;
     return ask(fd, name, SIOCGIFMTU, &request) ? request.ifr_mtu : 0;
+}
+
+condition interface_condition(int fd, const char *name)
+{
+    ifreq request;
+    if (!ask(fd, name, SIOCGIFHWADDR, &request)) {
+        return condition::ABSENT;
+    }
+    if (request.ifr_hwaddr.sa_family != ARPHRD_ETHER) {
+        return condition::NOT_ETHERNET;
+    }
+    if (!ask(fd, name, SIOCGIFFLAGS, &request)) {
+        return condition::ABSENT;
+    }
+    if ((request.ifr_flags & IFF_UP) == 0) {
+        return condition::DOWN;
+    }
+    return (request.ifr_flags & IFF_RUNNING) == 0 ? condition::NO_CARRIER : condition::UP;
 }
 
 int interface_vlan(int fd, const char *name)

@@ -43,6 +43,7 @@ struct filter {
 
 struct received {
     bool to_interface; // sent to the address of the very interface, and not to a group or another one
+    bool outgoing;     // this machine's own; only where sockets share the frames
     const uint8_t *bytes;
     size_t available; // at `bytes`
     size_t length;    // on the wire, without tag
@@ -72,6 +73,10 @@ void batch_free(batch *b);
 int open_socket(const filter &f);
 // Replaces the filter; false and errno when the kernel refuses it.
 bool set_filter(int fd, const filter &f);
+// Has several sockets share the frames, all of one sender to one of them: each joins the group, the first with
+// NO_GROUP. False and errno when the kernel cannot.
+inline constexpr int NO_GROUP = -1;
+bool share_by_sender(int fd, int *group);
 // Takes what has arrived, up to BATCH frames. Returns how many; 0: nothing more is there.
 size_t receive(int fd, batch *b);
 // What the kernel said of one frame of a batch: its bytes, where it came from, its tag, its stamp.
@@ -89,6 +94,14 @@ bool interface_name(int fd, int if_index, char (&name)[16]);
 bool interface_mac(int fd, const char *name, mac_address *mac);
 // 0: unknown.
 int interface_mtu(int fd, const char *name);
+enum class condition : uint8_t {
+    ABSENT,
+    NOT_ETHERNET,
+    DOWN,
+    NO_CARRIER,
+    UP,
+};
+condition interface_condition(int fd, const char *name);
 // The VLAN that the interface is the device of; -1: it is none.
 int interface_vlan(int fd, const char *name);
 
