@@ -31,6 +31,7 @@ TESTS = (
     ("src/iemli/*", ("unit_iemli", "scenario", "unit_manager", "unit_clients")),
     ("src/shell/*", ("unit_iemli", "scenario", "unit_manager", "unit_clients")),
     ("src/manager/*", ("unit_manager", "scenario", "unit_iemli", "unit_clients")),
+    ("src/base/*", ("unit_manager", "scenario", "unit_iemli", "unit_clients")),
     ("src/*", ("scenario", "unit_iemli")),
     ("platform/itc/*", ("platform_itc", "platform_ns", "platform_sighandler", "node_live")),
     ("platform/itcd/*", ("itcd_numbers", "itcd_turns", "platform_itc", "platform_ns")),

@@ -105,3 +105,23 @@ const char *iemli_ret_to_string(uint32_t code)
         return "<Unknown>";
     }
 }
+
+const char *iml_link_status_text(uint32_t status, uint32_t disabled_reason)
+{
+    if (status == IML_LINK_ENABLED) {
+        return "enabled";
+    }
+    if (status != IML_LINK_DISABLED) {
+        return "unknown";
+    }
+    switch (disabled_reason) {
+    case IML_LINK_REASON_DOWN:
+        return "disabled with reason down";
+    case IML_LINK_REASON_LOCKED:
+        return "disabled with reason locked";
+    case IML_LINK_REASON_NO_CONNECTIVITY:
+        return "disabled with reason no connectivity";
+    default:
+        return "disabled with invalid reason";
+    }
+}

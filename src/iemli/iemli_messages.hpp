@@ -114,6 +114,9 @@ enum iml_link_disabled_reason : uint32_t {
     IML_LINK_REASON_NO_CONNECTIVITY = 4,
 };
 
+// "enabled", or "disabled with reason ..."; the reason counts only while disabled.
+const char *iml_link_status_text(uint32_t status, uint32_t disabled_reason);
+
 struct iemli_header {
     uint32_t msgno;
     uint32_t procedure_ref;

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/keep_leak.hpp"
 #include "iemli_session.hpp"
-#include "keep_leak.hpp"
 #include "vorn_trace.hpp"
 
 namespace

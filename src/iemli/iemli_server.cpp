@@ -6,12 +6,12 @@
 
 #include <cstdlib>
 
+#include "base/daemon_state.hpp"
 #include "iemli_handlers.hpp"
 #include "iemli_queue.hpp"
 #include "iemli_send.hpp"
 #include "iemli_session.hpp"
 #include "manager/link_procedures.hpp"
-#include "manager/manager_state.hpp"
 #include "ns.h"
 #include "vorn_trace.hpp"
 

@@ -5,9 +5,9 @@
 // link in hand or end the session. The procedure itself is freed by nobody but its own evaluation.
 #pragma once
 
+#include "base/ref_index.hpp"
 #include "iemli/iemli_server.hpp"
 #include "link_procedures.hpp"
-#include "ref_index.hpp"
 
 enum proc_step_kind : uint32_t {
     PROC_STEP_PMI = 0,

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/daemon_state.hpp"
 #include "clients/aasi_client.hpp"
 #include "clients/emi_client.hpp"
 #include "clients/iepcsi_client.hpp"
@@ -10,7 +11,6 @@
 #include "link_procedure.hpp"
 #include "link_supervision.hpp"
 #include "link_table.hpp"
-#include "manager_state.hpp"
 #include "port_mapping.hpp"
 #include "port_rules.hpp"
 #include "vorn_trace.hpp"

@@ -7,13 +7,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/daemon_state.hpp"
+#include "base/own_mailbox.hpp"
 #include "clients/aasi_client.hpp"
 #include "iemli/iemli_server.hpp"
-#include "manager_state.hpp"
 #include "namespace.hpp"
 #include "port_mapping.hpp"
 #include "rtt.hpp"
-#include "vorn_manager.hpp"
 #include "vorn_trace.hpp"
 
 static_assert(sizeof(supervision_params) == 48);

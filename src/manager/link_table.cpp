@@ -5,9 +5,9 @@
 
 #include <cstdlib>
 
+#include "base/daemon_state.hpp"
 #include "clients/iepcsi_client.hpp"
 #include "link_procedures.hpp"
-#include "manager_state.hpp"
 #include "port_mapping.hpp"
 #include "rtt.hpp"
 #include "vorn_trace.hpp"

@@ -8,8 +8,8 @@
 
 #include <cstdint>
 
+#include "base/ref_index.hpp"
 #include "iemli/iemli_messages.hpp"
-#include "ref_index.hpp"
 
 inline constexpr uint16_t RTT_DEFAULT_BATCH_SIZE = 5;
 inline constexpr uint16_t RTT_DEFAULT_INTERVAL = 1;

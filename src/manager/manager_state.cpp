@@ -1,4 +1,4 @@
-// The manager's state, the set of lower-layer services that are up, and what follows from a service that comes or goes.
+// What follows from a service that comes or goes: states, default actions and policers, the published service.
 // Links and what was set up for them in the lower layers are left alone here.
 #include "manager_state.hpp"
 
@@ -19,17 +19,11 @@ namespace
 
 constexpr uint32_t POLICER_TYPES = 3;
 
-uint32_t state = KAP_VORN_INIT;
-uint32_t services = KAP_VORN_NO_SERVICE;
-uint32_t aasi_up;
-
-void enter_state(uint32_t new_state)
+void enter_state(kap_vorn_state state)
 {
-    state = new_state;
+    set_manager_state(state);
     VORN_TRACE(TRACE_STATE, "New state is: %s", manager_state_to_string(state));
 }
-
-bool has(uint32_t bit) { return (services & bit) != 0; }
 
 void set_default_actions()
 {
@@ -70,24 +64,11 @@ void all_services_up()
 
 void aasi_service_failed()
 {
-    aasi_up = 0;
+    set_aasi_service_up(false);
     VORN_TRACE(TRACE_ERROR, "KAP_VORN_AASI_SERVICE can't be initialized");
 }
 
 } // namespace
-
-void manager_state_reset()
-{
-    state = KAP_VORN_INIT;
-    services = KAP_VORN_NO_SERVICE;
-    aasi_up = 0;
-}
-
-uint32_t manager_state() { return state; }
-
-uint32_t manager_service_mask() { return services; }
-
-bool is_aasi_service_up() { return aasi_up == 1; }
 
 void enter_initiating_state()
 {
@@ -149,7 +130,7 @@ void handle_service_event(uint32_t code)
     case FMI_SERVICE_FAULTY:
     case EMI_SERVICE_FAULTY:
     case IEPCSI_SERVICE_FAULTY:
-        state = KAP_VORN_FAULTY_STATE; // and nothing else: what is published stays published
+        set_manager_state(KAP_VORN_FAULTY_STATE); // and nothing else: what is published stays published
         break;
     case AASI_SERVICE_UP:
         aasi_service_added();
@@ -166,113 +147,54 @@ void handle_service_event(uint32_t code)
     }
 }
 
-void service_added(uint32_t bit)
+void service_added(kap_vorn_service service)
 {
-    if (!has(bit)) {
-        services |= bit;
-        VORN_TRACE(TRACE_SERVICE, "%s is added", service_to_string(bit));
+    if (!is_service_up(service)) {
+        set_service_up(service, true);
+        VORN_TRACE(TRACE_SERVICE, "%s is added", service_to_string(service));
     } else {
-        VORN_TRACE(TRACE_ERROR, "%s is added twice", service_to_string(bit));
+        VORN_TRACE(TRACE_ERROR, "%s is added twice", service_to_string(service));
     }
-    if ((bit == KAP_VORN_FMI_SERVICE && has(KAP_VORN_IEPCSI_SERVICE)) ||
-        (has(KAP_VORN_FMI_SERVICE) && bit == KAP_VORN_IEPCSI_SERVICE)) {
+    if ((service == KAP_VORN_FMI_SERVICE && is_service_up(KAP_VORN_IEPCSI_SERVICE)) ||
+        (service == KAP_VORN_IEPCSI_SERVICE && is_service_up(KAP_VORN_FMI_SERVICE))) {
         set_default_actions();
     }
-    if (services == KAP_VORN_ALL_SERVICES_UP) {
+    if (manager_service_mask() == KAP_VORN_ALL_SERVICES_UP) {
         all_services_up();
     }
 }
 
-void service_lost(uint32_t bit)
+void service_lost(kap_vorn_service service)
 {
-    if (!has(bit)) {
-        VORN_TRACE(TRACE_ERROR, "%s is lost, but we already don't have it in services", service_to_string(bit));
-    } else {
-        services ^= bit;
+    if (!is_service_up(service)) {
+        VORN_TRACE(TRACE_ERROR, "%s is lost, but we already don't have it in services", service_to_string(service));
     }
-    if (state == KAP_VORN_FAULTY_STATE) {
+    set_service_up(service, false);
+    if (manager_state() == KAP_VORN_FAULTY_STATE) {
         return;
     }
-    state = KAP_VORN_FAULTY_STATE;
-    VORN_TRACE(TRACE_STATE, "New state is: %s due to lost service %s", manager_state_to_string(state),
-               service_to_string(bit));
+    set_manager_state(KAP_VORN_FAULTY_STATE);
+    VORN_TRACE(TRACE_STATE, "New state is: %s due to lost service %s", manager_state_to_string(manager_state()),
+               service_to_string(service));
     iemli_unpublish();
 }
 
 void aasi_service_added()
 {
-    if (aasi_up == 0) {
-        aasi_up = 1;
-        VORN_TRACE(TRACE_SERVICE, "KAP_VORN_AASI_SERVICE is added");
-    } else {
+    if (is_aasi_service_up()) {
         VORN_TRACE(TRACE_ERROR, "KAP_VORN_AASI_SERVICE is added twice");
+        return;
     }
+    set_aasi_service_up(true);
+    VORN_TRACE(TRACE_SERVICE, "KAP_VORN_AASI_SERVICE is added");
 }
 
 void aasi_service_removed()
 {
-    if (aasi_up == 1) {
-        aasi_up = 0;
-        VORN_TRACE(TRACE_SERVICE, "KAP_VORN_AASI_SERVICE is removed");
-    } else {
+    if (!is_aasi_service_up()) {
         VORN_TRACE(TRACE_ERROR, "KAP_VORN_AASI_SERVICE is lost, but we already don't have it in services");
+        return;
     }
-}
-
-const char *manager_state_to_string(uint32_t value)
-{
-    switch (value) {
-    case KAP_VORN_INIT:
-        return "KAP_VORN_INIT";
-    case KAP_VORN_INITIATING:
-        return "KAP_VORN_INITIATING";
-    case KAP_VORN_SERVICES_UP:
-        return "KAP_VORN_SERVICES_UP";
-    case KAP_VORN_INITIATED:
-        return "KAP_VORN_INITIATED";
-    case KAP_VORN_FAULTY_STATE:
-        return "KAP_VORN_FAULTY_STATE";
-    default:
-        return "UNKNOWN_STATE";
-    }
-}
-
-const char *service_to_string(uint32_t service)
-{
-    switch (service) {
-    case KAP_VORN_NO_SERVICE:
-        return "KAP_VORN_NO_SERVICE";
-    case KAP_VORN_PMI_SERVICE:
-        return "KAP_VORN_PMI_SERVICE";
-    case KAP_VORN_EMI_SERVICE:
-        return "KAP_VORN_EMI_SERVICE";
-    case KAP_VORN_FMI_SERVICE:
-        return "KAP_VORN_FMI_SERVICE";
-    case KAP_VORN_IEPCSI_SERVICE:
-        return "KAP_VORN_IEPCSI_SERVICE";
-    case KAP_VORN_ALL_SERVICES_UP:
-        return "KAP_VORN_ALL_SERVICES_UP";
-    default:
-        return "UNKNOWN_SERVICE";
-    }
-}
-
-const char *iml_link_status_text(uint32_t status, uint32_t disabled_reason)
-{
-    if (status == IML_LINK_ENABLED) {
-        return "enabled";
-    }
-    if (status != IML_LINK_DISABLED) {
-        return "unknown";
-    }
-    switch (disabled_reason) {
-    case IML_LINK_REASON_DOWN:
-        return "disabled with reason down";
-    case IML_LINK_REASON_LOCKED:
-        return "disabled with reason locked";
-    case IML_LINK_REASON_NO_CONNECTIVITY:
-        return "disabled with reason no connectivity";
-    default:
-        return "disabled with invalid reason";
-    }
+    set_aasi_service_up(false);
+    VORN_TRACE(TRACE_SERVICE, "KAP_VORN_AASI_SERVICE is removed");
 }

@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/daemon_state.hpp"
 #include "clients/emi_client.hpp"
 #include "clients/fmi_client.hpp"
 #include "link_procedures.hpp"
-#include "manager_state.hpp"
 #include "port_mapping.hpp"
 #include "port_rules.hpp"
 #include "vorn_trace.hpp"
@@ -161,8 +161,6 @@ bool send_requests(const port_endpoint_set &set, uint32_t event)
         return false;
     }
 }
-
-bool is_service_up(uint32_t bit) { return (manager_service_mask() & bit) != 0; }
 
 // A port that takes no endpoints: only its access control is set up or removed, and only on a TN port.
 void set_port_acl_only(const char *iepcsi_port_name, uint32_t event)

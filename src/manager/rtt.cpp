@@ -4,11 +4,11 @@
 
 #include <cstdlib>
 
+#include "base/daemon_state.hpp"
 #include "clients/aasi_client.hpp"
 #include "clients/iepcsi_client.hpp"
 #include "iemli/iemli_server.hpp"
 #include "link_supervision.hpp"
-#include "manager_state.hpp"
 #include "port_mapping.hpp"
 #include "vorn_trace.hpp"
 

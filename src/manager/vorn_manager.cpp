@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "base/own_mailbox.hpp"
 #include "clients/aasi_client.hpp"
 #include "clients/emi_client.hpp"
 #include "clients/fmi_client.hpp"
@@ -25,8 +26,6 @@ namespace
 constexpr const char *MAILBOX_NAME = "kap-vorn";
 constexpr const char *THREAD_NAME = "kap_vorn_manager";
 constexpr int TRI_OPEN_ALREADY = 4;
-
-uint32_t own_mailbox = ITC_NO_MBOX;
 
 // Every message is offered to all of them, in this order.
 constexpr message_dispatcher DISPATCHERS[] = {
@@ -52,8 +51,8 @@ bool create_own_mailbox()
         VORN_TRACE(TRACE_ERROR, "itc_init failed, result %u", static_cast<unsigned>(result));
         return false;
     }
-    own_mailbox = itc_create_mailbox(MAILBOX_NAME, 0);
-    if (own_mailbox == ITC_NO_MBOX) {
+    vorn_set_own_mailbox(itc_create_mailbox(MAILBOX_NAME, 0));
+    if (vorn_own_mailbox() == ITC_NO_MBOX) {
         itc_exit();
         VORN_TRACE(TRACE_ERROR, "VORN Mailbox not initialized %s", MAILBOX_NAME);
         return false;
@@ -81,7 +80,7 @@ int vorn_manager_run()
     }
     enter_initiating_state();
     receive_loop();
-    itc_delete_mailbox(own_mailbox);
+    itc_delete_mailbox(vorn_own_mailbox());
     itc_exit();
     return 0;
 }
@@ -121,5 +120,3 @@ void handle_signal(int signo)
         break;
     }
 }
-
-uint32_t vorn_own_mailbox() { return own_mailbox; }

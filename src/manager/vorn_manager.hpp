@@ -18,6 +18,3 @@ bool offer_message(const message_dispatcher *dispatchers, size_t count, const it
 
 // What set_signal_handler is given.
 void handle_signal(int signo);
-
-// The daemon's only mailbox.
-uint32_t vorn_own_mailbox();

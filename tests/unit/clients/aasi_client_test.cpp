@@ -99,7 +99,7 @@ protected:
     static void start_manager()
     {
         iepcsi_test::drive(3);
-        for (uint32_t service :
+        for (kap_vorn_service service :
              {KAP_VORN_PMI_SERVICE, KAP_VORN_EMI_SERVICE, KAP_VORN_FMI_SERVICE, KAP_VORN_IEPCSI_SERVICE}) {
             service_added(service);
         }

@@ -61,7 +61,7 @@ TEST_F(IemliCompletions, AnUpdateIsConfirmed)
 
 TEST_F(IemliCompletions, ADeleteIsConfirmed)
 {
-    neighbours::set_aasi_up(true);
+    set_aasi_service_up(true);
     start(delete_req(0x61, 1, 1));
     neighbours::confirm(1);
     expect_sent(CLIENT_A, Builder().u32(0x1B0E12).u32(0x61).u32(A_REF));
@@ -72,7 +72,7 @@ TEST_F(IemliCompletions, ADeleteIsConfirmed)
 
 TEST_F(IemliCompletions, ACreateAsksForThePathAfterItsConfirm)
 {
-    neighbours::set_aasi_up(true);
+    set_aasi_service_up(true);
     start(create_req(0x61, 1, {.vlan = 200}));
     fake::on_send([](const fake::Sent &) { fake::calls().emplace_back("sent"); });
     neighbours::confirm(12);
@@ -82,7 +82,7 @@ TEST_F(IemliCompletions, ACreateAsksForThePathAfterItsConfirm)
 
 TEST_F(IemliCompletions, AnUpdateAsksForThePathAfterItsConfirm)
 {
-    neighbours::set_aasi_up(true);
+    set_aasi_service_up(true);
     start(update_req(0x61, 1, 1, {APP_1}));
     fake::on_send([](const fake::Sent &) { fake::calls().emplace_back("sent"); });
     neighbours::confirm(1);
@@ -92,7 +92,7 @@ TEST_F(IemliCompletions, AnUpdateAsksForThePathAfterItsConfirm)
 
 TEST_F(IemliCompletions, AsksForThePathBeforeTheNextRequestIsTaken)
 {
-    neighbours::set_aasi_up(true);
+    set_aasi_service_up(true);
     start(create_req(0x61, 1, {.vlan = 200}));
     EXPECT_TRUE(offer(CLIENT_B, delete_req(0x62, 2, 5)));
     neighbours::confirm(12);

@@ -16,8 +16,6 @@ struct State {
     std::deque<std::function<void(IemliPendingRequest **)>> endings;
     std::deque<IemliPendingRequest *> open;
     bool delete_opens = true;
-    uint32_t manager = KAP_VORN_INITIATED;
-    bool aasi_up = false;
     bool rtt_enable_result = true;
     std::deque<eth_port> ports;
 };
@@ -80,8 +78,6 @@ void reject(uint32_t reason)
 size_t open_procedures() { return state.open.size(); }
 IemliPendingRequest *open_request() { return state.open.front(); }
 void set_delete_opens(bool opens) { state.delete_opens = opens; }
-void set_state(kap_vorn_state manager) { state.manager = manager; }
-void set_aasi_up(bool up) { state.aasi_up = up; }
 void set_rtt_enable_result(bool result) { state.rtt_enable_result = result; }
 
 void add_port(const char *iepcsi_name, const char *mac)
@@ -101,6 +97,8 @@ void reset()
         free(request);
     }
     state = State();
+    manager_state_reset();
+    set_manager_state(KAP_VORN_INITIATED);
 }
 
 } // namespace neighbours
@@ -155,10 +153,6 @@ void rtt_clear_samples(iml_link *link)
     }
     link->rtt_samples = {};
 }
-
-uint32_t manager_state() { return state.manager; }
-bool is_aasi_service_up() { return state.aasi_up; }
-const char *iml_link_status_text(uint32_t, uint32_t) { return "status"; }
 
 const eth_port *iepcsi_get_port_list() { return state.ports.empty() ? nullptr : &state.ports.front(); }
 

@@ -1,5 +1,5 @@
 // The IEMLI server and the link list with the link table they really use, and with the modules behind it scripted: the
-// link procedures, RTT, the manager's state and the port list of IEPCSI. A test decides when a procedure answers, also
+// link procedures, RTT and the port list of IEPCSI. A test decides when a procedure answers, also
 // while it is being started.
 //
 // What the neighbours are asked for goes into fake::calls(), in one order with what the platform is asked for.
@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "base/daemon_state.hpp"
 #include "fake_platform.hpp"
 #include "iemli/iemli_server.hpp"
 #include "manager/link_table.hpp"
-#include "manager/manager_state.hpp"
 
 namespace neighbours
 {
@@ -28,8 +28,6 @@ IemliPendingRequest *open_request();
 // Whether a delete with a request opens a procedure.
 void set_delete_opens(bool opens);
 
-void set_state(kap_vorn_state state);
-void set_aasi_up(bool up);
 void set_rtt_enable_result(bool result);
 void add_port(const char *iepcsi_name, const char *mac);
 

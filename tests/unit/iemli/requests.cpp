@@ -121,7 +121,7 @@ TEST_F(IemliCreate, IsRefusedWithAnOwnPortAsItsFarEnd)
 
 TEST_F(IemliCreate, IsNotRefusedForItsFarEndWhileTheManagerCannotTell)
 {
-    neighbours::set_state(KAP_VORN_FAULTY_STATE);
+    set_manager_state(KAP_VORN_FAULTY_STATE);
     EXPECT_TRUE(offer(CLIENT_A, create_req(0x61, 1, {.cpm = "02:00:00:00:00:A1"})));
     EXPECT_EQ(neighbours::open_procedures(), 1U);
     EXPECT_THAT(traces_of(7), ElementsAre("Could not check MAC. VORN manager is not initiated"));
@@ -508,7 +508,7 @@ TEST_F(IemliGetMac, DoesNotTakeALongerNameForThatOfAPort)
 
 TEST_F(IemliGetMac, IsRefusedWhileTheManagerIsNotInitiated)
 {
-    neighbours::set_state(KAP_VORN_SERVICES_UP);
+    set_manager_state(KAP_VORN_SERVICES_UP);
     expect_rejected("IDL_A1", 99, "IEMLI_REJ_OTHER_REASON");
     EXPECT_THAT(traces_of(7), ElementsAre("Could not fetch MAC. VORN manager is not initiated"));
 }

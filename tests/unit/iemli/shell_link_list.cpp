@@ -174,7 +174,7 @@ TEST_F(ShellLinkList, NamesSixteenAppLinksAtTheMost)
 TEST_F(ShellLinkList, LeavesTheNearEndMacOutWhileTheManagerIsNotInitiated)
 {
     only_link();
-    neighbours::set_state(KAP_VORN_FAULTY_STATE);
+    set_manager_state(KAP_VORN_FAULTY_STATE);
     EXPECT_EQ(field(reply(), 9, 6), "000000000000");
     EXPECT_THAT(traces_of(7), ElementsAre("Could not fetch MAC. VORN manager is not initiated",
                                           "Could not fetch near end cpm mac, reason: 99"));

@@ -384,7 +384,7 @@ TEST_F(ManagerState, HasATextForEveryService)
 
 TEST_F(ManagerState, NamesALostServiceThatIsNoneAsUnknown)
 {
-    service_lost(16);
+    service_lost(static_cast<kap_vorn_service>(16));
     EXPECT_TRUE(fake::traced(1, "UNKNOWN_SERVICE is lost, but we already don't have it in services"));
 }
 

@@ -1,5 +1,5 @@
 // The hash of references.
-#include "manager/ref_index.hpp"
+#include "base/ref_index.hpp"
 
 #include <vector>
 

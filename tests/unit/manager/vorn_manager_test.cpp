@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include "base/own_mailbox.hpp"
 #include "support/daemon.hpp"
 
 namespace

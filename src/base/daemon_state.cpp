@@ -1,0 +1,70 @@
+// The daemon's state and its services, kept and named; nothing follows from them here: see daemon_state.hpp.
+#include "daemon_state.hpp"
+
+namespace
+{
+
+kap_vorn_state state = KAP_VORN_INIT;
+uint32_t services = KAP_VORN_NO_SERVICE;
+bool aasi_up;
+
+} // namespace
+
+void manager_state_reset()
+{
+    state = KAP_VORN_INIT;
+    services = KAP_VORN_NO_SERVICE;
+    aasi_up = false;
+}
+
+kap_vorn_state manager_state() { return state; }
+
+void set_manager_state(kap_vorn_state new_state) { state = new_state; }
+
+uint32_t manager_service_mask() { return services; }
+
+bool is_service_up(kap_vorn_service service) { return (services & service) != 0; }
+
+void set_service_up(kap_vorn_service service, bool up) { services = up ? services | service : services & ~service; }
+
+bool is_aasi_service_up() { return aasi_up; }
+
+void set_aasi_service_up(bool up) { aasi_up = up; }
+
+const char *manager_state_to_string(uint32_t value)
+{
+    switch (value) {
+    case KAP_VORN_INIT:
+        return "KAP_VORN_INIT";
+    case KAP_VORN_INITIATING:
+        return "KAP_VORN_INITIATING";
+    case KAP_VORN_SERVICES_UP:
+        return "KAP_VORN_SERVICES_UP";
+    case KAP_VORN_INITIATED:
+        return "KAP_VORN_INITIATED";
+    case KAP_VORN_FAULTY_STATE:
+        return "KAP_VORN_FAULTY_STATE";
+    default:
+        return "UNKNOWN_STATE";
+    }
+}
+
+const char *service_to_string(uint32_t service)
+{
+    switch (service) {
+    case KAP_VORN_NO_SERVICE:
+        return "KAP_VORN_NO_SERVICE";
+    case KAP_VORN_PMI_SERVICE:
+        return "KAP_VORN_PMI_SERVICE";
+    case KAP_VORN_EMI_SERVICE:
+        return "KAP_VORN_EMI_SERVICE";
+    case KAP_VORN_FMI_SERVICE:
+        return "KAP_VORN_FMI_SERVICE";
+    case KAP_VORN_IEPCSI_SERVICE:
+        return "KAP_VORN_IEPCSI_SERVICE";
+    case KAP_VORN_ALL_SERVICES_UP:
+        return "KAP_VORN_ALL_SERVICES_UP";
+    default:
+        return "UNKNOWN_SERVICE";
+    }
+}
