@@ -1,5 +1,5 @@
 // What the kernel says of the network interfaces of a namespace, as the port control server reads it. Filled by
-// netlink.cpp from the kernel's messages; tests fill it by hand.
+// kernel/interface_watch.cpp from the kernel's messages; tests fill it by hand.
 #pragma once
 
 #include "message.hpp"

@@ -6,13 +6,6 @@
 namespace kap_node
 {
 
-namespace
-{
-
-constexpr int FIRST_DUMP_MS = 1000;
-
-} // namespace
-
 link_monitor::link_monitor(event_loop &loop, iepcsi_service &ports) : loop_(loop), ports_(ports)
 {
     for (const std::string &name_space : ports_.name_spaces()) {
@@ -37,7 +30,9 @@ void link_monitor::check_name_spaces()
             watch.reset();
             ports_.interfaces_changed(name_space, {});
         }
-        if (!watch) {
+        if (watch) {
+            read_news(name_space, *watch);
+        } else {
             open(name_space);
         }
     }
@@ -52,17 +47,17 @@ void link_monitor::open(const std::string &name_space)
     } catch (const std::system_error &) {
         return;
     }
-    if (!fresh->wait_complete(FIRST_DUMP_MS)) {
-        return;
-    }
     interface_watch *watch = fresh.get();
     watches_[name_space] = std::move(fresh);
     ports_.interfaces_changed(name_space, watch->interfaces());
-    loop_.watch_fd(watch->fd(), [this, name_space, watch] {
-        if (watch->read_news()) {
-            ports_.interfaces_changed(name_space, watch->interfaces());
-        }
-    });
+    loop_.watch_fd(watch->fd(), [this, name_space, watch] { read_news(name_space, *watch); });
+}
+
+void link_monitor::read_news(const std::string &name_space, interface_watch &watch)
+{
+    if (watch.read_news()) {
+        ports_.interfaces_changed(name_space, watch.interfaces());
+    }
 }
 
 } // namespace kap_node

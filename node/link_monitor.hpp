@@ -4,7 +4,7 @@
 
 #include "event_loop.hpp"
 #include "iepcsi.hpp"
-#include "netlink.hpp"
+#include "kernel/interface_watch.hpp"
 
 #include <memory>
 
@@ -24,6 +24,7 @@ public:
 
 private:
     void open(const std::string &name_space);
+    void read_news(const std::string &name_space, interface_watch &watch);
 
     event_loop &loop_;
     iepcsi_service &ports_;

@@ -1,7 +1,7 @@
 // A socket to the kernel's netlink (netlink_socket.hpp).
 #include "kernel/netlink_socket.hpp"
 
-#include "kernel/attributes.hpp"
+#include "kernel/netlink_answer.hpp"
 #include "name_space.hpp"
 
 #include <libmnl/libmnl.h>
@@ -46,86 +46,7 @@ void make_room_for_news(int fd)
     }
 }
 
-// The kernel's words stand behind the message that it refuses, of which it repeats the head only.
-std::string words_of(const nlmsghdr *message, const nlmsgerr *refused)
-{
-    if ((message->nlmsg_flags & NLM_F_ACK_TLVS) == 0) {
-        return "";
-    }
-    const bool repeated = (message->nlmsg_flags & NLM_F_CAPPED) == 0;
-    const size_t before = sizeof(nlmsgerr) + (repeated ? mnl_nlmsg_get_payload_len(&refused->msg) : 0);
-    std::string words;
-    if (before <= mnl_nlmsg_get_payload_len(message)) {
-        each_attribute(message, before, [&](const nlattr *attribute) {
-            if (mnl_attr_get_type(attribute) == NLMSGERR_ATTR_MSG) {
-                words = text_in(attribute);
-            }
-        });
-    }
-    return words;
-}
-
-// What an error message says; an acknowledgement is one without an error.
-std::optional<kernel_refusal> read_verdict(const nlmsghdr *message)
-{
-    if (mnl_nlmsg_get_payload_len(message) < sizeof(nlmsgerr)) {
-        return refusal(EBADMSG);
-    }
-    const auto *verdict = static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(message));
-    if (verdict->error == 0) {
-        return std::nullopt;
-    }
-    kernel_refusal said = refusal(verdict->error < 0 ? -verdict->error : verdict->error);
-    const std::string words = words_of(message, verdict);
-    said.words = words.empty() ? said.words : words;
-    return said;
-}
-
-// A dump that failed on its way ends with the error in its last message.
-std::optional<kernel_refusal> read_end(const nlmsghdr *message)
-{
-    int error = 0;
-    if (mnl_nlmsg_get_payload_len(message) >= sizeof error) {
-        memcpy(&error, mnl_nlmsg_get_payload(message), sizeof error);
-    }
-    return error < 0 ? std::optional(refusal(-error)) : std::nullopt;
-}
-
 } // namespace
-
-// What is being waited for, and what has come of it.
-struct netlink_socket::answer {
-    bool is_dump = false;
-    std::vector<uint8_t> messages{}; // aligned as netlink has them
-    bool inconsistent = false;
-    bool complete = false;
-    std::optional<kernel_refusal> refused{};
-
-    void take(const nlmsghdr *message)
-    {
-        inconsistent = inconsistent || (message->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
-        if (message->nlmsg_type == NLMSG_ERROR) {
-            refused = read_verdict(message);
-            complete = true;
-        } else if (message->nlmsg_type == NLMSG_DONE) {
-            refused = read_end(message);
-            complete = true;
-        } else if (is_dump && message->nlmsg_type >= NLMSG_MIN_TYPE) {
-            const auto *first = reinterpret_cast<const uint8_t *>(message);
-            messages.insert(messages.end(), first, first + message->nlmsg_len);
-            messages.resize(MNL_ALIGN(messages.size()));
-        }
-    }
-
-    void hand_over(const std::function<void(const nlmsghdr *)> &each) const
-    {
-        const auto *message = reinterpret_cast<const nlmsghdr *>(messages.data());
-        int left = static_cast<int>(messages.size());
-        for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
-            each(message);
-        }
-    }
-};
 
 void netlink_socket::closer::operator()(mnl_socket *open) const { mnl_socket_close(open); }
 
@@ -168,10 +89,10 @@ std::optional<kernel_refusal> netlink_socket::send(nlmsghdr *message, uint16_t f
 }
 
 // What belongs to an earlier request, because that one was given up, is passed over.
-std::optional<kernel_refusal> netlink_socket::receive_answer(answer &wanted)
+std::optional<kernel_refusal> netlink_socket::receive_answer(netlink_answer &wanted)
 {
     const unsigned own = mnl_socket_get_portid(socket_.get());
-    while (!wanted.complete) {
+    while (!wanted.complete()) {
         pollfd waiting{fd(), POLLIN, 0};
         const int ready = poll(&waiting, 1, ANSWER_MS);
         if (ready == 0) {
@@ -184,12 +105,12 @@ std::optional<kernel_refusal> netlink_socket::receive_answer(answer &wanted)
         const auto *message = reinterpret_cast<const nlmsghdr *>(buffer_.data());
         int left = static_cast<int>(got);
         for (; got > 0 && mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
-            if (message->nlmsg_seq == last_number_ && message->nlmsg_pid == own && !wanted.complete) {
+            if (message->nlmsg_seq == last_number_ && message->nlmsg_pid == own) {
                 wanted.take(message);
             }
         }
     }
-    return wanted.refused;
+    return wanted.refused();
 }
 
 std::optional<kernel_refusal> netlink_socket::request(nlmsghdr *message)
@@ -197,7 +118,7 @@ std::optional<kernel_refusal> netlink_socket::request(nlmsghdr *message)
     if (auto refused = send(message, NLM_F_ACK)) {
         return refused;
     }
-    answer wanted{.is_dump = false};
+    netlink_answer wanted(netlink_answer::kind::acknowledgement);
     return receive_answer(wanted);
 }
 
@@ -207,11 +128,11 @@ std::optional<kernel_refusal> netlink_socket::dump(nlmsghdr *message, const std:
         if (auto refused = send(message, NLM_F_DUMP)) {
             return refused;
         }
-        answer wanted{.is_dump = true};
+        netlink_answer wanted(netlink_answer::kind::dump);
         if (auto refused = receive_answer(wanted)) {
             return refused;
         }
-        if (!wanted.inconsistent) {
+        if (!wanted.inconsistent()) {
             wanted.hand_over(each);
             return std::nullopt;
         }

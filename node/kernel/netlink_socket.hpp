@@ -22,6 +22,8 @@ struct mnl_socket;
 namespace kap_node
 {
 
+class netlink_answer;
+
 class netlink_socket
 {
 public:
@@ -52,10 +54,9 @@ private:
     struct closer {
         void operator()(mnl_socket *open) const;
     };
-    struct answer;
 
     std::optional<kernel_refusal> send(nlmsghdr *message, uint16_t flags);
-    std::optional<kernel_refusal> receive_answer(answer &wanted);
+    std::optional<kernel_refusal> receive_answer(netlink_answer &wanted);
     void throw_away_news();
 
     std::unique_ptr<mnl_socket, closer> socket_;

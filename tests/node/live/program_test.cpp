@@ -2,7 +2,7 @@
 #include "../support.hpp"
 #include "control.hpp"
 #include "live_fixture.hpp"
-#include "netlink.hpp"
+#include "name_space.hpp"
 #include "ns.h"
 #include "own_namespace.hpp"
 #include "slowness.hpp"

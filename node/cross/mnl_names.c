@@ -1,0 +1,35 @@
+// The names of libmnl that the reference node uses, to link with where another machine's libmnl is not at hand. Nothing
+// of this is ever run: a program linked with it loads the library of the machine that it runs on, by the same soname.
+#define NAME(name)                                                                                                     \
+    void name(void);                                                                                                   \
+    void name(void) {}
+
+NAME(mnl_attr_get_len)
+NAME(mnl_attr_get_payload)
+NAME(mnl_attr_get_payload_len)
+NAME(mnl_attr_get_type)
+NAME(mnl_attr_nest_end)
+NAME(mnl_attr_nest_start)
+NAME(mnl_attr_next)
+NAME(mnl_attr_ok)
+NAME(mnl_attr_put)
+NAME(mnl_attr_put_strz)
+NAME(mnl_attr_put_u16)
+NAME(mnl_attr_put_u32)
+NAME(mnl_attr_put_u8)
+NAME(mnl_nlmsg_get_payload)
+NAME(mnl_nlmsg_get_payload_len)
+NAME(mnl_nlmsg_get_payload_offset)
+NAME(mnl_nlmsg_get_payload_tail)
+NAME(mnl_nlmsg_next)
+NAME(mnl_nlmsg_ok)
+NAME(mnl_nlmsg_put_extra_header)
+NAME(mnl_nlmsg_put_header)
+NAME(mnl_socket_bind)
+NAME(mnl_socket_close)
+NAME(mnl_socket_get_fd)
+NAME(mnl_socket_get_portid)
+NAME(mnl_socket_open2)
+NAME(mnl_socket_recvfrom)
+NAME(mnl_socket_sendto)
+NAME(mnl_socket_setsockopt)
