@@ -24,6 +24,7 @@ constexpr uint32_t CLIENT_GONE = 0x1B9002;
 constexpr uint32_t STOP = 0x1B9003;
 // The exit status of a service that was told to die, so that nobody takes it for an orderly end.
 constexpr int STATUS_DIED = 9;
+constexpr int MANAGER_PATIENCE_MS = 1000;
 
 millis now_ms()
 {
@@ -112,11 +113,16 @@ std::optional<millis> event_loop::next_deadline(const program &runs) const
     if (check_ && (!deadline || next_check_ < *deadline)) {
         deadline = next_check_;
     }
+    const auto beat = pulse_.next_ms();
+    if (beat && (!deadline || *beat < *deadline)) {
+        deadline = beat;
+    }
     return deadline;
 }
 
 void event_loop::on_timers(program &runs, millis now)
 {
+    pulse_.beat(now);
     runs.tick(now);
     if (check_ && now >= next_check_) {
         next_check_ = now + period_;
@@ -126,6 +132,10 @@ void event_loop::on_timers(program &runs, millis now)
 
 int event_loop::run(program &runs)
 {
+    const int untold = manager_tell("READY=1", MANAGER_PATIENCE_MS);
+    if (untold != 0) {
+        (void)fprintf(stderr, "kap-node: the service manager was not told: %s\n", strerror(untold));
+    }
     while (!stopping_) {
         const auto deadline = next_deadline(runs);
         const millis now = now_ms();

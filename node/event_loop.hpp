@@ -1,10 +1,13 @@
 // The loop of every service: messages of its mailbox, descriptors, a periodic check and the core's own deadlines, all
 // on one thread. It stands between a program and ITC, and is the outlet through which the program sends.
 //
+// A service manager that asked for it is told when the loop begins, and that it still turns.
+//
 // SIGTERM and SIGINT end it with status 0. A lost registry ends it with status 1.
 #pragma once
 
 #include "service.hpp"
+#include "service_manager.hpp"
 
 #include <functional>
 #include <list>
@@ -54,6 +57,7 @@ private:
     std::function<void()> check_;
     bool stopping_ = false;
     int status_ = 0;
+    manager_pulse pulse_;
 };
 
 } // namespace kap_node

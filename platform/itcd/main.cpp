@@ -28,6 +28,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace
@@ -180,6 +181,20 @@ void notify_ready()
     }
 }
 
+// What a service manager's watchdog wants between two turns. Returns for how long the next may wait at most.
+int beat()
+{
+    static manager_pulse pulse;
+    if (!pulse.next_ms()) {
+        return -1;
+    }
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    const uint64_t now = static_cast<uint64_t>(time.tv_sec) * 1000 + static_cast<uint64_t>(time.tv_nsec) / 1'000'000;
+    pulse.beat(now);
+    return static_cast<int>(*pulse.next_ms() - now);
+}
+
 void raise_descriptor_limit()
 {
     rlimit limit{};
@@ -232,7 +247,7 @@ int main(int argc, char **argv)
     }
     complain("ready on %s", itc_wire::socket_path);
     notify_ready();
-    const int error = server_run(listener, signals, rules);
+    const int error = server_run(listener, signals, rules, beat);
     clean_up();
     if (error != 0) {
         complain("%s", strerror(error));

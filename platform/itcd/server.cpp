@@ -641,7 +641,7 @@ turn server_turn(int timeout_ms)
     return turn::done;
 }
 
-int server_run(int listener, int signals, const policy &rules)
+int server_run(int listener, int signals, const policy &rules, const std::function<int()> &between_turns)
 {
     const int error = server_open(listener, signals, rules);
     if (error != 0) {
@@ -649,7 +649,7 @@ int server_run(int listener, int signals, const policy &rules)
     }
     turn last = turn::done;
     while (last == turn::done) {
-        last = server_turn(-1);
+        last = server_turn(between_turns());
     }
     return last == turn::failed ? errno : 0;
 }

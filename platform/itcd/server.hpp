@@ -12,6 +12,8 @@
 
 #include "policy.hpp"
 
+#include <functional>
+
 inline constexpr int server_slice = 32; // units of work, see registry.hpp: about a tenth of a millisecond
 inline constexpr int server_slices = 8; // per turn, before newcomers and whoever has sent something are looked at
 
@@ -24,7 +26,8 @@ enum class turn {
 int server_open(int listener, int signals, const policy &rules); // 0, or an errno value
 turn server_turn(int timeout_ms);
 
-// Serves `listener` until SIGTERM or SIGINT is read from `signals`. Returns 0 then, or an errno value.
-int server_run(int listener, int signals, const policy &rules);
+// Serves `listener` until SIGTERM or SIGINT is read from `signals`. Returns 0 then, or an errno value. `between_turns`
+// says for how many milliseconds the next turn may wait, -1 for as long as it likes.
+int server_run(int listener, int signals, const policy &rules, const std::function<int()> &between_turns);
 
 #endif

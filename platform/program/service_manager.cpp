@@ -81,3 +81,16 @@ uint32_t manager_watchdog_ms()
     const unsigned long long half_ms = (allowed_us < longest_us ? allowed_us : longest_us) / 2000;
     return half_ms == 0 ? 1 : static_cast<uint32_t>(half_ms);
 }
+
+std::optional<uint64_t> manager_pulse::next_ms() const
+{
+    return every_ms_ == 0 ? std::nullopt : std::optional(next_ms_);
+}
+
+void manager_pulse::beat(uint64_t now_ms)
+{
+    if (every_ms_ != 0 && now_ms >= next_ms_) {
+        (void)manager_tell("WATCHDOG=1", 0); // one that did not hear is told again in half of its time
+        next_ms_ = now_ms + every_ms_;
+    }
+}

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 // Sends "READY=1" and its like, one assignment per line. A manager whose socket is full is waited for at most
 // `patience_ms`. Returns 0, also when nobody asked, or an errno value (ETIMEDOUT: it was not told in time).
@@ -10,3 +11,18 @@ int manager_tell(const char *state, int patience_ms);
 
 // How long to wait between two "WATCHDOG=1", in milliseconds: half of what the manager allows. 0: it wants none.
 uint32_t manager_watchdog_ms();
+
+// Tells a manager that wants it that the program still runs, from a loop that asks when it has to be next.
+class manager_pulse
+{
+public:
+    // When `beat` has something to do, in milliseconds of a clock of the loop's choice; nothing when there is no
+    // watchdog.
+    std::optional<uint64_t> next_ms() const;
+    // Tells the manager when it is time to. Does not wait for one that does not read.
+    void beat(uint64_t now_ms);
+
+private:
+    uint32_t every_ms_ = manager_watchdog_ms();
+    uint64_t next_ms_ = 0;
+};

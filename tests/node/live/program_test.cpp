@@ -7,7 +7,11 @@
 #include "own_namespace.hpp"
 #include "slowness.hpp"
 
+#include <poll.h>
 #include <sched.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -69,6 +73,30 @@ TEST_F(NodeProgram, ServesRequestsAndAnswersLateWhenTold)
     EXPECT_EQ(command("pmi", {"show"})["waiting_answers"], 1);
     EXPECT_EQ(receive(), ENABLED);
     EXPECT_EQ(command("pmi", {"show"})["vlans"], json::parse(R"([{"port": "IDLA1", "vlan_id": 100, "users": 2}])"));
+}
+
+TEST_F(NodeProgram, TellsAServiceManagerWhenClientsFindItAndThenThatItStillRuns)
+{
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, "/run/notify");
+    ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    setenv("NOTIFY_SOCKET", address.sun_path, 1);
+    setenv("WATCHDOG_USEC", "200000", 1);
+    start("pmi", NODE);
+    unsetenv("NOTIFY_SOCKET");
+    unsetenv("WATCHDOG_USEC");
+    for (const char *expected : {"READY=1", "WATCHDOG=1", "WATCHDOG=1"}) {
+        char text[64] = {};
+        pollfd wanted{manager, POLLIN, 0};
+        ASSERT_EQ(poll(&wanted, 1, 10000), 1);
+        EXPECT_GT(recv(manager, text, sizeof text - 1, 0), 0);
+        EXPECT_STREQ(text, expected);
+    }
+    close(manager);
+    join_node();
+    EXPECT_NE(itc_locate("pmi-server"), ITC_NO_MBOX);
 }
 
 TEST_F(NodeProgram, NoticesTheDeathOfAClientAndKeepsWhatItAskedFor)

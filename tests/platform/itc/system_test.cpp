@@ -248,6 +248,28 @@ TEST_F(ItcSystem, TheRegistryTellsAServiceManagerThatItIsReady)
     close(manager);
 }
 
+TEST_F(ItcSystem, TheRegistryTellsAWatchdogThatItStillRunsAlsoWhenNobodyWantsAnythingOfIt)
+{
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, "/run/notify");
+    ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    setenv("NOTIFY_SOCKET", "/run/notify", 1);
+    setenv("WATCHDOG_USEC", "200000", 1);
+    start_registry();
+    unsetenv("NOTIFY_SOCKET");
+    unsetenv("WATCHDOG_USEC");
+    for (const char *expected : {"READY=1", "WATCHDOG=1", "WATCHDOG=1", "WATCHDOG=1"}) {
+        char text[64] = {};
+        pollfd wanted{manager, POLLIN, 0};
+        ASSERT_EQ(poll(&wanted, 1, 10000), 1);
+        EXPECT_GT(recv(manager, text, sizeof text - 1, 0), 0);
+        EXPECT_STREQ(text, expected);
+    }
+    close(manager);
+}
+
 TEST_F(ItcSystem, AServiceManagerThatDoesNotReadHoldsUpNobody)
 {
     const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);

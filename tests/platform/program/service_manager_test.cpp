@@ -103,6 +103,30 @@ TEST_F(ServiceManager, WantsToHearTwiceInTheTimeThatItAllows)
     EXPECT_EQ(manager_watchdog_ms(), 0u) << "another process is meant";
 }
 
+TEST_F(ServiceManager, HearsThePulseAtOnceAndThenInHalfOfItsTime)
+{
+    listen();
+    setenv("WATCHDOG_USEC", "30000000", 1);
+    manager_pulse pulse;
+    pulse.beat(1000);
+    EXPECT_EQ(heard(), "WATCHDOG=1");
+    EXPECT_EQ(pulse.next_ms(), 16000u);
+    pulse.beat(15999);
+    EXPECT_EQ(heard(), "");
+    pulse.beat(16000);
+    EXPECT_EQ(heard(), "WATCHDOG=1");
+    EXPECT_EQ(pulse.next_ms(), 31000u);
+}
+
+TEST_F(ServiceManager, WithoutAWatchdogHearsNoPulse)
+{
+    listen();
+    manager_pulse pulse;
+    pulse.beat(1000);
+    EXPECT_EQ(heard(), "");
+    EXPECT_EQ(pulse.next_ms(), std::nullopt);
+}
+
 TEST_F(ServiceManager, WhoseTimeIsNoNumberWantsNothing)
 {
     for (const char *wrong : {"", "soon", "-5", "10s", "0"}) {
