@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "client_framework.hpp"
+#include "manager/port_macs.hpp"
 #include "ns.h"
 #include "vorn_trace.hpp"
 

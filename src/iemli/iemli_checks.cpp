@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "app_link_index.hpp"
+#include "manager/port_macs.hpp"
 #include "manager/port_mapping.hpp"
 #include "vorn_trace.hpp"
 

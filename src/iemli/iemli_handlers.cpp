@@ -8,6 +8,7 @@
 #include "iemli_server.hpp"
 #include "manager/link_procedures.hpp"
 #include "manager/link_table.hpp"
+#include "manager/port_macs.hpp"
 #include "manager/rtt.hpp"
 #include "vorn_trace.hpp"
 

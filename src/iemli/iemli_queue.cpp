@@ -1,11 +1,10 @@
-// The queues of waiting requests. Taking is in order of arrival over all sessions; there are at most two to look at.
+// The queues of waiting requests, and what is kept of them when they are no more.
 #include "iemli_queue.hpp"
 
 #include <cstdlib>
 #include <cstring>
 
 #include "base/keep_leak.hpp"
-#include "iemli_session.hpp"
 #include "vorn_trace.hpp"
 
 namespace
@@ -80,39 +79,25 @@ itc_msg *copy_of(const itc_msg *msg)
 size_t cost_of(const itc_msg *msg) { return COST_OF_A_REQUEST + static_cast<size_t>(iemli_message_min_size(msg)); }
 
 // What is alone in the queue has room, however large it is.
-bool has_room_for(const IemliSession *session, const itc_msg *msg)
+bool has_room_for(const iemli_queue *queue, const itc_msg *msg)
 {
-    return session->queue_head == nullptr || session->queue_bytes + cost_of(msg) <= MOST_WAITING_BYTES;
+    return queue->queue_head == nullptr || queue->queue_bytes + cost_of(msg) <= MOST_WAITING_BYTES;
 }
 
-void append(IemliSession *session, IemliQueuedRequest *entry)
+void append(iemli_queue *queue, IemliQueuedRequest *entry)
 {
-    session->queue_bytes += cost_of(entry->msg);
-    if (session->queue_tail == nullptr) {
-        session->queue_head = entry;
+    queue->queue_bytes += cost_of(entry->msg);
+    if (queue->queue_tail == nullptr) {
+        queue->queue_head = entry;
     } else {
-        session->queue_tail->next = entry;
+        queue->queue_tail->next = entry;
     }
-    session->queue_tail = entry;
-}
-
-// The session's first entry, unlinked; null when nothing waits.
-IemliQueuedRequest *pop(IemliSession *session)
-{
-    IemliQueuedRequest *entry = session->queue_head;
-    if (entry != nullptr) {
-        session->queue_bytes -= cost_of(entry->msg);
-        session->queue_head = entry->next;
-        if (session->queue_head == nullptr) {
-            session->queue_tail = nullptr;
-        }
-    }
-    return entry;
+    queue->queue_tail = entry;
 }
 
 } // namespace
 
-void iemli_queue_add(IemliSession *session, const itc_msg *msg)
+void iemli_queue_add(iemli_queue *queue, const itc_msg *msg)
 {
     auto *entry = static_cast<IemliQueuedRequest *>(calloc(1, sizeof(IemliQueuedRequest)));
     if (entry == nullptr) {
@@ -124,7 +109,7 @@ void iemli_queue_add(IemliSession *session, const itc_msg *msg)
         free(entry);
         return;
     }
-    if (!has_room_for(session, msg)) {
+    if (!has_room_for(queue, msg)) {
         VORN_TRACE(TRACE_ERROR, "Out of memory");
         free(entry);
         return;
@@ -132,34 +117,35 @@ void iemli_queue_add(IemliSession *session, const itc_msg *msg)
     entry->msg = copy_of(msg);
     entry->seq = next_seq++;
     VORN_TRACE(TRACE_SERVICE, "%s inserted in queue", iemli_msg_to_string(msg->msgno));
-    append(session, entry);
+    append(queue, entry);
 }
 
-void iemli_queue_flush(IemliSession *session)
+void iemli_queue_flush(iemli_queue *queue)
 {
-    while (IemliQueuedRequest *entry = pop(session)) {
+    while (IemliQueuedRequest *entry = iemli_queue_take(queue)) {
         keep({entry->msg, nullptr});
         free(entry);
     }
 }
 
-void iemli_queue_drop(IemliSession *session)
+void iemli_queue_drop(iemli_queue *queue)
 {
-    while (IemliQueuedRequest *entry = pop(session)) {
+    while (IemliQueuedRequest *entry = iemli_queue_take(queue)) {
         iemli_queue_free(entry);
     }
 }
 
-IemliQueuedRequest *iemli_queue_take_oldest(IemliSession **session)
+IemliQueuedRequest *iemli_queue_take(iemli_queue *queue)
 {
-    *session = nullptr;
-    for (IemliSession *candidate = iemli_session_first(); candidate != nullptr; candidate = candidate->next) {
-        const IemliQueuedRequest *head = candidate->queue_head;
-        if (head != nullptr && (*session == nullptr || head->seq < (*session)->queue_head->seq)) {
-            *session = candidate;
+    IemliQueuedRequest *entry = queue->queue_head;
+    if (entry != nullptr) {
+        queue->queue_bytes -= cost_of(entry->msg);
+        queue->queue_head = entry->next;
+        if (queue->queue_head == nullptr) {
+            queue->queue_tail = nullptr;
         }
     }
-    return *session != nullptr ? pop(*session) : nullptr;
+    return entry;
 }
 
 void iemli_queue_free(IemliQueuedRequest *entry)

@@ -127,13 +127,25 @@ void serve(const request_rule *rule, const itc_msg *msg)
     }
 }
 
+// The session whose request arrived first of all that wait; null when none waits.
+IemliSession *longest_waiting_session()
+{
+    IemliSession *found = nullptr;
+    for (IemliSession *session = iemli_session_first(); session != nullptr; session = session->next) {
+        if (session->queue_head != nullptr && (found == nullptr || session->queue_head->seq < found->queue_head->seq)) {
+            found = session;
+        }
+    }
+    return found;
+}
+
 void take_one_queued_request()
 {
-    IemliSession *session = nullptr;
-    IemliQueuedRequest *entry = iemli_queue_take_oldest(&session);
-    if (entry == nullptr) {
+    IemliSession *session = longest_waiting_session();
+    if (session == nullptr) {
         return;
     }
+    IemliQueuedRequest *entry = iemli_queue_take(session);
     const uint32_t msgno = entry->msg->msgno;
     VORN_TRACE(TRACE_SERVICE, "Handle %s message from queue", iemli_msg_to_string(msgno));
     session->last_procedure_ref = iemli_header_of(entry->msg)->procedure_ref;

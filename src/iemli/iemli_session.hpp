@@ -10,16 +10,13 @@
 
 inline constexpr uint8_t IEMLI_MAX_SESSIONS = 2;
 
-struct IemliSession {
+struct IemliSession : iemli_queue {
     uint32_t client_mbox;
     uint32_t monitor_ref;
     uint32_t client_conn_ref;
     uint32_t server_conn_ref;
     uint32_t last_procedure_ref; // of the last request taken up; 0 at first
     bool busy;                   // a create, update or delete of this session waits for the lower layer
-    IemliQueuedRequest *queue_head;
-    IemliQueuedRequest *queue_tail;
-    size_t queue_bytes;
     IemliSession *next;
 };
 

@@ -350,6 +350,18 @@ bool iml_link_delete(uint32_t link_ref, uint32_t connection_ref, IemliPendingReq
     return true;
 }
 
+void iml_link_delete_all_of_connection(uint32_t connection_ref)
+{
+    // A delete without a request answers nobody, so that nothing but the link in hand is freed meanwhile.
+    iml_link *next = nullptr;
+    for (iml_link *link = iml_link_first(); link != nullptr; link = next) {
+        next = link->next;
+        if (link->connection_ref == connection_ref) {
+            iml_link_delete(link->link_ref, connection_ref, nullptr);
+        }
+    }
+}
+
 void iml_link_create_path(uint32_t link_ref)
 {
     const iml_link *link = iml_link_look_up(link_ref);

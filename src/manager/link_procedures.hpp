@@ -20,6 +20,8 @@ void iml_link_update(IemliPendingRequest **request, uint32_t number_of_app_links
 // `request` may be null (a session ended). Returns false when no procedure was opened: then the request was not
 // answered and is still the caller's.
 bool iml_link_delete(uint32_t link_ref, uint32_t connection_ref, IemliPendingRequest **request);
+// Nobody has asked, and nobody is answered.
+void iml_link_delete_all_of_connection(uint32_t connection_ref);
 
 void handle_link_event(const client_event &event);
 void handle_port_event(const client_event &event);

@@ -74,7 +74,8 @@ supervision_params keep_alive_params(const char *if_name, const iml_link *link)
 
 void end_link_session(iml_link *link)
 {
-    rtt_clear_samples(link);
+    rtt_samples_clear(&link->rtt_samples);
+    link->samples_since_report = 0;
     const uint32_t session_id = link->supervision_session_id;
     const uint32_t result = stop_supervision_session(session_id);
     if (result == 0) {

@@ -5,11 +5,7 @@
 
 #include <cstdlib>
 
-#include "base/daemon_state.hpp"
-#include "clients/iepcsi_client.hpp"
-#include "link_procedures.hpp"
 #include "port_mapping.hpp"
-#include "rtt.hpp"
 #include "vorn_trace.hpp"
 
 namespace
@@ -186,7 +182,7 @@ void iml_link_remove(iml_link *link)
 
 void iml_link_free(iml_link *link)
 {
-    rtt_clear_samples(link);
+    rtt_samples_clear(&link->rtt_samples);
     iml_link_free_keep_alives(link);
     free(link->link_data);
     free(link);
@@ -311,47 +307,4 @@ void iml_link_set_status(uint32_t link_ref, uint32_t status, uint32_t disabled_r
                iml_link_status_text(link->status, link->disabled_reason),
                iml_link_status_text(status, disabled_reason));
     iml_link_write_status(link, status, disabled_reason);
-}
-
-void iml_link_delete_all_of_connection(uint32_t connection_ref)
-{
-    // A delete without a request answers nobody, so that nothing but the link in hand is freed meanwhile.
-    iml_link *next = nullptr;
-    for (iml_link *link = first_link; link != nullptr; link = next) {
-        next = link->next;
-        if (link->connection_ref == connection_ref) {
-            iml_link_delete(link->link_ref, connection_ref, nullptr);
-        }
-    }
-}
-
-bool fetch_local_supervision_mac(const char *iemli_port_name, mac_address *mac, uint32_t *reason)
-{
-    if (manager_state() != KAP_VORN_INITIATED) {
-        *reason = IEMLI_REJ_OTHER_REASON;
-        VORN_TRACE(TRACE_PORT, "Could not fetch MAC. VORN manager is not initiated");
-        return false;
-    }
-    eth_port port;
-    if (!iepcsi_fetch_port_data(iemli_to_iepcsi_port_name(iemli_port_name), &port)) {
-        *reason = IEMLI_REJ_UNKNOWN_PORT_NAME;
-        return false;
-    }
-    *mac = port.mac;
-    return true;
-}
-
-bool check_mac(const mac_address &mac, uint32_t *reason)
-{
-    if (manager_state() != KAP_VORN_INITIATED) {
-        *reason = IEMLI_REJ_OTHER_REASON;
-        VORN_TRACE(TRACE_PORT, "Could not check MAC. VORN manager is not initiated");
-        return false;
-    }
-    for (const eth_port *port = iepcsi_get_port_list(); port != nullptr; port = port->next) {
-        if (mac_equal(port->mac, mac)) {
-            return true;
-        }
-    }
-    return false;
 }

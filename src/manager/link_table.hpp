@@ -9,12 +9,12 @@
 #include <cstdint>
 
 #include "base/ref_index.hpp"
+#include "base/rtt_samples.hpp"
 #include "iemli/iemli_messages.hpp"
 
 inline constexpr uint16_t RTT_DEFAULT_BATCH_SIZE = 5;
 inline constexpr uint16_t RTT_DEFAULT_INTERVAL = 1;
 inline constexpr uint16_t RTT_DEFAULT_FRAME_SIZE = 64;
-inline constexpr uint32_t RTT_MAX_SAMPLES = 60;
 
 enum supervision_run_state : uint32_t {
     SUPERVISION_NOT_RUNNING = 0,
@@ -30,25 +30,10 @@ struct keep_alive_session {
 };
 static_assert(sizeof(keep_alive_session) == 16);
 
-struct rtt_sample {
-    uint8_t valid; // 1: the supervision result was 0
-    uint32_t rtt_sec;
-    uint32_t rtt_nsec;
-    rtt_sample *newer;
-    rtt_sample *older;
-};
-
 // The keep-alive sessions of a link, taken out of it; found by no lookup.
 struct keep_alive_array {
     keep_alive_session *sessions; // owned, may be null
     uint32_t count;
-};
-
-// FIFO of at most RTT_MAX_SAMPLES samples.
-struct rtt_sample_queue {
-    uint32_t count;
-    rtt_sample *oldest;
-    rtt_sample *newest;
 };
 
 struct iml_link {
@@ -125,9 +110,3 @@ bool iml_link_is_rtt_enabled(uint32_t link_ref);
 // The one writer of a link's status. Tells nobody.
 void iml_link_write_status(iml_link *link, uint32_t status, uint32_t disabled_reason);
 void iml_link_set_status(uint32_t link_ref, uint32_t status, uint32_t disabled_reason);
-void iml_link_delete_all_of_connection(uint32_t connection_ref);
-
-// The port's own MAC, only while the manager is initiated. On false *reason is an IEMLI_REJ_*.
-bool fetch_local_supervision_mac(const char *iemli_port_name, mac_address *mac, uint32_t *reason);
-// Whether one of the node's own ports has this MAC, only while the manager is initiated (else false and *reason 99).
-bool check_mac(const mac_address &mac, uint32_t *reason);

@@ -2,8 +2,6 @@
 // may ask for it, and with which settings, was checked before.
 #include "rtt.hpp"
 
-#include <cstdlib>
-
 #include "base/daemon_state.hpp"
 #include "clients/aasi_client.hpp"
 #include "clients/iepcsi_client.hpp"
@@ -14,37 +12,6 @@
 
 namespace
 {
-
-constexpr uint64_t NSEC_PER_SEC = 1000000000;
-
-void drop_oldest(rtt_sample_queue *queue)
-{
-    rtt_sample *sample = queue->oldest;
-    queue->oldest = sample->newer;
-    (queue->oldest != nullptr ? queue->oldest->older : queue->newest) = nullptr;
-    --queue->count;
-    free(sample);
-}
-
-bool append_sample(rtt_sample_queue *queue, uint32_t result, const supervision_rtt *rtt)
-{
-    if (queue->count > RTT_MAX_SAMPLES - 1) {
-        drop_oldest(queue);
-    }
-    auto *sample = static_cast<rtt_sample *>(calloc(1, sizeof(rtt_sample)));
-    if (sample == nullptr) {
-        VORN_TRACE(TRACE_ERROR, "Memory error");
-        return false;
-    }
-    sample->valid = result == SUPERVISION_ANSWERED ? 1 : 0;
-    sample->rtt_sec = rtt->sec;
-    sample->rtt_nsec = rtt->nsec;
-    sample->older = queue->newest;
-    (queue->newest != nullptr ? queue->newest->newer : queue->oldest) = sample;
-    queue->newest = sample;
-    ++queue->count;
-    return true;
-}
 
 void report_batch(iml_link *link)
 {
@@ -60,24 +27,6 @@ void report_batch(iml_link *link)
     if (is_aasi_service_up()) {
         // The agent takes nanoseconds within a second: the seconds are left out on purpose.
         aasi_send_path_info(link->link_ref, stats.min_nsec, stats.max_nsec, stats.avg_nsec, link->status);
-    }
-}
-
-// a before b, both as seconds and nanoseconds.
-bool is_less(uint32_t a_sec, uint32_t a_nsec, uint32_t b_sec, uint32_t b_nsec)
-{
-    return a_sec < b_sec || (a_sec == b_sec && a_nsec < b_nsec);
-}
-
-void take_into_account(rtt_stats *stats, const rtt_sample *sample)
-{
-    if (is_less(sample->rtt_sec, sample->rtt_nsec, stats->min_sec, stats->min_nsec)) {
-        stats->min_sec = sample->rtt_sec;
-        stats->min_nsec = sample->rtt_nsec;
-    }
-    if (is_less(stats->max_sec, stats->max_nsec, sample->rtt_sec, sample->rtt_nsec)) {
-        stats->max_sec = sample->rtt_sec;
-        stats->max_nsec = sample->rtt_nsec;
     }
 }
 
@@ -105,53 +54,13 @@ void rtt_record_sample(uint32_t result, const supervision_rtt *rtt, iml_link *li
     if (result != SUPERVISION_ANSWERED && result != SUPERVISION_ANSWERED_NO_TIME && result != SUPERVISION_LOST) {
         return;
     }
-    if (!append_sample(&link->rtt_samples, result, rtt) || link->rtt_enabled != 1) {
+    if (!rtt_samples_append(&link->rtt_samples, result, rtt) || link->rtt_enabled != 1) {
         return;
     }
     ++link->samples_since_report;
     if (link->samples_since_report >= link->rtt.batchSize) {
         report_batch(link);
     }
-}
-
-void rtt_compute_stats(const rtt_sample_queue *samples, uint32_t count, rtt_stats *out)
-{
-    if (samples == nullptr) {
-        VORN_TRACE(TRACE_ERROR, "Pointer to rtt collection is null");
-        return;
-    }
-    if (out == nullptr) {
-        VORN_TRACE(TRACE_ERROR, "Pointer to measure data is null");
-        return;
-    }
-    *out = {};
-    rtt_stats found = {};
-    found.min_sec = UINT32_MAX;
-    found.min_nsec = UINT32_MAX;
-    uint64_t sum = 0;
-    uint64_t valid = 0;
-    for (const rtt_sample *sample = samples->newest; sample != nullptr && count > 0; sample = sample->older, --count) {
-        if (sample->valid != 0) {
-            ++valid;
-            sum += sample->rtt_sec * NSEC_PER_SEC + sample->rtt_nsec;
-            take_into_account(&found, sample);
-        }
-    }
-    if (valid == 0) {
-        return;
-    }
-    found.avg_sec = static_cast<uint32_t>(sum / valid / NSEC_PER_SEC);
-    found.avg_nsec = static_cast<uint32_t>(sum / valid % NSEC_PER_SEC);
-    found.rtt_validity = 1;
-    *out = found;
-}
-
-void rtt_clear_samples(iml_link *link)
-{
-    while (link->rtt_samples.oldest != nullptr) {
-        drop_oldest(&link->rtt_samples);
-    }
-    link->samples_since_report = 0;
 }
 
 bool rtt_enable(uint32_t link_ref, const rtt_settings &settings)

@@ -134,6 +134,17 @@ bool iml_link_delete(uint32_t link_ref, uint32_t connection_ref, IemliPendingReq
     return true;
 }
 
+void iml_link_delete_all_of_connection(uint32_t connection_ref)
+{
+    iml_link *next = nullptr;
+    for (iml_link *link = iml_link_first(); link != nullptr; link = next) {
+        next = link->next;
+        if (link->connection_ref == connection_ref) {
+            iml_link_delete(link->link_ref, connection_ref, nullptr);
+        }
+    }
+}
+
 void iml_link_create_path(uint32_t link_ref) { note("path create " + number(link_ref)); }
 void iml_link_update_path(uint32_t link_ref) { note("path update " + number(link_ref)); }
 
@@ -145,14 +156,6 @@ bool rtt_enable(uint32_t link_ref, const rtt_settings &settings)
 }
 
 void rtt_disable(uint32_t link_ref) { note("rtt disable " + number(link_ref)); }
-
-void rtt_clear_samples(iml_link *link)
-{
-    for (rtt_sample *sample = link->rtt_samples.oldest; sample != nullptr;) {
-        free(std::exchange(sample, sample->newer));
-    }
-    link->rtt_samples = {};
-}
 
 const eth_port *iepcsi_get_port_list() { return state.ports.empty() ? nullptr : &state.ports.front(); }
 

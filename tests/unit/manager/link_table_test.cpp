@@ -6,6 +6,7 @@
 #include <random>
 #include <set>
 
+#include "manager/port_macs.hpp"
 #include "manager/rtt.hpp"
 #include "support/daemon.hpp"
 

@@ -47,7 +47,7 @@ protected:
     }
     rtt_stats stats_of(const std::vector<Sample> &samples, uint32_t count)
     {
-        rtt_clear_samples(link);
+        rtt_samples_clear(&link->rtt_samples);
         for (const Sample &s : samples) {
             record(s.valid == 1 ? 0 : 1, s.sec, s.nsec);
         }
