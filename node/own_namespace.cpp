@@ -1,6 +1,7 @@
 // The name of the own network namespace (own_namespace.hpp).
 #include "own_namespace.hpp"
 
+#include "config.hpp"
 #include "name_space.hpp"
 
 #include <fcntl.h>
@@ -125,6 +126,9 @@ void make_name(const std::string &name)
 
 std::string name_of_own_namespace()
 {
+    if (names_own_namespace(HOST_NAMESPACE)) {
+        return HOST_NAMESPACE;
+    }
     struct stat own {
     };
     if (stat(OWN, &own) != 0) {
@@ -137,6 +141,9 @@ std::string name_of_own_namespace()
 
 own_namespace::own_namespace() : name_(name_of_own_namespace())
 {
+    if (name_ == HOST_NAMESPACE) {
+        return;
+    }
     make_directory(NAMES);
     make_directory(LOCKS);
     const one_at_a_time alone;
@@ -159,6 +166,9 @@ own_namespace::own_namespace() : name_(name_of_own_namespace())
 
 own_namespace::~own_namespace()
 {
+    if (lock_ < 0) {
+        return;
+    }
     try {
         const one_at_a_time alone;
         if (is_unwanted(lock_)) {

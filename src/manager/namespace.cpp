@@ -49,13 +49,24 @@ bool is_namespace_file(int fd)
     return fstatfs(fd, &found) == 0 && found.f_type == NSFS_MAGIC;
 }
 
-// A descriptor, or -1 and errno. Whatever lies there: opening it does not wait (a FIFO), and leads nowhere else (a
-// link).
+// The one link that stands for a namespace: the own one, which is where whoever follows it is already.
+bool is_link_to_own(const char *path)
+{
+    char target[64];
+    const ssize_t length = readlink(path, target, sizeof target);
+    return length == static_cast<ssize_t>(strlen(OWN_NETNS)) && memcmp(target, OWN_NETNS, strlen(OWN_NETNS)) == 0;
+}
+
+// A descriptor, or -1 and errno. Whatever lies there: opening it does not wait (a FIFO), and leads nowhere else (any
+// other link).
 int open_netns(const char *name, const char *path, size_t path_room)
 {
     if (!is_file_name(name) || strlen(path) + 1 >= path_room) {
         errno = EINVAL;
         return -1;
+    }
+    if (is_link_to_own(path)) {
+        return open_current_netns();
     }
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW, 0);
     if (fd >= 0 && !is_namespace_file(fd)) {

@@ -8,7 +8,8 @@ int netns_path(const char *name, char *buffer, size_t size);
 // A descriptor, or a negative value.
 int open_current_netns();
 // 0 success, 1 failure. The name is that of a file in the directory: one that is empty, "." or "..", or has a '/',
-// cannot be opened, nor can a link, nor what is no namespace. Nothing that lies there makes it wait.
+// cannot be opened, nor can what is no namespace, nor a link, but for one to /proc/self/ns/net, which stands for where
+// the caller is. Nothing that lies there makes it wait.
 int enter_netns(const char *name);
 // Closes fd in both cases. 0 success, 1 failure.
 int return_to_netns(int fd);

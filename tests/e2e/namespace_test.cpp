@@ -127,6 +127,22 @@ TEST_F(NamespaceName, IsNoPathAndWhatLiesThereNeitherLeadsAwayNorHoldsTheDaemonU
     demo_wait_status(d, link.link_ref, IML_LINK_ENABLED, 0, 5s);
 }
 
+// A machine that has a name for its own namespace has it as such a link.
+TEST_F(NamespaceName, MayBeALinkToTheNamespaceThatTheDaemonIsIn)
+{
+    start();
+    const auto at_first = whereabouts();
+    const size_t open_at_first = namespaces_open();
+    command_must({"ip", "-n", NEAR_NAMESPACE, "link", "set", "tn_a", "netns", std::to_string(getpid())});
+    command_must({"ip", "link", "set", "tn_a", "up"});
+    fs::create_symlink("/proc/self/ns/net", NAMES + "link");
+    iemli_link_wish wish = demo_second_wish(d);
+    stage_control("iepcsi", {"vlan-add", "TNA", std::to_string(wish.vlan), "tn_a", "link"});
+    EXPECT_EQ(iemli_client_create_link(d.client, wish).outcome, iemli_outcome::confirmed);
+    EXPECT_EQ(whereabouts(), at_first);
+    EXPECT_LE(namespaces_open(), open_at_first + 1) << "that of the port's socket";
+}
+
 TEST_F(NamespaceName, ThatIsGoneKeepsNoPingsGoingForALinkThatIsDeleted)
 {
     start();

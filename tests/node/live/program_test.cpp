@@ -297,6 +297,30 @@ TEST_F(NodeProgram, MakesNoNameWhenEveryPortHasOne)
     EXPECT_EQ(own_names(), std::vector<std::string>{});
 }
 
+// No privilege is needed for it, and nothing is made.
+TEST_F(NodeProgram, TellsTheNameThatTheMachineHasForItsOwnNamespace)
+{
+    run("ln -s /proc/self/ns/net /run/netns/kap-host");
+    EXPECT_TRUE(is_own_namespace("kap-host"));
+    start("iepcsi", NAMELESS);
+    join_node();
+    EXPECT_EQ(port()["reported_namespace"], "kap-host");
+    EXPECT_EQ(own_names(), std::vector<std::string>{});
+    signal("iepcsi", SIGTERM);
+    EXPECT_EQ(status_of("iepcsi"), 0);
+    EXPECT_TRUE(is_own_namespace("kap-host"));
+}
+
+TEST_F(NodeProgram, TakesNoOtherLinkForANamespace)
+{
+    run("ln -s /run/netns/near /run/netns/other && ln -s /proc/thread-self/ns/net /run/netns/thread");
+    for (const char *name : {"other", "thread"}) {
+        EXPECT_THROW(namespace_visit{name}, std::system_error) << name;
+        EXPECT_FALSE(is_own_namespace(name)) << name;
+    }
+    run("rm /run/netns/other /run/netns/thread");
+}
+
 TEST_F(NodeProgram, TakesTheNameOfADeadRunForItsOwn)
 {
     for (int run = 0; run < 2; ++run) {
