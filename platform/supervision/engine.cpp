@@ -38,11 +38,34 @@ uint64_t mix(uint64_t value)
 
 // ---- Buckets: the sessions of one slot of the second ----
 
+// What is looked at for each session that is added must not be a hundred buckets.
+void count_in(engine &e, size_t at)
+{
+    e.with_fewest -= e.fill[at] == e.fewest ? 1 : 0;
+    e.fill[at]++;
+    if (e.with_fewest == 0) {
+        e.fewest++;
+        e.with_fewest = static_cast<uint32_t>(std::count(e.fill, e.fill + SLOTS_PER_SECOND, e.fewest));
+    }
+}
+
+void count_out(engine &e, size_t at)
+{
+    e.fill[at]--;
+    if (e.fill[at] < e.fewest) {
+        e.fewest = e.fill[at];
+        e.with_fewest = 1;
+    } else if (e.fill[at] == e.fewest) {
+        e.with_fewest++;
+    }
+}
+
 void put_in_bucket(engine &e, session *s)
 {
     bucket &b = e.buckets[s->bucket];
     s->place = b.sessions.size();
     b.sessions.push_back(s);
+    count_in(e, s->bucket);
     b.earliest = std::min(b.earliest, s->due);
 }
 
@@ -52,6 +75,7 @@ void take_out_of_bucket(engine &e, const session *s)
     b.sessions[s->place] = b.sessions.back();
     b.sessions[s->place]->place = s->place;
     b.sessions.pop_back();
+    count_out(e, s->bucket);
     if (b.sessions.empty()) {
         b.earliest = NEVER;
     }
@@ -60,17 +84,11 @@ void take_out_of_bucket(engine &e, const session *s)
 // The first of the coming hundred slots with the fewest sessions.
 int64_t quietest_slot(const engine &e, int64_t now_slot)
 {
-    int64_t place = now_slot % SLOTS_PER_SECOND;
-    int64_t best = now_slot + 1;
-    size_t fewest = SIZE_MAX;
-    for (int64_t slot = best; slot <= now_slot + SLOTS_PER_SECOND; slot++) {
-        place = place + 1 < SLOTS_PER_SECOND ? place + 1 : 0;
-        if (e.buckets[place].sessions.size() < fewest) {
-            fewest = e.buckets[place].sessions.size();
-            best = slot;
-        }
-    }
-    return best;
+    const uint32_t *end = e.fill + SLOTS_PER_SECOND;
+    const uint32_t *next = e.fill + (now_slot + 1) % SLOTS_PER_SECOND;
+    const uint32_t *found = std::find(next, end, e.fewest);
+    const uint32_t *place = found != end ? found : std::find(e.fill, end, e.fewest);
+    return now_slot + 1 + (place - next + SLOTS_PER_SECOND) % SLOTS_PER_SECOND;
 }
 
 // Which second of its interval a session begins in: each in turn, so that sessions started together do not all send in
@@ -114,6 +132,10 @@ bool id_is_taken(const engine &e, const session *s, uint8_t id)
 // Sessions between the same two addresses are told apart by the id alone: none may have two owners at a time.
 uint8_t next_measurement_id(const engine &e, session *s)
 {
+    if (!s->has_ids) {
+        s->ids = make_id_order(e.key, s->id);
+        s->has_ids = true;
+    }
     uint8_t id = next_id(&s->ids);
     for (int tries = 1; tries < 256 && id_is_taken(e, s, id); tries++) {
         id = next_id(&s->ids);
@@ -346,7 +368,7 @@ void engine_add(engine &e, session *s, int64_t now)
     s->due = quietest_slot(e, slot_of(now)) + next_second(e, *s) * SLOTS_PER_SECOND;
     s->bucket = static_cast<size_t>(s->due % SLOTS_PER_SECOND);
     s->latest.outstanding = s->extended.outstanding = s->hasty = s->echoes = false;
-    s->ids = make_id_order(e.key, s->id);
+    s->has_ids = false;
     // All memory is taken here, where the caller can be told that there is none.
     e.frame.resize(std::max(e.frame.size(), frame_length(*s)));
     put_in_bucket(e, s);

@@ -106,6 +106,7 @@ struct session {
     request extended; // the one before, while it has its second interval
     bool hasty;       // lateness is no excuse any more
     bool echoes;      // its far end sends the dummy bytes back
+    bool has_ids;     // made with its first request: whoever starts thousands does not wait for that
     id_order ids;
     uint32_t sequence;
 };
@@ -149,6 +150,9 @@ struct bucket {
 
 struct engine {
     bucket buckets[SLOTS_PER_SECOND];
+    uint32_t fill[SLOTS_PER_SECOND] = {}; // how many sessions each bucket has
+    uint32_t fewest = 0;                  // the least of these
+    uint32_t with_fewest = SLOTS_PER_SECOND;
     std::unordered_map<session_key, session *, session_key_hash> by_key;
     uint32_t longer_added = 0; // sessions added so far whose interval is longer than a second
     secret key{};              // drawn by the owner before the first session is added

@@ -18,13 +18,13 @@
 #include <sys/auxv.h>
 #include <sys/eventfd.h>
 #include <sys/random.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -99,8 +99,7 @@ constexpr int64_t FACTS_LAST_NS = 1'000'000;
 // A network namespace with sessions in it.
 struct domain {
     uint32_t id;
-    dev_t device;
-    ino_t inode;
+    uint64_t netns; // its number: one in the whole kernel
     int fd;
     packet::filter filter;
     size_t sessions;
@@ -130,8 +129,8 @@ struct library {
     uint32_t last_session = 0;
     uint32_t last_domain = 0;
     int wake_fd = -1;
-    int own_namespaces = -1; // of the thread that started a session last
-    pid_t own_namespaces_of = 0;
+    int own_netns = -1; // the link to the namespace of the thread that started a session last
+    pid_t own_netns_of = 0;
     bool has_thread = false;
     int64_t sleeps_until = NEVER; // the thread, as it found when it looked last
     int64_t first_domain_opened = 0;
@@ -176,17 +175,17 @@ clocks read_clocks(void *) { return {nanoseconds(CLOCK_MONOTONIC), nanoseconds(C
 
 // The thread has to look only when there is something to send before it wakes by itself, or a socket to close, and once
 // for all such reasons. Else thousands of sessions that are started or stopped one after the other would have it run,
-// and take the lock from their starter, thousands of times.
-bool has_to_look(const library &l)
+// and take the lock from their starter, thousands of times. `due`: of what is new since it looked.
+bool has_to_look(const library &l, int64_t due)
 {
     const auto is_unused = [](const std::unique_ptr<domain> &d) { return d->sessions == 0; };
     return l.sleeps_until != WOKEN &&
-           (engine_deadline(l.e) < l.sleeps_until || std::any_of(l.domains.begin(), l.domains.end(), is_unused));
+           (due < l.sleeps_until || std::any_of(l.domains.begin(), l.domains.end(), is_unused));
 }
 
-void wake_if_needed(library &l)
+void wake_if_needed(library &l, int64_t due)
 {
-    if (!has_to_look(l)) {
+    if (!has_to_look(l, due)) {
         return;
     }
     l.sleeps_until = WOKEN;
@@ -226,20 +225,19 @@ const interface_facts &ask_facts(domain *home, const char (&name)[16])
     return f;
 }
 
-const interface_facts &facts_of(const entry &x)
+const interface_facts &facts_of(const entry &x, int64_t now)
 {
-    if (are_of_now(x.home->facts, x.if_name, nanoseconds(CLOCK_MONOTONIC))) {
+    if (are_of_now(x.home->facts, x.if_name, now)) {
         return x.home->facts;
     }
     return ask_facts(x.home, x.if_name);
 }
 
 // On the device of that very VLAN the kernel adds the tag, and takes it off what it hands to the device.
-bool needs_tag(const entry &x) { return x.wants_tag && facts_of(x).vlan != x.vlan; }
+bool needs_tag(const entry &x, const interface_facts &facts) { return x.wants_tag && facts.vlan != x.vlan; }
 
-void let_answers_in(entry *x)
+void let_answers_in(entry *x, const interface_facts &facts)
 {
-    const interface_facts &facts = facts_of(*x);
     const bool is_own = facts.has_mac && mac_equal(facts.mac, x->s.key.local);
     x->let_in = !is_own && guest_let_in(x->home->let_in, x->home->fd, {x->s.key.if_index, x->s.key.local});
 }
@@ -255,15 +253,16 @@ void shut_answers_out(entry *x)
 // The interface was deleted and may be back under its name. True when it is, and a frame built before fits it.
 bool find_interface_again(entry *x)
 {
-    const int if_index = ask_facts(x->home, x->if_name).index;
+    const interface_facts &facts = ask_facts(x->home, x->if_name);
+    const int if_index = facts.index;
     if (if_index == 0 || if_index == x->s.key.if_index) {
         return false;
     }
     shut_answers_out(x);
     const bool was_tagged = x->s.tagged;
-    x->s.tagged = needs_tag(*x);
+    x->s.tagged = needs_tag(*x, facts);
     engine_rekey(lib().e, &x->s, key_of(*x, if_index, x->s.tagged));
-    let_answers_in(x);
+    let_answers_in(x, facts);
     return x->s.tagged == was_tagged;
 }
 
@@ -503,12 +502,11 @@ bool ensure_thread(library &l)
 
 // ---- Namespaces ----
 
-domain *open_domain(library &l, const struct stat &netns)
+domain *open_domain(library &l, uint64_t netns)
 {
     auto d = std::make_unique<domain>();
     d->id = ++l.last_domain;
-    d->device = netns.st_dev;
-    d->inode = netns.st_ino;
+    d->netns = netns;
     d->last_drops = INT64_MIN;
     d->filter.action = ecpri::ACTION_RESPONSE;
     d->filter.word = l.e.process_mark;
@@ -524,37 +522,57 @@ domain *open_domain(library &l, const struct stat &netns)
     return l.domains.back().get();
 }
 
-// The calling thread's directory of namespaces, kept open from call to call: walking to it anew costs more than all
-// else that a session takes.
-void open_own_namespaces(library &l)
+// Asked for once: it is a system call, and a thread keeps its number.
+pid_t own_thread_id()
 {
-    if (l.own_namespaces >= 0) {
-        close(l.own_namespaces);
-    }
-    l.own_namespaces = open("/proc/thread-self/ns", O_PATH | O_DIRECTORY | O_CLOEXEC);
-    l.own_namespaces_of = gettid();
+    static thread_local const pid_t id = gettid();
+    return id;
 }
 
-// The directory of a thread that has ended, whose number the caller has by now, gives nothing: it is opened anew.
-bool own_netns(library &l, struct stat *netns)
+// The calling thread's link to its namespace, kept open from call to call: walking to it anew, and to what it points
+// to, costs more than all else that a session takes.
+void open_own_netns(library &l)
 {
-    if (l.own_namespaces_of == gettid() && fstatat(l.own_namespaces, "net", netns, 0) == 0) {
+    if (l.own_netns >= 0) {
+        close(l.own_netns);
+    }
+    l.own_netns = open("/proc/thread-self/ns/net", O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    l.own_netns_of = own_thread_id();
+}
+
+// The number in "net:[4026531840]".
+bool read_own_netns(const library &l, uint64_t *netns)
+{
+    char text[64];
+    const ssize_t length = readlinkat(l.own_netns, "", text, sizeof text - 1);
+    if (length <= 0) {
+        return false;
+    }
+    text[length] = '\0';
+    const char *bracket = strchr(text, '[');
+    *netns = bracket != nullptr ? strtoull(bracket + 1, nullptr, 10) : 0;
+    return *netns != 0;
+}
+
+// The link of a thread that has ended, whose number the caller has by now, gives nothing: it is opened anew.
+bool find_own_netns(library &l, uint64_t *netns)
+{
+    if (l.own_netns_of == own_thread_id() && read_own_netns(l, netns)) {
         return true;
     }
-    open_own_namespaces(l);
-    return fstatat(l.own_namespaces, "net", netns, 0) == 0;
+    open_own_netns(l);
+    return read_own_netns(l, netns);
 }
 
-// The namespace in which the calling thread is. While its socket is open no other namespace can get its inode.
+// The namespace in which the calling thread is. While its socket is open no other namespace can get its number.
 domain *current_domain(library &l)
 {
-    struct stat netns {
-    };
-    if (!own_netns(l, &netns)) {
+    uint64_t netns = 0;
+    if (!find_own_netns(l, &netns)) {
         return nullptr;
     }
     for (const auto &d : l.domains) {
-        if (d->device == netns.st_dev && d->inode == netns.st_ino) {
+        if (d->netns == netns) {
             return d.get();
         }
     }
@@ -612,9 +630,8 @@ void fill_entry(entry *x, const supervision_params &p, domain *home, supervision
     x->s.link = x;
 }
 
-uint32_t find_interface(entry *x)
+uint32_t find_interface(entry *x, const interface_facts &facts)
 {
-    const interface_facts &facts = facts_of(*x);
     const int if_index = facts.index;
     if (if_index == 0) {
         return NO_INTERFACE;
@@ -622,7 +639,7 @@ uint32_t find_interface(entry *x)
     if (x->s.frame_size > static_cast<size_t>(facts.mtu) + sizeof(ecpri::ethernet_header)) {
         return INVALID;
     }
-    x->s.tagged = needs_tag(*x);
+    x->s.tagged = needs_tag(*x, facts);
     x->s.key = key_of(*x, if_index, x->s.tagged);
     return filter_lets_pass(x->home, x->s.ether_type) ? STARTED : NO_SOCKET;
 }
@@ -635,7 +652,9 @@ uint32_t free_session_id(library &l)
     return l.last_session;
 }
 
-uint32_t start(library &l, uint32_t *session_id, const supervision_params &p, supervision_callback_fn callback)
+// `due`: when the session's first turn is.
+uint32_t start(library &l, uint32_t *session_id, int64_t *due, const supervision_params &p,
+               supervision_callback_fn callback)
 {
     domain *home = current_domain(l);
     if (home == nullptr) {
@@ -644,23 +663,26 @@ uint32_t start(library &l, uint32_t *session_id, const supervision_params &p, su
     auto made = std::make_unique<entry>();
     entry *x = made.get();
     fill_entry(x, p, home, callback);
-    const uint32_t result = find_interface(x);
+    const int64_t now = nanoseconds(CLOCK_MONOTONIC);
+    const interface_facts &facts = facts_of(*x, now);
+    const uint32_t result = find_interface(x, facts);
     if (result != STARTED) {
         return result;
     }
     x->s.id = free_session_id(l);
     l.sessions.emplace(x->s.id, std::move(made));
     try {
-        engine_add(l.e, &x->s, nanoseconds(CLOCK_MONOTONIC));
+        engine_add(l.e, &x->s, now);
     } catch (...) {
         l.sessions.erase(x->s.id);
         throw;
     }
-    let_answers_in(x);
+    let_answers_in(x, facts);
     home->sessions++;
     home->short_of += is_short_of_room(x->s) ? 1 : 0;
     choose_filter(*home); // before its first request
     *session_id = x->s.id;
+    *due = x->s.due * SLOT_NS;
     return STARTED;
 }
 
@@ -695,9 +717,10 @@ uint32_t start_supervision_session(uint32_t *session_id, const supervision_param
         if (!ensure_thread(l)) {
             return NO_MEMORY;
         }
-        const uint32_t result = start(l, session_id, *params, callback);
+        int64_t due = NEVER;
+        const uint32_t result = start(l, session_id, &due, *params, callback);
         // Also after a failure: the thread closes the socket of a namespace that has no session.
-        wake_if_needed(l);
+        wake_if_needed(l, due);
         return result;
     } catch (const std::bad_alloc &) {
         return NO_MEMORY;
@@ -718,7 +741,7 @@ uint32_t stop_supervision_session(uint32_t session_id)
     const bool known = found != l.sessions.end();
     if (known) {
         stop(l, found->second.get());
-        wake_if_needed(l);
+        wake_if_needed(l, NEVER);
     }
     pthread_mutex_unlock(&l.lock);
     return known ? STOPPED : NO_SESSION;

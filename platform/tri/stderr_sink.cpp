@@ -17,8 +17,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 namespace tri
@@ -76,6 +78,17 @@ void append_loss(line::text &t, uint64_t lost, const void *process)
     line::append(t, "%llu traces lost, they were not taken in time", static_cast<unsigned long long>(lost));
 }
 
+// "FILE:LINE". Written for each record, also for the thousands of a second that are only counted.
+void write_origin(char (&origin)[sizeof line::told::origin], const record &r)
+{
+    constexpr size_t MOST_OF_A_NAME = 64;
+    const size_t length = strnlen(r.file, MOST_OF_A_NAME);
+    memcpy(origin, r.file, length);
+    origin[length] = ':';
+    char *end = std::to_chars(origin + length + 1, origin + sizeof origin - 1, r.line).ptr;
+    *end = '\0';
+}
+
 bool is_limited(const record &r) { return (BUILT_IN_MASK >> r.level & 1u) != 0; }
 
 void tell(const line::told &silent, const char *process)
@@ -111,7 +124,7 @@ void stderr_sink_emit(const record &r)
     const int64_t now = line::monotonic_now();
     tell_silent(line::when_told::SECOND_IS_OVER, now, r.process);
     char origin[sizeof line::told::origin];
-    (void)snprintf(origin, sizeof origin, "%.64s:%d", r.file, r.line);
+    write_origin(origin, r);
     if (is_limited(r) && !line::admit(limits, {r.file, static_cast<uint32_t>(r.line)}, r.level, origin, r.text, now)) {
         return;
     }

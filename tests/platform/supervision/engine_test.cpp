@@ -8,6 +8,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <random>
 #include <set>
 #include <utility>
 #include <vector>
@@ -212,6 +213,37 @@ TEST_F(Engine, SpreadsSessionsOverTheSlotsOfASecond)
     for (const auto &[slot, count] : per_slot) {
         EXPECT_GE(count, 2);
         EXPECT_LE(count, 3);
+    }
+}
+
+// The first of the coming hundred slots whose bucket has the fewest sessions, found by looking at all of them.
+int64_t quietest_by_walk(const engine &e, int64_t now_slot)
+{
+    int64_t best = now_slot + 1;
+    for (int64_t slot = best; slot <= now_slot + SLOTS_PER_SECOND; slot++) {
+        const auto fill = [&](int64_t of) { return e.buckets[of % SLOTS_PER_SECOND].sessions.size(); };
+        best = fill(slot) < fill(best) ? slot : best;
+    }
+    return best;
+}
+
+TEST_F(Engine, AddsEachSessionToTheQuietestSlotHoweverSessionsCameAndWent)
+{
+    std::mt19937 chance(20261122);
+    std::vector<session *> here;
+    for (int step = 0; step < 20000; step++) {
+        now += static_cast<int64_t>(chance() % 3) * SLOT_NS;
+        // Grows to about 300, is emptied now and then, and grows again.
+        const bool empties = step % 5000 > 4000;
+        if (here.empty() || chance() % 100 < (empties ? 10u : 52u)) {
+            const int64_t quietest = quietest_by_walk(e, now / SLOT_NS);
+            here.push_back(add());
+            ASSERT_EQ(here.back()->due, quietest) << "step " << step;
+        } else {
+            std::swap(here[chance() % here.size()], here.back());
+            engine_remove(e, here.back());
+            here.pop_back();
+        }
     }
 }
 
