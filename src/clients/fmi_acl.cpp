@@ -1,9 +1,13 @@
 // What each port has at the flow manager, and the operations that bring it to what the manager wants: rules, the
 // default action, policers. It owns the two lists of records; it talks to the flow manager only through
 // fmi_requests.cpp.
+#include "fmi_acl.hpp"
+
 #include <cstdlib>
 
-#include "fmi_internal.hpp"
+#include "fmi_messages.hpp"
+#include "fmi_record.hpp"
+#include "fmi_requests.hpp"
 #include "vorn_trace.hpp"
 
 namespace
@@ -307,8 +311,9 @@ void fmi_create_policer(uint32_t type, const char *port)
         return;
     }
     const uint32_t procedure_ref = fmi_send_create_policer(port, RATES[type]);
-    if (add_policer(port, type, procedure_ref)) {
-        fmi_wait_create_policer();
+    uint32_t id = 0;
+    if (add_policer(port, type, procedure_ref) && fmi_wait_create_policer(&id)) {
+        fmi_policer_confirmed(procedure_ref, id, port);
     }
 }
 

@@ -4,13 +4,12 @@
 
 #include <iterator>
 
-#include "fmi_internal.hpp"
 #include "vorn_trace.hpp"
 
 namespace
 {
 
-client_record client; // NOLINT
+client_record &client = *fmi_client_record(); // NOLINT
 
 void reset()
 {
@@ -156,8 +155,6 @@ constexpr client_message RECEIVED[] = {
 
 } // namespace
 
-client_record *fmi_client_record() { return &client; }
-
 void fmi_client_init(client_event_handler handler)
 {
     if (client_init(&client, handler, DISCOVERY) == CLIENT_INIT_NO_MAILBOX) {
@@ -169,14 +166,6 @@ void fmi_client_init(client_event_handler handler)
 bool fmi_client_dispatch(const itc_msg *msg)
 {
     return client_dispatch(RECEIVED, std::size(RECEIVED), fmi_msg_to_string, msg);
-}
-
-uint32_t fmi_client_state() { return client.state; }
-
-const char *fmi_client_state_to_string(uint32_t state)
-{
-    static constexpr const char *TEXTS[] = {"INIT", "INITIATING", "GET_CAPABILITY", "INITIATED", "FAULTY"};
-    return client_state_text(TEXTS, std::size(TEXTS), state);
 }
 
 void fmi_client_forget_all()

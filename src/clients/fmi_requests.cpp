@@ -3,7 +3,10 @@
 // of an earlier request, which nobody waits for any more, makes this one fail.
 //
 // What a port has is kept elsewhere (fmi_acl.cpp).
-#include "fmi_internal.hpp"
+#include "fmi_requests.hpp"
+
+#include "fmi_messages.hpp"
+#include "fmi_record.hpp"
 #include "vorn_trace.hpp"
 
 namespace
@@ -190,8 +193,6 @@ uint32_t create_policer_confirmed(const itc_msg *msg)
     if (client.state != FMI_CLIENT_INITIATED) {
         VORN_TRACE(TRACE_ERROR, "FMI_ACL_CREATE_POLICER_CFM received in wrong state, state_=%s",
                    fmi_client_state_to_string(client.state));
-    } else {
-        fmi_policer_confirmed(client_procedure_ref(msg), id, port.text);
     }
     return id;
 }
@@ -372,8 +373,7 @@ uint32_t fmi_send_create_policer(const char *port, const fmi_policer_rates &rate
     return procedure_ref;
 }
 
-void fmi_wait_create_policer()
+bool fmi_wait_create_policer(uint32_t *id)
 {
-    uint32_t id = 0;
-    wait_for_answer(CREATE_POLICER, &id);
+    return wait_for_answer(CREATE_POLICER, id) && client.state == FMI_CLIENT_INITIATED;
 }

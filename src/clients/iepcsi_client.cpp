@@ -5,7 +5,6 @@
 #include <iterator>
 
 #include "client_framework.hpp"
-#include "iepcsi_internal.hpp"
 #include "vorn_trace.hpp"
 
 namespace

@@ -3,10 +3,11 @@
 //
 // Names are stored as the format of a print without arguments would read them (client_copy_as_format): a name that is
 // to hold a "%" comes as "%%".
+#include "iepcsi_ports.hpp"
+
 #include <cstdlib>
 
 #include "client_framework.hpp"
-#include "iepcsi_internal.hpp"
 #include "vorn_trace.hpp"
 
 namespace

@@ -1,5 +1,5 @@
 // What each port has at the flow manager: the operations and the records that they keep.
-#include "clients/fmi_internal.hpp"
+#include "clients/fmi_requests.hpp"
 #include "fmi_test.hpp"
 
 using namespace client_test;

@@ -1,5 +1,5 @@
 // One request to the flow manager and its answer: bytes, traces, and everything that can go wrong with the answer.
-#include "clients/fmi_internal.hpp"
+#include "clients/fmi_requests.hpp"
 #include "fmi_test.hpp"
 
 using namespace client_test;

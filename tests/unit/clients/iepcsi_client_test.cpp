@@ -2,7 +2,6 @@
 #include "clients/iepcsi_client.hpp"
 
 #include "client_test.hpp"
-#include "clients/iepcsi_internal.hpp"
 #include "iepcsi_test.hpp"
 
 using namespace client_test;

@@ -1,19 +1,13 @@
-// Between the three parts of the FMI client: fmi_client.cpp connects to the server, fmi_requests.cpp sends one request
-// and waits for its answer, fmi_acl.cpp keeps what each port has and decides what to ask for. Nobody else includes this
-// but their tests.
+// The requests to the flow manager; each is sent and its answer waited for. What a port has is kept in fmi_acl.cpp.
+// Nobody else includes this but the tests.
 #pragma once
 
 #include "client_framework.hpp"
-#include "fmi_client.hpp"
 
 // No rule, no action.
 inline constexpr uint32_t FMI_NONE = 0xFFFFFFFF;
 
-// The one record of the client; owned by fmi_client.cpp.
-client_record *fmi_client_record();
-
-// ---- Requests: each waits for its answer. The rule id, or FMI_NONE ----
-
+// Each waits for its answer. The rule id, or FMI_NONE.
 uint32_t fmi_append_static_rule(const char *port, uint32_t type);
 void fmi_remove_static_rule(const char *port, uint32_t id);
 // The MACs, then the one ethertype.
@@ -29,7 +23,8 @@ struct fmi_policer_rates {
 
 // In two steps: the policer is remembered between them. Returns the request's procedure_ref.
 uint32_t fmi_send_create_policer(const char *port, const fmi_policer_rates &rates);
-void fmi_wait_create_policer();
+// True when it was confirmed; then *id is its id.
+bool fmi_wait_create_policer(uint32_t *id);
 
 // An answer is the confirm or the reject of a request. Each handler is called with a message of at least its size.
 struct fmi_exchange {
@@ -43,10 +38,3 @@ struct fmi_exchange {
 
 // True when `answer` confirms the request sent last; then *id is what the confirm carries.
 bool fmi_take_answer(const fmi_exchange &exchange, const itc_msg *answer, uint32_t *id);
-
-// ---- What the ports have ----
-
-// Gives the policer that was asked for with this procedure_ref its id.
-void fmi_policer_confirmed(uint32_t procedure_ref, uint32_t id, const char *port);
-
-void fmi_acl_free();
