@@ -29,7 +29,7 @@ int64_t nanoseconds(clockid_t clock)
 void must(bool holds, const char *what)
 {
     if (!holds) {
-        fprintf(stderr, "naive peer: %s: %s\n", what, strerror(errno));
+        (void)fprintf(stderr, "naive peer: %s: %s\n", what, strerror(errno));
         exit(1);
     }
 }

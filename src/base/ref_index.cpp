@@ -84,6 +84,7 @@ void halve(ref_index *index)
         append_chain(&index->grown_buckets[i], index->grown_buckets[half + i]);
     }
     index->bucket_count = half;
+    // NOLINTNEXTLINE(clang-analyzer-optin.portability.UnixAPI): only what is above SMALL_TABLE is halved
     void *smaller = realloc(index->grown_buckets, half * sizeof(void *));
     if (smaller == nullptr) {
         return;

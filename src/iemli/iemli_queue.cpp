@@ -14,13 +14,13 @@ uint32_t next_seq;
 
 // A session may have this much waiting, each request counted with what it costs beside its bytes. Without a bound a
 // client that sends while another's request is with the lower layer could take all memory.
-constexpr size_t MOST_WAITING_BYTES = 8 * 1024 * 1024;
+constexpr size_t MOST_WAITING_BYTES = size_t{8} * 1024 * 1024;
 constexpr size_t COST_OF_A_REQUEST = 128;
 
 // What is kept of queues that are no more: the newest, within both bounds, or a client that fills its queue and leaves,
 // again and again, could take all memory.
 constexpr uint32_t MOST_KEPT = 64;
-constexpr size_t MOST_KEPT_BYTES = 1024 * 1024;
+constexpr size_t MOST_KEPT_BYTES = size_t{1024} * 1024;
 
 struct kept_request {
     itc_msg *msg;

@@ -40,6 +40,7 @@ uint16_t *chain_of(mac_list *list, const mac_address &mac)
 bool mac_list_has(mac_list *list, const mac_address &mac)
 {
     for (uint16_t place = *chain_of(list, mac); place != 0; place = list->next[place - 1]) {
+        // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker): where a place is in use there are MACs
         if (mac_equal(list->macs[place - 1], mac)) {
             return true;
         }
