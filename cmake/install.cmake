@@ -23,7 +23,7 @@ endforeach()
 # The number of the interface: it changes when a program linked with the last one would not run any more. The names
 # without it, which a linker looks for, lie in a directory of their own, as the headers do: others have such short names,
 # too. pkg-config knows both.
-set(KAP_LIBRARIES itc ns tri sighandler supervision)
+set(KAP_LIBRARIES itc ns tri sighandler supervision kap_iemli)
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/namelinks)
 foreach(library ${KAP_LIBRARIES})
   set_target_properties(${library} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0)
@@ -33,9 +33,9 @@ foreach(library ${KAP_LIBRARIES})
 endforeach()
 
 set(KAP_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/kap)
-file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/include/*.h ${CMAKE_SOURCE_DIR}/include/*.hpp)
+# The interfaces of the libraries, each a header in C; what is .hpp there is the daemon's own.
+file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/include/*.h)
 install(FILES ${headers} DESTINATION ${KAP_INCLUDE_DIR})
-install(FILES ${CMAKE_SOURCE_DIR}/src/iemli/iemli_messages.hpp DESTINATION ${KAP_INCLUDE_DIR}/iemli)
 
 file(GLOB descriptions CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/pkgconfig/*.pc.in)
 foreach(description ${descriptions})

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
 #include "ns.h"
 
@@ -25,6 +27,9 @@ constexpr auto MESSAGE_FILTER = [] {
     filter[3 + iemli_detail::count] = NS_SERVICE_REMOVED_IND;
     return filter;
 }();
+
+// Of the protocol's numbers the one that no server sends to a client: what a client sends itself to be woken.
+constexpr uint32_t OWN_INTERRUPT = IEMLI_CLIENT_DOWN_IND;
 
 // Every answer: the request it belongs to, whether it is a reject, and how long it is at the least.
 struct answer_kind {
@@ -181,7 +186,9 @@ void handle_answer(iemli_client &client, const itc_msg *msg, const answer_kind &
         return r.procedure == header->procedure_ref && r.msgno == kind.request && !r.answered;
     });
     if (request == client.requests.end()) {
-        client.events.push_back(event_from_header(iemli_event_kind::late_answer, header));
+        iemli_event event = event_from_header(iemli_event_kind::late_answer, header);
+        event.link_ref = msg->msgno == IEMLI_CREATE_INTER_ME_LINK_CFM ? as<iemli_create_link_cfm>(msg)->link_ref : 0;
+        client.events.push_back(event);
         return;
     }
     request->answered = true;
@@ -261,6 +268,11 @@ bool take_message(iemli_client &client, clock_type::time_point deadline)
     auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock_type::now()).count();
     itc_msg *msg = itc_receive(MESSAGE_FILTER.data(), left > 0 ? static_cast<uint32_t>(left) : 0, ITC_FROM_ANY);
     if (msg == nullptr) {
+        // Nothing comes before its time only where the registry is lost.
+        if (clock_type::now() < deadline && iemli_client_registry_is_lost()) {
+            client.registry_lost = true;
+            lose_session(client);
+        }
         return false;
     }
     iemli_client_handle(client, msg);
@@ -318,6 +330,10 @@ void iemli_client_handle(iemli_client &client, const itc_msg *msg)
         handle_server_died(client, msg);
         return;
     }
+    if (msg->msgno == OWN_INTERRUPT && itc_sender(msg) == itc_current_mbox()) {
+        client.interrupted = true;
+        return;
+    }
     const answer_kind *kind = find_answer_kind(msg->msgno);
     if (kind == nullptr) {
         handle_indication(client, msg);
@@ -360,13 +376,25 @@ std::optional<iemli_event> iemli_client_next_event(iemli_client &client, uint32_
 {
     auto deadline = deadline_in(bound_ms);
     while (client.events.empty()) {
-        if (!take_message(client, deadline)) {
+        if (std::exchange(client.interrupted, false) || !take_message(client, deadline)) {
             return std::nullopt;
         }
     }
     iemli_event event = client.events.front();
     client.events.pop_front();
     return event;
+}
+
+bool iemli_client_registry_is_lost()
+{
+    return ns_unpublish("KAP_IEMLI_NO_SUCH_SERVICE", "", itc_current_mbox(), "") == ENOTCONN;
+}
+
+void iemli_client_interrupt(iemli_client &client)
+{
+    (void)client; // the message finds it
+    itc_msg *msg = itc_alloc(sizeof(iemli_plain_msg), OWN_INTERRUPT);
+    itc_send(&msg, itc_current_mbox(), ITC_MY_MBOX);
 }
 
 iemli_answer iemli_client_open(iemli_client &client, const uint32_t (&versions)[3])

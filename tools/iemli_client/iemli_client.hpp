@@ -80,6 +80,8 @@ struct iemli_client {
     uint32_t client_ref = 0; // our own reference of the session
     uint32_t server_ref = 0; // the server's reference of the session; 0: none
     bool published = false;
+    bool registry_lost = false; // for good: it was seen when something was waited for
+    bool interrupted = false;
     uint32_t server_mbox = ITC_NO_MBOX;
     uint32_t monitor = 0;      // 0: the server is not watched
     uint32_t subscription = 0; // 0: not confirmed by the name service
@@ -119,6 +121,12 @@ iemli_answer iemli_client_await(iemli_client &client, uint32_t procedure);
 
 // The next event; waits for one at most bound_ms (0: looks only).
 std::optional<iemli_event> iemli_client_next_event(iemli_client &client, uint32_t bound_ms);
+
+// Asks the registry for something that it refuses; where it is lost, ITC says so without asking.
+bool iemli_client_registry_is_lost();
+
+// Has iemli_client_next_event, under way or next, return nothing.
+void iemli_client_interrupt(iemli_client &client);
 
 // Takes one received message for what it means. It stays the caller's; for programs that receive for themselves.
 void iemli_client_handle(iemli_client &client, const itc_msg *msg);
