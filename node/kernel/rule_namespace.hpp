@@ -1,0 +1,123 @@
+// The rules of the ports of one network namespace, kept in the kernel's packet filter as they were asked for.
+//
+// A change is one transaction. After each of its own the kernel's table has a known generation: when it has another
+// one, somebody else has changed something, and the table is compared with what has to be there. What differs is made
+// anew in one transaction, so that no port is open in between; counters go on from where they were.
+//
+// An interface that is not there lets nothing in: rules for its port are kept and made when it comes.
+#pragma once
+
+#include "config.hpp"
+#include "fmi_backend.hpp"
+#include "kernel/netlink_socket.hpp"
+#include "kernel/nft_context.hpp"
+#include "kernel/rule_layout.hpp"
+#include "kernel_keeper.hpp"
+#include "name_space.hpp"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace kap_node
+{
+
+// What has happened beside what was asked.
+struct rule_report {
+    uint64_t mended = 0;
+    std::map<std::string, uint64_t> disturbed_by; // programs that changed the packet filter before something was mended
+    uint64_t interfaces_back = 0;
+    uint64_t refusals = 0;
+    std::string last_refusal;
+};
+
+class rule_namespace
+{
+public:
+    rule_namespace(std::string name, rule_report &report);
+    ~rule_namespace();
+    rule_namespace(const rule_namespace &) = delete;
+    rule_namespace &operator=(const rule_namespace &) = delete;
+
+    void add_port(const std::string &port, const std::string &interface);
+    void watch(const descriptor_hooks &hooks);
+    void settle(millis now);
+    std::optional<kernel_refusal> apply(const std::string &port, const port_rules &wanted);
+    // The counters of each port, by its name.
+    json show();
+
+private:
+    struct kept_port {
+        port_layout layout;
+        bool wanted_once = false;   // rules were asked for
+        bool asked = false;         // they were, or those of an earlier run are in force
+        bool expected = false;      // has been made under its numbers
+        int index = 0;              // of the interface for which it was
+        bool had_interface = false; // at any time
+    };
+    // What is open in the namespace.
+    struct kernel_side {
+        explicit kernel_side(const std::string &name_space);
+        ~kernel_side();
+        kernel_side(const kernel_side &) = delete;
+        kernel_side &operator=(const kernel_side &) = delete;
+
+        nft_context filter;
+        netlink_socket questions;
+        netlink_socket filter_news;
+        netlink_socket link_news;
+        int control = -1; // to ask for an interface by its name
+    };
+
+    bool open_kernel();
+    void watch_kernel();
+    void close_kernel();
+    void inherit();
+    void end_inheritance();
+
+    void read_news();
+    bool interfaces_differ();
+    std::optional<uint32_t> generation();
+    std::optional<kernel_refusal> read_table(table_picture &picture);
+    std::optional<kernel_refusal> read_devices(table_picture &picture);
+
+    std::optional<kernel_refusal> run(const json &commands);
+    void number_missing(port_layout &layout);
+    void number_anew(port_layout &layout);
+    std::set<std::string> expected_names() const;
+    bool has_strangers(const table_picture &picture) const;
+    std::optional<kernel_refusal> make_anew(const table_picture &picture, const std::vector<kept_port *> &anew);
+    std::optional<kernel_refusal> make_port_anew(kept_port &port);
+    std::optional<kernel_refusal> replace_table();
+
+    void mend();
+    bool mend_once();
+    std::vector<kept_port *> wrong_ports(const table_picture &picture);
+    void give_up_lost(const table_picture &picture);
+    void note_interfaces();
+    void note_interface(kept_port &port, int index);
+    void tell_mended(const std::vector<kept_port *> &wrong);
+    void note_refusal(const kernel_refusal &refusal);
+
+    std::string name_;
+    rule_report &report_;
+    descriptor_hooks hooks_;
+    std::map<std::string, kept_port> ports_;
+    std::unique_ptr<kernel_side> kernel_;
+    namespace_identity identity_;
+    uint32_t last_number_ = 0;
+    std::optional<uint32_t> known_generation_; // of which everything was in order
+    bool compare_ = true;                      // whatever the generation is
+    bool links_changed_ = false;
+    std::optional<millis> started_;
+    bool inheriting_ = false;
+    bool tidying_ = false; // what nobody expects any more is no disturbance
+    std::string refusal_told_;
+    std::set<std::string> disturbers_;
+    std::map<std::string, frame_count> counted_; // as last read
+};
+
+} // namespace kap_node
