@@ -26,13 +26,13 @@ constexpr uint32_t STOP = 0x1B9003;
 constexpr int STATUS_DIED = 9;
 constexpr int MANAGER_PATIENCE_MS = 1000;
 
-millis now_ms()
+} // namespace
+
+millis event_loop::now()
 {
     const auto since = std::chrono::steady_clock::now().time_since_epoch();
     return static_cast<millis>(std::chrono::duration_cast<std::chrono::milliseconds>(since).count());
 }
-
-} // namespace
 
 event_loop::event_loop()
 {
@@ -104,7 +104,7 @@ void event_loop::every(millis period, std::function<void()> callback)
 {
     period_ = period;
     check_ = std::move(callback);
-    next_check_ = now_ms() + period;
+    next_check_ = now() + period;
 }
 
 std::optional<millis> event_loop::next_deadline(const program &runs) const
@@ -138,18 +138,18 @@ int event_loop::run(program &runs)
     }
     while (!stopping_) {
         const auto deadline = next_deadline(runs);
-        const millis now = now_ms();
+        const millis began = now();
         const uint32_t timeout =
-            deadline ? static_cast<uint32_t>(*deadline - std::min(now, *deadline)) : ITC_NO_TIMEOUT;
+            deadline ? static_cast<uint32_t>(*deadline - std::min(began, *deadline)) : ITC_NO_TIMEOUT;
         itc_msg *message = itc_receive(nullptr, timeout, ITC_FROM_ANY);
         if (message != nullptr) {
             handle(runs, itc_sender(message), {reinterpret_cast<const uint8_t *>(message), itc_size(message)});
             itc_free(&message);
-        } else if (!deadline || now_ms() + 1 < *deadline) {
+        } else if (!deadline || now() + 1 < *deadline) {
             (void)fprintf(stderr, "kap-node: the message registry is lost\n");
             return 1;
         }
-        on_timers(runs, now_ms());
+        on_timers(runs, now());
     }
     return status_;
 }
@@ -168,7 +168,7 @@ void event_loop::handle(program &runs, mailbox sender, std::span<const uint8_t> 
     } else if (number == STOP && sender == mailbox_) {
         stopping_ = true;
     } else {
-        runs.receive(sender, data, now_ms());
+        runs.receive(sender, data, now());
     }
 }
 

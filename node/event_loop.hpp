@@ -30,6 +30,8 @@ public:
     void watch_fd(int fd, std::function<void()> callback);
     void unwatch_fd(int fd);
     void every(millis period, std::function<void()> callback);
+    // The clock that the program's deadlines are of.
+    static millis now();
 
     // Runs the program until a signal or a command ends it; returns the exit status.
     int run(program &runs);

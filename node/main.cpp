@@ -9,6 +9,15 @@
 #include "own_namespace.hpp"
 #include "pmi.hpp"
 
+#ifdef KAP_NODE_KERNEL
+#include "kernel/rule_kernel.hpp"
+#else
+namespace kap_node
+{
+class kernel_rules;
+} // namespace kap_node
+#endif
+
 #include "clients/aasi_messages.hpp"
 #include "itc.h"
 #include "ns.h"
@@ -103,6 +112,34 @@ int run_far_end(event_loop &loop, const node_config &config)
     return loop.run(far);
 }
 
+#ifdef KAP_NODE_KERNEL
+// The first look comes before the mailbox: what an earlier run has left is known before it is asked for again.
+void keep(event_loop &loop, kernel_keeper &keeper)
+{
+    keeper.watch(
+        {[&](int fd, auto callback) { loop.watch_fd(fd, std::move(callback)); }, [&](int fd) { loop.unwatch_fd(fd); }});
+    keeper.settle(event_loop::now());
+    loop.every(SETTLE_PERIOD_MS, [&] { keeper.settle(event_loop::now()); });
+}
+#endif
+
+// A service with the backend that the configuration names.
+template <class Service, class Keeper> int run_kept(event_loop &loop, const node_config &config)
+{
+    if (config.backend == backend_kind::memory) {
+        Service runs(config, loop);
+        return run_service(loop, runs);
+    }
+#ifdef KAP_NODE_KERNEL
+    Keeper keeper(config);
+    keep(loop, keeper);
+    Service runs(config, loop, keeper);
+    return run_service(loop, runs);
+#else
+    throw std::runtime_error("backend = \"kernel\": this program was built without what it takes");
+#endif
+}
+
 int run_named(const std::string &name, const node_config &config)
 {
     event_loop loop;
@@ -118,8 +155,7 @@ int run_named(const std::string &name, const node_config &config)
         return run_service(loop, runs);
     }
     if (name == "fmi") {
-        fmi_service runs(config, loop);
-        return run_service(loop, runs);
+        return run_kept<fmi_service, kernel_rules>(loop, config);
     }
     return name == "aasi" ? run_aasi(loop, config) : run_far_end(loop, config);
 }
