@@ -1,5 +1,6 @@
 // kap-node: the services of the reference node, one per process, and the command that speaks with them.
 #include "aasi.hpp"
+#include "check.hpp"
 #include "control.hpp"
 #include "emi.hpp"
 #include "event_loop.hpp"
@@ -8,6 +9,7 @@
 #include "link_monitor.hpp"
 #include "own_namespace.hpp"
 #include "pmi.hpp"
+#include "prepare.hpp"
 
 #ifdef KAP_NODE_KERNEL
 #include "kernel/rule_kernel.hpp"
@@ -37,23 +39,27 @@ using namespace kap_node;
 constexpr millis NAMESPACE_CHECK_MS = 200;
 
 constexpr program_call PROGRAM = {
-    "kap-node", "usage: kap-node SERVICE --config FILE\n"
-                "       kap-node ctl SERVICE COMMAND...\n"
-                "       kap-node --help | --version\n"
-                "SERVICE: iepcsi, pmi, emi, fmi, aasi or far-end\n"
-                "COMMAND of every service:\n"
-                "  show                            what it keeps and counts, as JSON\n"
-                "  fault reject REQUEST N REASON   refuse the next N requests (REQUEST by its name, or any)\n"
-                "  fault delay REQUEST N MS        answer them late\n"
-                "  fault silent REQUEST N          do and answer nothing\n"
-                "  fault unsolicited MESSAGE [HEX [MAILBOX]]\n"
-                "                                  send a message nobody asked for (HEX: what follows its number)\n"
-                "  fault clear                     forget all faults\n"
-                "  die                             end at once without cleaning up\n"
-                "iepcsi:  lock PORT, unlock PORT, vlan-add PORT VLAN INTERFACE NAMESPACE, vlan-remove PORT VLAN\n"
-                "aasi:    appear, disappear, announce-foreign [SID [MAILBOX]], config-update [ID...]\n"
-                "far-end: silent on|off, delay US, loss PERCENT, drop N, unusable-time on|off,\n"
-                "         any-address on|off\n"};
+    "kap-node",
+    "usage: kap-node SERVICE --config FILE\n"
+    "       kap-node ctl SERVICE COMMAND...\n"
+    "       kap-node check FILE             everything that is wrong with a configuration\n"
+    "       kap-node prepare --config FILE [--wait SECONDS]\n"
+    "                                       makes the namespaces, moves the interfaces there, switches them on\n"
+    "       kap-node --help | --version\n"
+    "SERVICE: iepcsi, pmi, emi, fmi, aasi or far-end\n"
+    "COMMAND of every service:\n"
+    "  show                            what it keeps and counts, as JSON\n"
+    "  fault reject REQUEST N REASON   refuse the next N requests (REQUEST by its name, or any)\n"
+    "  fault delay REQUEST N MS        answer them late\n"
+    "  fault silent REQUEST N          do and answer nothing\n"
+    "  fault unsolicited MESSAGE [HEX [MAILBOX]]\n"
+    "                                  send a message nobody asked for (HEX: what follows its number)\n"
+    "  fault clear                     forget all faults\n"
+    "  die                             end at once without cleaning up\n"
+    "iepcsi:  lock PORT, unlock PORT, vlan-add PORT VLAN INTERFACE NAMESPACE, vlan-remove PORT VLAN\n"
+    "aasi:    appear, disappear, announce-foreign [SID [MAILBOX]], config-update [ID...]\n"
+    "far-end: silent on|off, delay US, loss PERCENT, drop N, unusable-time on|off,\n"
+    "         any-address on|off\n"};
 
 int run_service(event_loop &loop, service &runs)
 {
@@ -178,8 +184,30 @@ int run_ctl(const std::string &service_name, const arguments &words)
     return program_end(PROGRAM, 0);
 }
 
+int run_prepare(const arguments &words)
+{
+    constexpr uint32_t longest_wait_s = 3600;
+    const bool waits = words.size() == 5 && words[3] == "--wait";
+    if ((words.size() != 3 && !waits) || words[1] != "--config") {
+        return program_refuse(PROGRAM, "write: prepare --config FILE [--wait SECONDS]");
+    }
+    uint32_t seconds = 0;
+    try {
+        seconds = waits ? parse_number(words[4], longest_wait_s, "SECONDS") : 0;
+    } catch (const command_error &problem) {
+        return program_refuse(PROGRAM, problem.what());
+    }
+    return program_end(PROGRAM, prepare(read_config_file(words[2]), static_cast<int>(seconds) * 1000));
+}
+
 int run(const arguments &words)
 {
+    if (words.size() == 2 && words[0] == "check") {
+        return program_end(PROGRAM, check_file(words[1]));
+    }
+    if (!words.empty() && words[0] == "prepare") {
+        return run_prepare(words);
+    }
     if (words.size() >= 3 && words[0] == "ctl") {
         return run_ctl(words[1], {words.begin() + 2, words.end()});
     }

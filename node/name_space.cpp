@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -23,6 +24,7 @@ namespace
 {
 
 constexpr const char *NAMESPACE_DIRECTORY = "/var/run/netns/";
+constexpr const char *NAMES = "/run/netns"; // the same
 constexpr const char *OWN_NAMESPACE = "/proc/self/ns/net";
 
 std::string namespace_path(const std::string &name)
@@ -70,7 +72,35 @@ int open_named_namespace(const std::string &name)
     return fd;
 }
 
+bool is_shared_already() { return mount("", NAMES, "none", MS_SHARED | MS_REC, nullptr) == 0; }
+
 [[noreturn]] void fail(const std::string &what) { throw std::system_error(errno, std::generic_category(), what); }
+
+// A process that cannot find its way back would work in the wrong namespace from here on.
+void go_home(int home)
+{
+    if (setns(home, CLONE_NEWNET) != 0) {
+        perror("kap-node: the way back from a network namespace");
+        abort();
+    }
+    close(home);
+}
+
+// The file that a namespace is mounted on; an empty one that an attempt has left will do.
+void make_file(const std::string &path)
+{
+    const int file = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0);
+    struct stat found {
+    };
+    const bool empty = file >= 0 && fstat(file, &found) == 0 && S_ISREG(found.st_mode) && found.st_size == 0;
+    if (file >= 0) {
+        close(file);
+        errno = empty ? errno : EEXIST;
+    }
+    if (!empty) {
+        fail(path);
+    }
+}
 
 } // namespace
 
@@ -114,17 +144,49 @@ namespace_visit::namespace_visit(const std::string &name_space)
     }
 }
 
-// A process that cannot find its way back would work in the wrong namespace from here on.
 namespace_visit::~namespace_visit()
 {
-    if (home_ < 0) {
-        return;
+    if (home_ >= 0) {
+        go_home(home_);
     }
-    if (setns(home_, CLONE_NEWNET) != 0) {
-        perror("kap-node: the way back from a network namespace");
-        abort();
+}
+
+bool share_namespace_names()
+{
+    if (mkdir(NAMES, 0755) != 0 && errno != EEXIST) {
+        return false;
     }
-    close(home_);
+    if (is_shared_already()) {
+        return true;
+    }
+    return errno == EINVAL && mount(NAMES, NAMES, "none", MS_BIND | MS_REC, nullptr) == 0 && is_shared_already();
+}
+
+bool make_name_space(const std::string &name)
+{
+    const int known = open_named_namespace(name);
+    if (known >= 0) {
+        close(known);
+        return false;
+    }
+    const std::string path = std::string(NAMES) + "/" + name;
+    if (!is_file_name(name) || !share_namespace_names()) {
+        fail(path);
+    }
+    make_file(path);
+    const int home = open(OWN_NAMESPACE, O_RDONLY | O_CLOEXEC);
+    if (home < 0 || unshare(CLONE_NEWNET) != 0) {
+        fail("a new network namespace");
+    }
+    const bool mounted = mount(OWN_NAMESPACE, path.c_str(), "none", MS_BIND, nullptr) == 0;
+    const int cause = errno;
+    go_home(home);
+    if (!mounted) {
+        (void)unlink(path.c_str());
+        errno = cause;
+        fail(path);
+    }
+    return true;
 }
 
 } // namespace kap_node

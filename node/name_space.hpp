@@ -35,4 +35,11 @@ private:
     int home_ = -1;
 };
 
+// Makes the directory of the names and has what is mounted there seen by everybody, as "ip netns" does. False, with
+// errno, when it cannot.
+bool share_namespace_names();
+// A new namespace under this name, as "ip netns add" makes one; false when there is one already. Throws
+// std::system_error. The caller is single-threaded.
+bool make_name_space(const std::string &name);
+
 } // namespace kap_node

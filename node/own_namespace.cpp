@@ -89,19 +89,6 @@ void take_away_unwanted_names()
     }
 }
 
-bool is_shared_already() { return mount("", NAMES, "none", MS_SHARED | MS_REC, nullptr) == 0; }
-
-// As "ip netns" does, so that names made by either are seen, and can be taken away, from other mount namespaces.
-void share_names()
-{
-    if (is_shared_already()) {
-        return;
-    }
-    if (errno != EINVAL || mount(NAMES, NAMES, "none", MS_BIND | MS_REC, nullptr) != 0 || !is_shared_already()) {
-        fail(NAMES);
-    }
-}
-
 bool names_own_namespace(const std::string &name) { return namespace_identity::of(name) == namespace_identity::of(""); }
 
 void make_name(const std::string &name)
@@ -144,7 +131,6 @@ own_namespace::own_namespace() : name_(name_of_own_namespace())
     if (name_ == HOST_NAMESPACE) {
         return;
     }
-    make_directory(NAMES);
     make_directory(LOCKS);
     const one_at_a_time alone;
     take_away_unwanted_names();
@@ -153,7 +139,9 @@ own_namespace::own_namespace() : name_(name_of_own_namespace())
         fail(lock_path(name_));
     }
     try {
-        share_names();
+        if (!share_namespace_names()) {
+            fail(NAMES);
+        }
         make_name(name_);
     } catch (...) {
         if (is_unwanted(lock_)) {

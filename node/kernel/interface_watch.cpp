@@ -112,30 +112,30 @@ bool apply_link(const nlmsghdr *message, interface_table &table)
     return changed;
 }
 
-interface_watch::interface_watch(const std::string &name_space)
-    : name_space_(name_space), identity_(identity_of_place(name_space)), news_(NETLINK_ROUTE, name_space, LINKS),
-      requests_(NETLINK_ROUTE, name_space)
-{
-    if (auto refused = read_all(table_)) {
-        throw std::system_error(refused->error, std::generic_category(),
-                                "the interfaces of \"" + name_space + "\": " + refused->words);
-    }
-}
-
-std::optional<kernel_refusal> interface_watch::read_all(interface_table &table)
+std::optional<kernel_refusal> read_interfaces(netlink_socket &requests, interface_table &table)
 {
     alignas(nlmsghdr) std::array<uint8_t, MNL_ALIGN(sizeof(nlmsghdr)) + MNL_ALIGN(sizeof(ifinfomsg))> room{};
     nlmsghdr *all = mnl_nlmsg_put_header(room.data());
     all->nlmsg_type = RTM_GETLINK;
     mnl_nlmsg_put_extra_header(all, sizeof(ifinfomsg));
-    return requests_.dump(all, [&](const nlmsghdr *message) { (void)apply_link(message, table); });
+    return requests.dump(all, [&](const nlmsghdr *message) { (void)apply_link(message, table); });
+}
+
+interface_watch::interface_watch(const std::string &name_space)
+    : name_space_(name_space), identity_(identity_of_place(name_space)), news_(NETLINK_ROUTE, name_space, LINKS),
+      requests_(NETLINK_ROUTE, name_space)
+{
+    if (auto refused = read_interfaces(requests_, table_)) {
+        throw std::system_error(refused->error, std::generic_category(),
+                                "the interfaces of \"" + name_space + "\": " + refused->words);
+    }
 }
 
 // What the new table does not name is gone.
 bool interface_watch::read_anew()
 {
     interface_table fresh;
-    out_of_date_ = read_all(fresh).has_value();
+    out_of_date_ = read_interfaces(requests_, fresh).has_value();
     if (out_of_date_ || fresh == table_) {
         return false;
     }

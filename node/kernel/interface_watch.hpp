@@ -16,6 +16,9 @@ namespace kap_node
 // Brings a table up to date from a message about an interface; true when it is another then.
 bool apply_link(const nlmsghdr *message, interface_table &table);
 
+// Everything that is in the namespace of the socket.
+std::optional<kernel_refusal> read_interfaces(netlink_socket &requests, interface_table &table);
+
 class interface_watch
 {
 public:
@@ -32,7 +35,6 @@ public:
     bool still_there() const { return identity_ == namespace_identity::of(name_space_); }
 
 private:
-    std::optional<kernel_refusal> read_all(interface_table &table);
     bool read_anew();
 
     std::string name_space_;
