@@ -20,6 +20,15 @@ class kernel_rules;
 } // namespace kap_node
 #endif
 
+#ifdef KAP_NODE_KERNEL
+#include "kernel/vlan_keeper.hpp"
+#else
+namespace kap_node
+{
+class vlan_keeper;
+} // namespace kap_node
+#endif
+
 #include "clients/aasi_messages.hpp"
 #include "itc.h"
 #include "ns.h"
@@ -153,8 +162,7 @@ int run_named(const std::string &name, const node_config &config)
         return run_iepcsi(loop, config);
     }
     if (name == "pmi") {
-        pmi_service runs(config, loop);
-        return run_service(loop, runs);
+        return run_kept<pmi_service, vlan_keeper>(loop, config);
     }
     if (name == "emi") {
         emi_service runs(config, loop);
