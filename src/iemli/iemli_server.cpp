@@ -362,6 +362,9 @@ void iemli_send_link_rtt_ind(uint32_t server_conn_ref, uint32_t link_ref, const 
     send_link_rtt_ind(iemli_session_peer(session, session->last_procedure_ref), link_ref, stats);
 }
 
+const link_reports IEMLI_LINK_REPORTS = {iemli_link_procedure_cfm, iemli_link_procedure_rej, iemli_send_link_status_ind,
+                                         iemli_send_link_rtt_ind};
+
 void iemli_server_forget_all()
 {
     iemli_session_clear_all();

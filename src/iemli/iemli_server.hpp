@@ -7,21 +7,7 @@
 
 #include "iemli_messages.hpp"
 #include "itc.h"
-
-enum iemli_pending_action : uint32_t {
-    IEMLI_PENDING_CREATE = 0,
-    IEMLI_PENDING_UPDATE = 1,
-    IEMLI_PENDING_DELETE = 2,
-};
-
-// A create, update or delete that was handed to the link procedures. Allocated by the server with calloc; the
-// procedures own it until they hand it back through one of the two callbacks, which free it.
-struct IemliPendingRequest {
-    uint32_t server_conn_ref; // the session that asked
-    uint32_t procedure_ref;   // the request's
-    uint32_t link_ref;        // 0 for create
-    uint32_t action;          // iemli_pending_action
-};
+#include "manager/link_reports.hpp"
 
 // Offers a received message; true when it was an IEMLI request or the client-down indication. Never keeps or frees it.
 bool iemli_server_dispatch(const itc_msg *msg);
@@ -38,6 +24,9 @@ void iemli_link_procedure_rej(uint32_t reason, IemliPendingRequest **pending);
 
 void iemli_send_link_status_ind(uint32_t server_conn_ref, uint32_t link_ref, uint32_t status, uint32_t disabled_reason);
 void iemli_send_link_rtt_ind(uint32_t server_conn_ref, uint32_t link_ref, const rtt_stats &stats);
+
+// The four above, for the links.
+extern const link_reports IEMLI_LINK_REPORTS;
 
 // Back to how the process starts: no sessions, nothing queued, sequence counter 0. Tells nobody.
 void iemli_server_forget_all();

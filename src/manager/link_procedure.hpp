@@ -6,7 +6,6 @@
 #pragma once
 
 #include "base/ref_index.hpp"
-#include "iemli/iemli_server.hpp"
 #include "link_procedures.hpp"
 
 enum proc_step_kind : uint32_t {

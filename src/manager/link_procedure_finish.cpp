@@ -30,7 +30,7 @@ iml_link *requested_link(const iml_link_proc *proc)
     return iml_link_find_owned(proc->request->link_ref, proc->request->server_conn_ref);
 }
 
-void reject(iml_link_proc *proc, uint32_t reason) { iemli_link_procedure_rej(reason, &proc->request); }
+void reject(iml_link_proc *proc, uint32_t reason) { links_report()->rejected(reason, &proc->request); }
 
 void reject_out_of_memory(iml_link_proc *proc)
 {
@@ -94,8 +94,8 @@ void confirm_create(iml_link_proc *proc, const iml_link *link)
     const uint32_t link_ref = link->link_ref;
     const uint32_t status = link->status;
     const uint32_t disabled_reason = link->disabled_reason;
-    iemli_link_procedure_cfm(link_ref, &proc->request);
-    iemli_send_link_status_ind(owner, link_ref, status, disabled_reason);
+    links_report()->confirmed(link_ref, &proc->request);
+    links_report()->status(owner, link_ref, status, disabled_reason);
     if (is_aasi_service_up()) {
         aasi_send_path_info(link_ref, 0, 0, 0, status);
     }
@@ -234,7 +234,7 @@ void link_proc_finish_update(iml_link_proc *proc)
     const mac_address &far = link->link_data->farEndCpmMac;
     VORN_TRACE(TRACE_LINK, "Updated iml link with ref %u on port %s with remote cpm mac: %02X:%02X:%02X:%02X:%02X:%02X",
                link_ref, link->link_data->imlPortName, MAC_ARGS(far));
-    iemli_link_procedure_cfm(link_ref, &proc->request);
+    links_report()->confirmed(link_ref, &proc->request);
 }
 
 void link_proc_unwind_update(iml_link_proc *proc)
@@ -259,7 +259,7 @@ void link_proc_unwind_update(iml_link_proc *proc)
 void link_proc_confirm_delete(iml_link_proc *proc)
 {
     const uint32_t link_ref = proc->request->link_ref;
-    iemli_link_procedure_cfm(link_ref, &proc->request);
+    links_report()->confirmed(link_ref, &proc->request);
     if (proc->link_data == nullptr) {
         VORN_TRACE(TRACE_WARNING, "WARNING: Vorn path cannot be deleted for non existing iml");
     } else if (is_aasi_service_up()) {

@@ -46,7 +46,7 @@ void take_request(iml_link_proc *proc, IemliPendingRequest **request)
 void reject_out_of_memory(IemliPendingRequest **request)
 {
     VORN_TRACE(TRACE_ERROR, "Memory error");
-    iemli_link_procedure_rej(IEMLI_REJ_OTHER_REASON, request);
+    links_report()->rejected(IEMLI_REJ_OTHER_REASON, request);
 }
 
 void trace_update(const iml_link *link)
@@ -309,7 +309,7 @@ void iml_link_update(IemliPendingRequest **request, uint32_t number_of_app_links
     if (link == nullptr) {
         VORN_TRACE(TRACE_WARNING, "WARNING:update received for non-existing IML link, link_ref=%u", link_ref);
         link_proc_free(proc);
-        iemli_link_procedure_rej(IEMLI_REJ_UNKNOWN_LINK_REF, request);
+        links_report()->rejected(IEMLI_REJ_UNKNOWN_LINK_REF, request);
         return;
     }
     proc->link_data = iml_link_data_copy(link->link_data, number_of_app_links);

@@ -3,7 +3,7 @@
 // concern.
 #pragma once
 
-#include "iemli/iemli_server.hpp"
+#include "link_reports.hpp"
 #include "vorn_types.hpp"
 
 enum proc_step_state : uint32_t {

@@ -10,7 +10,7 @@
 #include "base/daemon_state.hpp"
 #include "base/own_mailbox.hpp"
 #include "clients/aasi_client.hpp"
-#include "iemli/iemli_server.hpp"
+#include "link_reports.hpp"
 #include "namespace.hpp"
 #include "port_mapping.hpp"
 #include "rtt.hpp"
@@ -210,7 +210,7 @@ void begin_keep_alive_sessions(const char *if_name, iml_link *link)
 void change_status(iml_link *link, uint32_t status, uint32_t disabled_reason)
 {
     iml_link_write_status(link, status, disabled_reason);
-    iemli_send_link_status_ind(link->connection_ref, link->link_ref, status, disabled_reason);
+    links_report()->status(link->connection_ref, link->link_ref, status, disabled_reason);
     if (is_aasi_service_up()) {
         aasi_send_path_info(link->link_ref, 0, 0, 0, status);
     }

@@ -9,6 +9,7 @@
 #include "clients/pmi_client.hpp"
 #include "iemli/iemli_server.hpp"
 #include "link_procedures.hpp"
+#include "link_reports.hpp"
 #include "link_table.hpp"
 #include "port_mapping.hpp"
 #include "port_rules.hpp"
@@ -73,6 +74,7 @@ void aasi_service_failed()
 void enter_initiating_state()
 {
     iml_link_table_clear();
+    links_report_to(&IEMLI_LINK_REPORTS);
     enter_state(KAP_VORN_INITIATING);
     fmi_client_init(client_event_cb);
     iepcsi_client_init(client_event_cb);

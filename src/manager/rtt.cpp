@@ -5,7 +5,7 @@
 #include "base/daemon_state.hpp"
 #include "clients/aasi_client.hpp"
 #include "clients/iepcsi_client.hpp"
-#include "iemli/iemli_server.hpp"
+#include "link_reports.hpp"
 #include "link_supervision.hpp"
 #include "port_mapping.hpp"
 #include "vorn_trace.hpp"
@@ -22,7 +22,7 @@ void report_batch(iml_link *link)
                "avg_nsec=%u,rtt_validity=%u, link_ref=%u, connection_ref=%u",
                stats.min_sec, stats.min_nsec, stats.max_sec, stats.max_nsec, stats.avg_sec, stats.avg_nsec,
                stats.rtt_validity, link->link_ref, link->connection_ref);
-    iemli_send_link_rtt_ind(link->connection_ref, link->link_ref, stats);
+    links_report()->rtt(link->connection_ref, link->link_ref, stats);
     link->samples_since_report -= link->rtt.batchSize;
     if (is_aasi_service_up()) {
         // The agent takes nanoseconds within a second: the seconds are left out on purpose.

@@ -1,0 +1,34 @@
+// What the links tell the one who asked for them, through functions that are given at start-up: whoever serves the
+// links stands above them, and they do not know him.
+#pragma once
+
+#include "iemli/iemli_messages.hpp"
+
+enum iemli_pending_action : uint32_t {
+    IEMLI_PENDING_CREATE = 0,
+    IEMLI_PENDING_UPDATE = 1,
+    IEMLI_PENDING_DELETE = 2,
+};
+
+// A create, update or delete that was handed to the link procedures. Allocated with calloc by the one who asks; the
+// procedures own it until they hand it back through one of the first two reports, which free it.
+struct IemliPendingRequest {
+    uint32_t server_conn_ref; // the session that asked
+    uint32_t procedure_ref;   // the request's
+    uint32_t link_ref;        // 0 for create
+    uint32_t action;          // iemli_pending_action
+};
+
+struct link_reports {
+    // The procedure finished. `link_ref`: the link concerned. Frees *pending and nulls it.
+    void (*confirmed)(uint32_t link_ref, IemliPendingRequest **pending);
+    // The procedure failed with an IEMLI_REJ_* reason. Frees *pending and nulls it.
+    void (*rejected)(uint32_t reason, IemliPendingRequest **pending);
+    // To the link's owner.
+    void (*status)(uint32_t server_conn_ref, uint32_t link_ref, uint32_t status, uint32_t disabled_reason);
+    void (*rtt)(uint32_t server_conn_ref, uint32_t link_ref, const rtt_stats &stats);
+};
+
+// `reports` must stay. Null: nobody is told, and there are no procedures.
+void links_report_to(const link_reports *reports);
+const link_reports *links_report();
