@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include <iemli/iemli_messages.hpp>
 #include <itc.h>
+#include <kap_iemli.h>
 #include <ns.h>
 
 int main()
@@ -15,12 +15,15 @@ int main()
         return 3;
     }
     const uint32_t own = itc_create_mailbox("packaged-client", 0);
-    itc_msg *request = itc_alloc(sizeof(iemli_init_service_req), IEMLI_INIT_SERVICE_REQ);
+    itc_msg *request = itc_alloc(sizeof *request, 1);
     itc_send(&request, own, ITC_MY_MBOX);
     itc_msg *back = itc_receive(nullptr, 1000, own);
-    const bool right = back != nullptr && back->msgno == IEMLI_INIT_SERVICE_REQ;
+    const bool right = back != nullptr && back->msgno == 1;
     itc_free(&back);
     ns_unpublish("packaged-client", "tn", own, "packaged-client");
+    kap_iemli *client = kap_iemli_new(1);
+    const bool found = client != nullptr && kap_iemli_wait_published(client, 0) != 0;
+    kap_iemli_free(client);
     itc_exit();
-    return right ? 0 : 1;
+    return right && !found ? 0 : 1;
 }
