@@ -191,7 +191,7 @@ port_entry read_port(file &f, const port_names &names, const toml::key &key, con
     port.name = names.name;
     port.fmi_name = names.fmi_name;
     port.unlocked = true;
-    port.vlan_interfaces = true;
+    port.vlan_interfaces = is_tn(port);
     bool has_interface = false;
     bool is_told_otherwise = false;
     const std::string written = "[ports." + port.people_name + "]";

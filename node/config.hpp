@@ -13,7 +13,8 @@
 //   admin = "unlocked"            or "locked"
 //   vlan = "device"               what opening a VLAN means here; or "bridge", "none"
 //   capability = 2                bit 2: can carry links
-//   vlan_interfaces = true        VLAN devices on the interface are announced as the port's VLANs
+//   vlan_interfaces = false       VLAN devices on the interface are announced as the port's VLANs (true for TN ports,
+//                                 whose links live on them)
 //   reported_namespace = "near"   what clients are told (default: namespace; for the service's own a name that the port
 //                                 control server gives to it, see own_namespace.hpp)
 //   name = "IDLA1"                as the port control and port management servers call it

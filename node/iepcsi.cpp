@@ -97,6 +97,19 @@ iepcsi_service::port *iepcsi_service::find_port(const std::string &name)
     return found == ports_.end() ? nullptr : &*found;
 }
 
+// People may use the name of the configuration as well.
+iepcsi_service::port &iepcsi_service::port_of_command(const std::string &name)
+{
+    port *entry = find_port(name);
+    for (port &each : ports_) {
+        entry = entry == nullptr && each.config.people_name == name ? &each : entry;
+    }
+    if (entry == nullptr || name.empty()) {
+        throw command_error("no port of the name " + name);
+    }
+    return *entry;
+}
+
 // ---- Requests ------------------------------------------------------------------------------------------------------
 
 verdict iepcsi_service::perform(const request_kind &kind, client &from, const message_view &message)
@@ -278,11 +291,7 @@ std::optional<json> iepcsi_service::own_command(const arguments &words)
     }
     if (words[0] == "lock" || words[0] == "unlock") {
         expect_words(words, 2, 2, "lock PORT | unlock PORT");
-        port *entry = find_port(words[1]);
-        if (entry == nullptr) {
-            throw command_error("no port of the name " + words[1]);
-        }
-        set_unlocked(*entry, words[0] == "unlock");
+        set_unlocked(port_of_command(words[1]), words[0] == "unlock");
         return json(nullptr);
     }
     if (words[0] == "vlan-add" || words[0] == "vlan-remove") {
@@ -304,20 +313,17 @@ json iepcsi_service::command_vlan(const arguments &words)
 {
     const bool add = words[0] == "vlan-add";
     expect_words(words, add ? 5 : 3, add ? 5 : 3, "vlan-add PORT VLAN INTERFACE NAMESPACE | vlan-remove PORT VLAN");
-    port *entry = find_port(words[1]);
-    if (entry == nullptr) {
-        throw command_error("no port of the name " + words[1]);
-    }
+    port &entry = port_of_command(words[1]);
     const auto vlan_id = static_cast<uint16_t>(parse_number(words[2], VLAN_MOST, "VLAN"));
     if (add) {
-        entry->withheld.erase(vlan_id);
-        add_vlan(*entry, vlan_id, vlan{words[3], words[4], false});
+        entry.withheld.erase(vlan_id);
+        add_vlan(entry, vlan_id, vlan{words[3], words[4], false});
     } else {
-        const auto found = entry->vlans.find(vlan_id);
-        if (found != entry->vlans.end() && found->second.from_kernel) {
-            entry->withheld.insert(vlan_id);
+        const auto found = entry.vlans.find(vlan_id);
+        if (found != entry.vlans.end() && found->second.from_kernel) {
+            entry.withheld.insert(vlan_id);
         }
-        remove_vlan(*entry, vlan_id);
+        remove_vlan(entry, vlan_id);
     }
     return nullptr;
 }

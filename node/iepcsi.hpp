@@ -59,6 +59,7 @@ private:
     };
 
     port *find_port(const std::string &name);
+    port &port_of_command(const std::string &name); // throws command_error
     verdict list_ports() const;
     verdict subscribe(const request_kind &kind, const client &from, const message_view &message);
     void set_link(port &entry, const interface_facts *facts);

@@ -86,18 +86,21 @@ void go_home(int home)
     close(home);
 }
 
-// The file that a namespace is mounted on; an empty one that an attempt has left will do.
-void make_file(const std::string &path)
+// An empty file that an attempt has left will do.
+bool is_empty_file(const std::string &path)
 {
-    const int file = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0);
     struct stat found {
     };
-    const bool empty = file >= 0 && fstat(file, &found) == 0 && S_ISREG(found.st_mode) && found.st_size == 0;
+    return lstat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode) && found.st_size == 0;
+}
+
+// The file that a namespace is mounted on.
+void make_file(const std::string &path)
+{
+    const int file = open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0);
     if (file >= 0) {
         close(file);
-        errno = empty ? errno : EEXIST;
-    }
-    if (!empty) {
+    } else if (errno != EEXIST || !is_empty_file(path)) {
         fail(path);
     }
 }

@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <cctype>
+#include <fstream>
 #include <sstream>
 
 namespace kap_node
@@ -49,7 +51,8 @@ TEST(Configuration, FillsInWhatIsNotGiven)
     EXPECT_TRUE(port.unlocked);
     EXPECT_EQ(port.vlan, vlan_mode::device);
     EXPECT_EQ(port.capability, 2u);
-    EXPECT_TRUE(port.vlan_interfaces);
+    EXPECT_FALSE(port.vlan_interfaces);
+    EXPECT_TRUE(read("[ports.TN_B]\ninterface = 'eth1'").ports[0].vlan_interfaces) << "its links live on them";
 }
 
 TEST(Configuration, TellsClientsTheNamespaceThatItNames)
@@ -138,6 +141,61 @@ TEST(Configuration, ReadsWhatTheDemonstrationUses)
     ASSERT_EQ(config.far_end.size(), 1u);
     EXPECT_EQ(config.far_end[0].name_space, "far");
     EXPECT_EQ(config.far_end[0].interfaces, (std::vector<std::string>{"idl_a1", "tn_a"}));
+}
+
+// The sample as it is installed, with the keys that stand in its comments or without.
+std::string sample(bool all_keys)
+{
+    std::ifstream file(KAP_SAMPLE_CONFIG);
+    std::string text;
+    for (std::string line; std::getline(file, line);) {
+        const bool is_key = line.size() > 1 && line[0] == '#' && (isalpha(line[1]) != 0 || line[1] == '[');
+        text += (is_key && all_keys ? line.substr(1) : line) + "\n";
+    }
+    return text;
+}
+
+TEST(SampleConfiguration, HasNoPortAsItIsInstalled)
+{
+    EXPECT_EQ(problems_of(sample(false)), "");
+    EXPECT_TRUE(read(sample(false)).ports.empty());
+}
+
+TEST(SampleConfiguration, IsRightWithEveryKeyThatStandsInItsComments)
+{
+    EXPECT_EQ(problems_of(sample(true)), "");
+    const node_config config = read(sample(true));
+    ASSERT_EQ(config.ports.size(), 2u);
+    EXPECT_EQ(config.ports[0].name_space, "near");
+    ASSERT_EQ(config.far_end.size(), 1u);
+}
+
+// A value that stands for the default is the default.
+TEST(SampleConfiguration, ShowsTheValuesThatHoldWithoutAKey)
+{
+    const node_config shown = read(sample(true));
+    const node_config without = read("[ports.IDL_A1]\ninterface = 'eth1'\n[ports.TN_A]\ninterface = 'eth2'\n");
+    EXPECT_EQ(shown.backend, without.backend);
+    EXPECT_EQ(shown.max_clients, without.max_clients);
+    EXPECT_EQ(shown.max_endpoints, without.max_endpoints);
+    EXPECT_EQ(shown.max_rules, without.max_rules);
+    EXPECT_EQ(shown.ports[0].unlocked, without.ports[0].unlocked);
+    EXPECT_EQ(shown.ports[0].vlan, without.ports[0].vlan);
+    EXPECT_EQ(shown.ports[0].vlan_interfaces, without.ports[0].vlan_interfaces);
+    EXPECT_EQ(shown.ports[0].capability, without.ports[0].capability);
+    EXPECT_EQ(shown.ports[0].name, without.ports[0].name);
+    EXPECT_EQ(shown.ports[0].fmi_name, without.ports[0].fmi_name);
+}
+
+// Every key that is known: a key without a line in the sample would be one that nobody finds.
+TEST(SampleConfiguration, LacksNoKey)
+{
+    const std::string text = sample(true);
+    for (const char *key :
+         {"backend", "max_clients", "interface", "namespace", "admin", "vlan", "vlan_interfaces", "capability",
+          "reported_namespace", "name", "fmi_name", "max_endpoints", "max_rules", "interfaces"}) {
+        EXPECT_THAT(text, testing::HasSubstr(std::string("\n") + key + " = ")) << key;
+    }
 }
 
 TEST(Configuration, SaysEverythingThatIsWrongInTheOrderOfTheFile)

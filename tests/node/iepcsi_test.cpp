@@ -194,6 +194,13 @@ TEST_F(Iepcsi, ALockedPortIsNotOperationalAndComesBackWhenUnlocked)
     expect_sent({status("01", "01", IDL)});
 }
 
+TEST_F(Iepcsi, APortIsLockedByTheNameThatPeopleUseToo)
+{
+    subscribe();
+    tested->control({"lock", "IDL_A1"});
+    expect_sent({status("00", "00", IDL)});
+}
+
 TEST_F(Iepcsi, UnlockingAPortWithoutCarrierChangesItsAdminStateOnly)
 {
     subscribe();

@@ -78,12 +78,14 @@ inline node_config two_port_config()
 {
     node_config config;
     port_config idl;
+    idl.people_name = "IDL_A1";
     idl.name = "IDLA1";
     idl.fmi_name = "DiPort_A1";
     idl.interface = "idl_a1";
     idl.name_space = idl.reported_name_space = "near";
     idl.unlocked = true;
     port_config tn;
+    tn.people_name = "TN_A";
     tn.name = tn.fmi_name = "TNA";
     tn.interface = "tn_a";
     tn.name_space = tn.reported_name_space = "near";
