@@ -151,7 +151,7 @@ def install_packages(root, packages, offered, log):
     run(["chroot", root, "apt-get", "-q", "-o", "APT::Sandbox::User=root", "update"])
     (root / "etc/hostname").write_text("debian\n")
     (root / "etc/hosts").write_text("127.0.0.1 localhost\n127.0.1.1 debian\n")
-    (root / "etc/network/interfaces").write_text("auto lo\niface lo inet loopback\n")
+    (root / "etc/network/interfaces").write_text("source /etc/network/interfaces.d/*\n\nauto lo\niface lo inet loopback\n")
     # Each machine gets its own at its first boot, and a boot is not the first one only because of this.
     (root / "etc/machine-id").write_text("")
     (root / "var/log/journal").mkdir(exist_ok=True)

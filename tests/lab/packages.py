@@ -29,3 +29,24 @@ def needed_from_debian(given):
                 name = re.split(r"[ (:|]", word.strip())[0]
                 needed |= {name} if name else set()
     return sorted(needed - own)
+
+
+NEXT = "99.0"
+
+
+def as_next(given, directory):
+    """The same packages under a higher version: what an upgrade does is the same, whatever is new in them."""
+    made = []
+    for package in given:
+        version = field(package, "Version")
+        unpacked = directory / "next" / field(package, "Package")
+        unpacked.parent.mkdir(exist_ok=True)
+        subprocess.run(["dpkg-deb", "--raw-extract", str(package), str(unpacked)], check=True)
+        control = unpacked / "DEBIAN/control"
+        control.write_text(control.read_text().replace(f"Version: {version}\n", f"Version: {NEXT}\n")
+                           .replace(f"(= {version})", f"(= {NEXT})"))
+        target = directory / f"{field(package, 'Package')}_{NEXT}_{field(package, 'Architecture')}.deb"
+        subprocess.run(["dpkg-deb", "--build", "--root-owner-group", str(unpacked), str(target)], check=True,
+                       stdout=subprocess.DEVNULL)
+        made.append(target)
+    return made

@@ -1,0 +1,116 @@
+#!/usr/bin/python3
+"""What the test does on a machine itself, where the time is that machine's own. Each command prints JSON.
+
+    kill UNIT WANTED...       kills the main process of UNIT; waits until that unit and the WANTED ones are others than
+                              before and run, and every link is enabled; says after how long, and which units are others
+    send COUNT FAR NEAR TAG TYPE    that many frames out of eth1, to NEAR, in the VLAN, with the ethertype (hexadecimal)
+    pss                       proportional set size of each unit's processes, KiB
+    files                     what is on the disk, but for what is logged and what apt and the kernel keep for themselves
+    yardstick                 seconds that some fixed work takes
+"""
+
+import json
+import os
+import pathlib
+import socket
+import subprocess
+import sys
+import time
+
+UNITS = ["kap-itcd", "kap-node-iepcsi", "kap-node-pmi", "kap-node-emi", "kap-node-fmi", "kap-node-aasi", "kap-vorn",
+         "my-link", "kap-responder@eth1"]
+BOUND_S = 180
+NOT_LOOKED_AT = ("/proc", "/sys", "/dev", "/tmp", "/root", "/run/systemd", "/run/udev", "/run/log", "/run/lab-command",
+                 "/run/lock", "/run/user", "/var/log", "/var/cache", "/var/lib/dpkg", "/var/lib/apt", "/var/lib/systemd",
+                 "/var/backups", "/run/utmp", "/etc/ld.so.cache")
+
+
+def units():
+    """Name: state, main process, and the number of this run of the unit."""
+    done = subprocess.run(["systemctl", "show", "-p", "Id,ActiveState,MainPID,InvocationID,LoadState", *UNITS], check=True,
+                          stdout=subprocess.PIPE, text=True)
+    found = {}
+    for part in done.stdout.strip().split("\n\n"):
+        values = dict(line.split("=", 1) for line in part.splitlines())
+        if values["LoadState"] == "loaded" and values["InvocationID"]:
+            found[values["Id"].removesuffix(".service")] = (values["ActiveState"], int(values["MainPID"]),
+                                                            values["InvocationID"])
+    return found
+
+
+def links():
+    done = subprocess.run(["vornctl", "links", "--json"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    return json.loads(done.stdout)["links"] if done.returncode == 0 else []
+
+
+def all_enabled():
+    seen = links()
+    return bool(seen) and all(link["enabled"] for link in seen)
+
+
+def kill(unit, *wanted):
+    before = units()
+    begin = time.monotonic()
+    os.kill(before[unit][1], 9)
+    has_links = "kap-vorn" in before
+    while True:
+        now = units()
+        others = sorted(name for name in before if now.get(name, ("", 0, ""))[1:] != before[name][1:])
+        run = all(name in now and now[name][0] == "active" for name in before)
+        if run and {unit, *wanted} <= set(others) and (not has_links or all_enabled()):
+            return {"seconds": round(time.monotonic() - begin, 2), "restarted": others}
+        if time.monotonic() - begin > BOUND_S:
+            return {"seconds": None, "restarted": others, "units": now, "links": links() if has_links else None}
+        time.sleep(0.1)
+
+
+def settled(seconds):
+    """The units that change by themselves within that time: none should."""
+    before = units()
+    time.sleep(float(seconds))
+    now = units()
+    return sorted(name for name in before if now.get(name) != before[name])
+
+
+def send(count, source, target, tag, ethertype):
+    frame = bytes.fromhex(target.replace(":", "") + source.replace(":", ""))
+    frame += bytes.fromhex("8100") + int(tag).to_bytes(2, "big") if int(tag) else b""
+    frame += bytes.fromhex(ethertype) + bytes(50)
+    with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as wire:
+        wire.bind(("eth1", 0))
+        for _ in range(int(count)):
+            wire.send(frame)
+            time.sleep(0.002)
+    return int(count)
+
+
+def pss():
+    sizes = {}
+    for unit, (_, pid, _) in units().items():
+        path = pathlib.Path(f"/proc/{pid}/smaps_rollup")
+        if pid and path.exists():
+            sizes[unit] = sum(int(line.split()[1]) for line in path.read_text().splitlines() if line.startswith("Pss:"))
+    return sizes
+
+
+def files():
+    found = []
+    for place, directories, names in os.walk("/"):
+        directories[:] = [d for d in directories if os.path.join(place, d) not in NOT_LOOKED_AT]
+        found += [os.path.join(place, name) for name in names + directories
+                  if os.path.join(place, name) not in NOT_LOOKED_AT]
+    return sorted(found)
+
+
+def yardstick():
+    begin = time.monotonic()
+    for _ in range(20):
+        subprocess.run(["/bin/true"], check=True)
+    total = 0
+    for i in range(300000):
+        total += i % 7
+    return round(time.monotonic() - begin, 2)
+
+
+if __name__ == "__main__":
+    print(json.dumps(globals()[sys.argv[1]](*sys.argv[2:])))
