@@ -196,6 +196,34 @@ TEST_F(LinkProgram, EndsWhenItsOutputCannotBeWritten)
     stage_wait(d.stage, "the VLAN is closed", 5s, [] { return vlans() == 0; });
 }
 
+// Every request of the client library, from a program in C.
+TEST_F(LinkProgram, HasNeighboursThatAreWrittenInC)
+{
+    start();
+    const command_result result = command_run({d.stage.bin_dir + "/e2e-c-client"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "create without session: rejected, there is no session\n"
+                             "open: confirmed\n"
+                             "open again: rejected, the client has a session already\n"
+                             "get mac: confirmed\n"
+                             "IDL_A1 processor 1 02:00:00:00:A1:01\n"
+                             "get mac of no port: rejected, no such port\n"
+                             "create in no VLAN: rejected, no such VLAN\n"
+                             "create: confirmed\n"
+                             "status: enabled\n"
+                             "create again: rejected, this link is there already\n"
+                             "update: confirmed\n"
+                             "update to the same: rejected, nothing would change\n"
+                             "wrong rtt: rejected, round trips cannot be measured like that\n"
+                             "rtt: confirmed\n"
+                             "rtt again: rejected, round trips are measured already\n"
+                             "round trip in order: 1\n"
+                             "no rtt: confirmed\n"
+                             "delete: confirmed\n"
+                             "rtt of no link: rejected, no such link\n"
+                             "close: confirmed\n");
+}
+
 TEST_F(LinkProgram, RefusesWordsThatMakeNoSense)
 {
     const std::pair<std::vector<std::string>, const char *> calls[] = {
