@@ -251,7 +251,8 @@ void change_policers(json &commands, const port_layout &port, const port_rules &
 
 void change_dynamic_rules(json &commands, const port_layout &port, const port_rules &before)
 {
-    const auto gone = missing_from(before.dynamic_rules, port.rules.dynamic_rules);
+    auto gone = missing_from(before.dynamic_rules, port.rules.dynamic_rules);
+    std::erase_if(gone, [&](uint32_t id) { return lets_nothing_in(before.dynamic_rules.at(id)); });
     const auto fresh = missing_from(port.rules.dynamic_rules, before.dynamic_rules);
     for (const uint32_t id : fresh) {
         append(commands, add_rule_objects(port, id));
@@ -266,9 +267,6 @@ void change_dynamic_rules(json &commands, const port_layout &port, const port_ru
     append(commands, add_all_dynamic_rules(port));
     for (const uint32_t id : gone) {
         const dynamic_rule &rule = before.dynamic_rules.at(id);
-        if (lets_nothing_in(rule)) {
-            continue;
-        }
         const uint32_t number = port.numbers.at(id);
         commands.push_back(remove_object("set", numbered("macs", number)));
         commands.push_back(remove_object("counter", numbered("accepted", number)));

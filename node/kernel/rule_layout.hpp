@@ -58,7 +58,8 @@ bool lets_in_by_default(const port_layout &port);
 json whole_table();
 // Everything of the port, where nothing of it is there yet.
 json make_port(const port_layout &port);
-// What leads from the rules before to the rules that the port has now; everything has a number.
+// What leads from the rules before to the rules that the port has now; everything has a number. Empty when the kernel
+// has nothing to do: a batch that changes nothing would not make a new generation of its tables.
 json change_port(const port_layout &port, const port_rules &before);
 json remove_object(const std::string &kind, const std::string &name);
 json flush_chain(const std::string &name);

@@ -314,6 +314,7 @@ std::optional<kernel_refusal> rule_namespace::read_devices(table_picture &pictur
 
 // ---- Changing ------------------------------------------------------------------------------------------------------
 
+// Each batch that is run changes something, and so makes one new generation.
 std::optional<kernel_refusal> rule_namespace::run(const json &commands)
 {
     if (commands.empty()) {

@@ -346,6 +346,21 @@ TEST_F(RuleDisturbed, WhateverSomebodyElseDoesToTheRulesIsMendedAndCounted)
     EXPECT_EQ(backend->show()["disturbed_by"], json({{"nft", times}}));
 }
 
+TEST_F(RuleDisturbed, ARequestThatTheKernelHasNothingToDoForHidesNoDisturbance)
+{
+    port_rules rules = wanted[IDL];
+    rules.dynamic_rules[9] = {};
+    apply(IDL, rules);
+    rules.dynamic_rules[10] = {};
+    nft("flush chain netdev kap_node TNA");
+    apply(IDL, rules);
+    expect_mended(1);
+    rules.dynamic_rules.erase(9);
+    nft("flush chain netdev kap_node TNA");
+    apply(IDL, rules);
+    expect_mended(2);
+}
+
 TEST_F(RuleDisturbed, AnAddressTakenOutOfOrPutIntoARuleIsMended)
 {
     const auto set_of = [] {
