@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <vector>
 
@@ -26,6 +27,8 @@ inline int raw_connect()
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     strcpy(address.sun_path, "/run/kap-itc/itcd.sock");
+    const timeval patience{20, 0}; // an answer that never comes fails a test, and does not hang it
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     return connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ? fd : -1;
 }
 
@@ -73,7 +76,7 @@ inline Bytes word_and_text(uint32_t word, const std::string &text)
 
 inline void write_all(int fd, const Bytes &bytes) { (void)!send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
-// One frame, and the descriptor that came with it. Empty when the other side closed.
+// One frame, and the descriptor that came with it. Empty when the other side closed, or said nothing for too long.
 inline Bytes read_frame(int fd, int *descriptor = nullptr)
 {
     Bytes b(4);
