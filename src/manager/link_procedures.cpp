@@ -99,12 +99,16 @@ void stop_sessions_of_deleted(const eth_port *port, iml_link *link)
     end_sessions_of_deleted_link(link);
 }
 
-// The EMCA MACs that remain in use on the port, under the port's interface name.
+// The EMCA MACs that remain in use on the port, under the port's interface name. They are collected only where they go
+// somewhere: a session may end with thousands of links on ports that are unknown or locked.
 void reprogram_emca_of_deleted(const eth_port *port, const iml_link *link)
 {
+    if (port == nullptr || port->adm_state != ETH_PORT_UNLOCKED) {
+        return;
+    }
     uint32_t count = 0;
     mac_address *macs = collect_emca_macs_for_port(&count, link->link_data->imlPortName);
-    if (port != nullptr && port->adm_state == ETH_PORT_UNLOCKED && !fmi_set_emca_acl_rule(port->if_name, macs, count)) {
+    if (!fmi_set_emca_acl_rule(port->if_name, macs, count)) {
         VORN_TRACE(TRACE_WARNING, "WARNING: Set emca acl rule on port (%s) for %u new emcas failed.", port->if_name,
                    count);
     }

@@ -851,6 +851,31 @@ TEST_F(LinkProcedure, DeleteOnALockedPortProgramsNoRule)
     EXPECT_FALSE(fake::traced(4, "WARNING: Set emca acl rule on port (eth_a1) for 0 new emcas failed."));
 }
 
+// A session may end with thousands of links: where no rule is programmed, the MACs of the others are not collected.
+TEST_F(LinkProcedure, DeleteCollectsNoMacsOnALockedPort)
+{
+    have_link();
+    ASSERT_EQ(create_link(session, {.cpm = "02:00:00:00:0C:02", .vlan = 101, .app_links = {APP_2}}), 2u);
+    set_port("IDLA1", 0, 1);
+    IemliPendingRequest *pending = make_request(IEMLI_PENDING_DELETE, session, 1);
+    fake::fail_allocation(1);
+    EXPECT_FALSE(iml_link_delete(1, session, &pending)) << "the first memory is the procedure's";
+    EXPECT_FALSE(fake::traced(1, "Out of memory"));
+    free(pending);
+}
+
+TEST_F(LinkProcedure, DeleteCollectsNoMacsOnAnUnknownPort)
+{
+    have_link();
+    ASSERT_EQ(create_link(session, {.cpm = "02:00:00:00:0C:02", .vlan = 101, .app_links = {APP_2}}), 2u);
+    iepcsi_client_forget_all();
+    IemliPendingRequest *pending = make_request(IEMLI_PENDING_DELETE, session, 1);
+    fake::fail_allocation(1);
+    EXPECT_FALSE(iml_link_delete(1, session, &pending)) << "the first memory is the procedure's";
+    EXPECT_FALSE(fake::traced(1, "Out of memory"));
+    free(pending);
+}
+
 TEST_F(LinkProcedure, DeleteOnAPortThatIsDownStopsNothing)
 {
     have_link();
