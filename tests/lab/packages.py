@@ -35,7 +35,9 @@ NEXT = "99.0"
 
 
 def as_next(given, directory):
-    """The same packages under a higher version: what an upgrade does is the same, whatever is new in them."""
+    """The same packages under a higher version: what an upgrade does is the same, whatever is new in them. Each file of
+    configuration that comes with them is another, so that dpkg has to decide.
+    """
     made = []
     for package in given:
         version = field(package, "Version")
@@ -45,6 +47,10 @@ def as_next(given, directory):
         control = unpacked / "DEBIAN/control"
         control.write_text(control.read_text().replace(f"Version: {version}\n", f"Version: {NEXT}\n")
                            .replace(f"(= {version})", f"(= {NEXT})"))
+        listed = unpacked / "DEBIAN/conffiles"
+        for name in listed.read_text().split() if listed.exists() else []:
+            with open(unpacked / name.lstrip("/"), "a") as conffile:
+                conffile.write(f"# version {NEXT}\n")
         target = directory / f"{field(package, 'Package')}_{NEXT}_{field(package, 'Architecture')}.deb"
         subprocess.run(["dpkg-deb", "--build", "--root-owner-group", str(unpacked), str(target)], check=True,
                        stdout=subprocess.DEVNULL)
