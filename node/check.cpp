@@ -54,7 +54,11 @@ public:
                              std::to_string(INTERFACE_MOST) + " characters: there can be none for every VLAN");
         }
         const place &there = place_of(port.name_space);
-        if (holds(there, port.interface)) {
+        const interface_facts *found = find(there, port.interface);
+        if (found != nullptr && port.vlan == vlan_mode::bridge && !found->is_bridge_port) {
+            remark(port, "\"" + port.interface + "\" is no port of a bridge now, which vlan = \"bridge\" takes");
+        }
+        if (found != nullptr) {
             return;
         }
         if (!there.problem.empty()) {
@@ -62,7 +66,7 @@ public:
         }
         if (port.name_space.empty()) {
             remark(port, "there is no interface \"" + port.interface + "\" now");
-        } else if (holds(place_of(""), port.interface)) {
+        } else if (find(place_of(""), port.interface) != nullptr) {
             remark(port, "\"" + port.interface + "\" is not in \"" + port.name_space +
                              "\" yet; \"kap-node prepare\" moves it there");
         } else if (there.problem.empty()) {
@@ -71,10 +75,11 @@ public:
     }
 
 private:
-    static bool holds(const place &there, const std::string &interface)
+    static const interface_facts *find(const place &there, const std::string &interface)
     {
-        return std::any_of(there.interfaces.begin(), there.interfaces.end(),
-                           [&](const auto &indexed) { return indexed.second.name == interface; });
+        const auto found = std::find_if(there.interfaces.begin(), there.interfaces.end(),
+                                        [&](const auto &indexed) { return indexed.second.name == interface; });
+        return found == there.interfaces.end() ? nullptr : &found->second;
     }
 
     const place &place_of(const std::string &name_space)

@@ -19,6 +19,7 @@ struct interface_facts {
     int parent = 0; // index of the interface it stands on, 0: none here
     bool is_vlan = false;
     uint16_t vlan_id = 0;
+    bool is_bridge_port = false;
 
     bool operator==(const interface_facts &) const = default;
 };

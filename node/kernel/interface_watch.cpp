@@ -44,6 +44,8 @@ void read_link_info(const nlattr *info, interface_facts &facts)
         const uint16_t type = mnl_attr_get_type(attribute);
         if (type == IFLA_INFO_KIND) {
             facts.is_vlan = text_in(attribute) == "vlan";
+        } else if (type == IFLA_INFO_SLAVE_KIND) {
+            facts.is_bridge_port = text_in(attribute) == "bridge";
         } else if (type == IFLA_INFO_DATA) {
             each_attribute_in(attribute, [&](const nlattr *inner) {
                 if (mnl_attr_get_type(inner) == IFLA_VLAN_ID) {

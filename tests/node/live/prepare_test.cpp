@@ -189,6 +189,18 @@ TEST_F(Machine, CannotHaveEveryVlanDeviceOnAnInterfaceWithALongName)
     EXPECT_EQ(check(longer + "vlan = 'none'").out, std::string(CONFIG) + ": ports: 1, backend: kernel\n");
 }
 
+TEST_F(Machine, IsToldThatAnInterfaceIsNoPortOfABridge)
+{
+    run("ip link add one type veth peer name other");
+    const std::string bridged = "[ports.IDL_A1]\ninterface = 'one'\nvlan = 'bridge'\n";
+    EXPECT_THAT(check(bridged).out, HasSubstr(":2:13: note: IDL_A1: \"one\" is no port of a bridge now"));
+    if (!holds("ip link add bridge type bridge")) {
+        GTEST_SKIP() << "this kernel has no bridges";
+    }
+    run("ip link set one master bridge");
+    EXPECT_EQ(check(bridged).out, std::string(CONFIG) + ": ports: 1, backend: kernel\n");
+}
+
 TEST_F(Machine, NeedsNoPrivilegeToHaveAConfigurationChecked)
 {
     std::ofstream(CONFIG) << "[ports.TN_A]\ninterface = 'lo'\nnamespace = 'near'\n";
