@@ -54,6 +54,8 @@ constexpr program_call PROGRAM = {
     "       kap-node check FILE             everything that is wrong with a configuration\n"
     "       kap-node prepare --config FILE [--wait SECONDS]\n"
     "                                       makes the namespaces, moves the interfaces there, switches them on\n"
+    "       kap-node clean SERVICE --config FILE\n"
+    "                                       takes away what a service that does not run left in the kernel\n"
     "       kap-node --help | --version\n"
     "SERVICE: iepcsi, pmi, emi, fmi, aasi or far-end\n"
     "COMMAND of every service:\n"
@@ -174,6 +176,29 @@ int run_named(const std::string &name, const node_config &config)
     return name == "aasi" ? run_aasi(loop, config) : run_far_end(loop, config);
 }
 
+#ifdef KAP_NODE_KERNEL
+// What a service left in the kernel, as if nobody had asked for it again in time.
+template <class Keeper> void clean(const node_config &config)
+{
+    Keeper keeper(config);
+    keeper.settle(0);
+    keeper.settle(LEFTOVERS_KEPT_MS);
+}
+#endif
+
+int run_clean([[maybe_unused]] const std::string &name, [[maybe_unused]] const node_config &config)
+{
+#ifdef KAP_NODE_KERNEL
+    if (config.backend == backend_kind::kernel && name == "pmi") {
+        clean<vlan_keeper>(config);
+    }
+    if (config.backend == backend_kind::kernel && name == "fmi") {
+        clean<kernel_rules>(config);
+    }
+#endif
+    return 0;
+}
+
 int run_ctl(const std::string &service_name, const arguments &words)
 {
     const int failure = itc_init(1, 0, nullptr, nullptr, 0);
@@ -215,6 +240,9 @@ int run(const arguments &words)
     }
     if (!words.empty() && words[0] == "prepare") {
         return run_prepare(words);
+    }
+    if (words.size() == 4 && words[0] == "clean" && words[2] == "--config" && !control_mailbox(words[1]).empty()) {
+        return run_clean(words[1], read_config_file(words[3]));
     }
     if (words.size() >= 3 && words[0] == "ctl") {
         return run_ctl(words[1], {words.begin() + 2, words.end()});
