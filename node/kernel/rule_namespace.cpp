@@ -98,7 +98,7 @@ rule_namespace::kernel_side::kernel_side(const std::string &name_space)
       filter_news(NETLINK_NETFILTER, name_space, FILTER_NEWS), link_news(NETLINK_ROUTE, name_space, LINK_NEWS)
 {
     const namespace_visit visit(name_space);
-    control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    control = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0); // any family will do, and its unit lets it have this one
     if (control < 0) {
         throw std::system_error(errno, std::generic_category(), "a socket");
     }
