@@ -21,10 +21,12 @@ class kernel_rules;
 #endif
 
 #ifdef KAP_NODE_KERNEL
+#include "kernel/endpoint_keeper.hpp"
 #include "kernel/vlan_keeper.hpp"
 #else
 namespace kap_node
 {
+class endpoint_keeper;
 class vlan_keeper;
 } // namespace kap_node
 #endif
@@ -167,8 +169,7 @@ int run_named(const std::string &name, const node_config &config)
         return run_kept<pmi_service, vlan_keeper>(loop, config);
     }
     if (name == "emi") {
-        emi_service runs(config, loop);
-        return run_service(loop, runs);
+        return run_kept<emi_service, endpoint_keeper>(loop, config);
     }
     if (name == "fmi") {
         return run_kept<fmi_service, kernel_rules>(loop, config);

@@ -1,0 +1,502 @@
+// Endpoints of links in the kernel (endpoint_keeper.hpp).
+#include "kernel/endpoint_keeper.hpp"
+
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+namespace kap_node
+{
+
+namespace
+{
+
+constexpr const char *JOURNAL = "emi.journal";
+
+std::map<std::string, port_config> ports_by_name(const node_config &config)
+{
+    std::map<std::string, port_config> ports;
+    for (const port_config &port : config.ports) {
+        ports[port.fmi_name] = port;
+    }
+    return ports;
+}
+
+std::set<std::string> name_spaces_of(const node_config &config)
+{
+    std::set<std::string> names;
+    for (const port_config &port : config.ports) {
+        names.insert(port.name_space);
+    }
+    return names;
+}
+
+std::string text_of(const port_config &port) { return port.people_name.empty() ? port.name : port.people_name; }
+
+std::string text_of(const address_entry &entry)
+{
+    std::string text = mac_text(entry.address) + (entry.forwarding ? " in the forwarding table" : " in the filter");
+    return entry.vlan_id == 0 ? text : text + ", VLAN " + std::to_string(entry.vlan_id);
+}
+
+// The first of several, and how many more there are.
+std::string text_of(const std::set<address_entry> &entries)
+{
+    const std::string first = text_of(*entries.begin());
+    return entries.size() == 1 ? first : first + " and " + std::to_string(entries.size() - 1) + " more";
+}
+
+struct journal_words {
+    unsigned long long inode = 0;
+    int port = 0;
+    address_entry entry{};
+    std::string name_space;
+};
+
+std::string written(const journal_words &words)
+{
+    const mac &m = words.entry.address;
+    char text[96];
+    (void)snprintf(text, sizeof text, "%llu %d %u %02x:%02x:%02x:%02x:%02x:%02x %u ", words.inode, words.port,
+                   words.entry.forwarding ? 1U : 0U, m[0], m[1], m[2], m[3], m[4], m[5], words.entry.vlan_id);
+    return text + words.name_space;
+}
+
+std::optional<journal_words> read_entry(const std::string &text)
+{
+    journal_words words;
+    unsigned forwarding = 0;
+    mac &m = words.entry.address;
+    int used = 0;
+    if (sscanf(text.c_str(), "%llu %d %u %hhx:%hhx:%hhx:%hhx:%hhx:%hhx %hu %n", &words.inode, &words.port, &forwarding,
+               &m[0], &m[1], &m[2], &m[3], &m[4], &m[5], &words.entry.vlan_id, &used) < 10 ||
+        used == 0) {
+        return std::nullopt;
+    }
+    words.entry.forwarding = forwarding != 0;
+    words.name_space = text.substr(static_cast<size_t>(used));
+    return words;
+}
+
+// The answer to a removal that means that nothing was there.
+bool is_gone_already(const kernel_refusal &refused) { return refused.error == ENOENT || refused.error == ENODEV; }
+
+} // namespace
+
+endpoint_keeper::endpoint_keeper(const node_config &config)
+    : ports_(ports_by_name(config)), report_("emi"), journal_(JOURNAL),
+      places_(name_spaces_of(config), {RTNLGRP_LINK, RTNLGRP_NEIGH, RTNLGRP_BRVLAN},
+              [this](const std::string &name_space, const nlmsghdr *message) { return concerns(name_space, message); })
+{
+}
+
+void endpoint_keeper::watch(descriptor_hooks hooks)
+{
+    places_.watch(std::move(hooks), [this](const std::string &name_space) { settle_place(name_space, now_); });
+}
+
+// Of neighbours, which come and go all the time, only entries of interfaces and bridges: one that is gone, and one of
+// an address that is kept, which may have moved.
+bool endpoint_keeper::concerns(const std::string &name_space, const nlmsghdr *message) const
+{
+    if (message->nlmsg_type == RTM_DELNEIGH) {
+        ndmsg head{};
+        if (message->nlmsg_len >= NLMSG_LENGTH(sizeof head)) {
+            memcpy(&head, NLMSG_DATA(message), sizeof head);
+        }
+        return head.ndm_family == AF_BRIDGE;
+    }
+    if (message->nlmsg_type != RTM_NEWNEIGH) {
+        return true;
+    }
+    entry_table told;
+    apply_entry_message(message, told);
+    return std::any_of(kept_.begin(), kept_.end(), [&](const auto &port) {
+        return port_of(port.first).name_space == name_space && !told.empty() &&
+               port.second.entries.contains(told.begin()->first);
+    });
+}
+
+// ---- What endpoints need -------------------------------------------------------------------------------------------
+
+void endpoint_keeper::need(const placed_endpoint &endpoint, const link_table &links, const kernel_link &on, needs &all)
+{
+    if (!endpoint.far_end) {
+        all.now.insert({.forwarding = false, .address = endpoint.address, .vlan_id = 0});
+        return;
+    }
+    const kernel_link *bridge = on.is_bridge_port ? links.at(on.master) : nullptr;
+    if (bridge == nullptr) {
+        return;
+    }
+    address_entry entry{.forwarding = true, .address = endpoint.address, .vlan_id = 0};
+    if (!bridge->filters_vlans) {
+        all.now.insert(entry);
+        return;
+    }
+    entry.vlan_id = endpoint.vlan_id;
+    (on.vlans.contains(entry.vlan_id) ? all.now : all.waiting).insert(entry);
+}
+
+endpoint_keeper::needs endpoint_keeper::needs_of(const std::string &port, const link_table &links,
+                                                 const kernel_link &on) const
+{
+    needs all;
+    const placed_endpoint first{port, {}, 0, false};
+    for (auto at = wanted_.lower_bound(first); at != wanted_.end() && at->port == port; ++at) {
+        need(*at, links, on, all);
+    }
+    return all;
+}
+
+// ---- Requests ------------------------------------------------------------------------------------------------------
+
+// The endpoints of a request are of few ports. Whatever one port refuses is taken back at all of them.
+std::optional<kernel_refusal> endpoint_keeper::add(std::span<const placed_endpoint> fresh)
+{
+    std::map<std::string, std::vector<placed_endpoint>> by_port;
+    for (const placed_endpoint &each : fresh) {
+        by_port[each.port].push_back(each);
+    }
+    for (const auto &[port, endpoints] : by_port) {
+        wanted_.insert(endpoints.begin(), endpoints.end());
+        if (const auto refused = add_on(port, endpoints)) {
+            report_.refused("endpoints of " + text_of(port_of(port)), *refused);
+            for (const placed_endpoint &each : fresh) {
+                wanted_.erase(each);
+            }
+            for (const auto &[changed, unused] : by_port) {
+                (void)remove_unneeded(changed);
+            }
+            return refused;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<kernel_refusal> endpoint_keeper::add_on(const std::string &port, std::span<const placed_endpoint> fresh)
+{
+    const port_config &config = port_of(port);
+    kernel_place *place = places_.find(config.name_space);
+    link_table links;
+    if (place == nullptr) {
+        return std::nullopt;
+    }
+    if (auto refused = read_links(place->ask, links)) {
+        return refused;
+    }
+    const kernel_link *on = links.named(config.interface);
+    kept_port &kept = kept_[port];
+    if (on == nullptr || on->index != kept.index) { // what the port had before went with its interface
+        port_is_away(port);
+    }
+    if (on == nullptr) {
+        return std::nullopt;
+    }
+    kept.index = on->index;
+    needs wanted;
+    for (const placed_endpoint &each : fresh) {
+        need(each, links, *on, wanted);
+    }
+    kept.waiting.insert(wanted.waiting.begin(), wanted.waiting.end());
+    auto refused = put_in({*place, links, config, *on}, kept, wanted.now);
+    places_.forget_news(config.name_space);
+    return refused;
+}
+
+// Confirmed even when the interface is away: nothing is left to be removed then.
+std::optional<kernel_refusal> endpoint_keeper::remove(std::span<const placed_endpoint> unwanted)
+{
+    std::set<std::string> changed;
+    for (const placed_endpoint &each : unwanted) {
+        wanted_.erase(each);
+        changed.insert(each.port);
+    }
+    for (const std::string &port : changed) {
+        if (const auto refused = remove_unneeded(port)) {
+            report_.refused("endpoints of " + text_of(port_of(port)) + " are to go", *refused);
+            wanted_.insert(unwanted.begin(), unwanted.end());
+            for (const std::string &each : changed) {
+                settle_place(port_of(each).name_space, now_);
+            }
+            return refused;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<kernel_refusal> endpoint_keeper::remove_unneeded(const std::string &port)
+{
+    const port_config &config = port_of(port);
+    kernel_place *place = places_.find(config.name_space);
+    const auto found = kept_.find(port);
+    if (place == nullptr || found == kept_.end()) {
+        return std::nullopt;
+    }
+    link_table links;
+    if (auto refused = read_links(place->ask, links)) {
+        return refused;
+    }
+    const kernel_link *on = links.named(config.interface);
+    if (on == nullptr || on->index != found->second.index) {
+        port_is_away(port);
+        return std::nullopt;
+    }
+    const needs wanted = needs_of(port, links, *on);
+    kept_port &kept = found->second;
+    kept.waiting = wanted.waiting;
+    const auto entries = kept.entries;
+    std::optional<kernel_refusal> refused;
+    for (const auto &[entry, by] : entries) {
+        if (!refused && !wanted.now.contains(entry)) {
+            refused = take_out({*place, links, config, *on}, kept, entry);
+        }
+    }
+    places_.forget_news(config.name_space);
+    return refused;
+}
+
+// ---- Putting in and taking out -------------------------------------------------------------------------------------
+
+std::string endpoint_keeper::journal_entry(const scene &where, const address_entry &entry) const
+{
+    return written({where.place.identity.inode, where.on.index, entry, where.port.name_space});
+}
+
+// Those that are not there yet. What has been put in before a refusal stays for the caller to take out.
+std::optional<kernel_refusal> endpoint_keeper::put_in(const scene &where, kept_port &kept,
+                                                      const std::set<address_entry> &entries)
+{
+    std::vector<std::string> lines;
+    std::vector<address_entry> fresh;
+    for (const address_entry &entry : entries) {
+        if (!kept.entries.contains(entry)) {
+            fresh.push_back(entry);
+            lines.push_back(journal_entry(where, entry));
+        }
+    }
+    // What an earlier run has left is ours; what is written now must not make somebody else's so.
+    std::set<std::string> known;
+    for (const std::string &line : lines) {
+        if (journal_.holds(line)) {
+            known.insert(line);
+        }
+    }
+    std::optional<kernel_refusal> refused = lines.empty() ? std::nullopt : journal_.add(lines);
+    for (size_t i = 0; i < fresh.size(); ++i) {
+        holder by = known.contains(lines[i]) ? holder::us : holder::other;
+        if (!refused && !(refused = put_in(where, fresh[i], &by))) {
+            kept.entries[fresh[i]] = by;
+        }
+        if ((refused && !known.contains(lines[i])) || by == holder::other) {
+            journal_.forget(lines[i]);
+        }
+    }
+    return refused;
+}
+
+// `by` says whose the entry is when there is one, and is told whose it is now.
+std::optional<kernel_refusal> endpoint_keeper::put_in(const scene &where, const address_entry &entry, holder *by)
+{
+    auto refused = put_entry(where.place.ask, where.on.index, entry, when_known::REFUSE);
+    if (!refused) {
+        *by = holder::us;
+        return std::nullopt;
+    }
+    if (refused->error != EEXIST) {
+        return refused;
+    }
+    return entry.forwarding ? make_static(where, entry, by) : std::nullopt;
+}
+
+// The bridge knows the address already.
+std::optional<kernel_refusal> endpoint_keeper::make_static(const scene &where, const address_entry &entry, holder *by)
+{
+    entry_table there;
+    if (auto refused = read_entries(where.place.ask, 0, where.on.master, there)) {
+        return refused;
+    }
+    const auto found = there.find(entry);
+    if (found != there.end() && found->second.fixed) {
+        if (found->second.port == where.on.index) {
+            return std::nullopt;
+        }
+        const kernel_link *elsewhere = where.links.at(found->second.port);
+        return kernel_refusal{EEXIST, text_of(entry) + " is fixed at " +
+                                          (elsewhere == nullptr ? "another port" : elsewhere->name)};
+    }
+    auto refused = put_entry(where.place.ask, where.on.index, entry, when_known::REPLACE);
+    if (!refused) {
+        *by = holder::us;
+    }
+    return refused;
+}
+
+std::optional<kernel_refusal> endpoint_keeper::take_out(const scene &where, kept_port &kept, const address_entry &entry)
+{
+    if (kept.entries.at(entry) == holder::us) {
+        const auto refused = take_entry(where.place.ask, where.on.index, entry);
+        if (refused && !is_gone_already(*refused) && !(entry.forwarding && !where.on.is_bridge_port)) {
+            return refused;
+        }
+        journal_.forget(journal_entry(where, entry));
+    }
+    kept.entries.erase(entry);
+    return std::nullopt;
+}
+
+// What was at an interface is gone with it.
+void endpoint_keeper::port_is_away(const std::string &port) { kept_[port] = {}; }
+
+// ---- Keeping -------------------------------------------------------------------------------------------------------
+
+void endpoint_keeper::settle(millis now)
+{
+    now_ = now;
+    places_.check([this](const std::string &name_space) {
+        for (const auto &[name, port] : ports_) {
+            if (port.name_space == name_space) {
+                port_is_away(name);
+            }
+        }
+    });
+    for (const std::string &name_space : places_.names()) {
+        settle_place(name_space, now);
+    }
+}
+
+void endpoint_keeper::settle_place(const std::string &name_space, millis now)
+{
+    kernel_place *place = places_.find(name_space);
+    if (place == nullptr) {
+        return;
+    }
+    link_table links;
+    if (const auto refused = read_links(place->ask, links)) {
+        report_.trouble("looking at the interfaces", *refused);
+        return;
+    }
+    report_.no_trouble("looking at the interfaces");
+    for (const auto &[name, port] : ports_) {
+        if (port.name_space != name_space) {
+            continue;
+        }
+        const kernel_link *on = links.named(port.interface);
+        if (on == nullptr || on->index != kept_[name].index) {
+            port_is_away(name);
+        }
+        if (on != nullptr) {
+            settle_port({*place, links, port, *on}, kept_[name]);
+        }
+    }
+    remove_left_entries(name_space, *place, links, now);
+    places_.forget_news(name_space);
+}
+
+void endpoint_keeper::settle_port(const scene &where, kept_port &kept)
+{
+    const needs wanted = needs_of(where.port.fmi_name, where.links, where.on);
+    const std::string what = "endpoints of " + text_of(where.port);
+    const bool is_back = kept.index == 0;
+    kept.index = where.on.index;
+    kept.waiting = wanted.waiting;
+    if (wanted.now.empty() && kept.entries.empty()) {
+        return;
+    }
+    entry_table there;
+    std::optional<kernel_refusal> refused = read_entries(where.place.ask, where.on.index, 0, there);
+    if (refused) {
+        report_.trouble(what, *refused);
+        return;
+    }
+    std::set<address_entry> lost;
+    const auto entries = kept.entries;
+    for (const auto &[entry, by] : entries) {
+        const auto found = there.find(entry);
+        if (!wanted.now.contains(entry)) {
+            refused = take_out(where, kept, entry);
+        } else if (found == there.end() || !found->second.fixed) {
+            lost.insert(entry);
+            kept.entries.erase(entry);
+        }
+    }
+    const size_t before = kept.entries.size();
+    for (const address_entry &entry : wanted.now) { // one that is refused holds no other up
+        if (const auto stays_out = put_in(where, kept, {entry})) {
+            refused = stays_out;
+        }
+    }
+    if (refused) {
+        report_.trouble(what, *refused);
+        return;
+    }
+    report_.no_trouble(what);
+    if (!lost.empty()) {
+        report_.mended(what + ": " + text_of(lost) + " was taken away by somebody else, and is put back", lost.size());
+    } else if (kept.entries.size() > before) {
+        report_.mended(what + ": " + std::to_string(kept.entries.size() - before) + " are put in" +
+                           (is_back ? ", the interface is there" : ", their VLAN is there"),
+                       0);
+    }
+}
+
+// Of an earlier run. An entry of a namespace that is not there any more, or of an interface, is gone with it.
+void endpoint_keeper::remove_left_entries(const std::string &name_space, kernel_place &place, const link_table &links,
+                                          millis now)
+{
+    std::set<std::string> ours;
+    for (const auto &[name, kept] : kept_) {
+        for (const auto &[entry, by] : kept.entries) {
+            if (port_of(name).name_space == name_space && by == holder::us) {
+                ours.insert(written({place.identity.inode, kept.index, entry, name_space}));
+            }
+        }
+    }
+    const std::set<std::string> lines = journal_.entries();
+    for (const std::string &line : lines) {
+        const auto words = read_entry(line);
+        if (words && words->name_space != name_space) {
+            continue;
+        }
+        const kernel_link *on = words ? links.at(words->port) : nullptr;
+        if (on == nullptr || words->inode != place.identity.inode) {
+            journal_.forget(line);
+        } else if (ours.contains(line)) {
+            left_since_.erase(line);
+        } else if (const auto since = left_since_.try_emplace(line, now).first->second;
+                   now - since >= LEFTOVERS_KEPT_MS) {
+            const auto refused = take_entry(place.ask, words->port, words->entry);
+            if (!refused) {
+                report_.left_over(on->name + ": " + text_of(words->entry) +
+                                  ", which an earlier run has left, is taken away");
+            }
+            journal_.forget(line);
+            left_since_.erase(line);
+        }
+    }
+}
+
+// ---- Showing -------------------------------------------------------------------------------------------------------
+
+nlohmann::json endpoint_keeper::show() const
+{
+    nlohmann::json shown = report_.show();
+    auto ports = nlohmann::json::object();
+    for (const auto &[name, kept] : kept_) {
+        const auto ours = std::count_if(kept.entries.begin(), kept.entries.end(),
+                                        [](const auto &each) { return each.second == holder::us; });
+        ports[name] = {{"interface", kept.index == 0 ? "" : port_of(name).interface},
+                       {"entries", ours},
+                       {"of_others", kept.entries.size() - static_cast<size_t>(ours)},
+                       {"waiting", kept.waiting.size()}};
+    }
+    shown["ports"] = std::move(ports);
+    return shown;
+}
+
+} // namespace kap_node
