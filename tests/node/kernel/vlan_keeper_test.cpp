@@ -457,6 +457,7 @@ protected:
     }
     void restart()
     {
+        mended_before += kernel()["mended"].get<int>();
         start();
         for (const int each : wanted) {
             expect_open(A1, static_cast<uint16_t>(each));
@@ -513,6 +514,7 @@ protected:
     }
 
     std::unique_ptr<netlink_socket> ask;
+    int mended_before = 0; // by keepers that have ended
     std::set<int> wanted;
     std::set<int> theirs; // made by others
 };
@@ -533,7 +535,7 @@ TEST_F(VlanWalk, HoldsThroughAThousandRequestsAndDisturbances)
             ASSERT_EQ(devices(), expected());
         }
     }
-    EXPECT_GT(kernel()["mended"], 0);
+    EXPECT_GT(mended_before + kernel()["mended"].get<int>(), 0);
 }
 
 } // namespace
