@@ -45,6 +45,7 @@ enum client_event_type : uint32_t {
     SERVICE_EVENT = 0,
     PROCEDURE_RESULT_EVENT = 1,
     IEPCSI_EVENT = 2,
+    PATHS_WANTED_EVENT = 3, // the automation agent asks for the path of every link; no payload
 };
 
 // Payload word 1 of a SERVICE_EVENT: three per client, in one numbering.

@@ -5,7 +5,6 @@
 #include <iterator>
 
 #include "client_framework.hpp"
-#include "manager/port_macs.hpp"
 #include "ns.h"
 #include "vorn_trace.hpp"
 
@@ -44,27 +43,15 @@ void send_connection_establishment_req()
 
 // ---- Paths ----
 
-// Zeros when the port's own MAC is not to be had.
-mac_address near_end_cpm_mac(const IemliLinkData *data)
+void send_path(uint32_t msgno, const aasi_path &path)
 {
-    mac_address mac = {};
-    uint32_t reason = 0;
-    if (!fetch_local_supervision_mac(data->imlPortName, &mac, &reason)) {
-        VORN_TRACE(TRACE_ERROR, "Could not fetch near end cpm mac, reason: %u", reason);
-        mac = {};
-    }
-    return mac;
-}
-
-void send_path(uint32_t msgno, const iml_link *link)
-{
-    const IemliLinkData *data = link->link_data;
+    const IemliLinkData *data = path.data;
     const size_t list_size = sizeof(IemliAppLink) * static_cast<size_t>(data->numberOfAppLinks);
     auto *req = static_cast<aasi_path_req *>(client_alloc_request(&client, sizeof(aasi_path_req) + list_size, msgno));
-    req->link_ref = to_be32(link->link_ref);
+    req->link_ref = to_be32(path.link_ref);
     req->latency_req = to_be32(AASI_LATENCY_REQ);
     client_copy_text(req->port_name, sizeof req->port_name, data->imlPortName, sizeof data->imlPortName);
-    req->near_end_cpm_mac = near_end_cpm_mac(data);
+    req->near_end_cpm_mac = path.near_end_cpm_mac;
     req->remote_cpm_mac = data->farEndCpmMac;
     req->vlan_id = to_be16(data->vlanId);
     req->number_of_app_links = to_be32(data->numberOfAppLinks);
@@ -72,7 +59,7 @@ void send_path(uint32_t msgno, const iml_link *link)
     VORN_TRACE_SEND(msgno, client.server_mbox,
                     "%s: connection_ref=%u, procedure_ref=0x%x, link_ref=%u, port_name=%s, vlan_id=%u, "
                     "number_of_app_links=%u",
-                    aasi_msg_to_string(msgno), client.connection_ref, client.procedure_ref, link->link_ref,
+                    aasi_msg_to_string(msgno), client.connection_ref, client.procedure_ref, path.link_ref,
                     req->port_name, data->vlanId, data->numberOfAppLinks);
     client_send(&client, req);
 }
@@ -198,11 +185,8 @@ void handle_config_update_ind(const itc_msg *msg)
     VORN_TRACE_REC(msg->msgno, itc_sender(msg),
                    "AUTOMATIONAGENTSI_CONFIG_UPDATE_IND: connection_ref=%u, procedure_ref=0x%x, number_of_services=%u",
                    client_connection_ref(msg), client_procedure_ref(msg), from_be32(ind->number_of_services));
-    if (!lists_vorn_paths(ind)) {
-        return;
-    }
-    for (const iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
-        aasi_send_path_create(link);
+    if (lists_vorn_paths(ind)) {
+        client_raise_event(&client, {PATHS_WANTED_EVENT, {}});
     }
 }
 
@@ -262,23 +246,24 @@ bool aasi_client_dispatch(const itc_msg *msg)
     return client_dispatch(RECEIVED, std::size(RECEIVED), received_name, msg);
 }
 
-void aasi_send_path_create(const iml_link *link) { send_path(AUTOMATIONAGENTSI_VORN_PATH_CREATE_REQ, link); }
+void aasi_send_path_create(const aasi_path &path) { send_path(AUTOMATIONAGENTSI_VORN_PATH_CREATE_REQ, path); }
 
-void aasi_send_path_update(const iml_link *link) { send_path(AUTOMATIONAGENTSI_VORN_PATH_UPDATE_REQ, link); }
+void aasi_send_path_update(const aasi_path &path) { send_path(AUTOMATIONAGENTSI_VORN_PATH_UPDATE_REQ, path); }
 
-void aasi_send_path_delete(const IemliLinkData *data, uint32_t link_ref)
+void aasi_send_path_delete(const aasi_path &path)
 {
+    const IemliLinkData *data = path.data;
     auto *req = static_cast<aasi_path_delete_req *>(
         client_alloc_request(&client, sizeof(aasi_path_delete_req), AUTOMATIONAGENTSI_VORN_PATH_DELETE_REQ));
-    req->link_ref = to_be32(link_ref);
+    req->link_ref = to_be32(path.link_ref);
     client_copy_text(req->port_name, sizeof req->port_name, data->imlPortName, sizeof data->imlPortName);
-    req->near_end_cpm_mac = near_end_cpm_mac(data);
+    req->near_end_cpm_mac = path.near_end_cpm_mac;
     req->remote_cpm_mac = data->farEndCpmMac;
     req->vlan_id = to_be16(data->vlanId);
     VORN_TRACE_SEND(AUTOMATIONAGENTSI_VORN_PATH_DELETE_REQ, client.server_mbox,
                     "AUTOMATIONAGENTSI_VORN_PATH_DELETE_REQ: connection_ref=%u, procedure_ref=0x%x, link_ref=%u, "
                     "port_name=%s, vlan_id=%u",
-                    client.connection_ref, client.procedure_ref, link_ref, req->port_name, data->vlanId);
+                    client.connection_ref, client.procedure_ref, path.link_ref, req->port_name, data->vlanId);
     client_send(&client, req);
 }
 

@@ -157,6 +157,13 @@ void client_raise_result(client_record *client, uint32_t code, const itc_msg *ms
     client->handler(&client->result);
 }
 
+void client_raise_event(const client_record *client, const client_event &event)
+{
+    if (has_handler(client)) {
+        client->handler(&event);
+    }
+}
+
 void client_fail(client_record *client, uint32_t faulty_event, client_state faulty_state)
 {
     client_raise_service_event(client, faulty_event);

@@ -71,6 +71,8 @@ void client_send(const client_record *client, void *msg);
 void client_raise_service_event(client_record *client, uint32_t event);
 // Never swallowed. `msg`: the answer whose procedure_ref the manager waits for.
 void client_raise_result(client_record *client, uint32_t code, const itc_msg *msg);
+// Never swallowed, and not remembered.
+void client_raise_event(const client_record *client, const client_event &event);
 // Raises the faulty event, then enters the faulty state.
 void client_fail(client_record *client, uint32_t faulty_event, client_state faulty_state);
 

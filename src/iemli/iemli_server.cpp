@@ -6,12 +6,11 @@
 
 #include <cstdlib>
 
-#include "base/daemon_state.hpp"
 #include "iemli_handlers.hpp"
 #include "iemli_queue.hpp"
 #include "iemli_send.hpp"
 #include "iemli_session.hpp"
-#include "manager/link_procedures.hpp"
+#include "manager/link_paths.hpp"
 #include "ns.h"
 #include "vorn_trace.hpp"
 
@@ -203,15 +202,11 @@ void confirm(const IemliSession *session, uint32_t link_ref, const IemliPendingR
     switch (pending->action) {
     case IEMLI_PENDING_CREATE:
         send_create_cfm(client, link_ref);
-        if (is_aasi_service_up()) {
-            iml_link_create_path(link_ref);
-        }
+        iml_link_create_path(link_ref);
         break;
     case IEMLI_PENDING_UPDATE:
         send_update_cfm(client);
-        if (is_aasi_service_up()) {
-            iml_link_update_path(link_ref);
-        }
+        iml_link_update_path(link_ref);
         break;
     case IEMLI_PENDING_DELETE:
         send_delete_cfm(client);

@@ -3,11 +3,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/daemon_state.hpp"
-#include "clients/aasi_client.hpp"
 #include "clients/emi_client.hpp"
 #include "clients/iepcsi_client.hpp"
 #include "clients/pmi_client.hpp"
+#include "link_paths.hpp"
 #include "link_procedure.hpp"
 #include "link_supervision.hpp"
 #include "link_table.hpp"
@@ -96,9 +95,7 @@ void confirm_create(iml_link_proc *proc, const iml_link *link)
     const uint32_t disabled_reason = link->disabled_reason;
     links_report()->confirmed(link_ref, &proc->request);
     links_report()->status(owner, link_ref, status, disabled_reason);
-    if (is_aasi_service_up()) {
-        aasi_send_path_info(link_ref, 0, 0, 0, status);
-    }
+    iml_link_path_status(link_ref, status);
 }
 
 void take_back_added_endpoints(iml_link_proc *proc)
@@ -262,7 +259,7 @@ void link_proc_confirm_delete(iml_link_proc *proc)
     links_report()->confirmed(link_ref, &proc->request);
     if (proc->link_data == nullptr) {
         VORN_TRACE(TRACE_WARNING, "WARNING: Vorn path cannot be deleted for non existing iml");
-    } else if (is_aasi_service_up()) {
-        aasi_send_path_delete(proc->link_data, link_ref);
+    } else {
+        iml_link_delete_path(link_ref, proc->link_data);
     }
 }

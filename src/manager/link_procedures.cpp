@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 
-#include "clients/aasi_client.hpp"
 #include "clients/emi_client.hpp"
 #include "clients/fmi_client.hpp"
 #include "clients/iepcsi_client.hpp"
@@ -364,28 +363,6 @@ void iml_link_delete_all_of_connection(uint32_t connection_ref)
             iml_link_delete(link->link_ref, connection_ref, nullptr);
         }
     }
-}
-
-void iml_link_create_path(uint32_t link_ref)
-{
-    const iml_link *link = iml_link_look_up(link_ref);
-    if (link == nullptr) {
-        VORN_TRACE(TRACE_WARNING, "WARNING:vorn path cannot be created for non-existing IML link, link_ref=%u",
-                   link_ref);
-        return;
-    }
-    aasi_send_path_create(link);
-}
-
-void iml_link_update_path(uint32_t link_ref)
-{
-    const iml_link *link = iml_link_look_up(link_ref);
-    if (link == nullptr) {
-        VORN_TRACE(TRACE_WARNING, "WARNING:vorn path cannot be updated for non-existing IML link, link_ref=%u",
-                   link_ref);
-        return;
-    }
-    aasi_send_path_update(link);
 }
 
 uint32_t link_procedure_count() { return proc_count; }

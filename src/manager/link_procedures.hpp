@@ -26,10 +26,6 @@ void iml_link_delete_all_of_connection(uint32_t connection_ref);
 void handle_link_event(const client_event &event);
 void handle_port_event(const client_event &event);
 
-// The link's transport path at the automation agent, after a confirmed create or update.
-void iml_link_create_path(uint32_t link_ref);
-void iml_link_update_path(uint32_t link_ref);
-
 // How many procedures are open.
 uint32_t link_procedure_count();
 // Frees every open procedure and its request; answers nobody.

@@ -7,9 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/daemon_state.hpp"
 #include "base/own_mailbox.hpp"
-#include "clients/aasi_client.hpp"
+#include "link_paths.hpp"
 #include "link_reports.hpp"
 #include "namespace.hpp"
 #include "port_mapping.hpp"
@@ -211,9 +210,7 @@ void change_status(iml_link *link, uint32_t status, uint32_t disabled_reason)
 {
     iml_link_write_status(link, status, disabled_reason);
     links_report()->status(link->connection_ref, link->link_ref, status, disabled_reason);
-    if (is_aasi_service_up()) {
-        aasi_send_path_info(link->link_ref, 0, 0, 0, status);
-    }
+    iml_link_path_status(link->link_ref, status);
 }
 
 void disable_after_port_event(iml_link *link, uint32_t disabled_reason)

@@ -8,6 +8,7 @@
 #include "clients/iepcsi_client.hpp"
 #include "clients/pmi_client.hpp"
 #include "iemli/iemli_server.hpp"
+#include "link_paths.hpp"
 #include "link_procedures.hpp"
 #include "link_reports.hpp"
 #include "link_table.hpp"
@@ -94,6 +95,9 @@ void client_event_cb(const client_event *event)
         break;
     case IEPCSI_EVENT:
         handle_port_event(*event);
+        break;
+    case PATHS_WANTED_EVENT:
+        iml_link_create_all_paths();
         break;
     default:
         VORN_TRACE(TRACE_ERROR, "Unknown event type %u", event->type);

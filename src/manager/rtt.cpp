@@ -2,9 +2,8 @@
 // may ask for it, and with which settings, was checked before.
 #include "rtt.hpp"
 
-#include "base/daemon_state.hpp"
-#include "clients/aasi_client.hpp"
 #include "clients/iepcsi_client.hpp"
+#include "link_paths.hpp"
 #include "link_reports.hpp"
 #include "link_supervision.hpp"
 #include "port_mapping.hpp"
@@ -24,10 +23,8 @@ void report_batch(iml_link *link)
                stats.rtt_validity, link->link_ref, link->connection_ref);
     links_report()->rtt(link->connection_ref, link->link_ref, stats);
     link->samples_since_report -= link->rtt.batchSize;
-    if (is_aasi_service_up()) {
-        // The agent takes nanoseconds within a second: the seconds are left out on purpose.
-        aasi_send_path_info(link->link_ref, stats.min_nsec, stats.max_nsec, stats.avg_nsec, link->status);
-    }
+    // The agent takes nanoseconds within a second: the seconds are left out on purpose.
+    iml_link_path_info(link->link_ref, stats.min_nsec, stats.max_nsec, stats.avg_nsec, link->status);
 }
 
 bool fetch_port_of_link(const iml_link *link, eth_port *port)

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "iemli/iemli_session.hpp"
+#include "manager/link_paths.hpp"
 #include "manager/rtt.hpp"
 #include "transcript.hpp"
 
@@ -232,8 +233,10 @@ TEST_F(UntracedRefusals, StayRefusals)
     EXPECT_FALSE(iepcsi_remove_port_vlan(nullptr, 1));
     fmi_create_policer(3, "DiPort_A1");
     fmi_create_policer(0, "DiPort_A1");
+    set_aasi_service_up(true);
     iml_link_create_path(99);
     iml_link_update_path(99);
+    set_aasi_service_up(false);
     iml_link_set_status(99, IML_LINK_ENABLED, 0);
     iemli_send_link_status_ind(99, 1, IML_LINK_ENABLED, 0);
     iemli_send_link_rtt_ind(99, 1, stats);

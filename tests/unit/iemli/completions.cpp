@@ -74,9 +74,10 @@ TEST_F(IemliCompletions, ACreateAsksForThePathAfterItsConfirm)
 {
     set_aasi_service_up(true);
     start(create_req(0x61, 1, {.vlan = 200}));
+    const uint32_t link_ref = add_link(1, {.vlan = 200});
     fake::on_send([](const fake::Sent &) { fake::calls().emplace_back("sent"); });
-    neighbours::confirm(12);
-    EXPECT_THAT(calls(), ElementsAre("sent", "path create 12"));
+    neighbours::confirm(link_ref);
+    EXPECT_THAT(calls(), ElementsAre("sent", "path create " + std::to_string(link_ref)));
     fake::sent().clear();
 }
 
@@ -95,8 +96,9 @@ TEST_F(IemliCompletions, AsksForThePathBeforeTheNextRequestIsTaken)
     set_aasi_service_up(true);
     start(create_req(0x61, 1, {.vlan = 200}));
     EXPECT_TRUE(offer(CLIENT_B, delete_req(0x62, 2, 5)));
-    neighbours::confirm(12);
-    EXPECT_THAT(calls(), ElementsAre("path create 12", "delete 5 of 2"));
+    const uint32_t link_ref = add_link(1, {.vlan = 200});
+    neighbours::confirm(link_ref);
+    EXPECT_THAT(calls(), ElementsAre("path create " + std::to_string(link_ref), "delete 5 of 2"));
     fake::sent().clear();
 }
 

@@ -5,6 +5,7 @@
 #include <deque>
 #include <utility>
 
+#include "clients/aasi_client.hpp"
 #include "clients/iepcsi_client.hpp"
 #include "manager/link_procedures.hpp"
 #include "manager/rtt.hpp"
@@ -145,8 +146,13 @@ void iml_link_delete_all_of_connection(uint32_t connection_ref)
     }
 }
 
-void iml_link_create_path(uint32_t link_ref) { note("path create " + number(link_ref)); }
-void iml_link_update_path(uint32_t link_ref) { note("path update " + number(link_ref)); }
+void aasi_send_path_create(const aasi_path &path) { note("path create " + number(path.link_ref)); }
+void aasi_send_path_update(const aasi_path &path) { note("path update " + number(path.link_ref)); }
+void aasi_send_path_delete(const aasi_path &path) { note("path delete " + number(path.link_ref)); }
+void aasi_send_path_info(uint32_t link_ref, uint32_t, uint32_t, uint32_t, uint32_t)
+{
+    note("path info " + number(link_ref));
+}
 
 bool rtt_enable(uint32_t link_ref, const rtt_settings &settings)
 {

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include "manager/link_paths.hpp"
 #include "manager/link_procedure.hpp"
 #include "support/daemon.hpp"
 
@@ -1065,6 +1066,7 @@ TEST_F(LinkProcedure, TellsNoAutomationAgentThatIsNotThere)
 
 TEST_F(LinkProcedure, HasNoPathForALinkThatIsNotThere)
 {
+    set_aasi_service_up(true);
     iml_link_create_path(4);
     iml_link_update_path(5);
     EXPECT_THAT(fake::traces(),
