@@ -173,11 +173,12 @@ class Machine:
                     echo.write(printed[-1])
                     echo.flush()
 
-            number, status = self._read_line(time.monotonic() + bound_s, script, take_output).split()
+            # A command that was given up, in a test that ends, answers late.
+            number = 0
+            while number != self.next_id:
+                number, status = map(int, self._read_line(time.monotonic() + bound_s, script, take_output).split())
             take_output()
-        if int(number) != self.next_id:
-            raise MachineFailed(f"{self.name}: the answer to command {number}, not {self.next_id}")
-        return int(status), "".join(printed)
+        return status, "".join(printed)
 
     def run(self, script, bound_s=COMMAND_BOUND_S):
         status, output = self.try_run(script, bound_s)

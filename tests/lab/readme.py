@@ -11,14 +11,26 @@ class ReadmeFailed(Exception):
     """The README does not say what somebody could follow."""
 
 
+def section():
+    text = (image.PROJECT / "README.md").read_text()
+    found = re.search(rf"^## {SECTION}\n(.*?)(?=^## |\Z)", text, re.MULTILINE | re.DOTALL)
+    if not found:
+        raise ReadmeFailed(f"README.md has no section \"{SECTION}\"")
+    return found[1]
+
+
+def memory_mib():
+    """What registry, services and daemon take at most."""
+    found = re.search(r"(\d+) MiB of memory", section())
+    if not found:
+        raise ReadmeFailed(f"README.md, section \"{SECTION}\", does not say how much memory is taken")
+    return int(found[1])
+
+
 def blocks(language):
     """By the heading they stand under, the fenced blocks of a language of the section, one after the other."""
-    text = (image.PROJECT / "README.md").read_text()
-    section = re.search(rf"^## {SECTION}\n(.*?)(?=^## |\Z)", text, re.MULTILINE | re.DOTALL)
-    if not section:
-        raise ReadmeFailed(f"README.md has no section \"{SECTION}\"")
     found = {}
-    for part in re.split(r"^### ", section[1], flags=re.MULTILINE)[1:]:
+    for part in re.split(r"^### ", section(), flags=re.MULTILINE)[1:]:
         heading, _, body = part.partition("\n")
         found[heading.strip()] = "".join(re.findall(rf"^```{language}\n(.*?)^```$", body, re.MULTILINE | re.DOTALL))
     return found
