@@ -80,7 +80,11 @@ using check = std::function<std::string(const std::string &)>; // what is wrong 
 bool read_text(file &f, const toml::node &node, const check &wrong_with, std::string *to)
 {
     const auto *text = node.as_string();
-    const std::string bad = text == nullptr ? "must be a text" : wrong_with(text->get());
+    if (text == nullptr) {
+        f.refuse(node.source(), "must be a text");
+        return false;
+    }
+    const std::string bad = wrong_with(text->get());
     if (!bad.empty()) {
         f.refuse(node.source(), bad);
         return false;
@@ -298,6 +302,7 @@ std::vector<port_config> read_ports(file &f, const toml::node &node)
                      [](const port_entry &a, const port_entry &b) { return a.at.begin < b.at.begin; });
     check_ports(f, entries);
     std::vector<port_config> ports;
+    ports.reserve(entries.size());
     for (port_entry &entry : entries) {
         ports.push_back(std::move(entry.port));
     }
