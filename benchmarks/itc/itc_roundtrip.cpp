@@ -1,7 +1,8 @@
 /*
  * What a message costs: the round trip of 344 bytes between two processes over libitc, and over a bare Unix stream
  * socket with blocking reads and writes, in turns in the same run, both processes on one core; back to back, and one
- * every 2 ms. Then small messages with a backlog, against the same bytes written one by one to a bare socket.
+ * every 2 ms. Then small messages with a backlog, against the same bytes written one by one to a bare socket; and what
+ * a small message to a mailbox of the same thread costs, against the block of memory that it is.
  *
  * Starts the itcd that was built with it, in a mount namespace of its own: needs root, and touches nothing of the
  * machine's /run. Each figure is the median of its rounds.
@@ -187,13 +188,14 @@ template <typename Trip> double sparse(Trip trip)
     return median(times);
 }
 
-void print(const char *what, const std::vector<double> &itc, const std::vector<double> &bare)
+void print(const char *what, const std::vector<double> &itc, const std::vector<double> &bare,
+           const char *yardstick = "bare stream socket")
 {
     std::vector<double> ratios;
     for (size_t i = 0; i < itc.size(); i++) {
         ratios.push_back(itc[i] / bare[i]);
     }
-    printf("%-44s libitc %7.2f us   bare stream socket %7.2f us   ratio %.2f\n", what, median(itc), median(bare),
+    printf("%-44s libitc %7.2f us   %s %7.2f us   ratio %.2f\n", what, median(itc), yardstick, median(bare),
            median(ratios));
 }
 
@@ -234,6 +236,29 @@ double small_over_socket(int fd)
     char done;
     if (!read_whole(fd, &done, 1)) {
         give_up("read");
+    }
+    return microseconds(clock_type::now() - begin) / small_messages;
+}
+
+double small_to_itself()
+{
+    const uint32_t own = itc_current_mbox();
+    const auto begin = clock_type::now();
+    for (int i = 0; i < small_messages; i++) {
+        itc_msg *msg = itc_alloc(small_size, SMALL);
+        itc_send(&msg, own, ITC_MY_MBOX);
+        msg = itc_receive(nullptr, ITC_NO_TIMEOUT, ITC_FROM_ANY);
+        itc_free(&msg);
+    }
+    return microseconds(clock_type::now() - begin) / small_messages;
+}
+
+double memory_of_small()
+{
+    const auto begin = clock_type::now();
+    for (int i = 0; i < small_messages; i++) {
+        void *volatile memory = malloc(small_size + 64);
+        free(memory);
     }
     return microseconds(clock_type::now() - begin) / small_messages;
 }
@@ -287,6 +312,13 @@ void measure(int rounds, uint32_t to, int echo, int sink)
         bare.push_back(small_over_socket(sink));
     }
     print("one of 200,000 messages of 16 bytes, one way", itc, bare);
+    itc.clear();
+    bare.clear();
+    for (int i = 0; i < rounds; i++) {
+        itc.push_back(small_to_itself());
+        bare.push_back(memory_of_small());
+    }
+    print("a message of 16 bytes to itself", itc, bare, "malloc and free");
 }
 
 constexpr program_call PROGRAM = {
