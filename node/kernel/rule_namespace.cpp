@@ -2,17 +2,15 @@
 #include "kernel/rule_namespace.hpp"
 
 #include "kernel/attributes.hpp"
+#include "kernel/links.hpp"
 
 #include <libmnl/libmnl.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/rtnetlink.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -79,16 +77,6 @@ std::string device_of(const nlattr *hook)
     return device;
 }
 
-int index_of(int control, const std::string &name)
-{
-    ifreq asked{};
-    if (name.empty() || name.size() >= sizeof asked.ifr_name) {
-        return 0;
-    }
-    memcpy(asked.ifr_name, name.data(), name.size());
-    return ioctl(control, SIOCGIFINDEX, &asked) == 0 ? asked.ifr_ifindex : 0;
-}
-
 void say(const std::string &line) { (void)fprintf(stderr, "kap-node fmi: %s\n", line.c_str()); }
 
 } // namespace
@@ -97,14 +85,7 @@ rule_namespace::kernel_side::kernel_side(const std::string &name_space)
     : filter(name_space), questions(NETLINK_NETFILTER, name_space),
       filter_news(NETLINK_NETFILTER, name_space, FILTER_NEWS), link_news(NETLINK_ROUTE, name_space, LINK_NEWS)
 {
-    const namespace_visit visit(name_space);
-    control = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0); // any family will do, and its unit lets it have this one
-    if (control < 0) {
-        throw std::system_error(errno, std::generic_category(), "a socket");
-    }
 }
-
-rule_namespace::kernel_side::~kernel_side() { close(control); }
 
 rule_namespace::rule_namespace(std::string name, rule_report &report) : name_(std::move(name)), report_(report) {}
 
@@ -163,7 +144,12 @@ bool rule_namespace::open_kernel()
     if (identity == namespace_identity()) {
         return false;
     }
-    kernel_ = std::make_unique<kernel_side>(name_);
+    try {
+        kernel_ = std::make_unique<kernel_side>(name_);
+    } catch (const std::system_error &problem) {
+        note_refusal({problem.code().value(), problem.what()});
+        return false;
+    }
     identity_ = identity;
     compare_ = true;
     if (hooks_.watch) {
@@ -174,15 +160,14 @@ bool rule_namespace::open_kernel()
 
 void rule_namespace::settle(millis now)
 {
-    const bool first = !started_;
-    started_ = started_.value_or(now);
     if (!open_kernel()) {
         return;
     }
-    if (first) {
+    if (!inherited_at_) {
+        inherited_at_ = now;
         inherit();
     }
-    if (inheriting_ && now >= *started_ + LEFTOVERS_KEPT_MS) {
+    if (inheriting_ && now >= *inherited_at_ + LEFTOVERS_KEPT_MS) {
         end_inheritance();
     }
     read_news();
@@ -245,7 +230,7 @@ bool rule_namespace::interfaces_differ()
 {
     return std::any_of(ports_.begin(), ports_.end(), [&](const auto &entry) {
         const kept_port &port = entry.second;
-        return port.asked && index_of(kernel_->control, port.layout.interface) != port.index;
+        return port.asked && index_of(kernel_->questions, port.layout.interface) != port.index;
     });
 }
 
@@ -466,7 +451,7 @@ std::optional<kernel_refusal> rule_namespace::make_anew(const table_picture &pic
     }
     for (kept_port *port : anew) {
         port->expected = !refused;
-        port->index = refused ? 0 : index_of(kernel_->control, port->layout.interface);
+        port->index = refused ? 0 : index_of(kernel_->questions, port->layout.interface);
     }
     return refused;
 }
@@ -476,7 +461,7 @@ std::optional<kernel_refusal> rule_namespace::replace_table()
 {
     json commands = json::array({{{"add", whole_table()}}, {{"delete", whole_table()}}, {{"add", whole_table()}}});
     for (auto &[name, port] : ports_) {
-        if (port.asked && index_of(kernel_->control, port.layout.interface) != 0) {
+        if (port.asked && index_of(kernel_->questions, port.layout.interface) != 0) {
             append(commands, make_port(port.layout));
         }
     }
@@ -495,7 +480,7 @@ std::vector<rule_namespace::kept_port *> rule_namespace::wrong_ports(const table
 {
     std::vector<kept_port *> wrong;
     for (auto &[name, port] : ports_) {
-        if (port.asked && index_of(kernel_->control, port.layout.interface) != 0 &&
+        if (port.asked && index_of(kernel_->questions, port.layout.interface) != 0 &&
             (!port.expected || !shows_port(picture, port.layout))) {
             wrong.push_back(&port);
         }
@@ -543,7 +528,7 @@ void rule_namespace::give_up_lost(const table_picture &picture)
     for (auto &[name, port] : ports_) {
         const auto device = picture.devices.find(name);
         if (device != picture.devices.end() && device->second != port.layout.interface &&
-            index_of(kernel_->control, port.layout.interface) == 0) {
+            index_of(kernel_->questions, port.layout.interface) == 0) {
             port.expected = false;
         }
     }
@@ -552,7 +537,7 @@ void rule_namespace::give_up_lost(const table_picture &picture)
 void rule_namespace::note_interfaces()
 {
     for (auto &[name, port] : ports_) {
-        const int index = index_of(kernel_->control, port.layout.interface);
+        const int index = index_of(kernel_->questions, port.layout.interface);
         if (port.asked && index != 0 && port.index != index) {
             note_interface(port, index);
         }
@@ -573,7 +558,7 @@ void rule_namespace::tell_mended(const std::vector<kept_port *> &wrong)
 {
     bool disturbed = wrong.empty() && !std::exchange(tidying_, false);
     for (kept_port *port : wrong) {
-        const int index = index_of(kernel_->control, port->layout.interface);
+        const int index = index_of(kernel_->questions, port->layout.interface);
         if (index != port->index) {
             note_interface(*port, index);
         } else if (port->expected) {
@@ -607,7 +592,7 @@ std::optional<kernel_refusal> rule_namespace::apply(const std::string &name, con
     const kept_port before = port;
     port.layout.rules = wanted;
     port.asked = port.wanted_once = true;
-    const int index = kernel_ ? index_of(kernel_->control, port.layout.interface) : 0;
+    const int index = kernel_ ? index_of(kernel_->questions, port.layout.interface) : 0;
     if (index == 0) {
         number_missing(port.layout);
         port.expected = false;
@@ -651,7 +636,7 @@ json rule_namespace::show()
     for (const auto &[name, port] : ports_) {
         if (port.asked) {
             shown[name] = shown_counts(port.layout, counted_);
-            shown[name]["interface_present"] = kernel_ && index_of(kernel_->control, port.layout.interface) != 0;
+            shown[name]["interface_present"] = kernel_ && index_of(kernel_->questions, port.layout.interface) != 0;
             shown[name]["inherited"] = !port.layout.inherited.empty();
         }
     }

@@ -61,15 +61,10 @@ private:
     // What is open in the namespace.
     struct kernel_side {
         explicit kernel_side(const std::string &name_space);
-        ~kernel_side();
-        kernel_side(const kernel_side &) = delete;
-        kernel_side &operator=(const kernel_side &) = delete;
-
         nft_context filter;
         netlink_socket questions;
         netlink_socket filter_news;
         netlink_socket link_news;
-        int control = -1; // to ask for an interface by its name
     };
 
     bool open_kernel();
@@ -112,9 +107,9 @@ private:
     std::optional<uint32_t> known_generation_; // of which everything was in order
     bool compare_ = true;                      // whatever the generation is
     bool links_changed_ = false;
-    std::optional<millis> started_;
-    bool inheriting_ = false;
-    bool tidying_ = false; // what nobody expects any more is no disturbance
+    std::optional<millis> inherited_at_; // when it was looked for what an earlier run has left
+    bool inheriting_ = false;            // and that is in force
+    bool tidying_ = false;               // what nobody expects any more is no disturbance
     std::string refusal_told_;
     std::set<std::string> disturbers_;
     std::map<std::string, frame_count> counted_; // as last read
