@@ -35,13 +35,14 @@ std::string process_tail(const child_process &child)
 
 // ---- The node's configuration ---------------------------------------------------------------------------------------
 
-void write_port(std::ostream &out, const stage_port &port)
+void write_port(std::ostream &out, const stage &s, const stage_port &port)
 {
     out << "[ports." << port.iemli_name << "]\n"
         << "name = \"" << port.node_name << "\"\n"
         << "fmi_name = \"" << port.fmi_name << "\"\n"
         << "interface = \"" << port.wire.interface << "\"\n"
         << "namespace = \"" << NEAR_NAMESPACE << "\"\n"
+        << "vlan = \"" << s.vlan << "\"\n"
         << "vlan_interfaces = " << (port.wire.vlan_device != 0 ? "true" : "false") << "\n";
 }
 
@@ -49,9 +50,9 @@ void write_config(const stage &s)
 {
     std::ofstream out(CONFIG_PATH);
     std::string far_interfaces;
-    out << "backend = \"memory\"\n";
+    out << "backend = \"" << s.backend << "\"\n";
     for (const stage_port &port : s.ports) {
-        write_port(out, port);
+        write_port(out, s, port);
         far_interfaces += (far_interfaces.empty() ? "\"" : ", \"") + std::string(port.wire.interface) + "\"";
     }
     out << "[[far_end]]\nnamespace = \"" << FAR_NAMESPACE << "\"\ninterfaces = [" << far_interfaces << "]\n";

@@ -38,6 +38,8 @@ struct stage {
     // By name, the words that stand before a program's own: they make it another user, with other rights and limits.
     std::map<std::string, std::vector<std::string>> launchers;
     std::map<std::string, child_process> processes; // by name; one that may end is taken out before it does
+    std::string backend = "memory";                 // of the node's services, or "kernel"
+    std::string vlan = "device";                    // what opening a VLAN does, where it does something
 };
 
 inline constexpr const char *DAEMON = "kap-vorn";
