@@ -86,6 +86,12 @@ std::optional<journal_words> read_entry(const std::string &text)
 // The answer to a removal that means that nothing was there.
 bool is_gone_already(const kernel_refusal &refused) { return refused.error == ENOENT || refused.error == ENODEV; }
 
+// Of a VLAN that its bridge port lets through no more: the kernel says that there is no such thing to take away.
+bool is_without_vlan(const address_entry &entry, const kernel_link &on)
+{
+    return entry.forwarding && entry.vlan_id != 0 && on.is_bridge_port && !on.vlans.contains(entry.vlan_id);
+}
+
 } // namespace
 
 endpoint_keeper::endpoint_keeper(const node_config &config)
@@ -327,8 +333,10 @@ std::optional<kernel_refusal> endpoint_keeper::make_static(const scene &where, c
             return std::nullopt;
         }
         const kernel_link *elsewhere = where.links.at(found->second.port);
-        return kernel_refusal{EEXIST, text_of(entry) + " is fixed at " +
-                                          (elsewhere == nullptr ? "another port" : elsewhere->name)};
+        if (!take_from_stuck(where, entry, found->second.port)) {
+            return kernel_refusal{EEXIST, text_of(entry) + " is fixed at " +
+                                              (elsewhere == nullptr ? "another port" : elsewhere->name)};
+        }
     }
     auto refused = put_entry(where.place.ask, where.on.index, entry, when_known::REPLACE);
     if (!refused) {
@@ -337,10 +345,27 @@ std::optional<kernel_refusal> endpoint_keeper::make_static(const scene &where, c
     return refused;
 }
 
+// Whether an entry at another port of ours is nobody's any more, and may move.
+bool endpoint_keeper::take_from_stuck(const scene &where, const address_entry &entry, int port)
+{
+    for (auto &[name, kept] : kept_) {
+        if (kept.index == port && port_of(name).name_space == where.port.name_space && kept.stuck.erase(entry) != 0) {
+            journal_.forget(written({where.place.identity.inode, port, entry, where.port.name_space}));
+            return true;
+        }
+    }
+    return false;
+}
+
 std::optional<kernel_refusal> endpoint_keeper::take_out(const scene &where, kept_port &kept, const address_entry &entry)
 {
     if (kept.entries.at(entry) == holder::us) {
         const auto refused = take_entry(where.place.ask, where.on.index, entry);
+        if (refused && is_without_vlan(entry, where.on)) {
+            kept.stuck.insert(entry);
+            kept.entries.erase(entry);
+            return std::nullopt;
+        }
         if (refused && !is_gone_already(*refused) && !(entry.forwarding && !where.on.is_bridge_port)) {
             return refused;
         }
@@ -398,6 +423,21 @@ void endpoint_keeper::settle_place(const std::string &name_space, millis now)
     places_.forget_news(name_space);
 }
 
+// What is wanted again is taken over by who puts it in, since the journal knows it.
+void endpoint_keeper::take_out_stuck(const scene &where, kept_port &kept, const needs &wanted)
+{
+    const auto stuck = kept.stuck;
+    for (const address_entry &entry : stuck) {
+        if (wanted.now.contains(entry)) {
+            kept.stuck.erase(entry);
+        } else if (!is_without_vlan(entry, where.on)) {
+            (void)take_entry(where.place.ask, where.on.index, entry);
+            journal_.forget(journal_entry(where, entry));
+            kept.stuck.erase(entry);
+        }
+    }
+}
+
 void endpoint_keeper::settle_port(const scene &where, kept_port &kept)
 {
     const needs wanted = needs_of(where.port.fmi_name, where.links, where.on);
@@ -405,6 +445,7 @@ void endpoint_keeper::settle_port(const scene &where, kept_port &kept)
     const bool is_back = kept.index == 0;
     kept.index = where.on.index;
     kept.waiting = wanted.waiting;
+    take_out_stuck(where, kept, wanted);
     if (wanted.now.empty() && kept.entries.empty()) {
         return;
     }
@@ -471,6 +512,9 @@ void endpoint_keeper::remove_left_entries(const std::string &name_space, kernel_
         } else if (const auto since = left_since_.try_emplace(line, now).first->second;
                    now - since >= LEFTOVERS_KEPT_MS) {
             const auto refused = take_entry(place.ask, words->port, words->entry);
+            if (refused && !is_gone_already(*refused) && is_without_vlan(words->entry, *on)) {
+                continue;
+            }
             if (!refused) {
                 report_.left_over(on->name + ": " + text_of(words->entry) +
                                   ", which an earlier run has left, is taken away");

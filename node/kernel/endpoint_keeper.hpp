@@ -7,7 +7,9 @@
 //              (01:80:C2:00:00:0E), into its unicast one.
 //   far end    where the interface is the port of a bridge: a static entry of its forwarding table, in the link's VLAN;
 //              without a VLAN where the bridge tells none apart. It waits until the VLAN is let through on the port,
-//              which is another service's work. On any other interface: nothing, since nothing is forwarded.
+//              which is another service's work. When the VLAN goes first, the kernel refuses to take the entry away: it
+//              lies there without effect, and goes when the VLAN is back, or moves with its address to another port.
+//              On any other interface: nothing, since nothing is forwarded.
 //
 // What several endpoints need is one entry. What was there before is somebody else's: it serves and stays; an address
 // that the bridge has only learnt is made static, one that somebody has fixed at another port is refused. None of this
@@ -57,6 +59,7 @@ private:
         int index = 0; // of the interface; 0: it is away
         std::map<address_entry, holder> entries;
         std::set<address_entry> waiting; // for their VLAN
+        std::set<address_entry> stuck;   // unwanted, and the kernel takes them away only once their VLAN is back
     };
     struct needs {
         std::set<address_entry> now;
@@ -77,11 +80,13 @@ private:
     std::optional<kernel_refusal> put_in(const scene &where, kept_port &kept, const std::set<address_entry> &entries);
     std::optional<kernel_refusal> put_in(const scene &where, const address_entry &entry, holder *by);
     std::optional<kernel_refusal> make_static(const scene &where, const address_entry &entry, holder *by);
+    bool take_from_stuck(const scene &where, const address_entry &entry, int port);
     std::optional<kernel_refusal> take_out(const scene &where, kept_port &kept, const address_entry &entry);
     std::optional<kernel_refusal> remove_unneeded(const std::string &port);
     std::string journal_entry(const scene &where, const address_entry &entry) const;
     void settle_place(const std::string &name_space, millis now);
     void settle_port(const scene &where, kept_port &kept);
+    void take_out_stuck(const scene &where, kept_port &kept, const needs &wanted);
     void remove_left_entries(const std::string &name_space, kernel_place &place, const link_table &links, millis now);
     void port_is_away(const std::string &port);
     bool concerns(const std::string &name_space, const nlmsghdr *message) const;

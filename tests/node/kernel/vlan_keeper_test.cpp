@@ -106,7 +106,7 @@ TEST_F(VlanKeeper, TellsInTheKernelsWordsWhatTheKernelDoesNotDo)
     const auto refused = keeper->open(A1, 100);
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->error, EOPNOTSUPP);
-    EXPECT_EQ(refused->words, has_vlan_devices() ? "VLANs not supported on device" : "Unknown device type");
+    EXPECT_EQ(refused->words, has_vlan_devices() ? "8021q: VLANs not supported on device" : "Unknown device type");
     EXPECT_EQ(kernel()["latest"], json::parse("[\"VLAN 100 of IDL_A1: refused: " + refused->words + "\"]"));
     EXPECT_EQ(kernel()["vlans"], json::array());
 }
