@@ -88,5 +88,18 @@ TEST_F(RuleProgram, ItsRulesOutliveItsDeath)
     expect_in_order();
 }
 
+TEST_F(RuleProgram, ItsRulesAreTakenAwayByCleanAndNobodyElsesAre)
+{
+    start("fmi", NODE);
+    join_node();
+    ask_to_close();
+    nft("add table netdev somebody");
+    signal("fmi", SIGKILL);
+    status_of("fmi");
+    run("ip netns exec near nft list tables | grep -q kap_node");
+    run(std::string(KAP_NODE_PATH) + " clean fmi --config /run/fmi.toml");
+    run("test \"$(ip netns exec near nft list tables)\" = \"table netdev somebody\"");
+}
+
 } // namespace
 } // namespace kap_node
