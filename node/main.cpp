@@ -193,6 +193,9 @@ int run_clean([[maybe_unused]] const std::string &name, [[maybe_unused]] const n
     if (config.backend == backend_kind::kernel && name == "pmi") {
         clean<vlan_keeper>(config);
     }
+    if (config.backend == backend_kind::kernel && name == "emi") {
+        clean<endpoint_keeper>(config);
+    }
     if (config.backend == backend_kind::kernel && name == "fmi") {
         clean<kernel_rules>(config);
     }
