@@ -392,6 +392,16 @@ far_end_totals far_end_get_totals(far_end *f)
     return f->totals;
 }
 
-void far_end_look_anew(far_end *f) { f->names.clear(); }
+// Those that are listed are asked for at once, and not when somebody waits for an answer.
+void far_end_look_anew(far_end *f)
+{
+    f->names.clear();
+    for (const std::string &name : f->interfaces) {
+        const int if_index = packet::interface_index(f->sockets[0], name.c_str());
+        if (if_index != 0) {
+            f->names[if_index] = name;
+        }
+    }
+}
 
 int far_end_socket(const far_end *f) { return f->sockets[0]; }
