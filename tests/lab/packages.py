@@ -11,7 +11,8 @@ INTERFACES = {"eth0": "02:00:00:00:01:00", "eth1": "02:00:00:00:01:01", "eth2": 
 def find(given):
     """The .deb files of a list of files and directories."""
     paths = [pathlib.Path(path) for path in given]
-    return [p.resolve() for path in paths for p in (sorted(path.glob("*.deb")) if path.is_dir() else [path])]
+    found = [p.resolve() for path in paths for p in (sorted(path.glob("*.deb")) if path.is_dir() else [path])]
+    return [path for path in found if path.is_file()]
 
 
 def field(package, name):
