@@ -1,6 +1,7 @@
 // "kap-node prepare" and "kap-node check" on a machine of their own: real namespaces and interfaces.
 #include "live_fixture.hpp"
 #include "name_space.hpp"
+#include "slowness.hpp"
 
 #include <gmock/gmock.h>
 
@@ -113,7 +114,7 @@ TEST_F(Machine, MayLackAnInterfaceWhichIsSaidAndIsNoFailure)
 TEST_F(Machine, IsWaitedForUntilItsInterfacesAreThere)
 {
     run("{ until ip netns | grep -q new; do sleep 0.01; done; ip link add one type veth peer name two; } &");
-    const outcome done = prepare(TWO_PORTS, "--wait 60");
+    const outcome done = prepare(TWO_PORTS, "--wait " + std::to_string(60 * slowness()));
     EXPECT_EQ(done.status, 0);
     EXPECT_EQ(done.err, "");
     EXPECT_TRUE(is_on("new", "one"));
