@@ -220,17 +220,18 @@ void rule_namespace::read_news()
             }
         });
     });
-    const bool all_link_news =
-        kernel_->link_news.read_news([&](const nlmsghdr * /*message*/) { links_changed_ = true; });
-    compare_ = compare_ || !all_filter_news || !all_link_news;
+    // News of interfaces only wake: what has become of those of the ports is asked for.
+    (void)kernel_->link_news.read_news([](const nlmsghdr * /*message*/) {});
+    compare_ = compare_ || !all_filter_news;
 }
 
-// Whether an interface of a port has come or gone.
+// Whether an interface of a port has come or gone, or its rules are still to be made.
 bool rule_namespace::interfaces_differ()
 {
     return std::any_of(ports_.begin(), ports_.end(), [&](const auto &entry) {
         const kept_port &port = entry.second;
-        return port.asked && index_of(kernel_->questions, port.layout.interface) != port.index;
+        const int index = index_of(kernel_->questions, port.layout.interface);
+        return port.asked && (index != port.index || (index != 0 && !port.expected));
     });
 }
 
@@ -491,7 +492,7 @@ std::vector<rule_namespace::kept_port *> rule_namespace::wrong_ports(const table
 // Whether it has to be looked at once more.
 bool rule_namespace::mend_once()
 {
-    compare_ = compare_ || (std::exchange(links_changed_, false) && interfaces_differ());
+    compare_ = compare_ || interfaces_differ();
     const auto now = generation();
     if (!compare_ && now == known_generation_) {
         disturbers_.clear();
@@ -530,6 +531,7 @@ void rule_namespace::give_up_lost(const table_picture &picture)
         if (device != picture.devices.end() && device->second != port.layout.interface &&
             index_of(kernel_->questions, port.layout.interface) == 0) {
             port.expected = false;
+            tidying_ = true;
         }
     }
 }
@@ -538,7 +540,9 @@ void rule_namespace::note_interfaces()
 {
     for (auto &[name, port] : ports_) {
         const int index = index_of(kernel_->questions, port.layout.interface);
-        if (port.asked && index != 0 && port.index != index) {
+        if (port.asked && index == 0) {
+            port.index = 0;
+        } else if (port.asked && port.index != index) {
             note_interface(port, index);
         }
     }

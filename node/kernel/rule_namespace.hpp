@@ -106,10 +106,9 @@ private:
     uint32_t last_number_ = 0;
     std::optional<uint32_t> known_generation_; // of which everything was in order
     bool compare_ = true;                      // whatever the generation is
-    bool links_changed_ = false;
-    std::optional<millis> inherited_at_; // when it was looked for what an earlier run has left
-    bool inheriting_ = false;            // and that is in force
-    bool tidying_ = false;               // what nobody expects any more is no disturbance
+    std::optional<millis> inherited_at_;       // when it was looked for what an earlier run has left
+    bool inheriting_ = false;                  // and that is in force
+    bool tidying_ = false;                     // what nobody expects any more is no disturbance
     std::string refusal_told_;
     std::set<std::string> disturbers_;
     std::map<std::string, frame_count> counted_; // as last read

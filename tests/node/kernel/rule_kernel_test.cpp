@@ -422,6 +422,19 @@ TEST_F(RuleDisturbed, AnInterfaceOfAnotherNameIsNotFilteredAndOneThatGetsTheName
     EXPECT_TRUE(eventually([&] { return seen.count() == 3; }));
 }
 
+TEST_F(RuleDisturbed, RulesThatChangeWhileAnInterfaceHasAnotherNameAreMadeWhenItHasItsOwnAgain)
+{
+    run("ip -n near link set idl_a1 down && ip -n near link set idl_a1 name other");
+    settle();
+    port_rules rules = wanted[IDL];
+    rules.dynamic_rules.erase(3);
+    apply(IDL, rules);
+    settle();
+    run("ip -n near link set other name idl_a1");
+    settle();
+    expect_in_order();
+}
+
 TEST_F(RuleDisturbed, RulesForAnInterfaceThatIsNotThereAreMadeWhenItComes)
 {
     run("ip -n near link del idl_a1");
