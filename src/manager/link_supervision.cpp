@@ -1,5 +1,5 @@
-// Starts and stops the sessions of the supervision library for the links, and turns their results into link status.
-// RTT figures belong to rtt.cpp; which link has which session to the link table.
+// Starts and stops the sessions of the supervision library for the links. What their results mean is decided in
+// supervision_results.cpp; which link has which session stands in the link table.
 //
 // Nothing here answers a client's request, so a link in hand stays: indications and path messages are only sent.
 #include "link_supervision.hpp"
@@ -8,11 +8,9 @@
 #include <cstring>
 
 #include "base/own_mailbox.hpp"
-#include "link_paths.hpp"
-#include "link_reports.hpp"
+#include "link_status.hpp"
 #include "namespace.hpp"
 #include "port_mapping.hpp"
-#include "rtt.hpp"
 #include "vorn_trace.hpp"
 
 static_assert(sizeof(supervision_params) == 48);
@@ -33,7 +31,6 @@ namespace
 
 constexpr uint32_t NAMESPACE_FAILURE = 1;
 constexpr uint32_t LAST_REPORTED_STOP_FAILURE = 3; // the library's results above this one are ignored
-constexpr uint32_t TOLERATED_LOSSES = 5;           // the next one in a row disables the link
 
 constexpr uint32_t KEEP_ALIVE_INTERVAL = 5;
 constexpr uint16_t KEEP_ALIVE_FRAME_SIZE = 64;
@@ -205,20 +202,12 @@ void begin_keep_alive_sessions(const char *if_name, iml_link *link)
     keep_alive_array_free(&previous);
 }
 
-// Writes the status and tells the link's owner and, when it is up, the automation agent.
-void change_status(iml_link *link, uint32_t status, uint32_t disabled_reason)
-{
-    iml_link_write_status(link, status, disabled_reason);
-    links_report()->status(link->connection_ref, link->link_ref, status, disabled_reason);
-    iml_link_path_status(link->link_ref, status);
-}
-
 void disable_after_port_event(iml_link *link, uint32_t disabled_reason)
 {
     VORN_TRACE(TRACE_LINK, "Updated iml link status on link: %u, with port name %s. Old status %s, new status %s",
                link->link_ref, link->link_data->imlPortName, iml_link_status_text(link->status, link->disabled_reason),
                iml_link_status_text(IML_LINK_DISABLED, disabled_reason));
-    change_status(link, IML_LINK_DISABLED, disabled_reason);
+    iml_link_change_status(link, IML_LINK_DISABLED, disabled_reason);
 }
 
 void start_after_port_up(const eth_port &port, iml_link *link)
@@ -258,38 +247,6 @@ void for_links_on_port(const char *iepcsi_port_name, void (*action)(const eth_po
     }
 }
 
-void link_answered(iml_link *link)
-{
-    link->supervision_last_ok = link->supervision_results;
-    if (link->status == IML_LINK_ENABLED) {
-        return;
-    }
-    VORN_TRACE(TRACE_WARNING, "Link status change, from: %s, to: enabled. Link ref: %u",
-               iml_link_status_text(link->status, link->disabled_reason), link->link_ref);
-    change_status(link, IML_LINK_ENABLED, link->disabled_reason);
-}
-
-void link_lost_frame(iml_link *link)
-{
-    ++link->supervision_lost;
-    if (link->status != IML_LINK_ENABLED || link->supervision_last_ok + TOLERATED_LOSSES >= link->supervision_results) {
-        return;
-    }
-    VORN_TRACE(TRACE_WARNING, "Max pings lost, link status change: %s. Link ref: %u",
-               iml_link_status_text(IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY), link->link_ref);
-    change_status(link, IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY);
-}
-
-void handle_ind_of_link(const supervision_ind &ind, iml_link *link)
-{
-    VORN_TRACE(TRACE_TRAFFIC,
-               "Received supervision ind with session id: %u,rtt_sec: %u, rtt_nsec: %u, supervision result: %u",
-               ind.session_id, ind.rtt_sec, ind.rtt_nsec, ind.result);
-    handle_link_supervision_result(ind.result, link);
-    const supervision_rtt rtt = {ind.rtt_sec, ind.rtt_nsec};
-    rtt_record_sample(ind.result, &rtt, link);
-}
-
 } // namespace
 
 void supervision_callback(const supervision_rtt *rtt, uint32_t session_id, uint32_t result)
@@ -303,19 +260,6 @@ void supervision_callback(const supervision_rtt *rtt, uint32_t session_id, uint3
         ind->rtt_nsec = rtt->nsec;
     }
     itc_send(&msg, vorn_own_mailbox(), vorn_own_mailbox());
-}
-
-bool supervision_dispatch(const itc_msg *msg)
-{
-    if (msg->msgno != SUPERVISION_IND) {
-        return false;
-    }
-    if (itc_size(msg) < sizeof(supervision_ind)) {
-        VORN_TRACE(TRACE_ERROR, "%s too short: %zu bytes", "SUPERVISION_IND", itc_size(msg));
-        return true;
-    }
-    handle_supervision_ind(*reinterpret_cast<const supervision_ind *>(msg));
-    return true;
 }
 
 uint32_t start_link_supervision(const char *if_name, const mac_address &local_mac, iml_link *link,
@@ -419,57 +363,5 @@ void restart_link_supervision(const eth_port &port, iml_link *link)
     const uint32_t result = start_link_supervision(place.if_name, port.mac, link, place.name_space);
     if (result != 0) {
         VORN_TRACE(TRACE_ERROR, "Supervision start failed for link: %u. Result: %u", link->link_ref, result);
-    }
-}
-
-void handle_supervision_ind(const supervision_ind &ind)
-{
-    iml_link *link = iml_link_find_by_session(ind.session_id);
-    if (link != nullptr) {
-        handle_ind_of_link(ind, link);
-        return;
-    }
-    keep_alive_session *entry = keep_alive_find_by_session(ind.session_id);
-    if (entry != nullptr) {
-        VORN_TRACE(TRACE_TRAFFIC, "Received supervision ind with session id: %u,supervision result: %u", ind.session_id,
-                   ind.result);
-        handle_keep_alive_result(ind.result, entry);
-        return;
-    }
-    VORN_TRACE(TRACE_WARNING, "WARNING: Received supervision ind(%u) for link that doesn't exist any more.",
-               ind.session_id);
-}
-
-void handle_link_supervision_result(uint32_t result, iml_link *link)
-{
-    ++link->supervision_results;
-    switch (result) {
-    case SUPERVISION_ANSWERED:
-    case SUPERVISION_ANSWERED_NO_TIME:
-    case SUPERVISION_KEEP_ALIVE_OK:
-        link_answered(link);
-        break;
-    case SUPERVISION_LOST:
-        link_lost_frame(link);
-        break;
-    default:
-        VORN_TRACE(TRACE_WARNING, "WARNING:Unknown supervision result(%u) received", result);
-        break;
-    }
-}
-
-void handle_keep_alive_result(uint32_t result, keep_alive_session *entry)
-{
-    ++entry->results;
-    switch (result) {
-    case SUPERVISION_KEEP_ALIVE_OK:
-        entry->last_ok = entry->results;
-        break;
-    case SUPERVISION_LOST:
-        ++entry->lost;
-        break;
-    default:
-        VORN_TRACE(TRACE_WARNING, "WARNING:Unknown supervision result(%u) received", result);
-        break;
     }
 }

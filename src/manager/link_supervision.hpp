@@ -1,4 +1,4 @@
-// Supervision and keep-alive sessions of the links, and what their results make of a link's status.
+// Supervision and keep-alive sessions of the links.
 #pragma once
 
 #include "clients/iepcsi_client.hpp"
@@ -20,9 +20,6 @@ static_assert(offsetof(supervision_ind, session_id) == 4);
 static_assert(offsetof(supervision_ind, result) == 8);
 static_assert(offsetof(supervision_ind, rtt_sec) == 12);
 static_assert(offsetof(supervision_ind, rtt_nsec) == 16);
-
-// True for SUPERVISION_IND.
-bool supervision_dispatch(const itc_msg *msg);
 
 // Runs on the supervision library's thread: only builds and sends a SUPERVISION_IND.
 void supervision_callback(const supervision_rtt *rtt, uint32_t session_id, uint32_t result);
@@ -62,7 +59,3 @@ void stop_supervision_on_port(const char *iepcsi_port_name);
 // Stop and start again with the link's current RTT settings, when its port is operational. Where the namespace cannot
 // be entered, the session that runs goes on.
 void restart_link_supervision(const eth_port &port, iml_link *link);
-
-void handle_supervision_ind(const supervision_ind &ind);
-void handle_link_supervision_result(uint32_t result, iml_link *link);
-void handle_keep_alive_result(uint32_t result, keep_alive_session *entry);

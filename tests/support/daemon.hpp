@@ -31,6 +31,7 @@
 #include "manager/link_table.hpp"
 #include "manager/manager_state.hpp"
 #include "manager/port_endpoints.hpp"
+#include "manager/supervision_results.hpp"
 #include "manager/vorn_manager.hpp"
 
 namespace daemon_test
