@@ -1,11 +1,11 @@
-// The session is marked busy before its procedure starts, because a procedure may be refused, or even finish, while it
-// is being started; that clears the mark again, and may go on to end this very session.
+// The session is marked busy before its procedure starts; a procedure that is refused, or even finishes, while it is
+// being started, is answered at once, and that clears the mark again.
 #include "iemli_handlers.hpp"
 
 #include <cstdlib>
 
+#include "iemli_answers.hpp"
 #include "iemli_checks.hpp"
-#include "iemli_server.hpp"
 #include "manager/link_procedures.hpp"
 #include "manager/link_table.hpp"
 #include "manager/port_macs.hpp"
@@ -101,6 +101,22 @@ IemliPendingRequest *new_pending(const IemliSession *session, const itc_msg *msg
     return pending;
 }
 
+// True when the procedure is over already; then the request is answered, and that was the last act.
+bool answer_at_once(const link_answer &answer, IemliPendingRequest **pending)
+{
+    switch (answer.kind) {
+    case LINK_WAITS:
+        return false;
+    case LINK_CONFIRMED:
+        iemli_answer_confirmed(answer.link_ref, pending);
+        return true;
+    case LINK_REJECTED:
+        iemli_answer_rejected(answer.reason, pending);
+        return true;
+    }
+    return false;
+}
+
 } // namespace
 
 void iemli_trace_request(const IemliSession *session, const itc_msg *msg)
@@ -113,7 +129,7 @@ void iemli_trace_request(const IemliSession *session, const itc_msg *msg)
                iemli_header_of(msg)->connection_ref, iemli_header_of(msg)->procedure_ref);
 }
 
-void handle_create_iml_link_req(IemliSession *session, const itc_msg *msg)
+bool handle_create_iml_link_req(IemliSession *session, const itc_msg *msg)
 {
     const IemliLinkData *requested = &reinterpret_cast<const iemli_create_link_req *>(msg)->link;
     const iemli_peer client = client_of(session, msg);
@@ -122,18 +138,19 @@ void handle_create_iml_link_req(IemliSession *session, const itc_msg *msg)
     const uint32_t reason = iemli_check_create(requested);
     if (reason != IEMLI_NO_REJECT) {
         send_create_rej(client, reason);
-        return;
+        return false;
     }
     IemliPendingRequest *pending = new_pending(session, msg, 0, IEMLI_PENDING_CREATE);
     if (pending == nullptr) {
         send_create_rej(client, IEMLI_REJ_OTHER_REASON);
-        return;
+        return false;
     }
     session->busy = true;
-    iml_link_create(requested, &pending); // as it came: the name of a known port ends within its field
+    // As it came: the name of a known port ends within its field.
+    return answer_at_once(iml_link_create(requested, &pending), &pending);
 }
 
-void handle_update_iml_link_req(IemliSession *session, const itc_msg *msg)
+bool handle_update_iml_link_req(IemliSession *session, const itc_msg *msg)
 {
     const auto *request = reinterpret_cast<const iemli_update_link_req *>(msg);
     const iemli_peer client = client_of(session, msg);
@@ -142,24 +159,24 @@ void handle_update_iml_link_req(IemliSession *session, const itc_msg *msg)
     const iml_link *link = iml_link_find_by_ref(request->link_ref);
     if (link == nullptr) {
         send_update_rej(client, IEMLI_REJ_UNKNOWN_LINK_REF);
-        return;
+        return false;
     }
     const IemliAppLink *app_links = iemli_app_links(request);
     const uint32_t reason = iemli_check_update(link, request->numberOfAppLinks, app_links);
     if (reason != IEMLI_NO_REJECT) {
         send_update_rej(client, reason);
-        return;
+        return false;
     }
     IemliPendingRequest *pending = new_pending(session, msg, request->link_ref, IEMLI_PENDING_UPDATE);
     if (pending == nullptr) {
         send_update_rej(client, IEMLI_REJ_OTHER_REASON);
-        return;
+        return false;
     }
     session->busy = true;
-    iml_link_update(&pending, request->numberOfAppLinks, app_links);
+    return answer_at_once(iml_link_update(&pending, request->numberOfAppLinks, app_links), &pending);
 }
 
-void handle_delete_iml_link_req(IemliSession *session, const itc_msg *msg)
+bool handle_delete_iml_link_req(IemliSession *session, const itc_msg *msg)
 {
     const uint32_t link_ref = reinterpret_cast<const iemli_link_ref_req *>(msg)->link_ref;
     const iemli_peer client = client_of(session, msg);
@@ -168,7 +185,7 @@ void handle_delete_iml_link_req(IemliSession *session, const itc_msg *msg)
     IemliPendingRequest *pending = new_pending(session, msg, link_ref, IEMLI_PENDING_DELETE);
     if (pending == nullptr) {
         send_delete_cfm(client);
-        return;
+        return false;
     }
     session->busy = true;
     if (!iml_link_delete(link_ref, session->server_conn_ref, &pending)) {
@@ -178,9 +195,10 @@ void handle_delete_iml_link_req(IemliSession *session, const itc_msg *msg)
         free(pending);
         send_delete_cfm(client);
     }
+    return false;
 }
 
-void handle_get_local_supervision_mac_req(IemliSession *session, const itc_msg *msg)
+bool handle_get_local_supervision_mac_req(IemliSession *session, const itc_msg *msg)
 {
     const auto *request = reinterpret_cast<const iemli_get_mac_req *>(msg);
     const iemli_peer client = client_of(session, msg);
@@ -195,9 +213,10 @@ void handle_get_local_supervision_mac_req(IemliSession *session, const itc_msg *
     } else {
         send_get_local_supervision_mac_rej(client, reason);
     }
+    return false;
 }
 
-void handle_enable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *msg)
+bool handle_enable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *msg)
 {
     const auto *request = reinterpret_cast<const iemli_enable_rtt_req *>(msg);
     const iemli_peer client = client_of(session, msg);
@@ -214,12 +233,13 @@ void handle_enable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *m
     }
     if (reason != IEMLI_NO_REJECT) {
         send_enable_rtt_rej(client, reason);
-        return;
+        return false;
     }
     send_enable_rtt_cfm(client);
+    return false;
 }
 
-void handle_disable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *msg)
+bool handle_disable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *msg)
 {
     const uint32_t link_ref = reinterpret_cast<const iemli_link_ref_req *>(msg)->link_ref;
     const iemli_peer client = client_of(session, msg);
@@ -233,4 +253,5 @@ void handle_disable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *
         rtt_disable(link_ref);
     }
     send_disable_rtt_cfm(client);
+    return false;
 }

@@ -4,13 +4,11 @@
 // end sessions meanwhile waits in the queues.
 #include "iemli_server.hpp"
 
-#include <cstdlib>
-
+#include "iemli_answers.hpp"
 #include "iemli_handlers.hpp"
 #include "iemli_queue.hpp"
 #include "iemli_send.hpp"
 #include "iemli_session.hpp"
-#include "manager/link_paths.hpp"
 #include "ns.h"
 #include "vorn_trace.hpp"
 
@@ -23,13 +21,22 @@ struct request_rule {
     uint32_t msgno;
     bool may_wait;
     bool ends_session; // what its session has waiting is discarded when it comes to wait itself
-    void (*handle)(IemliSession *session, const itc_msg *msg);
-    void (*reject)(const iemli_peer &to, uint32_t reason); // the protocol may have none
-    void (*confirm)(const iemli_peer &to);                 // to a stranger whom nothing can reject
+    bool (*handle)(IemliSession *session, const itc_msg *msg); // true: a procedure was started, and is over already
+    void (*reject)(const iemli_peer &to, uint32_t reason);     // the protocol may have none
+    void (*confirm)(const iemli_peer &to);                     // to a stranger whom nothing can reject
 };
 
-void handle_client_down(IemliSession *session, const itc_msg *) { iemli_session_handle_client_down(session); }
-void handle_term(IemliSession *session, const itc_msg *) { iemli_session_handle_term(session); }
+bool handle_client_down(IemliSession *session, const itc_msg *)
+{
+    iemli_session_handle_client_down(session);
+    return false;
+}
+
+bool handle_term(IemliSession *session, const itc_msg *)
+{
+    iemli_session_handle_term(session);
+    return false;
+}
 
 constexpr request_rule rules[] = {
     {IEMLI_CLIENT_DOWN_IND, true, true, handle_client_down, nullptr, nullptr},
@@ -102,12 +109,63 @@ void let_wait(const request_rule *rule, IemliSession *session, const itc_msg *ms
     iemli_queue_add(session, msg);
 }
 
+// The session whose request arrived first of all that wait; null when none waits.
+IemliSession *longest_waiting_session()
+{
+    IemliSession *found = nullptr;
+    for (IemliSession *session = iemli_session_first(); session != nullptr; session = session->next) {
+        if (session->queue_head != nullptr && (found == nullptr || session->queue_head->seq < found->queue_head->seq)) {
+            found = session;
+        }
+    }
+    return found;
+}
+
+// True when its procedure is over already: a completion, that asks for the next.
+bool take_one_queued_request()
+{
+    IemliSession *session = longest_waiting_session();
+    if (session == nullptr) {
+        return false;
+    }
+    IemliQueuedRequest *entry = iemli_queue_take(session);
+    const uint32_t msgno = entry->msg->msgno;
+    VORN_TRACE(TRACE_SERVICE, "Handle %s message from queue", iemli_msg_to_string(msgno));
+    session->last_procedure_ref = iemli_header_of(entry->msg)->procedure_ref;
+    const request_rule *rule = rule_of(msgno);
+    bool over = false;
+    if (rule != nullptr && rule->may_wait) {
+        over = rule->handle(session, entry->msg);
+    } else {
+        VORN_TRACE(TRACE_ERROR, "Filtering by msg number was done before. We should never enter this part.");
+    }
+    if (msgno == IEMLI_TERM_SERVICE_REQ) {
+        // The entry of a term outlives its session: the leak that is part of this service.
+        iemli_queue_keep(entry);
+    } else {
+        iemli_queue_free(entry);
+    }
+    return over;
+}
+
+// One queued request per completion. A request that is taken may be refused while its procedure starts, which is a
+// completion too, and asks for the next. That is a loop and no recursion: a client that queues thousands of such
+// requests could exhaust the stack. Nothing can come between such an answer and this loop, since it is sent by the
+// handler, as its last act, and not by the procedure.
+void iemli_handle_next_queued_request()
+{
+    while (take_one_queued_request()) {
+    }
+}
+
 void take_up(const request_rule *rule, IemliSession *session, const itc_msg *msg)
 {
     if (rule->may_wait) {
         session->last_procedure_ref = iemli_header_of(msg)->procedure_ref;
     }
-    rule->handle(session, msg);
+    if (rule->handle(session, msg)) {
+        iemli_handle_next_queued_request();
+    }
 }
 
 void serve(const request_rule *rule, const itc_msg *msg)
@@ -124,127 +182,6 @@ void serve(const request_rule *rule, const itc_msg *msg)
     } else {
         take_up(rule, session, msg);
     }
-}
-
-// The session whose request arrived first of all that wait; null when none waits.
-IemliSession *longest_waiting_session()
-{
-    IemliSession *found = nullptr;
-    for (IemliSession *session = iemli_session_first(); session != nullptr; session = session->next) {
-        if (session->queue_head != nullptr && (found == nullptr || session->queue_head->seq < found->queue_head->seq)) {
-            found = session;
-        }
-    }
-    return found;
-}
-
-void take_one_queued_request()
-{
-    IemliSession *session = longest_waiting_session();
-    if (session == nullptr) {
-        return;
-    }
-    IemliQueuedRequest *entry = iemli_queue_take(session);
-    const uint32_t msgno = entry->msg->msgno;
-    VORN_TRACE(TRACE_SERVICE, "Handle %s message from queue", iemli_msg_to_string(msgno));
-    session->last_procedure_ref = iemli_header_of(entry->msg)->procedure_ref;
-    const request_rule *rule = rule_of(msgno);
-    if (rule != nullptr && rule->may_wait) {
-        rule->handle(session, entry->msg);
-    } else {
-        VORN_TRACE(TRACE_ERROR, "Filtering by msg number was done before. We should never enter this part.");
-    }
-    if (msgno == IEMLI_TERM_SERVICE_REQ) {
-        // The entry of a term outlives its session: the leak that is part of this service.
-        iemli_queue_keep(entry);
-        return;
-    }
-    iemli_queue_free(entry);
-}
-
-bool taking;      // a request is being taken out of a queue right now
-uint32_t to_take; // how many completions have asked for the next one
-
-// One queued request per completion. A request that is taken may be refused while its procedure starts, which is a
-// completion too and asks for the next: that one is taken by the loop that is running already, or a client that queues
-// thousands of such requests could exhaust the stack. What goes out keeps its order, because a procedure that answers
-// while it starts does so as its last act: nothing is sent between that answer and the return to this loop.
-void iemli_handle_next_queued_request()
-{
-    ++to_take;
-    if (taking) {
-        return;
-    }
-    taking = true;
-    while (to_take > 0) {
-        --to_take;
-        take_one_queued_request();
-    }
-    taking = false;
-}
-
-// The session that waited for this, not busy any more; null when it is gone.
-IemliSession *end_waiting(const IemliPendingRequest *pending)
-{
-    IemliSession *session = iemli_session_find(pending->server_conn_ref);
-    if (session == nullptr) {
-        VORN_TRACE(TRACE_LINK, "Session %u lost while waiting for response from lower layer.",
-                   pending->server_conn_ref);
-        return nullptr;
-    }
-    session->busy = false;
-    return session;
-}
-
-void confirm(const IemliSession *session, uint32_t link_ref, const IemliPendingRequest *pending)
-{
-    const iemli_peer client = iemli_session_peer(session, pending->procedure_ref);
-    switch (pending->action) {
-    case IEMLI_PENDING_CREATE:
-        send_create_cfm(client, link_ref);
-        iml_link_create_path(link_ref);
-        break;
-    case IEMLI_PENDING_UPDATE:
-        send_update_cfm(client);
-        iml_link_update_path(link_ref);
-        break;
-    case IEMLI_PENDING_DELETE:
-        send_delete_cfm(client);
-        break;
-    default:
-        VORN_TRACE(TRACE_ERROR, "Unknown pending request %u for link %u from client %u", pending->action, link_ref,
-                   client.client_mbox);
-        break;
-    }
-}
-
-// A rejected create or update is answered under the reference that its session took up last, a delete under its own.
-void reject(const IemliSession *session, uint32_t reason, const IemliPendingRequest *pending)
-{
-    const iemli_peer client = iemli_session_peer(session, session->last_procedure_ref);
-    switch (pending->action) {
-    case IEMLI_PENDING_CREATE:
-        send_create_rej(client, reason);
-        break;
-    case IEMLI_PENDING_UPDATE:
-        send_update_rej(client, reason);
-        break;
-    case IEMLI_PENDING_DELETE:
-        VORN_TRACE(TRACE_ERROR, "Reject is not supported on delete link action. Request %u from client %u",
-                   pending->procedure_ref, client.client_mbox);
-        send_delete_cfm(iemli_session_peer(session, pending->procedure_ref));
-        break;
-    default:
-        VORN_TRACE(TRACE_ERROR, "Unknown pending request %u from client %u", pending->action, client.client_mbox);
-        break;
-    }
-}
-
-void finish(IemliPendingRequest **pending)
-{
-    free(*pending);
-    *pending = nullptr;
-    iemli_handle_next_queued_request();
 }
 
 iemli_return_code publish()
@@ -321,20 +258,14 @@ void iemli_unpublish()
 
 void iemli_link_procedure_cfm(uint32_t link_ref, IemliPendingRequest **pending)
 {
-    const IemliSession *session = end_waiting(*pending);
-    if (session != nullptr) {
-        confirm(session, link_ref, *pending);
-    }
-    finish(pending);
+    iemli_answer_confirmed(link_ref, pending);
+    iemli_handle_next_queued_request();
 }
 
 void iemli_link_procedure_rej(uint32_t reason, IemliPendingRequest **pending)
 {
-    const IemliSession *session = end_waiting(*pending);
-    if (session != nullptr) {
-        reject(session, reason, *pending);
-    }
-    finish(pending);
+    iemli_answer_rejected(reason, pending);
+    iemli_handle_next_queued_request();
 }
 
 void iemli_send_link_status_ind(uint32_t server_conn_ref, uint32_t link_ref, uint32_t status, uint32_t disabled_reason)

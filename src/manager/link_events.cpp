@@ -1,7 +1,9 @@
 // Brings the answers of PMI and EMI to the procedures that wait for them, and the port events of IEPCSI to the links
 // on the port. An answer nobody waits for is traced and dropped.
+#include "link_events.hpp"
+
 #include "clients/iepcsi_client.hpp"
-#include "link_procedure.hpp"
+#include "link_procedures.hpp"
 #include "link_supervision.hpp"
 #include "link_table.hpp"
 #include "port_endpoints.hpp"

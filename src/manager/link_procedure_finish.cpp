@@ -1,13 +1,13 @@
-// What a link procedure does once its steps have answered: make, change or let go the link and confirm, or take back
-// what had succeeded and reject. Every confirm and reject is the last thing that is done with a link in hand.
+// What a link procedure does once its steps have answered: make, change or let go the link, or take back what had
+// succeeded.
+#include "link_procedure_finish.hpp"
+
 #include <cstdlib>
 #include <cstring>
 
 #include "clients/emi_client.hpp"
 #include "clients/iepcsi_client.hpp"
 #include "clients/pmi_client.hpp"
-#include "link_paths.hpp"
-#include "link_procedure.hpp"
 #include "link_supervision.hpp"
 #include "link_table.hpp"
 #include "port_mapping.hpp"
@@ -29,12 +29,10 @@ iml_link *requested_link(const iml_link_proc *proc)
     return iml_link_find_owned(proc->request->link_ref, proc->request->server_conn_ref);
 }
 
-void reject(iml_link_proc *proc, uint32_t reason) { links_report()->rejected(reason, &proc->request); }
-
-void reject_out_of_memory(iml_link_proc *proc)
+link_answer out_of_memory()
 {
     VORN_TRACE(TRACE_ERROR, "Memory error");
-    reject(proc, IEMLI_REJ_OTHER_REASON);
+    return link_rejected(IEMLI_REJ_OTHER_REASON);
 }
 
 // ---- Create ----
@@ -85,17 +83,6 @@ void enter_link(const eth_port &port, iml_link *link)
                "%02X:%02X:%02X:%02X:%02X:%02X, status=0x%x, disabled_reason=0x%x",
                link->link_ref, link->supervision_session_id, link->link_data->imlPortName, MAC_ARGS(far), link->status,
                link->disabled_reason);
-}
-
-void confirm_create(iml_link_proc *proc, const iml_link *link)
-{
-    const uint32_t owner = link->connection_ref;
-    const uint32_t link_ref = link->link_ref;
-    const uint32_t status = link->status;
-    const uint32_t disabled_reason = link->disabled_reason;
-    links_report()->confirmed(link_ref, &proc->request);
-    links_report()->status(owner, link_ref, status, disabled_reason);
-    iml_link_path_status(link_ref, status);
 }
 
 void take_back_added_endpoints(iml_link_proc *proc)
@@ -163,30 +150,27 @@ void send_difference_back(iml_link_proc *proc, const IemliLinkData *old_data)
 
 } // namespace
 
-void link_proc_finish_create(iml_link_proc *proc)
+link_answer link_proc_finish_create(iml_link_proc *proc)
 {
     iml_link *link = alloc_link(proc);
     if (link == nullptr) {
-        reject_out_of_memory(proc);
-        return;
+        return out_of_memory();
     }
     eth_port port;
     if (!fetch_port(link->link_data, &port)) {
         VORN_TRACE(TRACE_LINK, "Failed to fetch port data.");
         iml_link_free(link);
-        reject(proc, IEMLI_REJ_UNKNOWN_PORT_NAME);
-        return;
+        return link_rejected(IEMLI_REJ_UNKNOWN_PORT_NAME);
     }
     if (!bring_up_link(port, link)) {
         iml_link_free(link);
-        reject(proc, IEMLI_REJ_OTHER_REASON);
-        return;
+        return link_rejected(IEMLI_REJ_OTHER_REASON);
     }
     enter_link(port, link);
-    confirm_create(proc, link);
+    return link_confirmed(link->link_ref);
 }
 
-void link_proc_unwind_create(iml_link_proc *proc)
+link_answer link_proc_unwind_create(iml_link_proc *proc)
 {
     const IemliLinkData *data = proc->link_data;
     VORN_TRACE(TRACE_WARNING,
@@ -200,41 +184,38 @@ void link_proc_unwind_create(iml_link_proc *proc)
     if (step_state(proc, PROC_STEP_EMI_ADD) == PROC_STEP_OK) {
         take_back_added_endpoints(proc);
     }
-    reject(proc, IEMLI_REJ_OTHER_REASON);
+    return link_rejected(IEMLI_REJ_OTHER_REASON);
 }
 
-void link_proc_finish_update(iml_link_proc *proc)
+link_answer link_proc_finish_update(iml_link_proc *proc)
 {
     const uint32_t link_ref = proc->request->link_ref;
     iml_link *link = requested_link(proc);
     if (link == nullptr) {
         VORN_TRACE(TRACE_ERROR, "Update finished for non-existing IML link, link_ref=%u", link_ref);
-        reject(proc, IEMLI_REJ_UNKNOWN_LINK_REF);
-        return;
+        return link_rejected(IEMLI_REJ_UNKNOWN_LINK_REF);
     }
     IemliLinkData *resized = nullptr;
     if (link->link_data->numberOfAppLinks != proc->link_data->numberOfAppLinks) {
         resized = iml_link_data_copy(link->link_data, proc->link_data->numberOfAppLinks);
         if (resized == nullptr) {
-            reject_out_of_memory(proc);
-            return;
+            return out_of_memory();
         }
     }
     eth_port port;
     if (!fetch_port(link->link_data, &port)) {
         VORN_TRACE(TRACE_ERROR, "Failed to fetch port data. App supervision not stoped.");
         free(resized);
-        reject(proc, IEMLI_REJ_OTHER_REASON);
-        return;
+        return link_rejected(IEMLI_REJ_OTHER_REASON);
     }
     exchange_app_links(port, link, proc->link_data, resized);
     const mac_address &far = link->link_data->farEndCpmMac;
     VORN_TRACE(TRACE_LINK, "Updated iml link with ref %u on port %s with remote cpm mac: %02X:%02X:%02X:%02X:%02X:%02X",
                link_ref, link->link_data->imlPortName, MAC_ARGS(far));
-    links_report()->confirmed(link_ref, &proc->request);
+    return link_confirmed(link_ref);
 }
 
-void link_proc_unwind_update(iml_link_proc *proc)
+link_answer link_proc_unwind_update(iml_link_proc *proc)
 {
     const uint32_t link_ref = proc->request->link_ref;
     VORN_TRACE(TRACE_WARNING,
@@ -246,20 +227,8 @@ void link_proc_unwind_update(iml_link_proc *proc)
     if (link == nullptr) {
         VORN_TRACE(TRACE_WARNING, "WARNING: unsuccessful update received for non-existing IML link, link_ref=%u",
                    link_ref);
-        reject(proc, IEMLI_REJ_UNKNOWN_LINK_REF);
-        return;
+        return link_rejected(IEMLI_REJ_UNKNOWN_LINK_REF);
     }
     send_difference_back(proc, link->link_data);
-    reject(proc, IEMLI_REJ_OTHER_REASON);
-}
-
-void link_proc_confirm_delete(iml_link_proc *proc)
-{
-    const uint32_t link_ref = proc->request->link_ref;
-    links_report()->confirmed(link_ref, &proc->request);
-    if (proc->link_data == nullptr) {
-        VORN_TRACE(TRACE_WARNING, "WARNING: Vorn path cannot be deleted for non existing iml");
-    } else {
-        iml_link_delete_path(link_ref, proc->link_data);
-    }
+    return link_rejected(IEMLI_REJ_OTHER_REASON);
 }

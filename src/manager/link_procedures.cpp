@@ -9,7 +9,8 @@
 #include "clients/fmi_client.hpp"
 #include "clients/iepcsi_client.hpp"
 #include "clients/pmi_client.hpp"
-#include "link_procedure.hpp"
+#include "link_paths.hpp"
+#include "link_procedure_finish.hpp"
 #include "link_supervision.hpp"
 #include "link_table.hpp"
 #include "port_mapping.hpp"
@@ -19,21 +20,6 @@
 namespace
 {
 
-iml_link_proc *newest_proc;
-uint32_t proc_count;
-uint64_t procs_opened;
-ref_index procs_by_ref[PROC_STEP_KINDS];
-
-void close_proc(iml_link_proc *proc)
-{
-    (proc->prev != nullptr ? proc->prev->next : newest_proc) = proc->next;
-    if (proc->next != nullptr) {
-        proc->next->prev = proc->prev;
-    }
-    --proc_count;
-    link_proc_free(proc);
-}
-
 void take_request(iml_link_proc *proc, IemliPendingRequest **request)
 {
     if (request != nullptr) {
@@ -42,10 +28,10 @@ void take_request(iml_link_proc *proc, IemliPendingRequest **request)
     }
 }
 
-void reject_out_of_memory(IemliPendingRequest **request)
+link_answer out_of_memory()
 {
     VORN_TRACE(TRACE_ERROR, "Memory error");
-    links_report()->rejected(IEMLI_REJ_OTHER_REASON, request);
+    return link_rejected(IEMLI_REJ_OTHER_REASON);
 }
 
 void trace_update(const iml_link *link)
@@ -149,135 +135,97 @@ iml_link_proc *start_delete(IemliLinkData **data)
     return proc;
 }
 
-void perform(iml_link_proc *proc, proc_action action)
+link_answer perform(iml_link_proc *proc, proc_action action)
 {
     switch (action) {
     case PROC_WAIT:
     case PROC_CLOSE:
         break;
     case PROC_FINISH_CREATE:
-        link_proc_finish_create(proc);
-        break;
+        return link_proc_finish_create(proc);
     case PROC_UNWIND_CREATE:
-        link_proc_unwind_create(proc);
-        break;
+        return link_proc_unwind_create(proc);
     case PROC_FINISH_UPDATE:
-        link_proc_finish_update(proc);
-        break;
+        return link_proc_finish_update(proc);
     case PROC_UNWIND_UPDATE:
-        link_proc_unwind_update(proc);
-        break;
+        return link_proc_unwind_update(proc);
     case PROC_CONFIRM_DELETE:
-        link_proc_confirm_delete(proc);
-        break;
+        return link_confirmed(proc->request->link_ref);
     case PROC_UNKNOWN_REQUEST:
         VORN_TRACE(TRACE_ERROR, "Unknown req %u. Can't handle that.", proc->request->action);
         break;
     }
+    return LINK_NO_ANSWER_YET;
 }
 
-proc_step_state overall_of(const iml_link_proc *proc)
+// Does what comes next. An answer takes the request out of the procedure.
+link_answer evaluate(iml_link_proc *proc, IemliPendingRequest **request)
 {
-    return proc_overall_state(proc->steps[PROC_STEP_PMI].state, proc->steps[PROC_STEP_EMI_ADD].state,
-                              proc->steps[PROC_STEP_EMI_DEL].state);
+    const proc_action action = proc_next_action(
+        proc->request != nullptr, proc->request != nullptr ? proc->request->action : 0, link_proc_overall_state(proc));
+    const link_answer answer = perform(proc, action);
+    if (answer.kind != LINK_WAITS) {
+        *request = proc->request;
+        proc->request = nullptr;
+    }
+    return answer;
+}
+
+void close_when_done(iml_link_proc *proc)
+{
+    if (link_proc_overall_state(proc) != PROC_STEP_ONGOING) {
+        link_proc_close(proc);
+    }
+}
+
+// The link may be gone when its owner has heard of it: only what was copied before is told.
+void tell_create(const iml_link *link, IemliPendingRequest **request)
+{
+    const uint32_t owner = link->connection_ref;
+    const uint32_t link_ref = link->link_ref;
+    const uint32_t status = link->status;
+    const uint32_t disabled_reason = link->disabled_reason;
+    links_report()->confirmed(link_ref, request);
+    links_report()->status(owner, link_ref, status, disabled_reason);
+    iml_link_path_status(link_ref, status);
+}
+
+void tell_delete(uint32_t link_ref, const IemliLinkData *data, IemliPendingRequest **request)
+{
+    links_report()->confirmed(link_ref, request);
+    if (data == nullptr) {
+        VORN_TRACE(TRACE_WARNING, "WARNING: Vorn path cannot be deleted for non existing iml");
+    } else {
+        iml_link_delete_path(link_ref, data);
+    }
+}
+
+void tell(const iml_link_proc *proc, const link_answer &answer, IemliPendingRequest **request)
+{
+    if (answer.kind == LINK_REJECTED) {
+        links_report()->rejected(answer.reason, request);
+    } else if ((*request)->action == IEMLI_PENDING_CREATE) {
+        tell_create(iml_link_look_up(answer.link_ref), request);
+    } else if ((*request)->action == IEMLI_PENDING_DELETE) {
+        tell_delete(answer.link_ref, proc->link_data, request);
+    } else {
+        links_report()->confirmed(answer.link_ref, request);
+    }
 }
 
 } // namespace
 
-proc_step_state proc_overall_state(uint32_t pmi, uint32_t emi_add, uint32_t emi_del)
-{
-    if (pmi == PROC_STEP_ONGOING || emi_add == PROC_STEP_ONGOING || emi_del == PROC_STEP_ONGOING) {
-        return PROC_STEP_ONGOING;
-    }
-    if (pmi == PROC_STEP_FAILED || emi_add == PROC_STEP_FAILED || emi_del == PROC_STEP_FAILED) {
-        return PROC_STEP_FAILED;
-    }
-    return PROC_STEP_OK;
-}
-
-proc_action proc_next_action(bool has_request, uint32_t pending_action, proc_step_state overall)
-{
-    if (overall == PROC_STEP_ONGOING) {
-        return PROC_WAIT;
-    }
-    if (!has_request) {
-        return PROC_CLOSE;
-    }
-    switch (pending_action) {
-    case IEMLI_PENDING_CREATE:
-        return overall == PROC_STEP_OK ? PROC_FINISH_CREATE : PROC_UNWIND_CREATE;
-    case IEMLI_PENDING_UPDATE:
-        return overall == PROC_STEP_OK ? PROC_FINISH_UPDATE : PROC_UNWIND_UPDATE;
-    case IEMLI_PENDING_DELETE:
-        return PROC_CONFIRM_DELETE;
-    default:
-        return PROC_UNKNOWN_REQUEST;
-    }
-}
-
-iml_link_proc *link_proc_alloc() { return static_cast<iml_link_proc *>(calloc(1, sizeof(iml_link_proc))); }
-
-void link_proc_free(iml_link_proc *proc)
-{
-    if (proc == nullptr) {
-        return;
-    }
-    for (uint32_t kind = 0; kind < PROC_STEP_KINDS; ++kind) {
-        ref_index_remove(&procs_by_ref[kind], &proc->steps[kind].by_ref);
-    }
-    free(proc->request);
-    free(proc->link_data);
-    free(proc);
-}
-
-void link_proc_open(iml_link_proc *proc)
-{
-    proc->age = ++procs_opened;
-    proc->next = newest_proc;
-    if (newest_proc != nullptr) {
-        newest_proc->prev = proc;
-    }
-    newest_proc = proc;
-    ++proc_count;
-}
-
-const iml_link_proc *link_proc_newest() { return newest_proc; }
-
-iml_link_proc *link_proc_find(proc_step_kind kind, uint32_t procedure_ref)
-{
-    iml_link_proc *found = nullptr;
-    for (const ref_index_node *node = ref_index_first(&procs_by_ref[kind], procedure_ref); node != nullptr;
-         node = ref_index_next(node)) {
-        auto *proc = static_cast<iml_link_proc *>(node->owner);
-        if (found == nullptr || proc->age > found->age) {
-            found = proc;
-        }
-    }
-    return found;
-}
-
-void link_proc_step_sent(iml_link_proc *proc, proc_step_kind kind, uint32_t procedure_ref)
-{
-    proc_step *step = &proc->steps[kind];
-    step->procedure_ref = procedure_ref;
-    step->state = PROC_STEP_ONGOING;
-    ref_index_remove(&procs_by_ref[kind], &step->by_ref);
-    if (procedure_ref != 0) {
-        ref_index_insert(&procs_by_ref[kind], &step->by_ref, procedure_ref, proc);
-    }
-}
-
 void link_proc_evaluate(iml_link_proc *proc)
 {
-    const proc_action action = proc_next_action(proc->request != nullptr,
-                                                proc->request != nullptr ? proc->request->action : 0, overall_of(proc));
-    perform(proc, action);
-    if (overall_of(proc) != PROC_STEP_ONGOING) {
-        close_proc(proc);
+    IemliPendingRequest *request = nullptr;
+    const link_answer answer = evaluate(proc, &request);
+    if (answer.kind != LINK_WAITS) {
+        tell(proc, answer, &request);
     }
+    close_when_done(proc);
 }
 
-void iml_link_create(const IemliLinkData *data, IemliPendingRequest **request)
+link_answer iml_link_create(const IemliLinkData *data, IemliPendingRequest **request)
 {
     iml_link_proc *proc = link_proc_alloc();
     EmiEndpoint *endpoints = nullptr;
@@ -288,8 +236,7 @@ void iml_link_create(const IemliLinkData *data, IemliPendingRequest **request)
     }
     if (count == 0) {
         link_proc_free(proc);
-        reject_out_of_memory(request);
-        return;
+        return out_of_memory();
     }
     if (!is_tn_port(data->imlPortName)) {
         send_enable_vlan(proc);
@@ -298,35 +245,35 @@ void iml_link_create(const IemliLinkData *data, IemliPendingRequest **request)
     free(endpoints);
     take_request(proc, request);
     link_proc_open(proc);
+    return LINK_NO_ANSWER_YET;
 }
 
-void iml_link_update(IemliPendingRequest **request, uint32_t number_of_app_links, const IemliAppLink *app_links)
+link_answer iml_link_update(IemliPendingRequest **request, uint32_t number_of_app_links, const IemliAppLink *app_links)
 {
     iml_link_proc *proc = link_proc_alloc();
     if (proc == nullptr) {
-        reject_out_of_memory(request);
-        return;
+        return out_of_memory();
     }
     const uint32_t link_ref = (*request)->link_ref;
     const iml_link *link = iml_link_find_owned(link_ref, (*request)->server_conn_ref);
     if (link == nullptr) {
         VORN_TRACE(TRACE_WARNING, "WARNING:update received for non-existing IML link, link_ref=%u", link_ref);
         link_proc_free(proc);
-        links_report()->rejected(IEMLI_REJ_UNKNOWN_LINK_REF, request);
-        return;
+        return link_rejected(IEMLI_REJ_UNKNOWN_LINK_REF);
     }
     proc->link_data = iml_link_data_copy(link->link_data, number_of_app_links);
     if (proc->link_data == nullptr) {
         link_proc_free(proc);
-        reject_out_of_memory(request);
-        return;
+        return out_of_memory();
     }
     memcpy(iemli_app_links(proc->link_data), app_links, number_of_app_links * sizeof(IemliAppLink));
     send_difference(proc, link->link_data);
     take_request(proc, request);
     link_proc_open(proc);
     trace_update(link);
-    link_proc_evaluate(proc); // waits, but for an update that had nothing to ask for
+    const link_answer answer = evaluate(proc, request); // waits, but for an update that had nothing to ask for
+    close_when_done(proc);
+    return answer;
 }
 
 bool iml_link_delete(uint32_t link_ref, uint32_t connection_ref, IemliPendingRequest **request)
@@ -362,17 +309,5 @@ void iml_link_delete_all_of_connection(uint32_t connection_ref)
         if (link->connection_ref == connection_ref) {
             iml_link_delete(link->link_ref, connection_ref, nullptr);
         }
-    }
-}
-
-uint32_t link_procedure_count() { return proc_count; }
-
-void link_procedures_forget_all()
-{
-    while (newest_proc != nullptr) {
-        close_proc(newest_proc);
-    }
-    for (ref_index &index : procs_by_ref) {
-        ref_index_clear(&index);
     }
 }

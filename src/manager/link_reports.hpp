@@ -19,6 +19,24 @@ struct IemliPendingRequest {
     uint32_t action;          // iemli_pending_action
 };
 
+// What became of a request. Nothing more is sent for it between the return of an answer and its way to the one who
+// asked.
+enum link_answer_kind : uint32_t {
+    LINK_WAITS, // there is no answer yet
+    LINK_CONFIRMED,
+    LINK_REJECTED,
+};
+
+struct link_answer {
+    link_answer_kind kind;
+    uint32_t link_ref; // confirmed: the link concerned
+    uint32_t reason;   // rejected: IEMLI_REJ_*
+};
+
+inline constexpr link_answer LINK_NO_ANSWER_YET = {LINK_WAITS, 0, 0};
+inline link_answer link_confirmed(uint32_t link_ref) { return {LINK_CONFIRMED, link_ref, 0}; }
+inline link_answer link_rejected(uint32_t reason) { return {LINK_REJECTED, 0, reason}; }
+
 struct link_reports {
     // The procedure finished. `link_ref`: the link concerned. Frees *pending and nulls it.
     void (*confirmed)(uint32_t link_ref, IemliPendingRequest **pending);

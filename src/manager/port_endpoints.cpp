@@ -10,9 +10,9 @@
 #include "base/daemon_state.hpp"
 #include "clients/emi_client.hpp"
 #include "clients/fmi_client.hpp"
-#include "link_procedures.hpp"
 #include "port_mapping.hpp"
 #include "port_rules.hpp"
+#include "procedure_record.hpp"
 #include "vorn_trace.hpp"
 
 namespace

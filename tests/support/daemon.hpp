@@ -26,6 +26,7 @@
 #include "clients/pmi_client.hpp"
 #include "fake_platform.hpp"
 #include "iemli/iemli_server.hpp"
+#include "manager/link_events.hpp"
 #include "manager/link_procedures.hpp"
 #include "manager/link_supervision.hpp"
 #include "manager/link_table.hpp"

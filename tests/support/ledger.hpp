@@ -18,9 +18,9 @@
 #include <vector>
 
 #include "iemli/iemli_session.hpp"
-#include "manager/link_procedure.hpp"
 #include "manager/port_mapping.hpp"
 #include "manager/port_rules.hpp"
+#include "manager/procedure_record.hpp"
 #include "support/daemon.hpp"
 
 namespace daemon_test

@@ -187,10 +187,10 @@ TEST_F(IemliCompletions, ForASessionThatIsGoneAnswerNobodyAndTakeTheNext)
 
 TEST_F(IemliCompletions, WhileTheRequestStartsLeaveNobodyBusy)
 {
-    neighbours::end_at_start([](IemliPendingRequest **request) { iemli_link_procedure_rej(99, request); });
+    neighbours::end_at_start(link_rejected(99));
     EXPECT_TRUE(offer(CLIENT_A, create_req(0x61, 1, {.vlan = 200})));
     expect_sent(CLIENT_A, rej(0x1B0E0D, 0x61, A_REF, 99));
-    neighbours::end_at_start([](IemliPendingRequest **request) { iemli_link_procedure_cfm(1, request); });
+    neighbours::end_at_start(link_confirmed(1));
     EXPECT_TRUE(offer(CLIENT_A, update_req(0x62, 1, 1, {APP_1})));
     expect_sent(CLIENT_A, header(0x1B0E0F, 0x62, A_REF));
     EXPECT_TRUE(offer(CLIENT_B, delete_req(0x63, 2, 5)));

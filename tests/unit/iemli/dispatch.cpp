@@ -2,6 +2,8 @@
 // what happens to messages that were cut off.
 #include <gmock/gmock.h>
 
+#include <functional>
+
 #include "neighbours.hpp"
 
 namespace

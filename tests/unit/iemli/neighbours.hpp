@@ -5,7 +5,6 @@
 // What the neighbours are asked for goes into fake::calls(), in one order with what the platform is asked for.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,8 +16,8 @@
 namespace neighbours
 {
 
-// The next procedure that is started ends at once, as `ending` says; it must hand the request back.
-void end_at_start(std::function<void(IemliPendingRequest **)> ending);
+// The next create or update that is started is over at once, with this answer.
+void end_at_start(const link_answer &answer);
 // The oldest open procedure answers.
 void confirm(uint32_t link_ref);
 void reject(uint32_t reason);

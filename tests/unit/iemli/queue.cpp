@@ -284,17 +284,15 @@ TEST_F(IemliQueue, CountsArrivalsFromZero)
     EXPECT_EQ(iemli_session_find(2)->queue_head->seq, 1U);
 }
 
-void reject_at_start(IemliPendingRequest **request) { iemli_link_procedure_rej(99, request); }
-
 TEST_F(IemliQueue, GoesOnWhenTheRequestTakenIsRejectedWhileItStarts)
 {
-    EXPECT_TRUE(offer(CLIENT_A, delete_req(1, 1, 11)));
+    EXPECT_TRUE(offer(CLIENT_A, create_req(1, 1, {})));
     EXPECT_TRUE(offer(CLIENT_A, create_req(2, 1, {})));
     EXPECT_TRUE(offer(CLIENT_B, delete_req(3, 2, 12)));
-    neighbours::end_at_start(reject_at_start);
-    neighbours::end_at_start(reject_at_start);
+    neighbours::end_at_start(link_rejected(99));
+    neighbours::end_at_start(link_rejected(99));
     complete();
-    expect_sent(CLIENT_A, header(0x1B0E12, 1, A_REF));
+    expect_sent(CLIENT_A, rej(0x1B0E0D, 1, A_REF, 99));
     expect_sent(CLIENT_A, rej(0x1B0E0D, 2, A_REF, 99));
     expect_nothing_sent();
     EXPECT_EQ(calls().back(), "delete 12 of 2");
@@ -306,16 +304,16 @@ TEST_F(IemliQueue, GoesOnWhenTheRequestTakenIsRejectedWhileItStarts)
 
 TEST_F(IemliQueue, SurvivesAnyNumberOfRequestsThatAreRejectedWhileTheyStart)
 {
-    constexpr uint32_t MANY = 50000; // more than a stack has room for, if each were taken inside the one before
+    constexpr uint32_t MANY = 40000; // more than a stack has room for, if each were taken inside the one before
     fake::set_trace_mask(0);
     for (uint32_t i = 0; i < MANY; ++i) {
-        EXPECT_TRUE(offer(CLIENT_A, delete_req(i, 1, i)));
-        neighbours::end_at_start(reject_at_start);
+        EXPECT_TRUE(offer(CLIENT_A, create_req(i, 1, {})));
+        neighbours::end_at_start(link_rejected(99));
     }
     neighbours::confirm(9);
     fake::take_sent();
     for (uint32_t i = 0; i < MANY; ++i) {
-        ASSERT_EQ(fake::sent()[i].bytes, header(0x1B0E12, i, A_REF));
+        ASSERT_EQ(fake::sent()[i].bytes, rej(0x1B0E0D, i, A_REF, 99));
     }
     EXPECT_EQ(fake::sent().size(), MANY);
     EXPECT_EQ(neighbours::open_procedures(), 0U);
@@ -323,11 +321,11 @@ TEST_F(IemliQueue, SurvivesAnyNumberOfRequestsThatAreRejectedWhileTheyStart)
 
 TEST_F(IemliQueue, TakesATermAfterARequestThatIsRejectedWhileItStarts)
 {
-    EXPECT_TRUE(offer(CLIENT_B, delete_req(1, 2, 11)));
+    EXPECT_TRUE(offer(CLIENT_B, create_req(1, 2, {})));
     EXPECT_TRUE(offer(CLIENT_A, term_req(2, 1)));
-    neighbours::end_at_start(reject_at_start);
+    neighbours::end_at_start(link_rejected(99));
     complete();
-    expect_sent(CLIENT_B, header(0x1B0E12, 1, B_REF));
+    expect_sent(CLIENT_B, rej(0x1B0E0D, 1, B_REF, 99));
     expect_sent(CLIENT_A, Builder().u32(0x1B0E07).u32(2).u32(1));
     expect_nothing_sent();
 }

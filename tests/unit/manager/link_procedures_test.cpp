@@ -4,8 +4,9 @@
 
 #include <gmock/gmock.h>
 
+#include "iemli/iemli_answers.hpp"
 #include "manager/link_paths.hpp"
-#include "manager/link_procedure.hpp"
+#include "manager/procedure_record.hpp"
 #include "support/daemon.hpp"
 
 namespace
@@ -59,6 +60,20 @@ TEST(LinkProcedureDecisions, AreTheSameForEveryCombinationOfSteps)
             }
         }
     }
+}
+
+// A procedure that is over when it has hardly begun: the answer goes out as the server sends it.
+void answer_at_once(const link_answer &answer, IemliPendingRequest **pending)
+{
+    ASSERT_NE(answer.kind, LINK_WAITS);
+    ASSERT_NE(*pending, nullptr) << "it is still the caller's";
+    EXPECT_TRUE(fake::sent().empty()) << "the procedure tells nobody";
+    if (answer.kind == LINK_CONFIRMED) {
+        iemli_answer_confirmed(answer.link_ref, pending);
+    } else {
+        iemli_answer_rejected(answer.reason, pending);
+    }
+    EXPECT_EQ(*pending, nullptr);
 }
 
 class LinkProcedure : public daemon_test::DaemonTest
@@ -280,8 +295,7 @@ TEST_F(LinkProcedure, CreateStartsNothingWithoutPortData)
     iepcsi_client_forget_all();
     IemliLinkData *data = make_link_data({});
     IemliPendingRequest *pending = make_request(IEMLI_PENDING_CREATE, session);
-    iml_link_create(data, &pending);
-    EXPECT_EQ(pending, nullptr);
+    answer_at_once(iml_link_create(data, &pending), &pending);
     EXPECT_EQ(rejected(IEMLI_CREATE_INTER_ME_LINK_REJ), 99u);
     EXPECT_TRUE(fake::traced(1, "Failed to get port data"));
     EXPECT_TRUE(fake::traced(1, "Memory error"));
@@ -297,9 +311,9 @@ TEST_F(LinkProcedure, CreateIsRejectedWhenMemoryIsOutAtTheStart)
         IemliPendingRequest *pending = make_request(IEMLI_PENDING_CREATE, session);
         forget_records();
         fake::fail_allocation(nth);
-        iml_link_create(data, &pending);
+        const link_answer answer = iml_link_create(data, &pending);
         fake::fail_allocation(0);
-        EXPECT_EQ(pending, nullptr);
+        answer_at_once(answer, &pending);
         EXPECT_EQ(rejected(IEMLI_CREATE_INTER_ME_LINK_REJ), 99u) << nth;
         EXPECT_EQ(fake::count_traced(1, "Memory error"), 1u) << nth;
         EXPECT_EQ(fake::count_traced(1, "Out of memory"), nth == 3 ? 1u : 0u);
@@ -559,8 +573,7 @@ TEST_F(LinkProcedure, UpdateOnALockedPortLeavesKeepAlivesAndRuleAlone)
 TEST_F(LinkProcedure, UpdateIsRejectedForALinkThatIsNotThere)
 {
     IemliPendingRequest *pending = make_request(IEMLI_PENDING_UPDATE, session, 5);
-    iml_link_update(&pending, 0, nullptr);
-    EXPECT_EQ(pending, nullptr);
+    answer_at_once(iml_link_update(&pending, 0, nullptr), &pending);
     EXPECT_EQ(rejected(IEMLI_UPDATE_INTER_ME_LINK_REJ), 3u);
     EXPECT_TRUE(fake::traced(4, "WARNING:update received for non-existing IML link, link_ref=5"));
     EXPECT_EQ(link_procedure_count(), 0u);
@@ -580,8 +593,7 @@ TEST_F(LinkProcedure, UpdateThatChangesNothingFinishesAtOnce)
     have_link();
     IemliPendingRequest *pending = make_request(IEMLI_PENDING_UPDATE, session, 1);
     IemliLinkData *same = make_link_data({});
-    iml_link_update(&pending, 1, iemli_app_links(same));
-    EXPECT_EQ(pending, nullptr);
+    answer_at_once(iml_link_update(&pending, 1, iemli_app_links(same)), &pending);
     EXPECT_EQ(take_to(daemon_test::CLIENT, IEMLI_UPDATE_INTER_ME_LINK_CFM).word(1), 77u);
     EXPECT_THAT(numbers_to(daemon_test::EMI), IsEmpty());
     EXPECT_EQ(link_procedure_count(), 0u);
@@ -596,9 +608,9 @@ TEST_F(LinkProcedure, UpdateIsRejectedWhenMemoryIsOutAtTheStart)
         IemliLinkData *data = make_link_data({.app_links = {APP_2}});
         forget_records();
         fake::fail_allocation(nth);
-        iml_link_update(&pending, 1, iemli_app_links(data));
+        const link_answer answer = iml_link_update(&pending, 1, iemli_app_links(data));
         fake::fail_allocation(0);
-        EXPECT_EQ(pending, nullptr);
+        answer_at_once(answer, &pending);
         EXPECT_EQ(rejected(IEMLI_UPDATE_INTER_ME_LINK_REJ), 99u);
         EXPECT_TRUE(fake::traced(1, "Memory error"));
         EXPECT_TRUE(fake::sent().empty());

@@ -3,7 +3,7 @@
 
 #include <gmock/gmock.h>
 
-#include "manager/link_procedure.hpp"
+#include "manager/procedure_record.hpp"
 #include "support/daemon.hpp"
 
 namespace

@@ -1,12 +1,16 @@
-// One open link procedure, and what the three files that drive it share: link_procedures.cpp starts and evaluates,
-// link_procedure_finish.cpp finishes and unwinds, link_events.cpp brings the answers.
-//
-// Answering a client (confirm or reject) takes the next queued request before it returns; that request may free the
-// link in hand or end the session. The procedure itself is freed by nobody but its own evaluation.
+// One open link procedure: the request that waits, the steps that are asked of the lower layers, and what comes next.
+// The record is freed by nobody but its own evaluation (link_procedures.cpp).
 #pragma once
 
 #include "base/ref_index.hpp"
-#include "link_procedures.hpp"
+#include "link_reports.hpp"
+
+enum proc_step_state : uint32_t {
+    PROC_STEP_IDLE = 0,
+    PROC_STEP_ONGOING = 1,
+    PROC_STEP_OK = 2,
+    PROC_STEP_FAILED = 3,
+};
 
 enum proc_step_kind : uint32_t {
     PROC_STEP_PMI = 0,
@@ -55,19 +59,16 @@ iml_link_proc *link_proc_alloc();
 // Frees a procedure that was never opened.
 void link_proc_free(iml_link_proc *proc);
 void link_proc_open(iml_link_proc *proc);
+// Frees an open one.
+void link_proc_close(iml_link_proc *proc);
+proc_step_state link_proc_overall_state(const iml_link_proc *proc);
 // Of the open ones, and `next` leads to the older.
 const iml_link_proc *link_proc_newest();
 // The newest of the open procedures that sent a request with this procedure_ref in that step; 0 finds none.
 iml_link_proc *link_proc_find(proc_step_kind kind, uint32_t procedure_ref);
 // The request of a step went out under this procedure_ref: the step is ongoing.
 void link_proc_step_sent(iml_link_proc *proc, proc_step_kind kind, uint32_t procedure_ref);
-// Does what comes next, and frees the procedure when nothing does.
-void link_proc_evaluate(iml_link_proc *proc);
-
-// ---- Finishing and unwinding; each answers the request, but unwinding may leave steps ongoing ----
-
-void link_proc_finish_create(iml_link_proc *proc);
-void link_proc_unwind_create(iml_link_proc *proc);
-void link_proc_finish_update(iml_link_proc *proc);
-void link_proc_unwind_update(iml_link_proc *proc);
-void link_proc_confirm_delete(iml_link_proc *proc);
+// How many procedures are open.
+uint32_t link_procedure_count();
+// Frees every open procedure and its request; answers nobody.
+void link_procedures_forget_all();
