@@ -6,7 +6,7 @@
 
 #include "iemli_send.hpp"
 #include "iemli_session.hpp"
-#include "manager/link_paths.hpp"
+#include "manager/links/link_paths.hpp"
 #include "vorn_trace.hpp"
 
 namespace

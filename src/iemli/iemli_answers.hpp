@@ -1,7 +1,7 @@
 // The answer to a create, update or delete once its procedure is over.
 #pragma once
 
-#include "manager/link_reports.hpp"
+#include "manager/links/link_reports.hpp"
 
 // Both end the session's waiting, answer it when it is still there, and free *pending and null it.
 void iemli_answer_confirmed(uint32_t link_ref, IemliPendingRequest **pending);

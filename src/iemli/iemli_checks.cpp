@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "app_link_index.hpp"
-#include "manager/port_macs.hpp"
-#include "manager/port_mapping.hpp"
+#include "base/app_link_index.hpp"
+#include "manager/ports/port_macs.hpp"
+#include "manager/ports/port_mapping.hpp"
 #include "vorn_trace.hpp"
 
 namespace

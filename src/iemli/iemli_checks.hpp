@@ -3,7 +3,7 @@
 #pragma once
 
 #include "iemli_messages.hpp"
-#include "manager/link_table.hpp"
+#include "manager/table/link_table.hpp"
 
 // No fault. Not 0: that is a reason of its own.
 inline constexpr uint32_t IEMLI_NO_REJECT = 0xFFFFFFFF;

@@ -6,10 +6,10 @@
 
 #include "iemli_answers.hpp"
 #include "iemli_checks.hpp"
-#include "manager/link_procedures.hpp"
-#include "manager/link_table.hpp"
-#include "manager/port_macs.hpp"
-#include "manager/rtt.hpp"
+#include "manager/links/link_procedures.hpp"
+#include "manager/links/rtt.hpp"
+#include "manager/ports/port_macs.hpp"
+#include "manager/table/link_table.hpp"
 #include "vorn_trace.hpp"
 
 namespace

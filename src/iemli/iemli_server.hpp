@@ -7,7 +7,7 @@
 
 #include "iemli_messages.hpp"
 #include "itc.h"
-#include "manager/link_reports.hpp"
+#include "manager/links/link_reports.hpp"
 
 // Offers a received message; true when it was an IEMLI request or the client-down indication. Never keeps or frees it.
 bool iemli_server_dispatch(const itc_msg *msg);

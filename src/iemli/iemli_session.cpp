@@ -3,7 +3,7 @@
 
 #include <cstdlib>
 
-#include "manager/link_procedures.hpp"
+#include "manager/links/link_procedures.hpp"
 #include "vorn_trace.hpp"
 
 namespace

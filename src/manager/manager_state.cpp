@@ -8,12 +8,12 @@
 #include "clients/iepcsi_client.hpp"
 #include "clients/pmi_client.hpp"
 #include "iemli/iemli_server.hpp"
-#include "link_events.hpp"
-#include "link_paths.hpp"
-#include "link_reports.hpp"
-#include "link_table.hpp"
-#include "port_mapping.hpp"
-#include "port_rules.hpp"
+#include "manager/links/link_events.hpp"
+#include "manager/links/link_paths.hpp"
+#include "manager/links/link_reports.hpp"
+#include "manager/ports/port_mapping.hpp"
+#include "manager/rules/port_rules.hpp"
+#include "manager/table/link_table.hpp"
 #include "vorn_trace.hpp"
 
 namespace

@@ -14,10 +14,10 @@
 #include "clients/iepcsi_client.hpp"
 #include "clients/pmi_client.hpp"
 #include "iemli/iemli_server.hpp"
+#include "manager/links/supervision_results.hpp"
 #include "manager_state.hpp"
 #include "shell/shell_client.hpp"
 #include "sighandler.h"
-#include "supervision_results.hpp"
 #include "vorn_trace.hpp"
 
 namespace

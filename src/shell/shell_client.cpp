@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "manager/port_macs.hpp"
+#include "manager/ports/port_macs.hpp"
 #include "vorn_trace.hpp"
 
 namespace

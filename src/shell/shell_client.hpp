@@ -2,7 +2,7 @@
 #pragma once
 
 #include "itc.h"
-#include "manager/link_table.hpp"
+#include "manager/table/link_table.hpp"
 #include "shell_messages.hpp"
 
 // Over the valid samples; all zero when there is none.

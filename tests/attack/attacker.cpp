@@ -34,7 +34,7 @@
 #include "clients/pmi_messages.hpp"
 #include "ecpri.hpp"
 #include "iemli_client.hpp"
-#include "manager/link_supervision.hpp"
+#include "manager/links/link_supervision.hpp"
 #include "ns.h"
 #include "raw.hpp"
 #include "shell/shell_messages.hpp"

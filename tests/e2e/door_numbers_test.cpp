@@ -10,7 +10,7 @@
 #include "clients/iepcsi_messages.hpp"
 #include "clients/pmi_messages.hpp"
 #include "iemli/iemli_messages.hpp"
-#include "manager/link_supervision.hpp"
+#include "manager/links/link_supervision.hpp"
 #include "ns.h"
 #include "policy_file.hpp"
 #include "shell/shell_messages.hpp"

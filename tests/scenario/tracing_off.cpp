@@ -6,8 +6,8 @@
 #include <random>
 
 #include "iemli/iemli_session.hpp"
-#include "manager/link_paths.hpp"
-#include "manager/rtt.hpp"
+#include "manager/links/link_paths.hpp"
+#include "manager/links/rtt.hpp"
 #include "transcript.hpp"
 
 namespace

@@ -18,9 +18,9 @@
 #include <vector>
 
 #include "iemli/iemli_session.hpp"
-#include "manager/port_mapping.hpp"
-#include "manager/port_rules.hpp"
-#include "manager/procedure_record.hpp"
+#include "manager/links/procedure_record.hpp"
+#include "manager/ports/port_mapping.hpp"
+#include "manager/rules/port_rules.hpp"
 #include "support/daemon.hpp"
 
 namespace daemon_test

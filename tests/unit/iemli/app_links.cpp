@@ -6,7 +6,7 @@
 #include <map>
 #include <random>
 
-#include "iemli/app_link_index.hpp"
+#include "base/app_link_index.hpp"
 #include "iemli/iemli_checks.hpp"
 #include "neighbours.hpp"
 

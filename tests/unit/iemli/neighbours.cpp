@@ -7,8 +7,8 @@
 
 #include "clients/aasi_client.hpp"
 #include "clients/iepcsi_client.hpp"
-#include "manager/link_procedures.hpp"
-#include "manager/rtt.hpp"
+#include "manager/links/link_procedures.hpp"
+#include "manager/links/rtt.hpp"
 
 namespace
 {

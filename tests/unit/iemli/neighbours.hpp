@@ -11,7 +11,7 @@
 #include "base/daemon_state.hpp"
 #include "fake_platform.hpp"
 #include "iemli/iemli_server.hpp"
-#include "manager/link_table.hpp"
+#include "manager/table/link_table.hpp"
 
 namespace neighbours
 {

@@ -1,7 +1,7 @@
 // Answers that nobody waits for, answers to procedures without a link, and port events.
 #include <gmock/gmock.h>
 
-#include "manager/procedure_record.hpp"
+#include "manager/links/procedure_record.hpp"
 #include "support/daemon.hpp"
 
 namespace

@@ -1,5 +1,5 @@
 // What the automation agent is told of the links, and when.
-#include "manager/link_paths.hpp"
+#include "manager/links/link_paths.hpp"
 
 #include <cstdlib>
 

@@ -1,9 +1,9 @@
 // Links without anybody who serves them: what they report goes to whoever gave his functions.
-#include "manager/link_reports.hpp"
+#include "manager/links/link_reports.hpp"
 
 #include <cstdlib>
 
-#include "manager/rtt.hpp"
+#include "manager/links/rtt.hpp"
 #include "support/daemon.hpp"
 
 using namespace daemon_test;

@@ -1,5 +1,5 @@
 // Sessions of the supervision library for links, and what their results make of a link's status.
-#include "manager/link_supervision.hpp"
+#include "manager/links/link_supervision.hpp"
 
 #include <gmock/gmock.h>
 

@@ -1,13 +1,13 @@
 // The table of links.
-#include "manager/link_table.hpp"
+#include "manager/table/link_table.hpp"
 
 #include <gmock/gmock.h>
 
 #include <random>
 #include <set>
 
-#include "manager/port_macs.hpp"
-#include "manager/rtt.hpp"
+#include "manager/links/rtt.hpp"
+#include "manager/ports/port_macs.hpp"
 #include "support/daemon.hpp"
 
 namespace

@@ -1,5 +1,5 @@
 // Network namespaces.
-#include "manager/namespace.hpp"
+#include "manager/links/namespace.hpp"
 
 #include <gmock/gmock.h>
 

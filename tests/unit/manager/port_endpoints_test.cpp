@@ -1,9 +1,9 @@
 // The PTP and LLDP endpoints of a port, from its unlock or lock to the last answer.
-#include "manager/port_endpoints.hpp"
+#include "manager/rules/port_endpoints.hpp"
 
 #include <gmock/gmock.h>
 
-#include "manager/procedure_record.hpp"
+#include "manager/links/procedure_record.hpp"
 #include "support/daemon.hpp"
 
 namespace

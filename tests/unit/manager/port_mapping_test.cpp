@@ -1,5 +1,5 @@
 // The three names of a port, and where its links live.
-#include "manager/port_mapping.hpp"
+#include "manager/ports/port_mapping.hpp"
 
 #include <gmock/gmock.h>
 

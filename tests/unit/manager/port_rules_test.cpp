@@ -1,5 +1,5 @@
 // The MAC lists and rule records of ports and links, written out, and the access-control set-up of a port.
-#include "manager/port_rules.hpp"
+#include "manager/rules/port_rules.hpp"
 
 #include <gmock/gmock.h>
 

@@ -1,5 +1,5 @@
 // RTT samples, their statistics and their reports.
-#include "manager/rtt.hpp"
+#include "manager/links/rtt.hpp"
 
 #include <gmock/gmock.h>
 

@@ -12,9 +12,9 @@
 #include "link_paths.hpp"
 #include "link_procedure_finish.hpp"
 #include "link_supervision.hpp"
-#include "link_table.hpp"
-#include "port_mapping.hpp"
-#include "port_rules.hpp"
+#include "manager/ports/port_mapping.hpp"
+#include "manager/rules/port_rules.hpp"
+#include "manager/table/link_table.hpp"
 #include "vorn_trace.hpp"
 
 namespace

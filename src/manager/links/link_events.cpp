@@ -5,9 +5,9 @@
 #include "clients/iepcsi_client.hpp"
 #include "link_procedures.hpp"
 #include "link_supervision.hpp"
-#include "link_table.hpp"
-#include "port_endpoints.hpp"
-#include "port_mapping.hpp"
+#include "manager/ports/port_mapping.hpp"
+#include "manager/rules/port_endpoints.hpp"
+#include "manager/table/link_table.hpp"
 #include "vorn_trace.hpp"
 
 namespace

@@ -3,8 +3,8 @@
 
 #include "base/daemon_state.hpp"
 #include "clients/aasi_client.hpp"
-#include "link_table.hpp"
-#include "port_macs.hpp"
+#include "manager/ports/port_macs.hpp"
+#include "manager/table/link_table.hpp"
 #include "vorn_trace.hpp"
 
 namespace

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "clients/iepcsi_client.hpp"
-#include "link_table.hpp"
+#include "manager/table/link_table.hpp"
 #include "supervision.h"
 
 inline constexpr uint32_t SUPERVISION_IND = 0x1B0CE6;

@@ -5,7 +5,7 @@
 // An index owns its entries, not the app links it was built from; those must stay while it is used.
 #pragma once
 
-#include "iemli_messages.hpp"
+#include "iemli/iemli_messages.hpp"
 
 struct app_link_entry;
 

@@ -9,8 +9,8 @@
 
 #include "base/own_mailbox.hpp"
 #include "link_status.hpp"
+#include "manager/ports/port_mapping.hpp"
 #include "namespace.hpp"
-#include "port_mapping.hpp"
 #include "vorn_trace.hpp"
 
 static_assert(sizeof(supervision_params) == 48);

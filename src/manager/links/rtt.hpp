@@ -1,7 +1,7 @@
 // RTT measurement: the newest samples of a link, their statistics, and reports of every batch to the link's owner.
 #pragma once
 
-#include "link_table.hpp"
+#include "manager/table/link_table.hpp"
 #include "supervision.h"
 
 void rtt_record_sample(uint32_t result, const supervision_rtt *rtt, iml_link *link);

@@ -6,11 +6,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/app_link_index.hpp"
 #include "clients/fmi_client.hpp"
 #include "clients/iepcsi_client.hpp"
-#include "iemli/app_link_index.hpp"
-#include "link_table.hpp"
-#include "port_mapping.hpp"
+#include "manager/ports/port_mapping.hpp"
+#include "manager/table/link_table.hpp"
 #include "vorn_trace.hpp"
 
 namespace

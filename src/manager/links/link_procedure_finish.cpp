@@ -9,9 +9,9 @@
 #include "clients/iepcsi_client.hpp"
 #include "clients/pmi_client.hpp"
 #include "link_supervision.hpp"
-#include "link_table.hpp"
-#include "port_mapping.hpp"
-#include "port_rules.hpp"
+#include "manager/ports/port_mapping.hpp"
+#include "manager/rules/port_rules.hpp"
+#include "manager/table/link_table.hpp"
 #include "vorn_trace.hpp"
 
 namespace

@@ -3,14 +3,8 @@
 #pragma once
 
 #include "base/ref_index.hpp"
+#include "base/step_state.hpp"
 #include "link_reports.hpp"
-
-enum proc_step_state : uint32_t {
-    PROC_STEP_IDLE = 0,
-    PROC_STEP_ONGOING = 1,
-    PROC_STEP_OK = 2,
-    PROC_STEP_FAILED = 3,
-};
 
 enum proc_step_kind : uint32_t {
     PROC_STEP_PMI = 0,

@@ -8,11 +8,11 @@
 #include <cstring>
 
 #include "base/daemon_state.hpp"
+#include "base/step_state.hpp"
 #include "clients/emi_client.hpp"
 #include "clients/fmi_client.hpp"
-#include "port_mapping.hpp"
+#include "manager/ports/port_mapping.hpp"
 #include "port_rules.hpp"
-#include "procedure_record.hpp"
 #include "vorn_trace.hpp"
 
 namespace

@@ -6,7 +6,7 @@
 #include "link_paths.hpp"
 #include "link_reports.hpp"
 #include "link_supervision.hpp"
-#include "port_mapping.hpp"
+#include "manager/ports/port_mapping.hpp"
 #include "vorn_trace.hpp"
 
 namespace

@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 
-#include "port_mapping.hpp"
+#include "manager/ports/port_mapping.hpp"
 #include "vorn_trace.hpp"
 
 namespace
