@@ -515,6 +515,7 @@ bool rule_namespace::mend_once()
         refusal_told_.clear();
         return false;
     }
+    read_news(); // who it was may have been told meanwhile
     tell_mended(wrong);
     if (const auto refused = make_anew(picture, wrong)) {
         note_refusal(*refused);
