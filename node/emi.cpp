@@ -87,7 +87,7 @@ emi_service::emi_service(const node_config &config, outlet &out, endpoint_backen
     }
 }
 
-verdict emi_service::perform(const request_kind &kind, client & /*from*/, const message_view &message)
+verdict emi_service::perform(const request_kind &kind, client &from, const message_view &message)
 {
     const uint32_t count = message.word(offsetof(emi_endpoint_req, num_of_eps));
     if (!message.holds(RECORDS_AT, count, RECORD_SIZE)) {
@@ -101,7 +101,8 @@ verdict emi_service::perform(const request_kind &kind, client & /*from*/, const 
         }
         records.push_back(std::move(*record));
     }
-    return kind.number == EMI_ADD_ENDPOINT_REQ ? add(records) : remove(records);
+    return kind.number == EMI_ADD_ENDPOINT_REQ ? add(records, by_connection_[from.connection_ref])
+                                               : remove(records, from.connection_ref);
 }
 
 // Nothing when the port name of the record has no end.
@@ -147,7 +148,7 @@ placed_endpoint emi_service::place(const endpoint &record, const std::string &po
     return {port, record.address, static_cast<uint16_t>(record.vlan_id), record.far_end != 0};
 }
 
-verdict emi_service::add(const std::vector<endpoint> &records)
+verdict emi_service::add(const std::vector<endpoint> &records, asked_endpoints &asked)
 {
     const auto ports = ports_of(records);
     for (const endpoint &record : records) {
@@ -166,26 +167,71 @@ verdict emi_service::add(const std::vector<endpoint> &records)
         return rejected(EMI_REJ_MAX_NUM_ENDPOINTS_REACHED);
     }
     const auto fresh = placed_.fresh();
-    return ended(fresh.empty() ? std::nullopt : backend_.add(fresh));
+    verdict result = ended(fresh.empty() ? std::nullopt : backend_.add(fresh));
+    if (!result.reject_reason) {
+        for (const endpoint &record : records) {
+            ++asked[{record, ports}];
+        }
+    }
+    return result;
 }
 
-verdict emi_service::remove(const std::vector<endpoint> &records)
+verdict emi_service::remove(const std::vector<endpoint> &records, uint32_t connection_ref)
 {
     const auto ports = ports_of(records);
-    uint64_t unknown = 0;
+    std::vector<asked_endpoint> known;
     for (const endpoint &record : records) {
-        if (users_.of(record) == 0) {
-            ++unknown;
-        } else {
+        if (users_.of(record) != 0) {
             count_removal(record, ports);
+            known.push_back({record, ports});
         }
     }
     const auto gone = placed_.gone();
     verdict result = ended(gone.empty() ? std::nullopt : backend_.remove(gone));
     if (!result.reject_reason) {
-        unknown_removals_ += unknown;
+        unknown_removals_ += records.size() - known.size();
+        for (const asked_endpoint &removed : known) {
+            no_more_asked(removed, connection_ref);
+        }
     }
     return result;
+}
+
+// One user less: of the same ports where the connection has one, of its own where it has any, else of another's.
+void emi_service::no_more_asked(const asked_endpoint &gone, uint32_t connection_ref)
+{
+    const auto take_from = [](asked_endpoints &asked, auto found) {
+        const bool is_there = found != asked.end();
+        if (is_there && --found->second == 0) {
+            asked.erase(found);
+        }
+        return is_there;
+    };
+    const auto of_any_ports = [&](asked_endpoints &asked) {
+        return std::find_if(asked.begin(), asked.end(),
+                            [&](const auto &entry) { return entry.first.record == gone.record; });
+    };
+    auto &own = by_connection_[connection_ref];
+    if (take_from(own, own.find(gone)) || take_from(own, of_any_ports(own))) {
+        return;
+    }
+    (void)std::any_of(by_connection_.begin(), by_connection_.end(),
+                      [&](auto &each) { return take_from(each.second, of_any_ports(each.second)); });
+}
+
+bool emi_service::forget(uint32_t connection_ref)
+{
+    for (const auto &[asked, users] : by_connection_[connection_ref]) {
+        for (uint64_t i = 0; i < users; ++i) {
+            count_removal(asked.record, asked.ports);
+        }
+    }
+    const auto gone = placed_.gone();
+    if (ended(gone.empty() ? std::nullopt : backend_.remove(gone)).reject_reason) {
+        return false;
+    }
+    by_connection_.erase(connection_ref);
+    return true;
 }
 
 // The last removal of an endpoint without a port takes it from every port, whichever the request names.

@@ -6,7 +6,8 @@
 //
 // A near-end MAC comes without the name of a port: it belongs to the ports that the other records of its request name,
 // or to every port when they name none. An endpoint that several records ask for on a port is given to the backend
-// once, and taken from it with the last of them.
+// once, and taken from it with the last of them. Users are counted by connection, too: those of a connection that ends
+// go after it.
 #pragma once
 
 #include "config.hpp"
@@ -51,8 +52,18 @@ private:
     static std::optional<endpoint> endpoint_at(const message_view &message, uint32_t index);
     std::optional<uint32_t> refusal(const std::optional<endpoint> &record) const;
     std::set<std::string> ports_of(const std::vector<endpoint> &records) const;
-    verdict add(const std::vector<endpoint> &records);
-    verdict remove(const std::vector<endpoint> &records);
+    // An endpoint, and the ports of the request that asked for it.
+    struct asked_endpoint {
+        endpoint record;
+        std::set<std::string> ports;
+        auto operator<=>(const asked_endpoint &) const = default;
+    };
+    using asked_endpoints = std::map<asked_endpoint, uint64_t>;
+
+    bool forget(uint32_t connection_ref) override;
+    verdict add(const std::vector<endpoint> &records, asked_endpoints &asked);
+    verdict remove(const std::vector<endpoint> &records, uint32_t connection_ref);
+    void no_more_asked(const asked_endpoint &gone, uint32_t connection_ref);
     void count_removal(const endpoint &record, const std::set<std::string> &ports);
     static placed_endpoint place(const endpoint &record, const std::string &port);
     verdict ended(const std::optional<kernel_refusal> &refused);
@@ -64,6 +75,7 @@ private:
     user_counts<endpoint> users_;
     user_counts<shared_endpoint> shared_;
     user_counts<placed_endpoint> placed_;
+    std::map<uint32_t, asked_endpoints> by_connection_;
     uint64_t unknown_removals_ = 0;
 };
 

@@ -128,8 +128,9 @@ fmi_service::fmi_service(const node_config &config, outlet &out, rule_backend &b
     }
 }
 
-verdict fmi_service::perform(const request_kind &kind, client & /*from*/, const message_view &message)
+verdict fmi_service::perform(const request_kind &kind, client &from, const message_view &message)
 {
+    asking_ = from.connection_ref;
     const auto port = message.text(port_name_at(kind.number), FMI_PORT_NAME_LEN);
     if (!port) {
         return rejected(FMI_ERROR_ACL_INVALID_ARGS);
@@ -183,6 +184,7 @@ std::optional<uint32_t> fmi_service::append(const std::string &port, std::map<ui
     }
     ++last_id_;
     ++entries_;
+    by_connection_[asking_].insert(last_id_);
     return std::nullopt;
 }
 
@@ -201,7 +203,40 @@ std::optional<uint32_t> fmi_service::remove(const std::string &port, std::map<ui
         return reason;
     }
     --entries_;
+    for (auto &[connection_ref, ids] : by_connection_) {
+        ids.erase(id);
+    }
     return std::nullopt;
+}
+
+// Port by port, each in one change. A policer that another connection's rule goes through stays as long as that rule.
+bool fmi_service::forget(uint32_t connection_ref)
+{
+    std::set<uint32_t> &ids = by_connection_[connection_ref];
+    const auto is_its = [&](const auto &entry) { return ids.contains(entry.first); };
+    for (auto &[port, rules] : ports_) {
+        const port_rules before = rules;
+        size_t gone = std::erase_if(rules.static_rules, is_its) + std::erase_if(rules.dynamic_rules, is_its);
+        gone += std::erase_if(rules.policers, [&](const auto &entry) {
+            return is_its(entry) &&
+                   std::none_of(rules.dynamic_rules.begin(), rules.dynamic_rules.end(),
+                                [&](const auto &rule) { return rule.second.policer_id == entry.first; });
+        });
+        if (gone != 0 && have_rules(port)) {
+            rules = before;
+            return false;
+        }
+        entries_ -= gone;
+    }
+    std::erase_if(ids, [&](uint32_t id) {
+        return std::none_of(ports_.begin(), ports_.end(),
+                            [&](const auto &each) { return each.second.policers.contains(id); });
+    });
+    if (!ids.empty()) {
+        return false;
+    }
+    by_connection_.erase(connection_ref);
+    return true;
 }
 
 verdict fmi_service::set_default_action(const std::string &port, const message_view &message)

@@ -1,6 +1,7 @@
 // The flow manager: access-control lists of the node's ports (a default action, static rules and dynamic rules per
 // port) and policers. What they mean stands in fmi_backend.hpp; a change that the backend refuses is rejected and
-// changes nothing. Ids are counted from 1 over all ports.
+// changes nothing. Ids are counted from 1 over all ports. Rules and policers of a connection that ends go after it; a
+// default action stays.
 #pragma once
 
 #include "config.hpp"
@@ -8,6 +9,7 @@
 #include "service.hpp"
 
 #include <map>
+#include <set>
 
 namespace kap_node
 {
@@ -31,6 +33,7 @@ private:
     verdict append_dynamic_rule(const std::string &port, const message_view &message);
     verdict remove_dynamic_rule(const std::string &port, const message_view &message);
     verdict create_policer(const std::string &port, const message_view &message);
+    bool forget(uint32_t connection_ref) override;
     bool full() const;
     template <class Entry>
     std::optional<uint32_t> append(const std::string &port, std::map<uint32_t, Entry> port_rules::*where, Entry entry);
@@ -45,6 +48,8 @@ private:
     uint32_t last_id_ = 0;
     size_t entries_ = 0; // rules and policers of all ports
     std::map<std::string, port_rules> ports_;
+    uint32_t asking_ = 0;                                  // the connection whose request is carried out
+    std::map<uint32_t, std::set<uint32_t>> by_connection_; // the ids of its rules and policers
 };
 
 } // namespace kap_node

@@ -3,6 +3,7 @@
 
 #include "clients/pmi_messages.hpp"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace kap_node
@@ -93,7 +94,7 @@ pmi_service::pmi_service(const node_config &config, outlet &out, vlan_backend &b
     }
 }
 
-verdict pmi_service::perform(const request_kind &kind, client & /*from*/, const message_view &message)
+verdict pmi_service::perform(const request_kind &kind, client &from, const message_view &message)
 {
     const auto port = message.text(offsetof(pmi_port_vlan_req, port_name), sizeof(pmi_port_vlan_req::port_name));
     const uint32_t vlan_id = message.word(offsetof(pmi_port_vlan_req, vlan_id));
@@ -101,38 +102,67 @@ verdict pmi_service::perform(const request_kind &kind, client & /*from*/, const 
         return rejected(PMI_REJ_INVALID_RESOURCE);
     }
     const port_vlan meant{*port, static_cast<uint16_t>(vlan_id)};
-    return kind.number == PMI_ENABLE_PORT_VLAN_REQ ? enable(meant) : disable(meant);
+    return kind.number == PMI_ENABLE_PORT_VLAN_REQ ? enable(meant, from.connection_ref)
+                                                   : disable(meant, from.connection_ref);
 }
 
-verdict pmi_service::enable(const port_vlan &wanted)
+verdict pmi_service::enable(const port_vlan &wanted, uint32_t connection_ref)
 {
-    const auto found = users_.find(wanted);
-    if (found != users_.end()) {
-        ++found->second;
-        return confirmed();
+    if (!users_.contains(wanted)) {
+        if (const auto refusal = backend_.open(wanted.port, wanted.vlan_id)) {
+            return rejected(reason_of(*refusal));
+        }
     }
-    if (const auto refusal = backend_.open(wanted.port, wanted.vlan_id)) {
-        return rejected(reason_of(*refusal));
-    }
-    users_[wanted] = 1;
+    ++users_[wanted];
+    ++by_connection_[connection_ref][wanted];
     return confirmed();
 }
 
-verdict pmi_service::disable(const port_vlan &unwanted)
+// What the connection has not enabled itself is taken from another's: each disable takes one user away.
+verdict pmi_service::disable(const port_vlan &unwanted, uint32_t connection_ref)
 {
-    const auto found = users_.find(unwanted);
-    if (found == users_.end()) {
+    if (!users_.contains(unwanted)) {
         return rejected(PMI_REJ_NOT_ALLOWED);
     }
-    if (found->second > 1) {
-        --found->second;
-        return confirmed();
-    }
-    if (const auto refusal = backend_.close(unwanted.port, unwanted.vlan_id)) {
+    if (const auto refusal = take_users(unwanted, 1)) {
         return rejected(reason_of(*refusal));
     }
-    users_.erase(found);
+    auto whose = by_connection_.find(connection_ref);
+    if (whose == by_connection_.end() || !whose->second.contains(unwanted)) {
+        whose = std::find_if(by_connection_.begin(), by_connection_.end(),
+                             [&](const auto &entry) { return entry.second.contains(unwanted); });
+    }
+    const auto counted = whose->second.find(unwanted);
+    if (--counted->second == 0) {
+        whose->second.erase(counted);
+    }
     return confirmed();
+}
+
+// The VLAN is closed with its last user. A refusal leaves all as it was.
+std::optional<kernel_refusal> pmi_service::take_users(const port_vlan &unwanted, uint64_t users)
+{
+    const auto found = users_.find(unwanted);
+    if (found->second > users) {
+        found->second -= users;
+        return std::nullopt;
+    }
+    auto refusal = backend_.close(unwanted.port, unwanted.vlan_id);
+    if (!refusal) {
+        users_.erase(found);
+    }
+    return refusal;
+}
+
+bool pmi_service::forget(uint32_t connection_ref)
+{
+    auto &asked = by_connection_[connection_ref];
+    std::erase_if(asked, [&](const auto &entry) { return !take_users(entry.first, entry.second); });
+    if (!asked.empty()) {
+        return false;
+    }
+    by_connection_.erase(connection_ref);
+    return true;
 }
 
 json pmi_service::state() const

@@ -2,7 +2,8 @@
 //
 // Each link that uses a VLAN of a port enables it once and disables it once, and two links may share one. So every
 // confirmed enable adds a user and every disable takes one away; the VLAN is closed with its last user. Disabling a
-// VLAN that nobody has enabled is refused. What the backend refuses is rejected and changes no count.
+// VLAN that nobody has enabled is refused. What the backend refuses is rejected and changes no count. Users are counted
+// by connection, too: those of a connection that ends go after it.
 #pragma once
 
 #include "config.hpp"
@@ -32,12 +33,15 @@ private:
         auto operator<=>(const port_vlan &) const = default;
     };
 
-    verdict enable(const port_vlan &wanted);
-    verdict disable(const port_vlan &unwanted);
+    bool forget(uint32_t connection_ref) override;
+    verdict enable(const port_vlan &wanted, uint32_t connection_ref);
+    verdict disable(const port_vlan &unwanted, uint32_t connection_ref);
+    std::optional<kernel_refusal> take_users(const port_vlan &unwanted, uint64_t users);
 
     vlan_backend &backend_;
     std::set<std::string> ports_;
     std::map<port_vlan, uint64_t> users_;
+    std::map<uint32_t, std::map<port_vlan, uint64_t>> by_connection_;
 };
 
 } // namespace kap_node

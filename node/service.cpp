@@ -14,6 +14,7 @@ namespace
 constexpr size_t FIXED_VERSIONS_AT = HEAD_SIZE;
 constexpr size_t VERSION_COUNT_AT = HEAD_SIZE;
 constexpr size_t VERSIONS_AT = HEAD_SIZE + 4;
+constexpr millis KEPT_AFTER_THE_END_MS = 10'000;
 constexpr uint32_t LONGEST_DELAY_MS = 24 * 3600 * 1000;
 
 bytes message_with_head(uint32_t number, uint32_t procedure_ref, uint32_t connection_ref, const bytes &fields)
@@ -160,6 +161,9 @@ verdict service::establish(const request_kind & /*kind*/, mailbox sender, const 
         ++last_connection_ref_;
     }
     connection_reset(sender);
+    if (known) {
+        ended_.push_back({clients_[sender].connection_ref, std::nullopt});
+    }
     clients_[sender] = client{sender, last_connection_ref_, message.connection_ref(), 0};
     if (!known) {
         out_.watch(sender);
@@ -223,18 +227,41 @@ void service::tick(millis now)
         waiting_.erase(waiting_.begin());
         out_.send(next.to, std::move(next.message));
     }
+    forget_what_is_due(now);
+}
+
+void service::forget_what_is_due(millis now)
+{
+    for (ended_connection &ended : ended_) {
+        ended.due = ended.due.value_or(now + KEPT_AFTER_THE_END_MS);
+    }
+    std::erase_if(ended_, [&](ended_connection &ended) {
+        if (*ended.due > now) {
+            return false;
+        }
+        ended.due = now + KEPT_AFTER_THE_END_MS;
+        return forget(ended.connection_ref);
+    });
 }
 
 std::optional<millis> service::next_deadline() const
 {
-    return waiting_.empty() ? std::nullopt : std::optional(waiting_.begin()->first);
+    std::optional<millis> next = waiting_.empty() ? std::nullopt : std::optional(waiting_.begin()->first);
+    for (const ended_connection &ended : ended_) {
+        const millis due = ended.due.value_or(0);
+        next = std::min(next.value_or(due), due);
+    }
+    return next;
 }
 
 void service::client_gone(mailbox address)
 {
-    if (clients_.erase(address) == 0) {
+    const auto found = clients_.find(address);
+    if (found == clients_.end()) {
         return;
     }
+    ended_.push_back({found->second.connection_ref, std::nullopt});
+    clients_.erase(found);
     ++counters_.clients_lost;
     std::erase_if(waiting_, [&](const auto &entry) { return entry.second.to == address; });
     connection_reset(address);

@@ -3,7 +3,8 @@
 //
 // The core checks each request (known number, long enough, of a connected client), makes the faults it was told to
 // make, stamps the head of every answer and keeps the clients and the counters. A service derives from it and adds
-// what its requests do. What a client asked for outlives the client: a node does not tear down what it was given.
+// what its requests do. What a connection asked for outlives it by ten seconds, in which whoever takes its place can
+// ask for it again; then it is taken away.
 #pragma once
 
 #include "faults.hpp"
@@ -12,6 +13,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace kap_node
 {
@@ -125,6 +127,9 @@ protected:
     virtual void confirmed_to(const request_kind & /*kind*/, client & /*to*/, const message_view & /*message*/) {}
     // A client has connected anew or is gone; what is kept per connection starts empty.
     virtual void connection_reset(mailbox /*address*/) {}
+    // Takes away what a connection that is no more had asked for. False when that cannot be done now: it is tried
+    // again.
+    virtual bool forget(uint32_t /*connection_ref*/) { return true; }
     // The fields of a reject after its head.
     virtual bytes reject_fields(const request_kind &kind, const message_view &message, uint32_t reason) const;
     // The service's own part of show.
@@ -156,6 +161,14 @@ private:
         bytes message;
     };
 
+    // A connection that is no more, and when what it asked for goes; not known before the next look at the clock.
+    struct ended_connection {
+        uint32_t connection_ref;
+        std::optional<millis> due;
+    };
+
+    void forget_what_is_due(millis now);
+
     const protocol &protocol_;
     outlet &out_;
     size_t max_clients_;
@@ -163,6 +176,7 @@ private:
     uint32_t last_connection_ref_ = 0;
     fault_table faults_;
     service_counters counters_;
+    std::vector<ended_connection> ended_;
     std::multimap<millis, waiting> waiting_; // by the time each is due; equal times keep their order
     std::optional<millis> due_;              // of what is sent while a delayed request is handled
     bool dying_ = false;

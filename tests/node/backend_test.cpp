@@ -106,6 +106,62 @@ TEST_F(PmiBackend, AVlanWhoseClosingIsRefusedStaysCounted)
     EXPECT_EQ(vlans(), json::array());
 }
 
+TEST_F(PmiBackend, KeepsWhatAConnectionAskedForTenSecondsAfterItsEndForWhoeverAsksAgain)
+{
+    enable();
+    tested->client_gone(CLIENT);
+    tested->tick(now);
+    EXPECT_EQ(tested->next_deadline(), now + 10'000);
+    receive(message_of(0x1B1003, "00 00 00 02  00 00 00 C8  00 00 00 01  00 00 00 01"), OTHER_CLIENT);
+    receive(message_of(0x1B1009, "00 00 00 07  00 00 00 02  'IDLA1' 0*11  00 00 00 64"), OTHER_CLIENT);
+    EXPECT_EQ(vlans()[0]["users"], 2);
+    tested->tick(now + 9'999);
+    EXPECT_EQ(vlans()[0]["users"], 2);
+    tested->tick(now + 10'000);
+    EXPECT_EQ(vlans()[0]["users"], 1);
+    EXPECT_EQ(backend.take(), (words{"open IDLA1 100"}));
+    tested->client_gone(OTHER_CLIENT);
+    tested->tick(now + 20'000);
+    tested->tick(now + 30'000);
+    EXPECT_EQ(backend.take(), (words{"close IDLA1 100"}));
+    EXPECT_EQ(vlans(), json::array());
+    EXPECT_EQ(tested->next_deadline(), std::nullopt);
+}
+
+TEST_F(PmiBackend, WhoConnectsAgainHasItsEarlierConnectionForgotten)
+{
+    enable();
+    receive(message_of(0x1B1003, "00 00 00 02  00 00 00 C8  00 00 00 01  00 00 00 01"));
+    tested->tick(now);
+    tested->tick(now + 10'000);
+    EXPECT_EQ(backend.take(), (words{"open IDLA1 100", "close IDLA1 100"}));
+}
+
+TEST_F(PmiBackend, TriesAgainToCloseWhatAnEndedConnectionHadOpened)
+{
+    enable();
+    tested->client_gone(CLIENT);
+    tested->tick(now);
+    backend.refusal = kernel_refusal{EPERM, "no"};
+    tested->tick(now + 10'000);
+    EXPECT_EQ(vlans()[0]["users"], 1);
+    backend.refusal.reset();
+    tested->tick(now + 20'000);
+    EXPECT_EQ(vlans(), json::array());
+}
+
+TEST_F(PmiBackend, ADisableByAnotherConnectionTakesTheUserWhoeverItWas)
+{
+    enable();
+    receive(message_of(0x1B1003, "00 00 00 02  00 00 00 C8  00 00 00 01  00 00 00 01"), OTHER_CLIENT);
+    receive(message_of(0x1B100C, "00 00 00 08  00 00 00 02  'IDLA1' 0*11  00 00 00 64"), OTHER_CLIENT);
+    EXPECT_EQ(vlans(), json::array());
+    tested->client_gone(CLIENT);
+    tested->tick(now);
+    tested->tick(now + 10'000);
+    EXPECT_EQ(backend.take(), (words{"open IDLA1 100", "close IDLA1 100"}));
+}
+
 TEST_F(PmiBackend, AsksNothingForARequestThatIsRejectedAnyway)
 {
     receive(message_of(0x1B1009, "00 00 00 07  00 00 00 01  'IDLX9' 0*11  00 00 00 64"));
@@ -254,6 +310,31 @@ TEST_F(EmiBackend, RejectsWholeWhatItsBackendRefusesWithTheReasonThatFits)
     backend.take();
     remove({FAR_5});
     EXPECT_EQ(backend.take(), (words{"remove", "DiPort_A1 far 02:00:00:00:00:05 100"}));
+}
+
+TEST_F(EmiBackend, WhatAConnectionAskedForGoesTenSecondsAfterItButWhatAnotherAsksForToo)
+{
+    add({FAR_5, NEAR_6});
+    add({FAR_5});
+    remove({FAR_5});
+    receive(message_of(0x1B10C0, "00 00 00 02  00 00 01 2C  00 00 00 01  00 00 00 01"), OTHER_CLIENT);
+    receive(message_of(0x1B10C6, "00 00 00 07  00 00 00 02  00 00 00 02 " + TN_FAR_7 + NEAR_6), OTHER_CLIENT);
+    backend.take();
+    tested->client_gone(CLIENT);
+    tested->tick(now);
+    tested->tick(now + 9'999);
+    EXPECT_EQ(backend.take(), words{});
+    tested->tick(now + 10'000);
+    EXPECT_EQ(backend.take(),
+              (words{"remove", "DiPort_A1 far 02:00:00:00:00:05 100", "DiPort_A1 near 02:00:00:00:00:06 100"}));
+    tested->client_gone(OTHER_CLIENT);
+    tested->tick(now + 20'000);
+    backend.refusal = kernel_refusal{EPERM, "no"};
+    tested->tick(now + 30'000);
+    EXPECT_EQ(endpoints().size(), 2u);
+    backend.refusal.reset();
+    tested->tick(now + 40'000);
+    EXPECT_EQ(endpoints(), json::array());
 }
 
 TEST_F(EmiBackend, ARemovalThatIsRefusedChangesNoCount)

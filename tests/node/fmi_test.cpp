@@ -324,6 +324,40 @@ TEST_F(FmiBackend, IsGivenAllRulesOfThePortAfterEachChange)
     EXPECT_EQ(backend.asked, 6);
 }
 
+TEST_F(FmiBackend, TheRulesOfAConnectionGoTenSecondsAfterItInOneChangeButAPolicerInUse)
+{
+    receive(SET_ACTION);
+    receive(APPEND_STATIC);
+    receive(CREATE_POLICER);
+    receive(append_dynamic(PORT, "00 00 00 02  ", "00 00 00 01  " + MAC_ENTRY));
+    receive(CONNECT, OTHER_CLIENT);
+    const std::string from_other = "00 00 00 07  00 00 00 02  ";
+    receive(
+        message_of(0x1B0F61, from_other + PORT + "00 00 00 01  00 00 00 00  00 00 00 02  00 00 00 01  " + TYPE_ENTRY),
+        OTHER_CLIENT);
+    const int asked = backend.asked;
+    tested->client_gone(CLIENT);
+    tested->tick(now);
+    tested->tick(now + 9'999);
+    EXPECT_EQ(backend.asked, asked);
+    backend.refusal = kernel_refusal{EPERM, "Operation not permitted"};
+    const json before = kept();
+    tested->tick(now + 10'000);
+    EXPECT_EQ(kept(), before);
+    backend.refusal.reset();
+    tested->tick(now + 20'000);
+    EXPECT_EQ(backend.asked, asked + 2);
+    port_rules wanted;
+    wanted.default_action = FMI_LET_IN;
+    wanted.policers = {{2, {10000000, 262144, 0, 0, 1}}};
+    wanted.dynamic_rules[4] = {2, {}, {0xAEFE}};
+    EXPECT_EQ(backend.ports, (std::map<std::string, port_rules>{{"DiPort_A1", wanted}}));
+    receive(message_of(0x1B0F64, from_other + "00 00 00 04  " + PORT), OTHER_CLIENT);
+    tested->tick(now + 30'000);
+    EXPECT_EQ(kept(), json::parse(R"([{"DiPort_A1": 1}, [], [], []])"));
+    EXPECT_EQ(tested->next_deadline(), std::nullopt);
+}
+
 TEST_F(FmiBackend, ARefusalRejectsAndChangesNothing)
 {
     for (const bool filled : {false, true}) {
