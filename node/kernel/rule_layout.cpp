@@ -328,6 +328,31 @@ json make_port(const port_layout &port)
     return commands;
 }
 
+json rehearsal()
+{
+    port_layout port;
+    port.chain = "first";
+    port.interface = "lo";
+    port.number = 1;
+    port.rules.default_action = FMI_LET_IN;
+    port.rules.policers[1] = {
+        .committed_rate = 8000, .committed_burst = 1000, .peak_rate = 0, .peak_burst = 0, .committed_only = 1};
+    port.rules.dynamic_rules[2] = {.policer_id = 1, .addresses = {{2, 0, 0, 0, 0, 1}}, .ether_types = {1}};
+    port.rules.static_rules[3] = FMI_LET_IN;
+    port.numbers = {{1, 1}, {2, 2}, {3, 3}};
+    json commands = json::array({{{"add", whole_table()}}});
+    append(commands, make_port(port));
+    commands.push_back({{"delete", whole_table()}});
+    // In a table that is nobody's.
+    std::string text = commands.dump();
+    const std::string ours = json(RULE_TABLE).dump();
+    const std::string other = json(RULE_TABLE + std::string("_first")).dump();
+    for (size_t at = text.find(ours); at != std::string::npos; at = text.find(ours, at + other.size())) {
+        text.replace(at, ours.size(), other);
+    }
+    return json::parse(text);
+}
+
 json change_port(const port_layout &port, const port_rules &before)
 {
     json commands = json::array();

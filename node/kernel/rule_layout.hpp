@@ -58,6 +58,9 @@ bool lets_in_by_default(const port_layout &port);
 json whole_table();
 // Everything of the port, where nothing of it is there yet.
 json make_port(const port_layout &port);
+// One of everything, on the namespace's own loopback interface, and all of it taken away again, as one transaction: the
+// kernel has loaded what it needs when the first port is asked for, and nobody sees anything of it.
+json rehearsal();
 // What leads from the rules before to the rules that the port has now; everything has a number. Empty when the kernel
 // has nothing to do: a batch that changes nothing would not make a new generation of its tables.
 json change_port(const port_layout &port, const port_rules &before);

@@ -152,6 +152,7 @@ bool rule_namespace::open_kernel()
     }
     identity_ = identity;
     compare_ = true;
+    (void)kernel_->filter.run(rehearsal()); // what is wrong is told when it matters
     if (hooks_.watch) {
         watch_kernel();
     }

@@ -57,6 +57,15 @@ TEST_F(RuleProgram, HasTheKernelDoWhatItIsAsked)
     }));
 }
 
+TEST_F(RuleProgram, HasUsedAllOfTheFilterOnceBeforeItIsAskedAndLeavesNothingOfThat)
+{
+    nft_context filter("");
+    EXPECT_FALSE(filter.run(rehearsal()));
+    json found;
+    ASSERT_FALSE(filter.list({{"list", {{"tables", nullptr}}}}, found));
+    EXPECT_EQ(found.size(), 1u) << found; // what the library says of itself
+}
+
 TEST_F(RuleProgram, NoticesADisturbanceByItselfAndMendsIt)
 {
     start("fmi", NODE);
