@@ -214,7 +214,8 @@ bool fmi_service::forget(uint32_t connection_ref)
 {
     std::set<uint32_t> &ids = by_connection_[connection_ref];
     const auto is_its = [&](const auto &entry) { return ids.contains(entry.first); };
-    for (auto &[port, rules] : ports_) {
+    for (auto &each : ports_) {
+        port_rules &rules = each.second;
         const port_rules before = rules;
         size_t gone = std::erase_if(rules.static_rules, is_its) + std::erase_if(rules.dynamic_rules, is_its);
         gone += std::erase_if(rules.policers, [&](const auto &entry) {
@@ -222,7 +223,7 @@ bool fmi_service::forget(uint32_t connection_ref)
                    std::none_of(rules.dynamic_rules.begin(), rules.dynamic_rules.end(),
                                 [&](const auto &rule) { return rule.second.policer_id == entry.first; });
         });
-        if (gone != 0 && have_rules(port)) {
+        if (gone != 0 && have_rules(each.first)) {
             rules = before;
             return false;
         }

@@ -120,6 +120,21 @@ public:
         }
     }
 
+    // These interfaces stay where they are: a port or a far end of the machine's own namespace is on them.
+    void keep_here(const node_config &config)
+    {
+        for (const port_config &port : config.ports) {
+            if (port.name_space.empty()) {
+                used_here_.insert(port.interface);
+            }
+        }
+        for (const far_end_config &far : config.far_end) {
+            if (far.name_space.empty()) {
+                used_here_.insert(far.interfaces.begin(), far.interfaces.end());
+            }
+        }
+    }
+
     // False when the interface is not there.
     bool settle(const port_config &port)
     {
@@ -139,7 +154,7 @@ private:
         int index = there.index_of(port.interface);
         if (index == 0 && !port.name_space.empty()) {
             place here("");
-            const int moved = here.index_of(port.interface);
+            const int moved = used_here_.contains(port.interface) ? 0 : here.index_of(port.interface);
             if (moved == 0) {
                 return false;
             }
@@ -168,6 +183,7 @@ private:
 
     bool failed_ = false;
     std::set<std::string> told_;
+    std::set<std::string> used_here_;
 };
 
 // Until an interface comes, goes or changes where this process is, which is where interfaces appear.
@@ -187,6 +203,7 @@ int prepare(const node_config &config, int wait_ms)
     const auto end = clock::now() + std::chrono::milliseconds(wait_ms);
     netlink_socket news(NETLINK_ROUTE, "", links);
     preparation work;
+    work.keep_here(config);
     work.make_name_spaces(config);
     std::vector<port_config> missing = config.ports;
     for (;;) {

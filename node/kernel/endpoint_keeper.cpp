@@ -86,7 +86,7 @@ std::optional<journal_words> read_entry(const std::string &text)
 // The answer to a removal that means that nothing was there.
 bool is_gone_already(const kernel_refusal &refused) { return refused.error == ENOENT || refused.error == ENODEV; }
 
-// Of a VLAN that its bridge port lets through no more: the kernel says that there is no such thing to take away.
+// Of a VLAN that its bridge port lets through no more: the kernel takes nothing of it away then.
 bool is_without_vlan(const address_entry &entry, const kernel_link &on)
 {
     return entry.forwarding && entry.vlan_id != 0 && on.is_bridge_port && !on.vlans.contains(entry.vlan_id);
@@ -509,10 +509,13 @@ void endpoint_keeper::remove_left_entries(const std::string &name_space, kernel_
             journal_.forget(line);
         } else if (ours.contains(line)) {
             left_since_.erase(line);
+        } else if (is_without_vlan(words->entry, *on)) {
+            continue; // refused until the VLAN is back
         } else if (const auto since = left_since_.try_emplace(line, now).first->second;
                    now - since >= LEFTOVERS_KEPT_MS) {
             const auto refused = take_entry(place.ask, words->port, words->entry);
-            if (refused && !is_gone_already(*refused) && is_without_vlan(words->entry, *on)) {
+            if (refused && !is_gone_already(*refused) && on->is_bridge_port) {
+                report_.trouble(on->name + ": " + text_of(words->entry) + ", which an earlier run has left", *refused);
                 continue;
             }
             if (!refused) {

@@ -249,6 +249,16 @@ void change_policers(json &commands, const port_layout &port, const port_rules &
     }
 }
 
+// After the rules that went through them.
+void remove_gone_policers(json &commands, const port_layout &port, const port_rules &before)
+{
+    for (const uint32_t id : missing_from(before.policers, port.rules.policers)) {
+        if (limit_of(before.policers.at(id)).rate != 0) {
+            commands.push_back(remove_object("limit", numbered("policer", port.numbers.at(id))));
+        }
+    }
+}
+
 void change_dynamic_rules(json &commands, const port_layout &port, const port_rules &before)
 {
     auto gone = missing_from(before.dynamic_rules, port.rules.dynamic_rules);
@@ -340,7 +350,7 @@ json rehearsal()
     port.rules.dynamic_rules[2] = {.policer_id = 1, .addresses = {{2, 0, 0, 0, 0, 1}}, .ether_types = {1}};
     port.rules.static_rules[3] = FMI_LET_IN;
     port.numbers = {{1, 1}, {2, 2}, {3, 3}};
-    json commands = json::array({{{"add", whole_table()}}});
+    json commands = json::array({{{"create", whole_table()}}});
     append(commands, make_port(port));
     commands.push_back({{"delete", whole_table()}});
     // In a table that is nobody's.
@@ -359,6 +369,7 @@ json change_port(const port_layout &port, const port_rules &before)
     change_policers(commands, port, before);
     change_dynamic_rules(commands, port, before);
     change_static_rules(commands, port, before);
+    remove_gone_policers(commands, port, before);
     if (before.default_action != port.rules.default_action) {
         commands.push_back(add_base_chain(port));
         commands.push_back(flush_chain(port.chain));

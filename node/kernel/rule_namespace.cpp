@@ -184,13 +184,13 @@ void rule_namespace::inherit()
         throw std::runtime_error("the packet filter cannot be read: " + refused->words);
     }
     inheriting_ = picture.exists;
-    last_number_ = highest_number(picture);
+    last_number_ = std::max(last_number_, highest_number(picture));
     for (auto &[name, port] : ports_) {
         const auto device = picture.devices.find(name);
         if (device != picture.devices.end() && device->second == port.layout.interface) {
             port.layout.inherited = inherited_from(picture, name);
         }
-        port.asked = !port.layout.inherited.empty();
+        port.asked = port.wanted_once || !port.layout.inherited.empty();
     }
 }
 
@@ -453,7 +453,9 @@ std::optional<kernel_refusal> rule_namespace::make_anew(const table_picture &pic
     }
     for (kept_port *port : anew) {
         port->expected = !refused;
-        port->index = refused ? 0 : index_of(kernel_->questions, port->layout.interface);
+        if (!refused) {
+            port->index = index_of(kernel_->questions, port->layout.interface);
+        }
     }
     return refused;
 }
@@ -626,7 +628,15 @@ std::optional<kernel_refusal> rule_namespace::make_port_anew(kept_port &port)
     if (auto refused = read_table(picture)) {
         return refused;
     }
-    auto refused = make_anew(picture, {&port});
+    // With it every other port that is not as expected: what nobody names would be taken away.
+    std::vector<kept_port *> anew;
+    for (auto &[name, other] : ports_) {
+        const bool waits = other.asked && !other.expected && index_of(kernel_->questions, other.layout.interface) != 0;
+        if (&other == &port || waits) {
+            anew.push_back(&other);
+        }
+    }
+    auto refused = make_anew(picture, anew);
     port.had_interface = port.had_interface || !refused;
     compare_ = true; // others' ports may be wrong, too
     return refused;

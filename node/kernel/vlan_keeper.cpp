@@ -204,6 +204,9 @@ std::optional<kernel_refusal> vlan_keeper::finish_device(const scene &where, con
     set_down.up = false;
     link_change rename;
     rename.name = name;
+    if (device.name != name && where.links.named(name) != nullptr) {
+        return kernel_refusal{EEXIST, name + " is another interface"};
+    }
     if (device.name != name) { // not every kernel renames what is up
         if (auto refused = change_link(where.place.ask, device.index, set_down)) {
             return refused;
@@ -402,7 +405,10 @@ void vlan_keeper::remove_left_vlans(const std::string &name_space, kernel_place 
 {
     std::set<std::string> kept_entries;
     for (const auto &[key, kept] : wanted_) {
-        kept_entries.insert(journal_entry(place.identity, kept.index, key.second, name_space));
+        const port_config &port = port_of(key.first);
+        if (kept.by == holder::us && port.name_space == name_space && port.vlan == vlan_mode::bridge) {
+            kept_entries.insert(journal_entry(place.identity, kept.index, key.second, name_space));
+        }
     }
     const std::set<std::string> entries = journal_.entries();
     for (const std::string &entry : entries) {
@@ -412,9 +418,10 @@ void vlan_keeper::remove_left_vlans(const std::string &name_space, kernel_place 
         }
         const kernel_link *port = words ? links.at(words->port) : nullptr;
         const auto vlan_id = static_cast<uint16_t>(words ? words->vlan_id : 0);
-        if (port == nullptr || words->inode != place.identity.inode || !port->vlans.contains(vlan_id)) {
+        if (kept_entries.contains(entry)) { // also what was mended after `links` was read
+            left_since_.erase(entry);
+        } else if (port == nullptr || words->inode != place.identity.inode || !port->vlans.contains(vlan_id)) {
             journal_.forget(entry);
-        } else if (kept_entries.contains(entry)) {
             left_since_.erase(entry);
         } else if (has_been_left(entry, now)) {
             const std::string what = "VLAN " + std::to_string(vlan_id) + " at " + port->name;

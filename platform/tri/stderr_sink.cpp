@@ -82,8 +82,9 @@ void append_loss(line::text &t, uint64_t lost, const void *process)
 void write_origin(char (&origin)[sizeof line::told::origin], const record &r)
 {
     constexpr size_t MOST_OF_A_NAME = 64;
-    const size_t length = strnlen(r.file, MOST_OF_A_NAME);
-    memcpy(origin, r.file, length);
+    const char *file = r.file != nullptr ? r.file : "(null)";
+    const size_t length = strnlen(file, MOST_OF_A_NAME);
+    memcpy(origin, file, length);
     origin[length] = ':';
     char *end = std::to_chars(origin + length + 1, origin + sizeof origin - 1, r.line).ptr;
     *end = '\0';

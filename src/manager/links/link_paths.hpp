@@ -1,5 +1,5 @@
 // What the automation agent is told of the links: their paths, status and latencies. While it is not there, it is told
-// nothing, and this is the one place that looks.
+// nothing but what it has asked for, and this is the one place that looks.
 #pragma once
 
 #include "iemli/iemli_messages.hpp"

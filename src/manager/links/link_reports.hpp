@@ -47,6 +47,6 @@ struct link_reports {
     void (*rtt)(uint32_t server_conn_ref, uint32_t link_ref, const rtt_stats &stats);
 };
 
-// `reports` must stay. Null: nobody is told, and there are no procedures.
+// `reports` must stay, and be there before the first link.
 void links_report_to(const link_reports *reports);
 const link_reports *links_report();
