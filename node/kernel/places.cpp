@@ -40,7 +40,7 @@ void kernel_places::start_watching(const std::string &name_space, kernel_place &
         const bool all = place.news.read_news(
             [&](const nlmsghdr *message) { concerned = concerned || concerns_(name_space, message); });
         if (concerned || !all) {
-            on_news_(name_space); // may close the place
+            on_news_(name_space);
         }
     });
 }

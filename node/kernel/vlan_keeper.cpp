@@ -374,7 +374,7 @@ bool vlan_keeper::has_been_left(const std::string &what, millis now)
     return now - since->second >= LEFTOVERS_KEPT_MS;
 }
 
-// Of an earlier run, or of a port that is no longer configured.
+// Of an earlier run, or of a port that is no longer configured, in a namespace that another port still has.
 void vlan_keeper::remove_left_devices(const std::string &name_space, kernel_place &place, const link_table &links,
                                       millis now)
 {
