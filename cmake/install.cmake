@@ -7,7 +7,7 @@ set(KAP_TMPFILES_DIR ${CMAKE_INSTALL_PREFIX}/lib/tmpfiles.d CACHE PATH "where it
 
 # ---- Programs
 
-foreach(program itcd kap-vorn kap-node kap-responder)
+foreach(program itcd kap-vorn kap-node kap-responder kap-linkd)
   if(TARGET ${program})
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
   endif()
