@@ -2,6 +2,7 @@
 #include "iepcsi.hpp"
 
 #include "clients/iepcsi_messages.hpp"
+#include "ns.h"
 
 #include <algorithm>
 
@@ -110,6 +111,69 @@ iepcsi_service::port &iepcsi_service::port_of_command(const std::string &name)
     return *entry;
 }
 
+// ---- Who is ready
+// ----------------------------------------------------------------------------------------------------
+
+// The registry has no mailbox; nor has whoever sends as nobody, which the registry's policy keeps out.
+void iepcsi_service::receive(mailbox sender, std::span<const uint8_t> data, millis now)
+{
+    now_ = now;
+    const uint32_t number = message_view(data).number();
+    if (waits_ && number >= NS_SUBSCRIBE_RSP && number <= NS_SERVICE_REMOVED_IND) {
+        note_publication(data, number == NS_SERVICE_ADDED_IND);
+        return;
+    }
+    service::receive(sender, data, now);
+}
+
+void iepcsi_service::note_publication(std::span<const uint8_t> data, bool added)
+{
+    ns_service_ind news{};
+    if (data.size() < sizeof news) {
+        return; // the answer to the subscription
+    }
+    memcpy(&news, data.data(), sizeof news);
+    if (added) {
+        ready_.insert(news.mbox);
+        release(news.mbox);
+    } else {
+        ready_.erase(news.mbox);
+    }
+}
+
+void iepcsi_service::release(mailbox address)
+{
+    const auto known = clients().find(address);
+    if (held_.erase(address) == 0 || known == clients().end()) {
+        return;
+    }
+    for (const port &entry : ports_) {
+        if (entry.unlocked && concerns(subscribers_[address].status, entry.config.name)) {
+            send_status(known->second, entry);
+        }
+    }
+}
+
+void iepcsi_service::tick(millis now)
+{
+    service::tick(now);
+    const auto held = held_;
+    for (const auto &[address, until] : held) {
+        if (until <= now) {
+            release(address);
+        }
+    }
+}
+
+std::optional<millis> iepcsi_service::next_deadline() const
+{
+    std::optional<millis> next = service::next_deadline();
+    for (const auto &[address, until] : held_) {
+        next = std::min(next.value_or(until), until);
+    }
+    return next;
+}
+
 // ---- Requests ------------------------------------------------------------------------------------------------------
 
 verdict iepcsi_service::perform(const request_kind &kind, client &from, const message_view &message)
@@ -146,17 +210,19 @@ verdict iepcsi_service::subscribe(const request_kind &kind, const client &from, 
     return confirmed(message_writer().word(++last_subscribe_ref_).take());
 }
 
-// A new subscriber hears at once how things stand.
+// A new subscriber hears at once how things stand, but for unlocked ports as long as it is not ready.
 void iepcsi_service::confirmed_to(const request_kind &kind, client &to, const message_view &message)
 {
+    if (waits_ && kind.number == IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ && !ready_.contains(to.address)) {
+        held_.try_emplace(to.address, now_ + READY_CLIENT_BOUND_MS);
+    }
     const std::string name = message.text(offsetof(iepcsi_subscribe_req, port_name), NAME_LEN).value_or("");
     for (const port &entry : ports_) {
         if (!name.empty() && name != entry.config.name) {
             continue;
         }
         if (kind.number == IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ) {
-            ++status_indications_;
-            send_to(to, IEPCSI_ETH_PORT_STATUS_IND, 0, status_fields(entry));
+            send_status(to, entry);
         } else if (kind.number == IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REQ) {
             for (const auto &[vlan_id, about] : entry.vlans) {
                 ++vlan_indications_;
@@ -166,7 +232,11 @@ void iepcsi_service::confirmed_to(const request_kind &kind, client &to, const me
     }
 }
 
-void iepcsi_service::connection_reset(mailbox address) { subscribers_.erase(address); }
+void iepcsi_service::connection_reset(mailbox address)
+{
+    subscribers_.erase(address);
+    held_.erase(address);
+}
 
 // ---- What the kernel says ------------------------------------------------------------------------------------------
 
@@ -242,9 +312,17 @@ void iepcsi_service::report_status(const port &entry)
     for (const auto &[address, known] : clients()) {
         const auto wanted = subscribers_.find(address);
         if (wanted != subscribers_.end() && concerns(wanted->second.status, entry.config.name)) {
-            ++status_indications_;
-            send_to(known, IEPCSI_ETH_PORT_STATUS_IND, 0, status_fields(entry));
+            send_status(known, entry);
         }
+    }
+}
+
+// What is left out here follows when the client may hear it.
+void iepcsi_service::send_status(const client &to, const port &entry)
+{
+    if (!entry.unlocked || !held_.contains(to.address)) {
+        ++status_indications_;
+        send_to(to, IEPCSI_ETH_PORT_STATUS_IND, 0, status_fields(entry));
     }
 }
 

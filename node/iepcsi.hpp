@@ -3,26 +3,43 @@
 // A port is operational when it is unlocked, its interface is on and has carrier. What the kernel says of interfaces is
 // handed in per namespace (interfaces_changed); the server compares it with what it last reported and tells every
 // subscriber each difference. Lock, unlock, and VLANs that no interface stands for come as commands.
+//
+// A supervision daemon sets up what a port lets in when it hears that the port is unlocked, and only with the other
+// services it then has. Where that is done in earnest, a client hears of unlocked ports only once it has all of them:
+// it has published the service that it offers. One that publishes nothing waits for a bounded time.
 #pragma once
 
 #include "config.hpp"
 #include "interfaces.hpp"
 #include "service.hpp"
 
+#include <map>
 #include <set>
 
 namespace kap_node
 {
+
+// What a supervision daemon publishes when it has all its servers.
+inline constexpr const char *READY_CLIENT_SERVICE = "KAP_IEMLI_SERVICE_NAME";
+inline constexpr millis READY_CLIENT_BOUND_MS = 20'000;
 
 class iepcsi_service : public service
 {
 public:
     iepcsi_service(const node_config &config, outlet &out);
 
+    // From here on a client hears of unlocked ports when it is ready. The mailbox is subscribed to
+    // READY_CLIENT_SERVICE, and what it is told of that comes to receive().
+    void wait_for_ready_clients() { waits_ = true; }
+
     // Every namespace that holds an interface of a port.
     std::set<std::string> name_spaces() const;
     // The whole table of a namespace, empty when the namespace is gone.
     void interfaces_changed(const std::string &name_space, const interface_table &interfaces);
+
+    void receive(mailbox sender, std::span<const uint8_t> data, millis now) override;
+    void tick(millis now) override;
+    std::optional<millis> next_deadline() const override;
 
 protected:
     verdict perform(const request_kind &kind, client &from, const message_view &message) override;
@@ -60,6 +77,8 @@ private:
 
     port *find_port(const std::string &name);
     port &port_of_command(const std::string &name); // throws command_error
+    void note_publication(std::span<const uint8_t> news, bool added);
+    void release(mailbox address);
     verdict list_ports() const;
     verdict subscribe(const request_kind &kind, const client &from, const message_view &message);
     void set_link(port &entry, const interface_facts *facts);
@@ -69,12 +88,17 @@ private:
     void remove_vlan(port &entry, uint16_t vlan_id);
     json command_vlan(const arguments &words);
     void report_status(const port &entry);
+    void send_status(const client &to, const port &entry);
     void report_vlan(const port &entry, uint16_t vlan_id, const vlan &about, uint32_t action);
     static bytes status_fields(const port &entry);
     static bytes vlan_fields(const port &entry, uint16_t vlan_id, const vlan &about, uint32_t action);
 
     std::vector<port> ports_;
     std::map<mailbox, subscriptions> subscribers_;
+    bool waits_ = false;
+    millis now_ = 0;                 // of the message that is handled
+    std::set<mailbox> ready_;        // who has published
+    std::map<mailbox, millis> held_; // who does not hear of unlocked ports, and until when at the latest
     uint32_t last_subscribe_ref_ = 0;
     uint64_t status_indications_ = 0;
     uint64_t vlan_indications_ = 0;

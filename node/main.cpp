@@ -107,7 +107,15 @@ int run_iepcsi(event_loop &loop, const node_config &config)
     link_monitor monitor(loop, ports);
     monitor.check_name_spaces();
     loop.every(NAMESPACE_CHECK_MS, [&] { monitor.check_name_spaces(); });
-    return run_service(loop, ports);
+    const mailbox own_mailbox = loop.open_mailbox(ports.mailbox_name());
+    if (config.backend == backend_kind::kernel) {
+        const int failure = ns_subscribe(READY_CLIENT_SERVICE, "", own_mailbox);
+        if (failure != 0) {
+            throw std::runtime_error(std::string("who is ready cannot be heard: ") + strerror(failure));
+        }
+        ports.wait_for_ready_clients();
+    }
+    return loop.run(ports);
 }
 
 int run_aasi(event_loop &loop, const node_config &config)

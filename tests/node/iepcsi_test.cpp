@@ -302,5 +302,113 @@ TEST_F(Iepcsi, ShowsItsPortsInAFixedShape)
     EXPECT_EQ(shown["indications"], json::parse(R"({"status": 2, "vlan": 1})"));
 }
 
+// ---- Clients that are not ready yet ----
+
+constexpr mailbox NOBODY = 0xFFFFFFFF;
+
+// What the registry tells of a service: `number` 0x1900001 published, 0x1900002 withdrawn.
+bytes news_of(uint32_t number, mailbox publisher)
+{
+    const std::array<uint32_t, 5> head = {number, 1, publisher, 0, 0};
+    bytes news(sizeof head);
+    memcpy(news.data(), head.data(), sizeof head);
+    news.push_back(0);
+    return news;
+}
+
+class IepcsiWaiting : public Iepcsi
+{
+protected:
+    void SetUp() override
+    {
+        Iepcsi::SetUp();
+        tested->wait_for_ready_clients();
+    }
+    void subscribe_status(mailbox from = CLIENT)
+    {
+        receive(SUBSCRIBE_STATUS, from);
+        out.take();
+    }
+};
+
+TEST_F(IepcsiWaiting, AnUnlockedPortIsReportedOnceTheClientHasPublishedItsService)
+{
+    receive(SUBSCRIBE_STATUS);
+    expect_sent({message_of(0x1B1051, HEAD + "00 00 00 01")});
+    receive(news_of(0x1900001, OTHER_CLIENT), NOBODY);
+    expect_sent({});
+    receive(news_of(0x1900001, CLIENT), NOBODY);
+    expect_sent({status("01", "01", IDL), status("01", "01", TN)});
+    receive(news_of(0x1900001, CLIENT), NOBODY);
+    expect_sent({});
+}
+
+TEST_F(IepcsiWaiting, AClientThatPublishedBeforeItSubscribesWaitsForNothing)
+{
+    receive(news_of(0x1900001, CLIENT), NOBODY);
+    receive(SUBSCRIBE_STATUS);
+    expect_sent({message_of(0x1B1051, HEAD + "00 00 00 01"), status("01", "01", IDL), status("01", "01", TN)});
+}
+
+TEST_F(IepcsiWaiting, AClientThatHasWithdrawnItsServiceWaitsWhenItConnectsAgain)
+{
+    receive(news_of(0x1900001, CLIENT), NOBODY);
+    subscribe_status();
+    receive(news_of(0x1900002, CLIENT), NOBODY);
+    tested->control({"lock", "IDLA1"});
+    tested->control({"unlock", "IDLA1"});
+    expect_sent({status("00", "00", IDL), status("01", "01", IDL)});
+    receive(CONNECT);
+    out.take();
+    receive(SUBSCRIBE_STATUS);
+    EXPECT_EQ(out.take().size(), 1u) << "more than the confirm";
+}
+
+TEST_F(IepcsiWaiting, AClientThatPublishesNothingHearsOfUnlockedPortsAfterABoundedTime)
+{
+    subscribe_status();
+    ASSERT_EQ(tested->next_deadline(), std::optional(now + READY_CLIENT_BOUND_MS));
+    tested->tick(now + READY_CLIENT_BOUND_MS - 1);
+    expect_sent({});
+    tested->tick(now + READY_CLIENT_BOUND_MS);
+    expect_sent({status("01", "01", IDL), status("01", "01", TN)});
+    EXPECT_EQ(tested->next_deadline(), std::nullopt);
+}
+
+TEST_F(IepcsiWaiting, LockedPortsAreReportedAtOnceAndUnlockedOnesAsTheyAreInTheEnd)
+{
+    tested->control({"lock", "TNA"});
+    receive(SUBSCRIBE_STATUS);
+    expect_sent({message_of(0x1B1051, HEAD + "00 00 00 01"), status("00", "00", TN)});
+    interface_table now_so = all_well();
+    now_so[2].carrier = false;
+    tested->interfaces_changed("near", now_so);
+    tested->control({"unlock", "TNA"});
+    expect_sent({});
+    receive(news_of(0x1900001, CLIENT), NOBODY);
+    expect_sent({status("01", "00", IDL), status("01", "01", TN)});
+}
+
+TEST_F(IepcsiWaiting, AClientThatIsGoneIsWaitedForNoLonger)
+{
+    subscribe_status();
+    tested->client_gone(CLIENT);
+    receive(news_of(0x1900001, CLIENT), NOBODY);
+    tested->tick(now + READY_CLIENT_BOUND_MS);
+    expect_sent({});
+}
+
+TEST_F(IepcsiWaiting, TheAnswerToItsOwnSubscriptionIsNoPublication)
+{
+    subscribe_status();
+    receive(message_of(0x1900000, "01 00 00 00"), NOBODY);
+    for (size_t size = 4; size < 20; ++size) {
+        bytes cut = news_of(0x1900001, CLIENT);
+        cut.resize(size);
+        receive(cut, NOBODY);
+    }
+    expect_sent({});
+}
+
 } // namespace
 } // namespace kap_node
