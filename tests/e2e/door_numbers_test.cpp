@@ -9,6 +9,7 @@
 #include "clients/fmi_messages.hpp"
 #include "clients/iepcsi_messages.hpp"
 #include "clients/pmi_messages.hpp"
+#include "control_wire.hpp"
 #include "iemli/iemli_messages.hpp"
 #include "manager/links/link_supervision.hpp"
 #include "ns.h"
@@ -19,8 +20,10 @@ namespace
 {
 
 constexpr const char *POLICY = KAP_SOURCE_DIR "/packaging/policy.d";
+constexpr const char *DAEMON = "kap-vorn";
 constexpr const char *OPEN = "anybody";
 constexpr const char *SELF = "self";
+constexpr const char *PEOPLE = "people";
 
 policy packaged()
 {
@@ -33,18 +36,25 @@ policy packaged()
     return p;
 }
 
-// Whom the daemon takes that number from.
-std::set<std::string> senders(uint32_t number)
+std::set<std::string> senders_of(const policy_rule &rule)
+{
+    std::set<std::string> found(rule.from.begin(), rule.from.end());
+    if (!rule.people.users.empty() || !rule.people.groups.empty()) {
+        found.insert(PEOPLE);
+    }
+    return found.empty() ? std::set<std::string>{SELF} : found;
+}
+
+// Whom the mailbox of that name takes that number from.
+std::set<std::string> senders(uint32_t number, const std::string &receiver = DAEMON)
 {
     static const policy all = packaged();
     std::set<std::string> found;
     for (const policy_door &door : all.doors) {
         for (const policy_rule &rule : door.rules) {
             for (const auto &[first, last] : rule.numbers) {
-                if (number >= first && number <= last) {
-                    found.insert(rule.from.begin(), rule.from.end());
-                    found.insert(rule.from.empty() ? SELF : "");
-                    found.erase("");
+                if (door.name == receiver && number >= first && number <= last) {
+                    found.merge(senders_of(rule));
                 }
             }
         }
@@ -79,6 +89,17 @@ TEST(DoorNumbers, OfAProtocolComeFromItsServerAloneAndItsComingAndGoingFromTheDa
             EXPECT_EQ(senders(number), std::set<std::string>{own.count(number) != 0 ? SELF : p.server})
                 << std::hex << number;
         }
+    }
+}
+
+// Who the people are, PackagedPolicy tells: this machine need not have them.
+TEST(DoorNumbers, OfAProtocolAndOfPeopleAreTakenByItsServerFromKnownPeopleAlone)
+{
+    for (const protocol &p : PROTOCOLS) {
+        for (const uint32_t number : p.numbers) {
+            EXPECT_EQ(senders(number, p.server), std::set<std::string>{PEOPLE}) << p.server << std::hex << number;
+        }
+        EXPECT_EQ(senders(kap_node::CONTROL_REQUEST, p.server), std::set<std::string>{PEOPLE}) << p.server;
     }
 }
 

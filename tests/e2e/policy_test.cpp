@@ -192,6 +192,31 @@ TEST_F(PackagedPolicy, AnOperatorAndALinkManagerHaveASessionEachAndAStrangerNone
     ASSERT_EQ(iemli_client_open(d.client).outcome, iemli_outcome::confirmed);
 }
 
+TEST_F(PackagedPolicy, ARequestToAServiceOfTheNodeIsTakenFromTheDaemonAlone)
+{
+    struct service {
+        const char *name, *process, *request, *answer;
+    };
+    constexpr service SERVICES[] = {
+        {"iepcsi-server", "iepcsi", "0x1B1043,2,100,1,1,1", "0x1b1044"},
+        {"pmi-server", "pmi", "0x1B1003,2,200,1,1", "0x1b1004"},
+        {"endpoint_mgr", "emi", "0x1B10C0,2,300,1,1", "0x1b10c1"},
+        {"flow-manager", "fmi", "0x1B0F50,2,400,1,1", "0x1b0f51"},
+        {"automationagentsi", "aasi", "0x1A00440,2,500,1,1", "0x1a004c0"},
+    };
+    constexpr const char *TO_THE_QUESTION_BEHIND_IT = "0x1b9001";
+    start();
+    for (const service &s : SERVICES) {
+        const auto got = [&](const char *number) {
+            return testing::EndsWith(std::string("asked ") + s.name + ", got " + number + "\n" + ALL_READ);
+        };
+        const std::string request = std::string(s.name) + ":" + s.request;
+        EXPECT_THAT(send_as("kap-admin", "kap-node-ctl-0", {request}), got(TO_THE_QUESTION_BEHIND_IT));
+        EXPECT_NE(read_log(s.process).find("libitc: message dropped, "), std::string::npos) << s.name;
+        EXPECT_THAT(send_as("kap-vorn", "other", {request}), got(s.answer));
+    }
+}
+
 TEST_F(PackagedPolicy, AnOperatorMayConnectAndPosesAsNoServerAlsoWhileItIsNotThere)
 {
     constexpr const char *REFUSED = "usage: e2e-stranger NAME WORDS..., with a registry\n";
