@@ -1,14 +1,236 @@
-// kap-linkd: keeps the links that are declared. Here: options and what begins and ends the program.
+// kap-linkd: keeps the links that are declared. Here: options, signals, what begins and ends the program, and what a
+// service manager is told.
+#include "control.hpp"
+#include "hub.hpp"
+#include "keeper.hpp"
+#include "link_book.hpp"
+#include "loop.hpp"
 #include "program_call.hpp"
+#include "service_manager.hpp"
+#include "session.hpp"
+#include "settings.hpp"
+
+#include <getopt.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
 
 namespace
 {
 
-constexpr program_call PROGRAM = {"kap-linkd",
-                                  "usage: kap-linkd --help | --version\n"
-                                  "Keeps the links that are declared in /etc/kap-vorn/links.toml and links.d.\n"
-                                  "  --help         print this\n"
-                                  "  --version      print the version\n"};
+using namespace linkd;
+
+constexpr program_call PROGRAM = {
+    "kap-linkd",
+    "usage: kap-linkd [OPTION]...\n"
+    "       kap-linkd --check [FILE]...\n"
+    "       kap-linkd --help | --version\n"
+    "Keeps the links that are declared, and those that are asked for at run time.\n"
+    "  --check            say everything that is wrong with the declarations, and touch nothing: with the FILEs, or "
+    "else\n"
+    "                     with all that is declared and with the settings; 0 when nothing is wrong, 1 otherwise\n"
+    "  --links FILE       where links are declared, and beside it FILE's *.d/*.toml (/etc/kap-vorn/links.toml)\n"
+    "  --settings FILE    the settings (/etc/kap-vorn/linkd.toml)\n"
+    "  --state DIR        where it keeps what has to stay (/var/lib/kap-linkd)\n"
+    "  --control PATH     its socket (/run/kap-linkd/control.sock)\n"
+    "  --read-group NAME  who may look (kap-read)\n"
+    "  --write-group NAME who may also change something (kap-admin)\n"
+    "  --help             print this\n"
+    "  --version          print the version\n"
+    "SIGHUP has it read the declarations again; SIGTERM ends it, and its links with it.\n"};
+
+constexpr int STATUS_FAILED = 1;
+// Given by the loop: the registry is lost, and a process has but one connection with it in its life.
+constexpr int STATUS_ANEW = -1;
+constexpr int MANAGER_PATIENCE_MS = 1000;
+// So many requests wait in the daemon's queue at the most.
+constexpr size_t WINDOW = 8;
+
+struct call {
+    paths where;
+    control_groups groups;
+    bool check = false;
+};
+
+void say(const std::string &line) { (void)fprintf(stderr, "kap-linkd: %s\n", line.c_str()); }
+
+void say_all(const std::vector<std::string> &lines)
+{
+    for (const std::string &line : lines) {
+        say(line);
+    }
+}
+
+int check(const call &wanted, const std::vector<std::string> &files)
+{
+    std::vector<std::string> mistakes;
+    if (files.empty()) {
+        (void)read_settings(wanted.where.settings, mistakes);
+        (void)read_link_files(wanted.where.links, mistakes);
+    } else {
+        (void)read_link_files(files, mistakes);
+    }
+    for (const std::string &line : mistakes) {
+        (void)fprintf(stderr, "%s\n", line.c_str());
+    }
+    return mistakes.empty() ? 0 : STATUS_FAILED;
+}
+
+void tell_manager(const std::string &state)
+{
+    const int error = manager_tell(state.c_str(), MANAGER_PATIENCE_MS);
+    if (error != 0) {
+        say(std::string("the service manager was not told: ") + strerror(error));
+    }
+}
+
+// Everything that runs, in the order of its making.
+class program
+{
+public:
+    explicit program(const call &wanted)
+        : book_(wanted.where), hub_(past_), session_(turns_, [this] { turns_.stop(STATUS_ANEW); }),
+          keeper_(session_, hub_, WINDOW),
+          control_(turns_, keeper_, book_, past_,
+                   {[this] { return session_.has_registry(); }, [this] { return apply(); }})
+    {
+        session_.set_keeper(keeper_);
+        hub_.add(control_);
+        control_.listen(wanted.where.control, wanted.groups);
+    }
+    ~program()
+    {
+        if (signals_ >= 0) {
+            turns_.forget(signals_);
+            close(signals_);
+        }
+    }
+    program(const program &) = delete;
+    program &operator=(const program &) = delete;
+
+    int run()
+    {
+        open_signals();
+        say_all(book_.load());
+        apply();
+        session_.connect();
+        tell_manager("READY=1");
+        beat();
+        return turns_.run();
+    }
+
+private:
+    keeper::difference apply()
+    {
+        const keeper::difference made = keeper_.declare(book_.all(), now());
+        session_.settle();
+        return made;
+    }
+
+    void open_signals()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        for (const int one : {SIGTERM, SIGINT, SIGHUP}) {
+            sigaddset(&set, one);
+        }
+        sigprocmask(SIG_BLOCK, &set, nullptr);
+        signals_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+        turns_.watch(signals_, EPOLLIN, [this](uint32_t) { on_signal(); });
+    }
+
+    void on_signal()
+    {
+        signalfd_siginfo info{};
+        while (::read(signals_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+            if (info.ssi_signo == SIGHUP) {
+                reload();
+            } else {
+                tell_manager("STOPPING=1");
+                turns_.stop(0);
+            }
+        }
+    }
+
+    void reload()
+    {
+        tell_manager("RELOADING=1");
+        const auto mistakes = book_.reload();
+        if (mistakes.empty()) {
+            const keeper::difference made = apply();
+            say("read anew: " + std::to_string(made.added) + " links more, " + std::to_string(made.changed) +
+                " changed, " + std::to_string(made.removed) + " less");
+        } else {
+            say_all(mistakes);
+            say("nothing was changed");
+        }
+        tell_manager("READY=1");
+    }
+
+    void beat()
+    {
+        const auto at = pulse_.next_ms();
+        if (at) {
+            pulse_.beat(static_cast<uint64_t>(boot_ms()));
+            turns_.after(manager_watchdog_ms(), [this] { beat(); });
+        }
+    }
+
+    loop turns_;
+    link_book book_;
+    no_past past_;
+    hub hub_;
+    session session_;
+    keeper keeper_;
+    control control_;
+    manager_pulse pulse_;
+    int signals_ = -1;
+};
+
+int run(const call &wanted)
+{
+    (void)signal(SIGPIPE, SIG_IGN);
+    try {
+        program everything(wanted);
+        return everything.run();
+    } catch (const std::exception &problem) {
+        say(problem.what());
+        return STATUS_FAILED;
+    }
+}
+
+bool take_option(int option, call &wanted)
+{
+    switch (option) {
+    case 'c':
+        wanted.check = true;
+        return true;
+    case 'l':
+        wanted.where.links = optarg;
+        return true;
+    case 's':
+        wanted.where.settings = optarg;
+        return true;
+    case 'd':
+        wanted.where.state = optarg;
+        return true;
+    case 'p':
+        wanted.where.control = optarg;
+        return true;
+    case 'r':
+        wanted.groups.readers = optarg;
+        return true;
+    case 'w':
+        wanted.groups.writers = optarg;
+        return true;
+    default:
+        return false;
+    }
+}
 
 } // namespace
 
@@ -17,5 +239,33 @@ int main(int argc, char **argv)
     if (auto answered = program_answer(PROGRAM, argc, argv)) {
         return *answered;
     }
-    return program_refuse(PROGRAM, "what to do?");
+    static const option options[] = {{"check", no_argument, nullptr, 'c'},
+                                     {"links", required_argument, nullptr, 'l'},
+                                     {"settings", required_argument, nullptr, 's'},
+                                     {"state", required_argument, nullptr, 'd'},
+                                     {"control", required_argument, nullptr, 'p'},
+                                     {"read-group", required_argument, nullptr, 'r'},
+                                     {"write-group", required_argument, nullptr, 'w'},
+                                     {nullptr, 0, nullptr, 0}};
+    call wanted;
+    for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
+        if (!take_option(c, wanted)) {
+            return program_refuse(PROGRAM, "a wrong option");
+        }
+    }
+    if (wanted.check) {
+        return check(wanted, {argv + optind, argv + argc});
+    }
+    if (optind != argc) {
+        return program_refuse(PROGRAM, "unknown words");
+    }
+    const int status = run(wanted);
+    if (status != STATUS_ANEW) {
+        return status;
+    }
+    // The same program with the same words; it waits for the registry.
+    say("the message registry is lost; starting anew");
+    execv("/proc/self/exe", argv);
+    say(std::string("cannot start anew: ") + strerror(errno));
+    return STATUS_FAILED;
 }

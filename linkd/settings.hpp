@@ -37,7 +37,8 @@ struct paths {
     std::string control = "/run/kap-linkd/control.sock";
 };
 
-// Reads the file; one that is not there is all defaults. Each mistake is a line "FILE:LINE:COLUMN: what".
+// Reads a text, and a file; one that is not there is all defaults. Each mistake is a line "FILE:LINE:COLUMN: what".
+settings read_settings_text(const std::string &text, const std::string &file, std::vector<std::string> &mistakes);
 settings read_settings(const std::string &path, std::vector<std::string> &mistakes);
 
 } // namespace linkd

@@ -282,11 +282,22 @@ bool take_message(iemli_client &client, clock_type::time_point deadline)
 
 clock_type::time_point deadline_in(uint32_t ms) { return clock_type::now() + std::chrono::milliseconds(ms); }
 
-iemli_answer send_link_ref_request(iemli_client &client, uint32_t msgno, uint32_t link_ref)
+uint32_t send_link_ref_request(iemli_client &client, uint32_t msgno, uint32_t link_ref)
 {
     itc_msg *msg = new_request(client, msgno, sizeof(iemli_link_ref_req));
     reinterpret_cast<iemli_link_ref_req *>(msg)->link_ref = link_ref;
-    return iemli_client_await(client, send_request(client, msg));
+    return send_request(client, msg);
+}
+
+uint32_t send_open(iemli_client &client, const uint32_t (&versions)[3])
+{
+    itc_msg *msg = new_request(client, IEMLI_INIT_SERVICE_REQ, sizeof(iemli_init_service_req));
+    auto *req = reinterpret_cast<iemli_init_service_req *>(msg);
+    req->header.connection_ref = client.client_ref;
+    req->pv_1 = versions[0];
+    req->pv_2 = versions[1];
+    req->pv_3 = versions[2];
+    return send_request(client, msg);
 }
 
 void copy_port_name(char (&out)[17], const std::string &name)
@@ -372,6 +383,18 @@ iemli_answer iemli_client_await(iemli_client &client, uint32_t procedure)
     }
 }
 
+std::optional<iemli_answer> iemli_client_take_answer(iemli_client &client)
+{
+    const auto found =
+        std::find_if(client.requests.begin(), client.requests.end(), [](const iemli_request &r) { return r.answered; });
+    if (found == client.requests.end()) {
+        return std::nullopt;
+    }
+    iemli_answer answer = found->answer;
+    client.requests.erase(found);
+    return answer;
+}
+
 std::optional<iemli_event> iemli_client_next_event(iemli_client &client, uint32_t bound_ms)
 {
     auto deadline = deadline_in(bound_ms);
@@ -399,14 +422,10 @@ void iemli_client_interrupt(iemli_client &client)
 
 iemli_answer iemli_client_open(iemli_client &client, const uint32_t (&versions)[3])
 {
-    itc_msg *msg = new_request(client, IEMLI_INIT_SERVICE_REQ, sizeof(iemli_init_service_req));
-    auto *req = reinterpret_cast<iemli_init_service_req *>(msg);
-    req->header.connection_ref = client.client_ref;
-    req->pv_1 = versions[0];
-    req->pv_2 = versions[1];
-    req->pv_3 = versions[2];
-    return iemli_client_await(client, send_request(client, msg));
+    return iemli_client_await(client, send_open(client, versions));
 }
+
+uint32_t iemli_client_send_open(iemli_client &client) { return send_open(client, {IEMLI_PROTOCOL_VERSION, 0, 0}); }
 
 iemli_answer iemli_client_close(iemli_client &client)
 {
@@ -437,6 +456,11 @@ iemli_answer iemli_client_create_link(iemli_client &client, const iemli_link_wis
 iemli_answer iemli_client_update_link(iemli_client &client, uint32_t link_ref,
                                       const std::vector<IemliAppLink> &app_links)
 {
+    return iemli_client_await(client, iemli_client_send_update(client, link_ref, app_links));
+}
+
+uint32_t iemli_client_send_update(iemli_client &client, uint32_t link_ref, const std::vector<IemliAppLink> &app_links)
+{
     size_t slots = std::max<size_t>(app_links.size(), 1);
     size_t size = offsetof(iemli_update_link_req, appLinks) + slots * sizeof(IemliAppLink);
     itc_msg *msg = new_request(client, IEMLI_UPDATE_INTER_ME_LINK_REQ, size);
@@ -444,40 +468,53 @@ iemli_answer iemli_client_update_link(iemli_client &client, uint32_t link_ref,
     req->link_ref = link_ref;
     req->numberOfAppLinks = static_cast<uint32_t>(app_links.size());
     copy_app_links(msg, offsetof(iemli_update_link_req, appLinks), app_links);
-    return iemli_client_await(client, send_request(client, msg));
+    return send_request(client, msg);
 }
 
 uint32_t iemli_client_send_delete(iemli_client &client, uint32_t link_ref)
 {
-    itc_msg *msg = new_request(client, IEMLI_DELETE_INTER_ME_LINK_REQ, sizeof(iemli_link_ref_req));
-    reinterpret_cast<iemli_link_ref_req *>(msg)->link_ref = link_ref;
-    return send_request(client, msg);
+    return send_link_ref_request(client, IEMLI_DELETE_INTER_ME_LINK_REQ, link_ref);
 }
 
 iemli_answer iemli_client_delete_link(iemli_client &client, uint32_t link_ref)
 {
-    return send_link_ref_request(client, IEMLI_DELETE_INTER_ME_LINK_REQ, link_ref);
+    return iemli_client_await(client, iemli_client_send_delete(client, link_ref));
 }
 
 iemli_answer iemli_client_get_mac(iemli_client &client, const std::string &port, uint8_t mp_id)
+{
+    return iemli_client_await(client, iemli_client_send_get_mac(client, port, mp_id));
+}
+
+uint32_t iemli_client_send_get_mac(iemli_client &client, const std::string &port, uint8_t mp_id)
 {
     itc_msg *msg = new_request(client, IEMLI_GET_LOCAL_SUPERVISION_MAC_REQ, sizeof(iemli_get_mac_req));
     auto *req = reinterpret_cast<iemli_get_mac_req *>(msg);
     req->mpId = mp_id;
     copy_port_name(req->imlPortName, port);
-    return iemli_client_await(client, send_request(client, msg));
+    return send_request(client, msg);
 }
 
 iemli_answer iemli_client_enable_rtt(iemli_client &client, uint32_t link_ref, const rtt_settings &settings)
+{
+    return iemli_client_await(client, iemli_client_send_enable_rtt(client, link_ref, settings));
+}
+
+uint32_t iemli_client_send_enable_rtt(iemli_client &client, uint32_t link_ref, const rtt_settings &settings)
 {
     itc_msg *msg = new_request(client, IEMLI_ENABLE_INTER_ME_LINK_RTT_REQ, sizeof(iemli_enable_rtt_req));
     auto *req = reinterpret_cast<iemli_enable_rtt_req *>(msg);
     req->link_ref = link_ref;
     req->settings = settings;
-    return iemli_client_await(client, send_request(client, msg));
+    return send_request(client, msg);
 }
 
 iemli_answer iemli_client_disable_rtt(iemli_client &client, uint32_t link_ref)
+{
+    return iemli_client_await(client, iemli_client_send_disable_rtt(client, link_ref));
+}
+
+uint32_t iemli_client_send_disable_rtt(iemli_client &client, uint32_t link_ref)
 {
     return send_link_ref_request(client, IEMLI_DISABLE_INTER_ME_LINK_RTT_REQ, link_ref);
 }

@@ -117,7 +117,14 @@ iemli_answer iemli_client_disable_rtt(iemli_client &client, uint32_t link_ref);
 // iemli_client_await takes.
 uint32_t iemli_client_send_create(iemli_client &client, const iemli_link_wish &wish);
 uint32_t iemli_client_send_delete(iemli_client &client, uint32_t link_ref);
+uint32_t iemli_client_send_open(iemli_client &client);
+uint32_t iemli_client_send_update(iemli_client &client, uint32_t link_ref, const std::vector<IemliAppLink> &app_links);
+uint32_t iemli_client_send_get_mac(iemli_client &client, const std::string &port, uint8_t mp_id);
+uint32_t iemli_client_send_enable_rtt(iemli_client &client, uint32_t link_ref, const rtt_settings &settings);
+uint32_t iemli_client_send_disable_rtt(iemli_client &client, uint32_t link_ref);
 iemli_answer iemli_client_await(iemli_client &client, uint32_t procedure);
+// For a client that awaits none: an answer that has come, or what became of a request when the service went.
+std::optional<iemli_answer> iemli_client_take_answer(iemli_client &client);
 
 // The next event; waits for one at most bound_ms (0: looks only).
 std::optional<iemli_event> iemli_client_next_event(iemli_client &client, uint32_t bound_ms);

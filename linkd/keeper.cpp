@@ -1,0 +1,760 @@
+// Keeping what is declared (keeper.hpp).
+#include "keeper.hpp"
+
+#include "iemli/iemli_messages.hpp"
+
+#include <algorithm>
+
+namespace linkd
+{
+
+namespace
+{
+
+constexpr int64_t FIRST_DELAY_MS = 1000;
+constexpr int64_t LONGEST_DELAY_MS = 300'000;
+constexpr int64_t LONGEST_OPEN_DELAY_MS = 30'000;
+// A link of a session that has just ended goes soon.
+constexpr int64_t SOON_MS = 250;
+constexpr uint32_t SOON_TRIES = 20;
+// One that is refused again and again, whatever happens around it, is not asked for more often.
+constexpr int64_t BETWEEN_HURRIED_MS = 200;
+constexpr int64_t STALL_MS = 1000;
+constexpr int64_t STALL_AFTER_REFUSAL_MS = 50;
+constexpr int64_t LONGEST_STALL_MS = 10'000;
+constexpr int64_t OPEN_PATIENCE_MS = 5000;
+constexpr int64_t US_PER_MS = 1000;
+constexpr const char *ASKED = "asked for";
+
+int64_t doubled(int64_t first, uint32_t times, int64_t most)
+{
+    int64_t delay = first;
+    for (uint32_t i = 1; i < times && delay < most; i++) {
+        delay *= 2;
+    }
+    return std::min(delay, most);
+}
+
+int64_t delay_after(uint32_t failures, uint32_t reason)
+{
+    if (reason == IEMLI_REJ_LINK_ALREADY_CREATED && failures <= SOON_TRIES) {
+        return doubled(SOON_MS, failures, FIRST_DELAY_MS);
+    }
+    return doubled(FIRST_DELAY_MS, failures, LONGEST_DELAY_MS);
+}
+
+// What another link's end or change may have made possible.
+bool is_about_other_links(uint32_t reason)
+{
+    return reason == IEMLI_REJ_LINK_ALREADY_CREATED || reason == IEMLI_REJ_APP_LINK_ALREADY_USED ||
+           reason == IEMLI_REJ_OTHER_REASON;
+}
+
+link_key port_and_processor(const link_key &key) { return {key.port, 0, {}, key.near_mp}; }
+
+bool waits_in_line(request_kind kind)
+{
+    return kind == request_kind::create || kind == request_kind::update || kind == request_kind::remove;
+}
+
+} // namespace
+
+std::string reason_text(uint32_t reason)
+{
+    static const std::map<uint32_t, const char *> TEXTS = {
+        {IEMLI_REJ_SERVICE_NOT_INITIATED, "there is no session"},
+        {IEMLI_REJ_SERVICE_INITIATED, "there is a session already"},
+        {IEMLI_REJ_SERVICE_INVALID_PV, "the daemon does not speak this version of the protocol"},
+        {IEMLI_REJ_UNKNOWN_LINK_REF, "no such link"},
+        {IEMLI_REJ_UNKNOWN_PORT_NAME, "no such port"},
+        {IEMLI_REJ_PORT_ALREADY_USED, "the port is used already"},
+        {IEMLI_REJ_LINK_ALREADY_CREATED, "somebody else has this link"},
+        {IEMLI_REJ_INVALID_VLAN_ID, "no such VLAN"},
+        {IEMLI_REJ_LINK_DATA_NO_CHANGE, "nothing would change"},
+        {IEMLI_REJ_MP_ID_NOT_READY, "no such processor"},
+        {IEMLI_REJ_REMOTE_CPM_MAC_CONFLICT, "the far end's address is one of this node's own"},
+        {IEMLI_REJ_SAME_CPM_APP_MAC, "an application has the far end's address"},
+        {IEMLI_REJ_SAME_SRC_DST_APP_MAC, "both applications of a pair have the same address"},
+        {IEMLI_REJ_APP_LINK_ALREADY_USED, "another port has a link to that application in this VLAN"},
+        {IEMLI_REJ_DUPLICATE_APP_LINKS, "a pair of applications stands there twice"},
+        {IEMLI_REJ_PORT_NOT_RESERVED, "the port is not reserved"},
+        {IEMLI_REJ_INVALID_RTT_CONFIG_PARAM, "round trips cannot be measured like that"},
+        {IEMLI_REJ_RTT_ALREADY_ENABLED, "round trips are measured already"},
+        {IEMLI_REJ_OTHER_REASON, "another reason, which the daemon's trace says"},
+    };
+    const auto found = TEXTS.find(reason);
+    return found == TEXTS.end() ? "an unknown reason" : found->second;
+}
+
+keeper::keeper(sender &out, listener &told, size_t window) : out_(out), told_(told), window_(window) {}
+
+// ---- What is next for a link ---------------------------------------------------------------------------------------
+
+std::optional<request_kind> keeper::plan(const entry &e, int64_t now_ms)
+{
+    if (e.under_way > 0) {
+        return std::nullopt;
+    }
+    if (!e.wanted || e.anew) {
+        return e.link_ref == 0 ? std::nullopt : std::optional(request_kind::remove);
+    }
+    if (now_ms < e.next_try_ms) {
+        return std::nullopt;
+    }
+    if (e.link_ref == 0) {
+        return request_kind::create;
+    }
+    if (e.app_links != e.wanted->app_links) {
+        return request_kind::update;
+    }
+    if (e.rtt != e.wanted->rtt) {
+        return e.rtt ? request_kind::disable_rtt : request_kind::enable_rtt;
+    }
+    return std::nullopt;
+}
+
+// What goes makes room for what changes, and that for what comes.
+int keeper::rank_of(request_kind kind)
+{
+    switch (kind) {
+    case request_kind::remove:
+        return 0;
+    case request_kind::update:
+        return 1;
+    case request_kind::disable_rtt:
+    case request_kind::enable_rtt:
+        return 2;
+    default:
+        return 3;
+    }
+}
+
+// Puts a link where it belongs: among those that have something to do now, or later, or nowhere.
+void keeper::refresh(const link_key &key, const instant &now)
+{
+    const auto found = entries_.find(key);
+    if (const auto was = todo_rank_.find(key); was != todo_rank_.end()) {
+        todo_.erase({was->second, key});
+        todo_rank_.erase(was);
+    }
+    if (found == entries_.end()) {
+        return;
+    }
+    const entry &e = found->second;
+    later_.erase({e.next_try_ms, key});
+    if (!e.wanted && e.link_ref == 0 && e.under_way == 0) {
+        entries_.erase(found);
+        return;
+    }
+    if (!session_) {
+        return;
+    }
+    if (const auto kind = plan(e, now.ms())) {
+        const int rank = rank_of(*kind);
+        todo_.emplace(rank, key);
+        todo_rank_.emplace(key, rank);
+    } else if (plan(e, e.next_try_ms)) {
+        later_.emplace(e.next_try_ms, key);
+    }
+}
+
+// ---- States --------------------------------------------------------------------------------------------------------
+
+nlohmann::json keeper::known_of(const link_key &key, const instant &now) const
+{
+    nlohmann::json known = nlohmann::json::object();
+    if (const auto mac = macs_.find(port_and_processor(key)); mac != macs_.end()) {
+        known["near_mac"] = text_of(mac->second);
+    }
+    const auto found = entries_.find(key);
+    if (found == entries_.end()) {
+        return known;
+    }
+    const entry &e = found->second;
+    if (e.last_rtt && e.last_rtt->valid != 0) {
+        known["last_rtt_us"] = static_cast<double>(e.last_rtt->average_ns) / 1000;
+        known["last_rtt_age_us"] = now.boot_us - e.last_rtt_boot_us;
+    }
+    if (e.results != 0) {
+        known["results"] = e.results;
+        known["lost"] = e.lost_pings;
+    }
+    return known;
+}
+
+// The one place where the state of a link is written. What a link that waits is waiting for may change untold.
+void keeper::set_state(named &link, link_state state, const std::string &reason, const instant &now)
+{
+    if (link.state == state && (link.reason == reason || state == link_state::waiting)) {
+        link.reason = reason;
+        return;
+    }
+    link_change change;
+    change.at_us = now.real_us;
+    change.link = link.identity;
+    change.from = link.state;
+    change.to = state;
+    change.reason = reason;
+    change.lasted_us = link.since_boot_us == 0 ? 0 : now.boot_us - link.since_boot_us;
+    change.known = known_of(link.key, now);
+    link.state = state;
+    link.reason = reason;
+    link.since_boot_us = now.boot_us;
+    link.since_real_us = now.real_us;
+    told_.changed(change);
+}
+
+// The state of a link's name as it follows from what the daemon said.
+void keeper::show(const link_key &key, const instant &now)
+{
+    const auto found = entries_.find(key);
+    if (found == entries_.end() || !found->second.wanted) {
+        return;
+    }
+    const entry &e = found->second;
+    named &link = names_.at(e.wanted->name);
+    if (!session_) {
+        set_state(link, link_state::waiting, missing_, now);
+    } else if (e.told && e.link_ref != 0) {
+        set_state(link, *e.told, e.told_reason, now);
+    } else if (!e.refusal.empty() && e.link_ref == 0) {
+        set_state(link, link_state::rejected, e.refusal, now);
+    } else {
+        set_state(link, link_state::waiting, ASKED, now);
+    }
+}
+
+// ---- What is declared ----------------------------------------------------------------------------------------------
+
+void keeper::forget_names(const declarations &links, const instant &now)
+{
+    for (auto at = names_.begin(); at != names_.end();) {
+        if (links.contains(at->first)) {
+            ++at;
+        } else {
+            set_state(at->second, link_state::gone, "", now);
+            at = names_.erase(at);
+        }
+    }
+}
+
+void keeper::forget_entries(const declarations &links, const instant &now)
+{
+    std::set<link_key> stay;
+    for (const auto &[name, link] : links) {
+        stay.insert(link.key);
+    }
+    std::vector<link_key> go;
+    for (auto &[key, e] : entries_) {
+        if (!stay.contains(key) && e.wanted) {
+            e.wanted.reset();
+            go.push_back(key);
+        }
+    }
+    for (const link_key &key : go) {
+        refresh(key, now);
+    }
+}
+
+keeper::difference keeper::declare(const declarations &links, const instant &now)
+{
+    difference made;
+    const declarations before = std::exchange(declared_, links);
+    for (const auto &[name, link] : before) {
+        made.removed += links.contains(name) ? 0 : 1;
+    }
+    forget_names(links, now);
+    forget_entries(links, now);
+    for (const auto &[name, link] : links) {
+        const auto was = before.find(name);
+        const bool same_key = was != before.end() && was->second.key == link.key;
+        const bool same = same_key && was->second.app_links == link.app_links && was->second.rtt == link.rtt;
+        made.added += was == before.end() ? 1 : 0;
+        made.changed += was != before.end() && !same ? 1 : 0;
+        entry &e = entries_[link.key];
+        e.wanted = link;
+        try_at(link.key, e, 0);
+        e.failures = 0;
+        named &known = names_[name];
+        known.key = link.key;
+        if (was == before.end()) {
+            known.identity = link.identity();
+            known.state = link_state::gone;
+            known.reason = "";
+            set_state(known, link_state::waiting, session_ ? ASKED : missing_, now);
+        } else if (!same_key) {
+            known.identity = link.identity();
+            set_state(known, link_state::waiting, "changed", now);
+        }
+    }
+    for (const auto &[name, link] : links) {
+        show(link.key, now);
+        refresh(link.key, now);
+        ask_for_mac(link.key);
+    }
+    pump(now);
+    return made;
+}
+
+// ---- The session ---------------------------------------------------------------------------------------------------
+
+void keeper::published(const instant &now)
+{
+    mark_gone_sessions("no session", now);
+    published_ = true;
+    open_failures_ = 0;
+    next_open_ms_ = now.ms();
+    pump(now);
+}
+
+void keeper::lost(const std::string &why, const instant &now)
+{
+    published_ = false;
+    mark_gone_sessions(why, now);
+}
+
+// Everything that the daemon had of ours went with the session.
+void keeper::mark_gone_sessions(const std::string &why, const instant &now)
+{
+    session_ = false;
+    opening_ = 0;
+    openings_.clear();
+    missing_ = why;
+    waits_.clear();
+    short_.clear();
+    by_ref_.clear();
+    todo_.clear();
+    todo_rank_.clear();
+    later_.clear();
+    macs_asked_.clear();
+    stalls_ = 0;
+    was_refused_ = false;
+    std::erase_if(entries_, [](const auto &each) { return !each.second.wanted; });
+    for (auto &[key, e] : entries_) {
+        set_state(names_.at(e.wanted->name), link_state::waiting, why, now);
+        entry fresh;
+        fresh.wanted = std::move(e.wanted);
+        fresh.last_rtt = e.last_rtt;
+        fresh.last_rtt_boot_us = e.last_rtt_boot_us;
+        e = std::move(fresh);
+    }
+}
+
+void keeper::opened(const answer &what, const instant &now)
+{
+    opening_ = 0;
+    if (!what.confirmed) {
+        open_failures_++;
+        missing_ = "no session: " + reason_text(what.reason);
+        next_open_ms_ = now.ms() + doubled(FIRST_DELAY_MS, open_failures_, LONGEST_OPEN_DELAY_MS);
+        for (const auto &[name, link] : declared_) {
+            show(link.key, now);
+        }
+        return;
+    }
+    session_ = true;
+    missing_ = "";
+    sessions_++;
+    session_since_us_ = now.real_us;
+    open_failures_ = 0;
+    progress_ms_ = now.ms();
+    for (const auto &[name, link] : declared_) {
+        show(link.key, now);
+        refresh(link.key, now);
+        ask_for_mac(link.key);
+    }
+}
+
+void keeper::ask_for_mac(const link_key &key)
+{
+    const link_key place = port_and_processor(key);
+    if (session_ && macs_asked_.insert(place).second) {
+        const request what{request_kind::get_mac, place, 0, {}, {}};
+        short_[out_.send(what)] = {what, place};
+    }
+}
+
+// ---- Sending -------------------------------------------------------------------------------------------------------
+
+void keeper::pump_session(const instant &now)
+{
+    if (published_ && opening_ == 0 && now.ms() >= next_open_ms_) {
+        opening_ = out_.send(request{});
+        openings_.insert(opening_);
+        next_open_ms_ = now.ms() + OPEN_PATIENCE_MS; // then once more, if nothing was answered
+    } else if (published_ && opening_ != 0 && now.ms() >= next_open_ms_) {
+        opening_ = 0;
+        open_failures_++;
+        missing_ = "no session: the daemon does not answer";
+        next_open_ms_ = now.ms() + doubled(FIRST_DELAY_MS, open_failures_, LONGEST_OPEN_DELAY_MS);
+    }
+}
+
+void keeper::pump(const instant &now)
+{
+    if (!session_) {
+        pump_session(now);
+        return;
+    }
+    while (!todo_.empty() && waits_.size() < window_) {
+        const link_key key = todo_.begin()->second;
+        const auto kind = plan(entries_.at(key), now.ms());
+        if (kind) {
+            send_for(key, *kind, now);
+        }
+        refresh(key, now);
+    }
+}
+
+void keeper::send_for(const link_key &key, request_kind kind, const instant &now)
+{
+    entry &e = entries_.at(key);
+    request what{kind, key, e.link_ref, {}, {}};
+    if (kind == request_kind::create || kind == request_kind::update) {
+        what.app_links = e.wanted->app_links;
+    }
+    if (kind == request_kind::enable_rtt) {
+        what.rtt = *e.wanted->rtt;
+    }
+    if (waits_in_line(kind) && waits_.empty()) {
+        progress_ms_ = now.ms();
+        stalls_ = 0;
+        was_refused_ = false;
+    }
+    const uint32_t number = out_.send(what);
+    (waits_in_line(kind) ? waits_ : short_)[number] = {what, key};
+    e.under_way++;
+}
+
+std::optional<int64_t> keeper::stall_ms() const
+{
+    if (waits_.empty()) {
+        return std::nullopt;
+    }
+    const int64_t first = was_refused_ ? STALL_AFTER_REFUSAL_MS : STALL_MS;
+    return progress_ms_ + doubled(first, stalls_ + 1, LONGEST_STALL_MS);
+}
+
+// The oldest, since what was sent after it waits behind it.
+void keeper::send_again(const instant &now)
+{
+    const sent oldest = waits_.begin()->second;
+    stalls_++;
+    progress_ms_ = now.ms();
+    waits_[out_.send(oldest.what)] = oldest;
+    entries_.at(oldest.key).under_way++;
+}
+
+void keeper::tick(const instant &now)
+{
+    while (!later_.empty() && later_.begin()->first <= now.ms()) {
+        const link_key key = later_.begin()->second;
+        later_.erase(later_.begin());
+        refresh(key, now);
+    }
+    const auto stalls = stall_ms();
+    if (stalls && *stalls <= now.ms()) {
+        send_again(now);
+    }
+    pump(now);
+}
+
+std::optional<int64_t> keeper::next_ms() const
+{
+    if (!session_) {
+        return published_ ? std::optional(next_open_ms_) : std::nullopt;
+    }
+    auto next = stall_ms();
+    if (!later_.empty() && (!next || later_.begin()->first < *next)) {
+        next = later_.begin()->first;
+    }
+    return next;
+}
+
+// ---- What the daemon says ------------------------------------------------------------------------------------------
+
+void keeper::answered(const answer &what, const instant &now)
+{
+    if (openings_.erase(what.number) != 0) {
+        if (!session_) {
+            opened(what, now);
+            pump(now);
+        }
+        return;
+    }
+    for (auto *list : {&waits_, &short_}) {
+        const auto found = list->find(what.number);
+        if (found == list->end()) {
+            continue;
+        }
+        const sent was = found->second;
+        list->erase(found);
+        if (list == &waits_) {
+            progress_ms_ = now.ms();
+            stalls_ = 0;
+            was_refused_ = !what.confirmed;
+        }
+        settle(was, what, now);
+        pump(now);
+        return;
+    }
+}
+
+void keeper::settle(const sent &was, const answer &what, const instant &now)
+{
+    if (!what.confirmed && what.reason == IEMLI_REJ_SERVICE_NOT_INITIATED) {
+        mark_gone_sessions("no session", now);
+        next_open_ms_ = now.ms() + FIRST_DELAY_MS;
+        return;
+    }
+    if (was.what.kind == request_kind::get_mac) {
+        if (what.confirmed) {
+            macs_[was.key] = what.mac;
+        } else {
+            macs_asked_.erase(was.key); // asked for again with the next news of the port
+        }
+        return;
+    }
+    const auto found = entries_.find(was.key);
+    if (found == entries_.end()) {
+        return;
+    }
+    entry &e = found->second;
+    e.under_way--;
+    if (what.confirmed) {
+        confirmed(was, what, e, now);
+    } else {
+        refused(was, what, e, now);
+    }
+    show(was.key, now);
+    refresh(was.key, now);
+}
+
+void keeper::confirmed(const sent &was, const answer &what, entry &e, const instant &now)
+{
+    if (was.what.kind == request_kind::remove) {
+        removed(was, e, now);
+        return;
+    }
+    if (was.what.kind == request_kind::create) {
+        e.link_ref = what.link_ref;
+        by_ref_[e.link_ref] = was.key;
+        e.app_links = was.what.app_links;
+        e.rtt.reset();
+        e.told.reset();
+        e.results = 0;
+        e.lost_pings = 0;
+    } else if (was.what.kind == request_kind::update) {
+        e.app_links = was.what.app_links;
+        retry_what_may_go_now(now);
+    } else if (was.what.kind == request_kind::enable_rtt) {
+        e.rtt = was.what.rtt;
+    } else if (was.what.kind == request_kind::disable_rtt) {
+        e.rtt.reset();
+    }
+    try_at(was.key, e, 0);
+    e.failures = 0;
+    e.refusal = "";
+}
+
+// A delete is always confirmed. One that was sent twice may have met a link that came after: its reference is used
+// again.
+void keeper::removed(const sent &was, entry &e, const instant &now)
+{
+    if (e.link_ref == was.what.link_ref) {
+        forget_link(e);
+        e.anew = false;
+        try_at(was.key, e, 0);
+        retry_what_may_go_now(now);
+        return;
+    }
+    const auto other = by_ref_.find(was.what.link_ref);
+    if (other != by_ref_.end()) {
+        entries_.at(other->second).anew = true;
+        refresh(link_key(other->second), now);
+    }
+}
+
+void keeper::forget_link(entry &e)
+{
+    by_ref_.erase(e.link_ref);
+    e.link_ref = 0;
+    e.app_links.clear();
+    e.rtt.reset();
+    e.told.reset();
+}
+
+void keeper::refused(const sent &was, const answer &what, entry &e, const instant &now)
+{
+    const request_kind kind = was.what.kind;
+    if (kind == request_kind::create && e.link_ref != 0) {
+        return; // the twin of one that was confirmed
+    }
+    if (kind == request_kind::update && what.reason == IEMLI_REJ_LINK_DATA_NO_CHANGE) {
+        e.app_links = was.what.app_links;
+        return;
+    }
+    if (what.reason == IEMLI_REJ_UNKNOWN_LINK_REF && kind != request_kind::create) {
+        if (e.link_ref == was.what.link_ref) {
+            forget_link(e); // nobody told us that it is gone
+        }
+        return;
+    }
+    if (what.reason == IEMLI_REJ_RTT_ALREADY_ENABLED) {
+        e.rtt = rtt_wish{0, 0, 0}; // not as it was asked for: ended first
+        return;
+    }
+    // Two links that exchange applications keep each other from it until one of them goes.
+    e.anew = kind == request_kind::update && what.reason == IEMLI_REJ_APP_LINK_ALREADY_USED && e.failures > 0;
+    e.failures++;
+    e.reason = what.reason;
+    e.refusal = reason_text(what.reason);
+    try_at(was.key, e, now.ms() + delay_after(e.failures, what.reason));
+}
+
+// The time of the next try is a key of later_.
+void keeper::try_at(const link_key &key, entry &e, int64_t ms)
+{
+    later_.erase({e.next_try_ms, key});
+    e.next_try_ms = ms;
+}
+
+void keeper::hurry(const link_key &key, entry &e, const instant &now)
+{
+    const int64_t last_try_ms = e.next_try_ms - delay_after(e.failures, e.reason);
+    const int64_t soonest = std::max(now.ms(), last_try_ms + BETWEEN_HURRIED_MS);
+    if (e.failures > 0 && soonest < e.next_try_ms) {
+        try_at(key, e, soonest);
+        refresh(key, now);
+    }
+}
+
+void keeper::retry_what_may_go_now(const instant &now)
+{
+    std::vector<link_key> which;
+    for (const auto &[at, key] : later_) {
+        if (is_about_other_links(entries_.at(key).reason)) {
+            which.push_back(key);
+        }
+    }
+    for (const link_key &key : which) {
+        hurry(key, entries_.at(key), now);
+    }
+}
+
+void keeper::status(uint32_t link_ref, bool enabled, const std::string &reason, const instant &now)
+{
+    const auto found = by_ref_.find(link_ref);
+    if (found == by_ref_.end()) {
+        return;
+    }
+    const link_key key = found->second;
+    entry &e = entries_.at(key);
+    e.told = enabled ? link_state::enabled : link_state::disabled;
+    e.told_reason = enabled ? "" : reason;
+    show(key, now);
+    std::vector<link_key> same_port;
+    for (const auto &[at, other] : later_) {
+        if (other.port == key.port) {
+            same_port.push_back(other);
+        }
+    }
+    for (const link_key &other : same_port) {
+        hurry(other, entries_.at(other), now);
+    }
+    ask_for_mac(key);
+    pump(now);
+}
+
+void keeper::measured(uint32_t link_ref, rtt_sample sample, const instant &now)
+{
+    const auto found = by_ref_.find(link_ref);
+    if (found == by_ref_.end()) {
+        return;
+    }
+    entry &e = entries_.at(found->second);
+    if (!e.wanted) {
+        return;
+    }
+    sample.link = e.wanted->name;
+    sample.at_us = now.real_us;
+    e.last_rtt = sample;
+    e.last_rtt_boot_us = now.boot_us;
+    told_.measured(sample);
+}
+
+void keeper::counted(uint32_t link_ref, uint64_t results, uint64_t lost_pings)
+{
+    const auto found = by_ref_.find(link_ref);
+    if (found != by_ref_.end()) {
+        entry &e = entries_.at(found->second);
+        e.results = results;
+        e.lost_pings = lost_pings;
+    }
+}
+
+// ---- What is seen --------------------------------------------------------------------------------------------------
+
+link_view keeper::view_of(const named &link, const declaration &wanted, const instant &now) const
+{
+    link_view view;
+    const entry &e = entries_.at(link.key);
+    view.link = link.identity;
+    view.near_mp = link.key.near_mp;
+    view.app_links = wanted.app_links;
+    view.rtt = wanted.rtt;
+    view.declared = wanted.declared;
+    view.file = wanted.at.file;
+    view.state = link.state;
+    view.reason = link.reason;
+    if (view.reason.empty() && !e.refusal.empty()) {
+        view.reason = "a change is refused: " + e.refusal;
+    }
+    view.since_us = link.since_real_us;
+    view.link_ref = e.link_ref;
+    if (const auto mac = macs_.find(port_and_processor(link.key)); mac != macs_.end()) {
+        view.near_mac = text_of(mac->second);
+    }
+    view.last_rtt = e.last_rtt;
+    view.results = e.results;
+    view.lost = e.lost_pings;
+    if (e.failures > 0 && e.next_try_ms > now.ms()) {
+        view.next_try_us = now.real_us + (e.next_try_ms - now.ms()) * US_PER_MS;
+    }
+    return view;
+}
+
+std::vector<link_view> keeper::views(const instant &now) const
+{
+    std::vector<link_view> all;
+    all.reserve(names_.size());
+    for (const auto &[name, link] : names_) {
+        all.push_back(view_of(link, declared_.at(name), now));
+    }
+    return all;
+}
+
+std::optional<link_view> keeper::view(const std::string &name, const instant &now) const
+{
+    const auto found = names_.find(name);
+    return found == names_.end() ? std::nullopt : std::optional(view_of(found->second, declared_.at(name), now));
+}
+
+node_view keeper::node() const
+{
+    node_view seen;
+    seen.daemon = published_;
+    seen.session = session_;
+    seen.missing = missing_;
+    seen.since_us = session_ ? session_since_us_ : 0;
+    seen.sessions = sessions_;
+    for (const auto &[name, link] : names_) {
+        seen.waiting += link.state == link_state::waiting ? 1 : 0;
+        seen.rejected += link.state == link_state::rejected ? 1 : 0;
+        seen.disabled += link.state == link_state::disabled ? 1 : 0;
+        seen.enabled += link.state == link_state::enabled ? 1 : 0;
+    }
+    return seen;
+}
+
+} // namespace linkd

@@ -1,0 +1,57 @@
+// The keeper's way to the daemon: ITC and the IEMLI client. It reads what comes, hands it to the keeper in its order,
+// and sends what the keeper asks for. From time to time it asks for the daemon's link list, which has the counters.
+//
+// A process has one connection with the registry in its life: when that is lost, the program has to begin anew.
+#pragma once
+
+#include "keeper.hpp"
+#include "loop.hpp"
+
+#include "iemli_client.hpp"
+
+#include <functional>
+
+namespace linkd
+{
+
+instant now();
+
+class session : public sender
+{
+public:
+    // `on_registry_lost` is called once.
+    session(loop &turns, std::function<void()> on_registry_lost);
+    ~session() override;
+    session(const session &) = delete;
+    session &operator=(const session &) = delete;
+
+    void set_keeper(keeper &keeps) { keeper_ = &keeps; }
+    // Looks for the registry until it is there.
+    void connect();
+    // Has the keeper do what is due, now and when it says so. To be called when it was told something by others.
+    void settle();
+    bool has_registry() const { return connected_; }
+
+    uint32_t send(const request &what) override;
+
+private:
+    void try_to_connect();
+    void start_client();
+    void read();
+    void hand_over();
+    void handle(const iemli_event &event);
+    void on_registry_lost();
+    void ask_for_list();
+    void read_list(const itc_msg *msg);
+
+    loop &turns_;
+    std::function<void()> lost_;
+    keeper *keeper_ = nullptr;
+    iemli_client client_;
+    bool connected_ = false;
+    bool said_ = false; // that the registry is waited for
+    uint64_t timer_ = 0;
+    int64_t timer_ms_ = 0;
+};
+
+} // namespace linkd
