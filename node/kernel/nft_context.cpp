@@ -3,6 +3,7 @@
 
 #include "name_space.hpp"
 
+#include <malloc.h>
 #include <nftables/libnftables.h>
 
 #include <cerrno>
@@ -51,6 +52,7 @@ nft_context::nft_context(const std::string &name_space)
 
 std::optional<kernel_refusal> nft_context::run(const json &commands)
 {
+    used_ = true;
     const std::string text = json{{"nftables", commands}}.dump();
     const int failed = nft_run_cmd_from_buffer(context_.get(), text.c_str());
     (void)nft_ctx_get_output_buffer(context_.get());
@@ -60,6 +62,7 @@ std::optional<kernel_refusal> nft_context::run(const json &commands)
 
 std::optional<kernel_refusal> nft_context::list(const json &command, json &found)
 {
+    used_ = true;
     const std::string text = json{{"nftables", json::array({command})}}.dump();
     const int failed = nft_run_cmd_from_buffer(context_.get(), text.c_str());
     const std::string output = nft_ctx_get_output_buffer(context_.get());
@@ -73,6 +76,14 @@ std::optional<kernel_refusal> nft_context::list(const json &command, json &found
     }
     found = parsed["nftables"];
     return std::nullopt;
+}
+
+void nft_context::rest()
+{
+    if (used_) {
+        used_ = false;
+        (void)malloc_trim(0);
+    }
 }
 
 } // namespace kap_node

@@ -26,6 +26,8 @@ public:
     std::optional<kernel_refusal> run(const json &commands);
     // Carries out one command that lists, and hands over what it found.
     std::optional<kernel_refusal> list(const json &command, json &found);
+    // Gives back the memory that what was done since the last call has taken for a while.
+    void rest();
 
 private:
     struct closer {
@@ -33,6 +35,7 @@ private:
     };
 
     std::unique_ptr<nft_ctx, closer> context_;
+    bool used_ = true;
 };
 
 } // namespace kap_node

@@ -173,6 +173,7 @@ void rule_namespace::settle(millis now)
     }
     read_news();
     mend();
+    kernel_->filter.rest();
 }
 
 // ---- What an earlier run has left ----------------------------------------------------------------------------------
