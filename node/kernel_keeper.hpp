@@ -19,6 +19,9 @@ struct descriptor_hooks {
 inline constexpr millis SETTLE_PERIOD_MS = 500;
 // What an earlier run has left is taken away this long after the start, unless it is asked for again.
 inline constexpr millis LEFTOVERS_KEPT_MS = 10000;
+// A VLAN of a bridge port a little longer: entries of the forwarding table stand on it, another service takes them
+// away, and the kernel lets go of none whose VLAN went before.
+inline constexpr millis LEFT_VLANS_KEPT_MS = LEFTOVERS_KEPT_MS + 2000;
 
 class kernel_keeper
 {

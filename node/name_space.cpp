@@ -1,9 +1,11 @@
 // Network namespaces by their names (name_space.hpp).
 #include "name_space.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -121,6 +123,29 @@ namespace_identity namespace_identity::of(const std::string &name_space)
         return {};
     }
     return {found.st_dev, found.st_ino};
+}
+
+std::string namespace_mark(int socket, const namespace_identity &identity)
+{
+    uint64_t cookie = 0;
+    socklen_t size = sizeof cookie;
+    return getsockopt(socket, SOL_SOCKET, SO_NETNS_COOKIE, &cookie, &size) == 0 ? "c" + std::to_string(cookie)
+                                                                                : "i" + std::to_string(identity.inode);
+}
+
+std::vector<std::string> namespace_names()
+{
+    std::vector<std::string> names;
+    DIR *all = opendir(NAMESPACE_DIRECTORY);
+    for (const dirent *each = nullptr; all != nullptr && (each = readdir(all)) != nullptr;) {
+        if (is_file_name(each->d_name)) {
+            names.emplace_back(each->d_name);
+        }
+    }
+    if (all != nullptr) {
+        closedir(all);
+    }
+    return names;
 }
 
 // Staying at home needs no privilege.

@@ -7,12 +7,13 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace kap_node
 {
 
-// Which namespace a name stands for: names are given anew, identities are not. The empty name stands for the process's
-// own namespace.
+// Which namespace a name stands for: names are given anew, identities are not, for as long as somebody has the
+// namespace open. The empty name stands for the process's own namespace.
 struct namespace_identity {
     dev_t device = 0;
     ino_t inode = 0;
@@ -21,6 +22,13 @@ struct namespace_identity {
     // All zero when there is no namespace of that name.
     static namespace_identity of(const std::string &name_space);
 };
+
+// What a journal calls the namespace that a socket is in: a word that no other namespace is given as long as the kernel
+// runs. Only where a kernel counts its namespaces not at all (before 5.14), it is a number that can come again.
+std::string namespace_mark(int socket, const namespace_identity &identity);
+
+// All names there are now, without the empty one.
+std::vector<std::string> namespace_names();
 
 // Steps into a namespace for the life of the object. Throws std::system_error.
 class namespace_visit

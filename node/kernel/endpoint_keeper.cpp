@@ -52,7 +52,7 @@ std::string text_of(const std::set<address_entry> &entries)
 }
 
 struct journal_words {
-    unsigned long long inode = 0;
+    std::string mark; // of the namespace
     int port = 0;
     address_entry entry{};
     std::string name_space;
@@ -62,9 +62,9 @@ std::string written(const journal_words &words)
 {
     const mac &m = words.entry.address;
     char text[96];
-    (void)snprintf(text, sizeof text, "%llu %d %u %02x:%02x:%02x:%02x:%02x:%02x %u ", words.inode, words.port,
+    (void)snprintf(text, sizeof text, " %d %u %02x:%02x:%02x:%02x:%02x:%02x %u ", words.port,
                    words.entry.forwarding ? 1U : 0U, m[0], m[1], m[2], m[3], m[4], m[5], words.entry.vlan_id);
-    return text + words.name_space;
+    return words.mark + text + words.name_space;
 }
 
 std::optional<journal_words> read_entry(const std::string &text)
@@ -73,11 +73,13 @@ std::optional<journal_words> read_entry(const std::string &text)
     unsigned forwarding = 0;
     mac &m = words.entry.address;
     int used = 0;
-    if (sscanf(text.c_str(), "%llu %d %u %hhx:%hhx:%hhx:%hhx:%hhx:%hhx %hu %n", &words.inode, &words.port, &forwarding,
-               &m[0], &m[1], &m[2], &m[3], &m[4], &m[5], &words.entry.vlan_id, &used) < 10 ||
+    char mark[32];
+    if (sscanf(text.c_str(), "%31s %d %u %hhx:%hhx:%hhx:%hhx:%hhx:%hhx %hu %n", mark, &words.port, &forwarding, &m[0],
+               &m[1], &m[2], &m[3], &m[4], &m[5], &words.entry.vlan_id, &used) < 10 ||
         used == 0) {
         return std::nullopt;
     }
+    words.mark = mark;
     words.entry.forwarding = forwarding != 0;
     words.name_space = text.substr(static_cast<size_t>(used));
     return words;
@@ -85,6 +87,24 @@ std::optional<journal_words> read_entry(const std::string &text)
 
 // The answer to a removal that means that nothing was there.
 bool is_gone_already(const kernel_refusal &refused) { return refused.error == ENOENT || refused.error == ENODEV; }
+
+// Whether somebody has fixed the entry at that port.
+bool is_at(const entry_table &there, const address_entry &entry, int port)
+{
+    const auto found = there.find(entry);
+    return found != there.end() && found->second.fixed && found->second.port == port;
+}
+
+// What is at a port is read once.
+bool is_there(kernel_place &place, int port, const address_entry &entry, std::map<int, entry_table> &read)
+{
+    const auto [at, fresh] = read.try_emplace(port);
+    if (fresh && read_entries(place.ask, port, 0, at->second)) {
+        read.erase(at);
+        return true; // nobody knows
+    }
+    return is_at(at->second, entry, port);
+}
 
 // Of a VLAN that its bridge port lets through no more: the kernel takes nothing of it away then.
 bool is_without_vlan(const address_entry &entry, const kernel_link &on)
@@ -106,25 +126,22 @@ void endpoint_keeper::watch(descriptor_hooks hooks)
     places_.watch(std::move(hooks), [this](const std::string &name_space) { settle_place(name_space, now_); });
 }
 
-// Of neighbours, which come and go all the time, only entries of interfaces and bridges: one that is gone, and one of
-// an address that is kept, which may have moved.
+// Addresses of bridges come and go all the time: only those that are wanted there are looked after.
 bool endpoint_keeper::concerns(const std::string &name_space, const nlmsghdr *message) const
 {
-    if (message->nlmsg_type == RTM_DELNEIGH) {
-        ndmsg head{};
-        if (message->nlmsg_len >= NLMSG_LENGTH(sizeof head)) {
-            memcpy(&head, NLMSG_DATA(message), sizeof head);
-        }
-        return head.ndm_family == AF_BRIDGE;
-    }
-    if (message->nlmsg_type != RTM_NEWNEIGH) {
+    if (message->nlmsg_type != RTM_NEWNEIGH && message->nlmsg_type != RTM_DELNEIGH) {
         return true;
     }
-    entry_table told;
-    apply_entry_message(message, told);
-    return std::any_of(kept_.begin(), kept_.end(), [&](const auto &port) {
-        return port_of(port.first).name_space == name_space && !told.empty() &&
-               port.second.entries.contains(told.begin()->first);
+    const auto told = entry_in(message);
+    return told && is_wanted(name_space, told->first.address);
+}
+
+bool endpoint_keeper::is_wanted(const std::string &name_space, const mac &address) const
+{
+    return std::any_of(ports_.begin(), ports_.end(), [&](const auto &port) {
+        const auto first = wanted_.lower_bound({port.first, address, 0, false});
+        return port.second.name_space == name_space && first != wanted_.end() && first->port == port.first &&
+               first->address == address;
     });
 }
 
@@ -160,6 +177,17 @@ endpoint_keeper::needs endpoint_keeper::needs_of(const std::string &port, const 
     return all;
 }
 
+// What stands beside what was asked for could not be left as it was, or was.
+void endpoint_keeper::tell_bystanders(const kernel_link &on, const std::optional<kernel_refusal> &refused)
+{
+    const std::string what = "entries of others at " + on.name;
+    if (refused) {
+        report_.trouble(what, *refused);
+    } else {
+        report_.no_trouble(what);
+    }
+}
+
 // ---- Requests ------------------------------------------------------------------------------------------------------
 
 // The endpoints of a request are of few ports. Whatever one port refuses is taken back at all of them.
@@ -191,7 +219,8 @@ std::optional<kernel_refusal> endpoint_keeper::add_on(const std::string &port, s
     kernel_place *place = places_.find(config.name_space);
     link_table links;
     if (place == nullptr) {
-        return std::nullopt;
+        const kernel_refusal why = places_.why_closed(config.name_space);
+        return why.error == ENOENT ? std::nullopt : std::optional(why);
     }
     if (auto refused = read_links(place->ask, links)) {
         return refused;
@@ -210,7 +239,7 @@ std::optional<kernel_refusal> endpoint_keeper::add_on(const std::string &port, s
         need(each, links, *on, wanted);
     }
     kept.waiting.insert(wanted.waiting.begin(), wanted.waiting.end());
-    auto refused = put_in({*place, links, config, *on}, kept, wanted.now);
+    auto refused = put_in({*place, links, config, *on}, kept, wanted.now, when_refused::STOP);
     places_.forget_news(config.name_space);
     return refused;
 }
@@ -258,57 +287,101 @@ std::optional<kernel_refusal> endpoint_keeper::remove_unneeded(const std::string
     kept.waiting = wanted.waiting;
     const auto entries = kept.entries;
     std::optional<kernel_refusal> refused;
+    bystanders others(place->ask, *on);
     for (const auto &[entry, by] : entries) {
         if (!refused && !wanted.now.contains(entry)) {
-            refused = take_out({*place, links, config, *on}, kept, entry);
+            refused = take_out({*place, links, config, *on}, kept, others, entry);
         }
     }
+    tell_bystanders(*on, others.put_right());
     places_.forget_news(config.name_space);
     return refused;
 }
 
 // ---- Putting in and taking out -------------------------------------------------------------------------------------
 
-std::string endpoint_keeper::journal_entry(const scene &where, const address_entry &entry) const
+std::string endpoint_keeper::journal_entry(const scene &where, const address_entry &entry)
 {
-    return written({where.place.identity.inode, where.on.index, entry, where.port.name_space});
+    return written({where.place.mark, where.on.index, entry, where.port.name_space});
 }
 
-// Those that are not there yet. What has been put in before a refusal stays for the caller to take out.
-std::optional<kernel_refusal> endpoint_keeper::put_in(const scene &where, kept_port &kept,
-                                                      const std::set<address_entry> &entries)
+// What is at the port, and in the forwarding table wherever it is.
+std::optional<kernel_refusal> endpoint_keeper::look(const scene &where, const std::vector<address_entry> &fresh,
+                                                    entry_table &there)
 {
-    std::vector<std::string> lines;
-    std::vector<address_entry> fresh;
-    for (const address_entry &entry : entries) {
-        if (!kept.entries.contains(entry)) {
-            fresh.push_back(entry);
-            lines.push_back(journal_entry(where, entry));
-        }
+    auto refused = read_entries(where.place.ask, where.on.index, 0, there);
+    const bool forwarding =
+        std::any_of(fresh.begin(), fresh.end(), [](const address_entry &entry) { return entry.forwarding; });
+    if (refused || !forwarding) {
+        return refused;
     }
-    // What an earlier run has left is ours; what is written now must not make somebody else's so.
-    std::set<std::string> known;
-    for (const std::string &line : lines) {
-        if (journal_.holds(line)) {
-            known.insert(line);
-        }
-    }
-    std::optional<kernel_refusal> refused = lines.empty() ? std::nullopt : journal_.add(lines);
-    for (size_t i = 0; i < fresh.size(); ++i) {
-        holder by = known.contains(lines[i]) ? holder::us : holder::other;
-        if (!refused && !(refused = put_in(where, fresh[i], &by))) {
-            kept.entries[fresh[i]] = by;
-        }
-        if ((refused && !known.contains(lines[i])) || by == holder::other) {
-            journal_.forget(lines[i]);
+    entry_table of_bridge;
+    refused = read_entries(where.place.ask, 0, where.on.master, of_bridge);
+    for (const auto &[entry, known] : of_bridge) { // the filters of other ports are in it, too
+        if (entry.forwarding) {
+            there[entry] = known;
         }
     }
     return refused;
 }
 
-// `by` says whose the entry is when there is one, and is told whose it is now.
-std::optional<kernel_refusal> endpoint_keeper::put_in(const scene &where, const address_entry &entry, holder *by)
+// Those that are not there yet. What has been put in before a refusal stays for the caller to take out.
+//
+// Written down before is what is not there: what was written down and is there after a crash is ours.
+std::optional<kernel_refusal> endpoint_keeper::put_in(const scene &where, kept_port &kept,
+                                                      const std::set<address_entry> &entries, when_refused next)
 {
+    std::vector<address_entry> fresh;
+    std::copy_if(entries.begin(), entries.end(), std::back_inserter(fresh),
+                 [&](const address_entry &entry) { return !kept.entries.contains(entry); });
+    if (fresh.empty()) {
+        return std::nullopt;
+    }
+    entry_table before;
+    if (auto refused = look(where, fresh, before)) {
+        return refused;
+    }
+    std::set<std::string> known; // left by an earlier run
+    std::vector<std::string> lines;
+    for (const address_entry &entry : fresh) {
+        const std::string line = journal_entry(where, entry);
+        if (journal_.holds(line)) {
+            known.insert(line);
+        } else if (!is_at(before, entry, where.on.index)) {
+            lines.push_back(line);
+        }
+    }
+    if (auto refused = lines.empty() ? std::nullopt : journal_.add(lines)) {
+        return refused;
+    }
+    bystanders others(where.place.ask, where.on);
+    std::optional<kernel_refusal> last;
+    for (const address_entry &entry : fresh) {
+        const std::string line = journal_entry(where, entry);
+        holder by = known.contains(line) ? holder::us : holder::other;
+        auto refused = last && next == when_refused::STOP ? last : others.before(entry);
+        if (!refused) {
+            refused = put_in(where, before, entry, &by);
+        }
+        if (!refused) {
+            kept.entries[entry] = by;
+        }
+        if ((refused && !known.contains(line)) || by == holder::other) {
+            journal_.forget(line);
+        }
+        last = refused ? refused : last;
+    }
+    tell_bystanders(where.on, others.put_right());
+    return last;
+}
+
+// `by` says whose the entry is when there is one, and is told whose it is now.
+std::optional<kernel_refusal> endpoint_keeper::put_in(const scene &where, const entry_table &before,
+                                                      const address_entry &entry, holder *by)
+{
+    if (is_at(before, entry, where.on.index)) {
+        return std::nullopt;
+    }
     auto refused = put_entry(where.place.ask, where.on.index, entry, when_known::REFUSE);
     if (!refused) {
         *by = holder::us;
@@ -317,11 +390,12 @@ std::optional<kernel_refusal> endpoint_keeper::put_in(const scene &where, const 
     if (refused->error != EEXIST) {
         return refused;
     }
-    return entry.forwarding ? make_static(where, entry, by) : std::nullopt;
+    return entry.forwarding ? make_static(where, before, entry, by) : std::nullopt;
 }
 
-// The bridge knows the address already.
-std::optional<kernel_refusal> endpoint_keeper::make_static(const scene &where, const address_entry &entry, holder *by)
+// The bridge knows the address already; or it has just taken it, and met it in a VLAN that nobody means.
+std::optional<kernel_refusal> endpoint_keeper::make_static(const scene &where, const entry_table &before,
+                                                           const address_entry &entry, holder *by)
 {
     entry_table there;
     if (auto refused = read_entries(where.place.ask, 0, where.on.master, there)) {
@@ -330,6 +404,8 @@ std::optional<kernel_refusal> endpoint_keeper::make_static(const scene &where, c
     const auto found = there.find(entry);
     if (found != there.end() && found->second.fixed) {
         if (found->second.port == where.on.index) {
+            const bool just_taken = entry.vlan_id == 0 && !where.on.vlans.empty() && !before.contains(entry);
+            *by = just_taken ? holder::us : *by;
             return std::nullopt;
         }
         const kernel_link *elsewhere = where.links.at(found->second.port);
@@ -350,17 +426,21 @@ bool endpoint_keeper::take_from_stuck(const scene &where, const address_entry &e
 {
     for (auto &[name, kept] : kept_) {
         if (kept.index == port && port_of(name).name_space == where.port.name_space && kept.stuck.erase(entry) != 0) {
-            journal_.forget(written({where.place.identity.inode, port, entry, where.port.name_space}));
+            journal_.forget(written({where.place.mark, port, entry, where.port.name_space}));
             return true;
         }
     }
     return false;
 }
 
-std::optional<kernel_refusal> endpoint_keeper::take_out(const scene &where, kept_port &kept, const address_entry &entry)
+std::optional<kernel_refusal> endpoint_keeper::take_out(const scene &where, kept_port &kept, bystanders &others,
+                                                        const address_entry &entry)
 {
     if (kept.entries.at(entry) == holder::us) {
-        const auto refused = take_entry(where.place.ask, where.on.index, entry);
+        auto refused = others.before(entry);
+        if (!refused) {
+            refused = take_entry(where.place.ask, where.on.index, entry);
+        }
         if (refused && is_without_vlan(entry, where.on)) {
             kept.stuck.insert(entry);
             kept.entries.erase(entry);
@@ -393,14 +473,23 @@ void endpoint_keeper::settle(millis now)
     for (const std::string &name_space : places_.names()) {
         settle_place(name_space, now);
     }
+    began_ = began_.value_or(now);
+    if (!others_visited_ && now - *began_ >= LEFTOVERS_KEPT_MS) {
+        others_visited_ = true;
+        remove_others();
+    }
 }
 
 void endpoint_keeper::settle_place(const std::string &name_space, millis now)
 {
     kernel_place *place = places_.find(name_space);
+    const std::string what = "network namespace \"" + name_space + "\"";
     if (place == nullptr) {
+        report_.trouble(what, places_.why_closed(name_space));
         return;
     }
+    report_.no_trouble(what);
+    ++comparisons_;
     link_table links;
     if (const auto refused = read_links(place->ask, links)) {
         report_.trouble("looking at the interfaces", *refused);
@@ -456,21 +545,22 @@ void endpoint_keeper::settle_port(const scene &where, kept_port &kept)
         return;
     }
     std::set<address_entry> lost;
+    bystanders others(where.place.ask, where.on);
     const auto entries = kept.entries;
     for (const auto &[entry, by] : entries) {
         const auto found = there.find(entry);
         if (!wanted.now.contains(entry)) {
-            refused = take_out(where, kept, entry);
+            const auto stays = take_out(where, kept, others, entry);
+            refused = stays ? stays : refused;
         } else if (found == there.end() || !found->second.fixed) {
             lost.insert(entry);
             kept.entries.erase(entry);
         }
     }
+    tell_bystanders(where.on, others.put_right());
     const size_t before = kept.entries.size();
-    for (const address_entry &entry : wanted.now) { // one that is refused holds no other up
-        if (const auto stays_out = put_in(where, kept, {entry})) {
-            refused = stays_out;
-        }
+    if (const auto stays_out = put_in(where, kept, wanted.now, when_refused::GO_ON)) {
+        refused = stays_out;
     }
     if (refused) {
         report_.trouble(what, *refused);
@@ -486,7 +576,8 @@ void endpoint_keeper::settle_port(const scene &where, kept_port &kept)
     }
 }
 
-// Of an earlier run. An entry of a namespace that is not there any more, or of an interface, is gone with it.
+// Of an earlier run. An entry of a namespace that is not there any more, or of an interface, is gone with it; so is one
+// that the kernel does not have: whoever makes it from now on is somebody else.
 void endpoint_keeper::remove_left_entries(const std::string &name_space, kernel_place &place, const link_table &links,
                                           millis now)
 {
@@ -494,10 +585,11 @@ void endpoint_keeper::remove_left_entries(const std::string &name_space, kernel_
     for (const auto &[name, kept] : kept_) {
         for (const auto &[entry, by] : kept.entries) {
             if (port_of(name).name_space == name_space && by == holder::us) {
-                ours.insert(written({place.identity.inode, kept.index, entry, name_space}));
+                ours.insert(written({place.mark, kept.index, entry, name_space}));
             }
         }
     }
+    std::map<int, entry_table> there;
     const std::set<std::string> lines = journal_.entries();
     for (const std::string &line : lines) {
         const auto words = read_entry(line);
@@ -505,25 +597,79 @@ void endpoint_keeper::remove_left_entries(const std::string &name_space, kernel_
             continue;
         }
         const kernel_link *on = words ? links.at(words->port) : nullptr;
-        if (on == nullptr || words->inode != place.identity.inode) {
+        if (on == nullptr || words->mark != place.mark) {
             journal_.forget(line);
         } else if (ours.contains(line)) {
+            left_since_.erase(line);
+        } else if (!is_there(place, words->port, words->entry, there)) {
+            journal_.forget(line);
             left_since_.erase(line);
         } else if (is_without_vlan(words->entry, *on)) {
             continue; // refused until the VLAN is back
         } else if (const auto since = left_since_.try_emplace(line, now).first->second;
                    now - since >= LEFTOVERS_KEPT_MS) {
-            const auto refused = take_entry(place.ask, words->port, words->entry);
-            if (refused && !is_gone_already(*refused) && on->is_bridge_port) {
-                report_.trouble(on->name + ": " + text_of(words->entry) + ", which an earlier run has left", *refused);
+            remove_left_entry(place, *on, words->entry, line);
+        }
+    }
+}
+
+void endpoint_keeper::remove_left_entry(kernel_place &place, const kernel_link &on, const address_entry &entry,
+                                        const std::string &line)
+{
+    const std::string what = on.name + ": " + text_of(entry) + ", which an earlier run has left";
+    bystanders others(place.ask, on);
+    auto refused = others.before(entry);
+    if (!refused) {
+        refused = take_entry(place.ask, on.index, entry);
+        tell_bystanders(on, others.put_right());
+    }
+    if (refused && !is_gone_already(*refused)) {
+        report_.trouble(what, *refused);
+        return;
+    }
+    if (!refused) {
+        report_.left_over(what + ", is taken away");
+    }
+    report_.no_trouble(what);
+    journal_.forget(line);
+    left_since_.erase(line);
+}
+
+// In namespaces that no port is in: an earlier run had another configuration. What is written down of a namespace that
+// is found nowhere is gone with it.
+void endpoint_keeper::remove_others()
+{
+    std::set<std::string> looked_for;
+    for (const std::string &line : journal_.entries()) {
+        const auto words = read_entry(line);
+        if (!words || !places_.names().contains(words->name_space)) {
+            looked_for.insert(line);
+        }
+    }
+    if (looked_for.empty()) {
+        return;
+    }
+    std::set<std::string> gone = looked_for;
+    const bool all = places_.visit_others([&](const std::string &, kernel_place &place) {
+        link_table links;
+        const bool unknown = read_links(place.ask, links).has_value();
+        for (const std::string &line : looked_for) {
+            const auto words = read_entry(line);
+            if (!words || words->mark != place.mark) {
                 continue;
             }
-            if (!refused) {
-                report_.left_over(on->name + ": " + text_of(words->entry) +
-                                  ", which an earlier run has left, is taken away");
+            const kernel_link *on = links.at(words->port);
+            if (unknown || on != nullptr) {
+                gone.erase(line);
             }
+            if (on != nullptr) {
+                remove_left_entry(place, *on, words->entry, line);
+            }
+        }
+    });
+    for (const std::string &line : gone) {
+        if (all) {
             journal_.forget(line);
-            left_since_.erase(line);
         }
     }
 }
@@ -543,6 +689,7 @@ nlohmann::json endpoint_keeper::show() const
                        {"waiting", kept.waiting.size()}};
     }
     shown["ports"] = std::move(ports);
+    shown["comparisons"] = comparisons_;
     return shown;
 }
 

@@ -13,15 +13,17 @@
 //
 // What several endpoints need is one entry. What was there before is somebody else's: it serves and stays; an address
 // that the bridge has only learnt is made static, one that somebody has fixed at another port is refused. None of this
-// has a name in the kernel, so each entry of ours is written into a journal before it is made.
+// has a name in the kernel, so each entry that was not there is written into a journal before it is made.
 //
 // An endpoint of a port whose interface is not there is taken and waits for it: nobody asks for the endpoints of a port
-// again when its interface comes. What disappears is mended and told. What an earlier run has left, and nobody has
-// asked for again within 10 seconds, is taken away.
+// again when its interface comes. One of a port whose namespace is there and cannot be opened is refused. What
+// disappears is mended and told. What an earlier run has left, and nobody has asked for again within 10 seconds, is
+// taken away, in namespaces that are not configured any more, too.
 #pragma once
 
 #include "config.hpp"
 #include "emi_backend.hpp"
+#include "kernel/bystanders.hpp"
 #include "kernel/journal.hpp"
 #include "kernel/links.hpp"
 #include "kernel/places.hpp"
@@ -32,6 +34,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace kap_node
 {
@@ -77,16 +80,31 @@ private:
     static void need(const placed_endpoint &endpoint, const link_table &links, const kernel_link &on, needs &all);
     needs needs_of(const std::string &port, const link_table &links, const kernel_link &on) const;
     std::optional<kernel_refusal> add_on(const std::string &port, std::span<const placed_endpoint> fresh);
-    std::optional<kernel_refusal> put_in(const scene &where, kept_port &kept, const std::set<address_entry> &entries);
-    std::optional<kernel_refusal> put_in(const scene &where, const address_entry &entry, holder *by);
-    std::optional<kernel_refusal> make_static(const scene &where, const address_entry &entry, holder *by);
+    enum class when_refused {
+        STOP,
+        GO_ON
+    };
+    std::optional<kernel_refusal> put_in(const scene &where, kept_port &kept, const std::set<address_entry> &entries,
+                                         when_refused next);
+    static std::optional<kernel_refusal> look(const scene &where, const std::vector<address_entry> &fresh,
+                                              entry_table &there);
+    std::optional<kernel_refusal> put_in(const scene &where, const entry_table &before, const address_entry &entry,
+                                         holder *by);
+    std::optional<kernel_refusal> make_static(const scene &where, const entry_table &before, const address_entry &entry,
+                                              holder *by);
     bool take_from_stuck(const scene &where, const address_entry &entry, int port);
-    std::optional<kernel_refusal> take_out(const scene &where, kept_port &kept, const address_entry &entry);
+    std::optional<kernel_refusal> take_out(const scene &where, kept_port &kept, bystanders &others,
+                                           const address_entry &entry);
     std::optional<kernel_refusal> remove_unneeded(const std::string &port);
-    std::string journal_entry(const scene &where, const address_entry &entry) const;
+    static std::string journal_entry(const scene &where, const address_entry &entry);
+    bool is_wanted(const std::string &name_space, const mac &address) const;
     void settle_place(const std::string &name_space, millis now);
     void settle_port(const scene &where, kept_port &kept);
+    void tell_bystanders(const kernel_link &on, const std::optional<kernel_refusal> &refused);
     void take_out_stuck(const scene &where, kept_port &kept, const needs &wanted);
+    void remove_left_entry(kernel_place &place, const kernel_link &on, const address_entry &entry,
+                           const std::string &line);
+    void remove_others();
     void remove_left_entries(const std::string &name_space, kernel_place &place, const link_table &links, millis now);
     void port_is_away(const std::string &port);
     bool concerns(const std::string &name_space, const nlmsghdr *message) const;
@@ -99,6 +117,9 @@ private:
     std::map<std::string, kept_port> kept_;
     std::map<std::string, millis> left_since_;
     millis now_ = 0;
+    std::optional<millis> began_;
+    bool others_visited_ = false;
+    uint64_t comparisons_ = 0;
 };
 
 } // namespace kap_node

@@ -301,11 +301,12 @@ std::optional<kernel_refusal> stop_vlan(netlink_socket &ask, int port, uint16_t 
 
 // ---- Entries of filters and forwarding tables ----------------------------------------------------------------------
 
-void apply_entry_message(const nlmsghdr *message, entry_table &all)
+std::optional<std::pair<address_entry, known_entry>> entry_in(const nlmsghdr *message)
 {
     const auto head = head_of<ndmsg>(message);
-    if (!head || message->nlmsg_type != RTM_NEWNEIGH || head->ndm_family != AF_BRIDGE) {
-        return;
+    if (!head || (message->nlmsg_type != RTM_NEWNEIGH && message->nlmsg_type != RTM_DELNEIGH) ||
+        head->ndm_family != AF_BRIDGE) {
+        return std::nullopt;
     }
     address_entry entry{.forwarding = (head->ndm_flags & NTF_SELF) == 0, .address = {}, .vlan_id = 0};
     bool has_address = false;
@@ -317,9 +318,18 @@ void apply_entry_message(const nlmsghdr *message, entry_table &all)
             entry.vlan_id = number_in<uint16_t>(field).value_or(0);
         }
     });
-    if (has_address) {
-        const bool fixed = (head->ndm_state & (NUD_PERMANENT | NUD_NOARP)) != 0;
-        all[entry] = {head->ndm_ifindex, fixed};
+    if (!has_address) {
+        return std::nullopt;
+    }
+    const bool fixed = (head->ndm_state & (NUD_PERMANENT | NUD_NOARP)) != 0;
+    return std::pair(entry, known_entry{head->ndm_ifindex, fixed, head->ndm_state, head->ndm_flags});
+}
+
+void apply_entry_message(const nlmsghdr *message, entry_table &all)
+{
+    const auto told = message->nlmsg_type == RTM_NEWNEIGH ? entry_in(message) : std::nullopt;
+    if (told) {
+        all[told->first] = told->second;
     }
 }
 
@@ -337,14 +347,14 @@ std::optional<kernel_refusal> read_entries(netlink_socket &ask, int port, int br
 namespace
 {
 
-std::optional<kernel_refusal> ask_for_entry(netlink_socket &ask, int type, int flags, int port,
-                                            const address_entry &entry)
+std::optional<kernel_refusal> ask_for_entry(netlink_socket &ask, int type, int flags, const address_entry &entry,
+                                            const known_entry &how)
 {
     ndmsg head{};
     head.ndm_family = AF_BRIDGE;
-    head.ndm_ifindex = port;
-    head.ndm_flags = entry.forwarding ? NTF_MASTER : NTF_SELF;
-    head.ndm_state = entry.forwarding ? NUD_NOARP : NUD_PERMANENT;
+    head.ndm_ifindex = how.port;
+    head.ndm_flags = how.flags;
+    head.ndm_state = how.state;
     request_message message(type, flags, head);
     message.put(NDA_LLADDR, entry.address.data(), entry.address.size());
     if (entry.vlan_id != 0) {
@@ -353,17 +363,31 @@ std::optional<kernel_refusal> ask_for_entry(netlink_socket &ask, int type, int f
     return ask.request(message.get());
 }
 
+// How entries of ours are.
+known_entry fixed_at(int port, const address_entry &entry)
+{
+    return {port, true, entry.forwarding ? uint16_t{NUD_NOARP} : uint16_t{NUD_PERMANENT},
+            entry.forwarding ? uint8_t{NTF_MASTER} : uint8_t{NTF_SELF}};
+}
+
 } // namespace
 
 std::optional<kernel_refusal> put_entry(netlink_socket &ask, int port, const address_entry &entry, when_known known)
 {
     const int flags = NLM_F_CREATE | (known == when_known::REPLACE ? NLM_F_REPLACE : NLM_F_EXCL);
-    return ask_for_entry(ask, RTM_NEWNEIGH, flags, port, entry);
+    return ask_for_entry(ask, RTM_NEWNEIGH, flags, entry, fixed_at(port, entry));
 }
 
 std::optional<kernel_refusal> take_entry(netlink_socket &ask, int port, const address_entry &entry)
 {
-    return ask_for_entry(ask, RTM_DELNEIGH, 0, port, entry);
+    return ask_for_entry(ask, RTM_DELNEIGH, 0, entry, fixed_at(port, entry));
+}
+
+std::optional<kernel_refusal> put_back(netlink_socket &ask, const address_entry &entry, const known_entry &was)
+{
+    known_entry how = was;
+    how.flags = static_cast<uint8_t>((was.flags & (NTF_STICKY | NTF_EXT_LEARNED)) | NTF_MASTER);
+    return ask_for_entry(ask, RTM_NEWNEIGH, NLM_F_CREATE | NLM_F_REPLACE, entry, how);
 }
 
 } // namespace kap_node

@@ -78,13 +78,20 @@ struct address_entry {
 };
 
 struct known_entry {
-    int port;   // the interface it is at
-    bool fixed; // not learnt
+    int port;           // the interface it is at
+    bool fixed;         // not learnt
+    uint16_t state = 0; // as the kernel tells them
+    uint8_t flags = 0;
+    bool operator==(const known_entry &) const = default;
 };
 using entry_table = std::map<address_entry, known_entry>;
 
+// Which entry a message of the kernel's tells of, whether it is new or gone; nothing when of none.
+std::optional<std::pair<address_entry, known_entry>> entry_in(const nlmsghdr *message);
+
 // The entries at an interface; those of the whole bridge when `bridge` is its index and `port` 0.
 std::optional<kernel_refusal> read_entries(netlink_socket &ask, int port, int bridge, entry_table &all);
+// The same from one message of the kernel's, for tests of what is not well formed.
 void apply_entry_message(const nlmsghdr *message, entry_table &all);
 
 enum class when_known {
@@ -93,5 +100,7 @@ enum class when_known {
 };
 std::optional<kernel_refusal> put_entry(netlink_socket &ask, int port, const address_entry &entry, when_known known);
 std::optional<kernel_refusal> take_entry(netlink_socket &ask, int port, const address_entry &entry);
+// Makes an entry of a forwarding table what it was.
+std::optional<kernel_refusal> put_back(netlink_socket &ask, const address_entry &entry, const known_entry &was);
 
 } // namespace kap_node

@@ -1,6 +1,8 @@
 // The namespaces in which a keeper works (places.hpp).
 #include "kernel/places.hpp"
 
+#include <algorithm>
+#include <cerrno>
 #include <system_error>
 
 namespace kap_node
@@ -62,23 +64,65 @@ void kernel_places::check(const std::function<void(const std::string &)> &closed
     }
 }
 
-// A namespace that is being made has its file before it can be entered: that is not there yet either.
+// Throws std::system_error.
+std::unique_ptr<kernel_place> kernel_places::make(const std::string &name_space, const namespace_identity &identity,
+                                                  const std::vector<int> &groups) const
+{
+    auto fresh = std::make_unique<kernel_place>(kernel_place{identity, "", netlink_socket(NETLINK_ROUTE, name_space),
+                                                             netlink_socket(NETLINK_ROUTE, name_space, groups)});
+    fresh->mark = namespace_mark(fresh->ask.fd(), identity);
+    return fresh;
+}
+
+// A namespace that is being made has its file before it can be entered: that is told as a namespace that cannot be
+// opened, and no more once it can.
 void kernel_places::open(const std::string &name_space)
 {
+    refused_.erase(name_space);
     const namespace_identity identity = namespace_identity::of(name_space);
     if (identity == namespace_identity{}) {
         return;
     }
     try {
-        auto fresh = std::make_unique<kernel_place>(kernel_place{identity, netlink_socket(NETLINK_ROUTE, name_space),
-                                                                 netlink_socket(NETLINK_ROUTE, name_space, groups_)});
+        auto fresh = make(name_space, identity, groups_);
         if (namespace_identity::of(name_space) == identity) {
             start_watching(name_space, *fresh);
             open_[name_space] = std::move(fresh);
         }
-    } catch (const std::system_error &) {
-        return;
+    } catch (const std::system_error &problem) {
+        refused_[name_space] = {problem.code().value(), "cannot be opened: " + problem.code().message()};
     }
+}
+
+bool kernel_places::visit_others(const std::function<void(const std::string &, kernel_place &)> &visit) const
+{
+    std::vector<namespace_identity> seen;
+    for (const std::string &name_space : names_) {
+        seen.push_back(namespace_identity::of(name_space));
+    }
+    std::vector<std::string> names = namespace_names();
+    names.emplace_back("");
+    bool all = true;
+    for (const std::string &name_space : names) {
+        const namespace_identity identity = namespace_identity::of(name_space);
+        if (identity == namespace_identity{} || std::find(seen.begin(), seen.end(), identity) != seen.end()) {
+            continue;
+        }
+        seen.push_back(identity);
+        try {
+            visit(name_space, *make(name_space, identity, {}));
+        } catch (const std::system_error &) {
+            all = false;
+        }
+    }
+    return all;
+}
+
+kernel_refusal kernel_places::why_closed(const std::string &name_space) const
+{
+    const auto found = refused_.find(name_space);
+    return found == refused_.end() ? kernel_refusal{ENOENT, "there is no network namespace " + name_space}
+                                   : found->second;
 }
 
 kernel_place *kernel_places::find(const std::string &name_space)

@@ -20,6 +20,7 @@ namespace kap_node
 // An open namespace.
 struct kernel_place {
     namespace_identity identity;
+    std::string mark; // for the journal
     netlink_socket ask;
     netlink_socket news;
 };
@@ -39,14 +40,21 @@ public:
 
     // Opens and closes; what is closed is handed over first.
     void check(const std::function<void(const std::string &name_space)> &closed);
-    // Nothing when the namespace is not there.
+    // Those of the machine that are not of names(), under one name each: opened, handed over and closed again. False
+    // when one could not be opened.
+    bool visit_others(const std::function<void(const std::string &name_space, kernel_place &)> &visit) const;
+    // Nothing when the namespace is not open.
     kernel_place *find(const std::string &name_space);
+    // Why it is not: ENOENT when there is none of that name.
+    kernel_refusal why_closed(const std::string &name_space) const;
     const std::set<std::string> &names() const { return names_; }
     // What the keeper has changed itself is no news. Whoever else changed something meanwhile is found out by
     // comparing.
     void forget_news(const std::string &name_space);
 
 private:
+    std::unique_ptr<kernel_place> make(const std::string &name_space, const namespace_identity &identity,
+                                       const std::vector<int> &groups) const;
     void open(const std::string &name_space);
     void start_watching(const std::string &name_space, kernel_place &place);
 
@@ -56,6 +64,7 @@ private:
     descriptor_hooks hooks_;
     std::function<void(const std::string &)> on_news_;
     std::map<std::string, std::unique_ptr<kernel_place>> open_;
+    std::map<std::string, kernel_refusal> refused_; // to open it
 };
 
 } // namespace kap_node

@@ -46,13 +46,13 @@ bool is_own_device(const kernel_link &link)
 }
 
 // What a journal says of a VLAN on a bridge port: in which namespace, whatever its name stands for later, and where.
-std::string journal_entry(const namespace_identity &where, int port, uint16_t vlan_id, const std::string &name_space)
+std::string journal_entry(const kernel_place &where, int port, uint16_t vlan_id, const std::string &name_space)
 {
-    return std::to_string(where.inode) + " " + std::to_string(port) + " " + std::to_string(vlan_id) + " " + name_space;
+    return where.mark + " " + std::to_string(port) + " " + std::to_string(vlan_id) + " " + name_space;
 }
 
 struct journal_words {
-    unsigned long long inode = 0;
+    std::string mark;
     int port = 0;
     unsigned vlan_id = 0;
     std::string name_space;
@@ -62,9 +62,11 @@ std::optional<journal_words> read_entry(const std::string &entry)
 {
     journal_words words;
     int used = 0;
-    if (sscanf(entry.c_str(), "%llu %d %u %n", &words.inode, &words.port, &words.vlan_id, &used) < 3 || used == 0) {
+    char mark[32];
+    if (sscanf(entry.c_str(), "%31s %d %u %n", mark, &words.port, &words.vlan_id, &used) < 3 || used == 0) {
         return std::nullopt;
     }
+    words.mark = mark;
     words.name_space = entry.substr(static_cast<size_t>(used));
     return words;
 }
@@ -110,7 +112,7 @@ std::optional<kernel_refusal> vlan_keeper::open(const std::string &port_name, ui
         kernel_place *place = places_.find(port.name_space);
         link_table links;
         if (place == nullptr) {
-            refused = kernel_refusal{ENOENT, "there is no network namespace " + port.name_space};
+            refused = places_.why_closed(port.name_space);
         } else if (!(refused = look(*place, links))) {
             refused = make({*place, links, port}, vlan_id, kept);
         }
@@ -240,7 +242,7 @@ std::optional<kernel_refusal> vlan_keeper::let_through(const scene &where, uint1
     if (!port->is_bridge_port) {
         return kernel_refusal{ENXIO, where.port.interface + " is no port of a bridge"};
     }
-    const std::string entry = journal_entry(where.place.identity, port->index, vlan_id, where.port.name_space);
+    const std::string entry = journal_entry(where.place, port->index, vlan_id, where.port.name_space);
     if (port->vlans.contains(vlan_id)) {
         kept = {journal_.holds(entry) ? holder::us : holder::other, port->index, port->name};
         return std::nullopt;
@@ -270,7 +272,7 @@ std::optional<kernel_refusal> vlan_keeper::take_away(const scene &where, uint16_
             return refused;
         }
     }
-    journal_.forget(journal_entry(where.place.identity, kept.index, vlan_id, where.port.name_space));
+    journal_.forget(journal_entry(where.place, kept.index, vlan_id, where.port.name_space));
     return std::nullopt;
 }
 
@@ -282,6 +284,11 @@ void vlan_keeper::settle(millis now)
     places_.check([this](const std::string &name_space) { place_is_gone(name_space); });
     for (const std::string &name_space : places_.names()) {
         settle_place(name_space, now);
+    }
+    began_ = began_.value_or(now);
+    if (!others_visited_ && now - *began_ >= LEFT_VLANS_KEPT_MS) {
+        others_visited_ = true;
+        remove_others();
     }
 }
 
@@ -298,9 +305,12 @@ void vlan_keeper::place_is_gone(const std::string &name_space)
 void vlan_keeper::settle_place(const std::string &name_space, millis now)
 {
     kernel_place *place = places_.find(name_space);
+    const std::string what = "network namespace \"" + name_space + "\"";
     if (place == nullptr) {
+        report_.trouble(what, places_.why_closed(name_space));
         return;
     }
+    report_.no_trouble(what);
     link_table links;
     if (const auto refused = look(*place, links)) {
         report_.trouble("looking at the interfaces", *refused);
@@ -368,10 +378,10 @@ void vlan_keeper::settle_vlan(const scene &where, uint16_t vlan_id, kept_vlan &k
     }
 }
 
-bool vlan_keeper::has_been_left(const std::string &what, millis now)
+bool vlan_keeper::has_been_left(const std::string &what, millis now, millis kept)
 {
     const auto [since, is_new] = left_since_.try_emplace(what, now);
-    return now - since->second >= LEFTOVERS_KEPT_MS;
+    return now - since->second >= kept;
 }
 
 // Of an earlier run, or of a port that is no longer configured, in a namespace that another port still has.
@@ -385,19 +395,26 @@ void vlan_keeper::remove_left_devices(const std::string &name_space, kernel_plac
         }
     }
     for (const auto &[index, link] : links.links) {
-        const std::string what = "device " + std::to_string(place.identity.inode) + " " + std::to_string(index);
+        const std::string what = "device " + place.mark + " " + std::to_string(index);
         if (!is_own_device(link) || kept_devices.contains(index)) {
             left_since_.erase(what);
-        } else if (has_been_left(what, now)) {
-            const auto refused = delete_link(place.ask, index);
-            if (refused && refused->error != ENODEV) {
-                report_.trouble(link.name + ", which an earlier run has left", *refused);
-            } else {
-                report_.left_over(link.name + ", which an earlier run has left, is taken away");
-                left_since_.erase(what);
-            }
+        } else if (has_been_left(what, now, LEFTOVERS_KEPT_MS) && remove_left_device(place, link)) {
+            left_since_.erase(what);
         }
     }
+}
+
+bool vlan_keeper::remove_left_device(kernel_place &place, const kernel_link &link)
+{
+    const std::string what = link.name + ", which an earlier run has left";
+    const auto refused = delete_link(place.ask, link.index);
+    if (refused && refused->error != ENODEV) {
+        report_.trouble(what, *refused);
+        return false;
+    }
+    report_.no_trouble(what);
+    report_.left_over(what + ", is taken away");
+    return true;
 }
 
 void vlan_keeper::remove_left_vlans(const std::string &name_space, kernel_place &place, const link_table &links,
@@ -407,7 +424,7 @@ void vlan_keeper::remove_left_vlans(const std::string &name_space, kernel_place 
     for (const auto &[key, kept] : wanted_) {
         const port_config &port = port_of(key.first);
         if (kept.by == holder::us && port.name_space == name_space && port.vlan == vlan_mode::bridge) {
-            kept_entries.insert(journal_entry(place.identity, kept.index, key.second, name_space));
+            kept_entries.insert(journal_entry(place, kept.index, key.second, name_space));
         }
     }
     const std::set<std::string> entries = journal_.entries();
@@ -420,18 +437,64 @@ void vlan_keeper::remove_left_vlans(const std::string &name_space, kernel_place 
         const auto vlan_id = static_cast<uint16_t>(words ? words->vlan_id : 0);
         if (kept_entries.contains(entry)) { // also what was mended after `links` was read
             left_since_.erase(entry);
-        } else if (port == nullptr || words->inode != place.identity.inode || !port->vlans.contains(vlan_id)) {
+        } else if (port == nullptr || words->mark != place.mark || !port->vlans.contains(vlan_id)) {
             journal_.forget(entry);
             left_since_.erase(entry);
-        } else if (has_been_left(entry, now)) {
-            const std::string what = "VLAN " + std::to_string(vlan_id) + " at " + port->name;
-            if (const auto refused = stop_vlan(place.ask, port->index, vlan_id)) {
-                report_.trouble(what + ", which an earlier run has left", *refused);
+        } else if (has_been_left(entry, now, LEFT_VLANS_KEPT_MS) && remove_left_vlan(place, *port, vlan_id)) {
+            journal_.forget(entry);
+            left_since_.erase(entry);
+        }
+    }
+}
+
+bool vlan_keeper::remove_left_vlan(kernel_place &place, const kernel_link &port, uint16_t vlan_id)
+{
+    const std::string what = "VLAN " + std::to_string(vlan_id) + " at " + port.name + ", which an earlier run has left";
+    if (const auto refused = stop_vlan(place.ask, port.index, vlan_id)) {
+        report_.trouble(what, *refused);
+        return false;
+    }
+    report_.no_trouble(what);
+    report_.left_over(what + ", is taken away");
+    return true;
+}
+
+// In namespaces that no port is in: an earlier run had another configuration. What is written down of a namespace that
+// is found nowhere is gone with it.
+void vlan_keeper::remove_others()
+{
+    std::set<std::string> looked_for;
+    for (const std::string &entry : journal_.entries()) {
+        const auto words = read_entry(entry);
+        if (!words || !places_.names().contains(words->name_space)) {
+            looked_for.insert(entry);
+        }
+    }
+    std::set<std::string> gone = looked_for;
+    const bool all = places_.visit_others([&](const std::string &, kernel_place &place) {
+        link_table links;
+        const bool unknown = look(place, links).has_value();
+        for (const auto &[index, link] : links.links) {
+            if (is_own_device(link)) {
+                (void)remove_left_device(place, link);
+            }
+        }
+        for (const std::string &entry : looked_for) {
+            const auto words = read_entry(entry);
+            if (!words || words->mark != place.mark) {
                 continue;
             }
-            report_.left_over(what + ", which an earlier run has left, is taken away");
+            const kernel_link *port = links.at(words->port);
+            const auto vlan_id = static_cast<uint16_t>(words->vlan_id);
+            const bool is_there = port != nullptr && port->vlans.contains(vlan_id);
+            if (unknown || (is_there && !remove_left_vlan(place, *port, vlan_id))) {
+                gone.erase(entry);
+            }
+        }
+    });
+    for (const std::string &entry : gone) {
+        if (all) {
             journal_.forget(entry);
-            left_since_.erase(entry);
         }
     }
 }

@@ -11,7 +11,8 @@
 // What was there before is somebody else's: it serves, is left as it is, and stays. What disappears, goes down or loses
 // its name is mended, and told. A VLAN whose interface is away is put back when the interface comes back; one whose
 // interface is not there when it is asked for is refused. What an earlier run has left, and nobody has asked for again
-// within 10 seconds, is taken away.
+// within 10 seconds (12 at a bridge, see kernel_keeper.hpp), is taken away, in namespaces that are not configured any
+// more, too.
 #pragma once
 
 #include "config.hpp"
@@ -78,7 +79,10 @@ private:
     void settle_vlan(const scene &where, uint16_t vlan_id, kept_vlan &kept);
     void remove_left_devices(const std::string &name_space, kernel_place &place, const link_table &links, millis now);
     void remove_left_vlans(const std::string &name_space, kernel_place &place, const link_table &links, millis now);
-    bool has_been_left(const std::string &what, millis now);
+    bool remove_left_device(kernel_place &place, const kernel_link &link);
+    bool remove_left_vlan(kernel_place &place, const kernel_link &port, uint16_t vlan_id);
+    void remove_others();
+    bool has_been_left(const std::string &what, millis now, millis kept);
     void place_is_gone(const std::string &name_space);
 
     std::map<std::string, port_config> ports_; // by the name of the protocol
@@ -88,6 +92,8 @@ private:
     std::map<port_vlan, kept_vlan> wanted_;
     std::map<std::string, millis> left_since_;
     millis now_ = 0;
+    std::optional<millis> began_;
+    bool others_visited_ = false;
 };
 
 // The name of a VLAN device on this port; empty when no name is short enough.

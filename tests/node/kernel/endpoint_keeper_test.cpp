@@ -10,6 +10,8 @@
 #include <cctype>
 #include <cerrno>
 #include <csignal>
+#include <fstream>
+#include <iterator>
 #include <set>
 
 namespace kap_node
@@ -275,6 +277,116 @@ TEST_F(EndpointKeeper, RefusesWholeWhatCannotBeWrittenDownBefore)
     EXPECT_EQ(entries().size(), 3u);
 }
 
+// A namespace that comes after another one may be given its number, and its interfaces theirs.
+TEST_F(EndpointKeeper, ANamespaceThatComesAfterAnotherHasNothingOfAnEarlierRun)
+{
+    start();
+    expect_added({near_end(5)});
+    watched.clear();
+    keeper.reset();
+    const auto before = namespace_identity::of("near");
+    for (int tried = 0; tried < 50 && (tried == 0 || !(namespace_identity::of("near") == before)); ++tried) {
+        run("ip netns del near && ip netns add near");
+    }
+    plug("eth1");
+    plug("eth2");
+    near("bridge fdb add 02:00:00:00:00:05 dev eth1 self");
+    start();
+    settle(LEFTOVERS_KEPT_MS);
+    EXPECT_EQ(entries(), lines{"02:00:00:00:00:05 self"});
+}
+
+TEST_F(EndpointKeeper, WhatItHadWrittenDownAndNotDoneIsWhoeversDoesItAfterwards)
+{
+    start();
+    expect_added({near_end(5)});
+    near("bridge fdb del 02:00:00:00:00:05 dev eth1 self"); // as if it had ended between the two
+    start();
+    near("bridge fdb add 02:00:00:00:00:05 dev eth1 self");
+    expect_added({near_end(5)});
+    expect_removed({near_end(5)});
+    settle(LEFTOVERS_KEPT_MS);
+    EXPECT_EQ(entries(), lines{"02:00:00:00:00:05 self"});
+}
+
+// A crash may come at any time: the journal is looked at while the keeper waits for the kernel.
+TEST_F(EndpointKeeper, NeverWritesDownWhatIsSomebodyElses)
+{
+    near("bridge fdb add 02:00:00:00:00:05 dev eth1 self");
+    start();
+    expect_added({near_end(5), near_end(6)});
+    std::ifstream journal("/run/kept/emi.journal");
+    const std::string text{std::istreambuf_iterator<char>(journal), {}};
+    EXPECT_EQ(text.find("02:00:00:00:00:05"), std::string::npos) << text;
+    EXPECT_NE(text.find("02:00:00:00:00:06"), std::string::npos) << text;
+}
+
+TEST_F(EndpointKeeper, TakesAwayWhatIsLeftInANamespaceThatIsNotConfiguredAnyMore)
+{
+    run("ip netns add other");
+    start();
+    expect_added({near_end(5)});
+    near("bridge fdb add 02:00:00:00:00:06 dev eth1 self");
+    config.ports[0].name_space = config.ports[1].name_space = "other";
+    start();
+    settle(LEFTOVERS_KEPT_MS - 1);
+    EXPECT_EQ(entries().size(), 2u);
+    settle(1);
+    EXPECT_EQ(entries(), lines{"02:00:00:00:00:06 self"});
+    EXPECT_EQ(kernel()["left_over"], 1);
+    std::ifstream journal("/run/kept/emi.journal");
+    const std::string text{std::istreambuf_iterator<char>(journal), {}};
+    EXPECT_NE(text.find("\n-"), std::string::npos) << text;
+}
+
+// The same namespace under a second name is no other one.
+TEST_F(EndpointKeeper, KeepsWhatItHasInANamespaceThatHasAnotherNameToo)
+{
+    run("touch /run/netns/alias && mount --bind /run/netns/near /run/netns/alias");
+    start();
+    expect_added({near_end(5)});
+    start();
+    expect_added({near_end(5)});
+    settle(LEFTOVERS_KEPT_MS);
+    settle();
+    EXPECT_EQ(entries(), lines{"02:00:00:00:00:05 self"});
+}
+
+TEST_F(EndpointKeeper, SaysOnceThatANamespaceCannotBeOpenedAndRefusesItsEndpoints)
+{
+    run("rm -f /run/netns/shut && echo no namespace >/run/netns/shut");
+    config.ports[0].name_space = "shut";
+    start();
+    settle();
+    const json told = kernel();
+    EXPECT_EQ(told["troubles"], json::parse(R"({"network namespace \"shut\"": "cannot be opened: Invalid argument"})"));
+    EXPECT_EQ(told["latest"].size(), 1u) << told["latest"];
+    const auto refused = keeper->add(std::vector{near_end(5)});
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->error, EINVAL);
+    expect_added({near_end(5, 100, B1)});
+    run("rm /run/netns/shut && ip netns add shut");
+    settle();
+    EXPECT_EQ(kernel()["troubles"], json::object());
+    expect_added({near_end(5)});
+}
+
+TEST_F(EndpointKeeper, ComparesNothingForAddressesThatNobodyWants)
+{
+    start();
+    expect_added({near_end(5), far_end(6)});
+    take_news();
+    const json before = kernel()["comparisons"];
+    near("for i in 10 11 12 13; do bridge fdb add 02:00:00:00:00:$i dev eth1 self; "
+         "bridge fdb del 02:00:00:00:00:$i dev eth1 self; done");
+    take_news();
+    EXPECT_EQ(kernel()["comparisons"], before);
+    near("bridge fdb del 02:00:00:00:00:05 dev eth1 self");
+    take_news();
+    EXPECT_NE(kernel()["comparisons"], before);
+    EXPECT_EQ(entries(), lines{"02:00:00:00:00:05 self"});
+}
+
 // ---- Forwarding tables ---------------------------------------------------------------------------------------------
 
 class EndpointBridge : public EndpointKeeper
@@ -434,6 +546,70 @@ TEST_F(EndpointBridge, TakesAwayWhatAnEarlierRunHasLeftAfterTenSecondsAndNothing
     expect_added({far_end(5)});
     settle(1);
     EXPECT_EQ(entries(), (lines{"02:00:00:00:00:05 master", "02:00:00:00:00:07 master"}));
+}
+
+// A bridge that tells no VLANs apart has one at each port nevertheless, when nobody says otherwise.
+class EndpointBridgeOfVlans : public EndpointBridge
+{
+protected:
+    void SetUp() override
+    {
+        EndpointBridge::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
+        }
+        if (!has_vlan_bridges()) {
+            GTEST_SKIP() << "this kernel's bridges know no VLANs";
+        }
+        near("ip link add br0 type bridge mcast_snooping 0; ip link set br0 addrgenmode none up; "
+             "ip link set eth1 master br0; ip link set eth2 master br0; bridge vlan add vid 7 dev eth1; "
+             "bridge vlan add vid 7 dev eth2");
+    }
+};
+
+TEST_F(EndpointBridgeOfVlans, FixesAFarEndAddressInNoVlan)
+{
+    start();
+    expect_added({far_end(5)});
+    EXPECT_EQ(entries(), lines{"02:00:00:00:00:05 master"});
+    settle();
+    expect_removed({far_end(5)});
+    EXPECT_EQ(entries(), lines{});
+    EXPECT_EQ(kernel()["troubles"], json::object());
+}
+
+TEST_F(EndpointBridgeOfVlans, LeavesAnAddressThatSomebodyHasFixedInAVlanAsItIs)
+{
+    near("bridge fdb add 02:00:00:00:00:05 dev eth1 master static vlan 1; "
+         "bridge fdb add 02:00:00:00:00:06 dev eth2 master static vlan 7; "
+         "bridge fdb add 02:00:00:00:00:07 dev eth1 master static sticky vlan 7; "
+         "bridge fdb add 02:00:00:00:00:07 dev eth2 master dynamic vlan 1");
+    start();
+    expect_added({far_end(5), far_end(6), far_end(7)});
+    EXPECT_EQ(entries(), (lines{"02:00:00:00:00:05 master", "02:00:00:00:00:05 master 1", "02:00:00:00:00:06 master",
+                                "02:00:00:00:00:07 master", "02:00:00:00:00:07 master 7"}));
+    EXPECT_EQ(entries("eth2"), (lines{"02:00:00:00:00:06 master 7", "02:00:00:00:00:07 master 1 learnt"}));
+    expect_removed({far_end(5), far_end(6), far_end(7)});
+    EXPECT_EQ(entries(), (lines{"02:00:00:00:00:05 master 1", "02:00:00:00:00:07 master 7"}));
+    EXPECT_NE(try_run("ip netns exec near bridge fdb show dev eth1").output.find("sticky"), std::string::npos);
+    EXPECT_EQ(kernel()["troubles"], json::object());
+}
+
+TEST_F(EndpointBridgeOfVlans, MakesALearntAddressStaticAndTouchesNoVlan)
+{
+    near("bridge vlan add vid 8 dev eth1; bridge fdb add 02:00:00:00:00:05 dev eth2 master dynamic; "
+         "bridge fdb del 02:00:00:00:00:05 dev eth2 master vlan 1; bridge fdb del 02:00:00:00:00:05 dev eth2 master "
+         "vlan 7; "
+         "bridge fdb add 02:00:00:00:00:05 dev eth2 master static vlan 7; "
+         "bridge fdb add 02:00:00:00:00:05 dev eth1 master static vlan 8");
+    start();
+    expect_added({far_end(5)});
+    EXPECT_EQ(entries(), (lines{"02:00:00:00:00:05 master", "02:00:00:00:00:05 master 8"}));
+    EXPECT_EQ(entries("eth2"), lines{"02:00:00:00:00:05 master 7"});
+    start(); // an earlier run's
+    settle(LEFTOVERS_KEPT_MS);
+    EXPECT_EQ(entries(), lines{"02:00:00:00:00:05 master 8"});
+    EXPECT_EQ(entries("eth2"), lines{"02:00:00:00:00:05 master 7"});
 }
 
 // ---- Chance --------------------------------------------------------------------------------------------------------

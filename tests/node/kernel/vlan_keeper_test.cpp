@@ -98,6 +98,25 @@ TEST_F(VlanKeeper, RefusesAVlanOfAPortWhoseInterfaceOrNamespaceIsNotThere)
     EXPECT_EQ(kernel()["vlans"], json::array());
 }
 
+TEST_F(VlanKeeper, SaysOnceThatANamespaceCannotBeOpenedAndWhyWhenItIsAsked)
+{
+    run("echo no namespace >/run/netns/shut");
+    config.ports[0].name_space = "shut";
+    start();
+    settle();
+    EXPECT_EQ(kernel()["troubles"],
+              json::parse(R"({"network namespace \"shut\"": "cannot be opened: Invalid argument"})"));
+    EXPECT_EQ(kernel()["latest"].size(), 1u) << kernel()["latest"];
+    EXPECT_EQ(refused_with(keeper->open(A1, 100)), EINVAL);
+    run("rm /run/netns/shut");
+    settle();
+    EXPECT_EQ(kernel()["troubles"],
+              json::parse(R"({"network namespace \"shut\"": "there is no network namespace shut"})"));
+    run("ip netns add shut");
+    settle();
+    EXPECT_EQ(kernel()["troubles"], json::object());
+}
+
 // There is no VLAN on the loopback interface, and on some kernels none anywhere.
 TEST_F(VlanKeeper, TellsInTheKernelsWordsWhatTheKernelDoesNotDo)
 {
@@ -285,6 +304,23 @@ TEST_F(VlanDevices, LeavesAnEarlierRunsDeviceForTenSecondsAndThenTakesItAway)
     EXPECT_EQ(devices(), (lines{"theirs 300 on eth1 down -"}));
 }
 
+TEST_F(VlanDevices, TakesAwayWhatIsLeftInANamespaceThatIsNotConfiguredAnyMore)
+{
+    run("ip netns add other && touch /run/netns/alias && mount --bind /run/netns/other /run/netns/alias");
+    start();
+    expect_open(A1, 100);
+    near("ip link add link eth1 name mine type vlan id 300");
+    run("ip -n other link add eth1 type veth peer name far1");
+    config.ports[0].name_space = config.ports[1].name_space = "other";
+    start();
+    expect_open(A1, 100);
+    settle(LEFT_VLANS_KEPT_MS - 1);
+    EXPECT_EQ(devices().size(), 2u);
+    settle(1);
+    EXPECT_EQ(devices(), lines{"mine 300 on eth1 down -"});
+    EXPECT_EQ(kernel()["left_over"], 1) << "what is kept is not, whatever else its namespace is called";
+}
+
 TEST_F(VlanDevices, KnowsADeviceThatAnEarlierRunHadNotFinished)
 {
     near("ip link add link eth1 name eth1.100 group 7037296 type vlan id 100; "
@@ -399,20 +435,54 @@ TEST_F(VlanBridge, ConfirmsTheRemovalOfWhatTheKernelHasLost)
     EXPECT_EQ(kernel()["vlans"], json::array());
 }
 
-TEST_F(VlanBridge, TakesAwayWhatAnEarlierRunHasLeftAfterTenSecondsAndNothingElse)
+// Later than the endpoint manager, whose entries stand on it.
+TEST_F(VlanBridge, TakesAwayWhatAnEarlierRunHasLeftAfterTwelveSecondsAndNothingElse)
 {
     start();
     expect_open(A1, 100);
     expect_open(A1, 101);
     near("bridge vlan add vid 300 dev eth1");
     start();
-    settle(LEFTOVERS_KEPT_MS - 1);
+    settle(LEFTOVERS_KEPT_MS + 2000 - 1);
     EXPECT_EQ(vlans(), (lines{untouched, "100", "101", "300"}));
     expect_open(A1, 100);
     settle(1);
     EXPECT_EQ(vlans(), (lines{untouched, "100", "300"}));
     expect_closed(A1, 100);
     EXPECT_EQ(vlans(), (lines{untouched, "300"}));
+}
+
+TEST_F(VlanBridge, TakesAwayWhatIsLeftInANamespaceThatIsNotConfiguredAnyMore)
+{
+    run("ip netns add other");
+    start();
+    expect_open(A1, 100);
+    near("bridge vlan add vid 300 dev eth1");
+    config.ports[0].name_space = config.ports[1].name_space = "other";
+    start();
+    settle(LEFT_VLANS_KEPT_MS - 1);
+    EXPECT_EQ(vlans(), (lines{untouched, "100", "300"}));
+    settle(1);
+    EXPECT_EQ(vlans(), (lines{untouched, "300"}));
+    EXPECT_EQ(kernel()["left_over"], 1);
+}
+
+TEST_F(VlanBridge, ANamespaceThatComesAfterAnotherHasNothingOfAnEarlierRun)
+{
+    start();
+    expect_open(A1, 100);
+    watched.clear();
+    keeper.reset();
+    const auto before = namespace_identity::of("near");
+    for (int tried = 0; tried < 50 && (tried == 0 || !(namespace_identity::of("near") == before)); ++tried) {
+        run("ip netns del near && ip netns add near");
+    }
+    near("ip link add eth1 type veth peer name far1; ip link add eth2 type veth peer name far2; "
+         "ip link add br0 type bridge vlan_filtering 1; ip link set eth1 master br0; "
+         "bridge vlan add vid 100 dev eth1");
+    start();
+    settle(LEFT_VLANS_KEPT_MS);
+    EXPECT_EQ(vlans(), (lines{untouched, "100"}));
 }
 
 // ---- Chance --------------------------------------------------------------------------------------------------------
