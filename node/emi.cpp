@@ -151,6 +151,9 @@ placed_endpoint emi_service::place(const endpoint &record, const std::string &po
 verdict emi_service::add(const std::vector<endpoint> &records, asked_endpoints &asked)
 {
     const auto ports = ports_of(records);
+    if (!has_room_for(records, ports, asked)) {
+        return rejected(EMI_REJ_MAX_NUM_ENDPOINTS_REACHED);
+    }
     for (const endpoint &record : records) {
         users_.add(record);
         if (!record.port.empty()) {
@@ -170,10 +173,22 @@ verdict emi_service::add(const std::vector<endpoint> &records, asked_endpoints &
     verdict result = ended(fresh.empty() ? std::nullopt : backend_.add(fresh));
     if (!result.reject_reason) {
         for (const endpoint &record : records) {
-            ++asked[{record, ports}];
+            asked_ += ++asked[{record, ports}] == 1 ? 1 : 0;
         }
     }
     return result;
+}
+
+bool emi_service::has_room_for(const std::vector<endpoint> &records, const std::set<std::string> &ports,
+                               const asked_endpoints &asked)
+{
+    const auto fresh = static_cast<size_t>(std::count_if(records.begin(), records.end(), [&](const endpoint &record) {
+        return !asked.contains({record, ports});
+    }));
+    const auto fits = [&] { return fresh == 0 || asked_ + fresh <= 2 * max_endpoints_; };
+    while (!fits() && forget_first_ended()) {
+    }
+    return fits();
 }
 
 verdict emi_service::remove(const std::vector<endpoint> &records, uint32_t connection_ref)
@@ -200,10 +215,11 @@ verdict emi_service::remove(const std::vector<endpoint> &records, uint32_t conne
 // One user less: of the same ports where the connection has one, of its own where it has any, else of another's.
 void emi_service::no_more_asked(const asked_endpoint &gone, uint32_t connection_ref)
 {
-    const auto take_from = [](asked_endpoints &asked, auto found) {
+    const auto take_from = [this](asked_endpoints &asked, auto found) {
         const bool is_there = found != asked.end();
         if (is_there && --found->second == 0) {
             asked.erase(found);
+            --asked_;
         }
         return is_there;
     };
@@ -230,8 +246,15 @@ bool emi_service::forget(uint32_t connection_ref)
     if (ended(gone.empty() ? std::nullopt : backend_.remove(gone)).reject_reason) {
         return false;
     }
+    asked_ -= by_connection_[connection_ref].size();
     by_connection_.erase(connection_ref);
     return true;
+}
+
+bool emi_service::asked_for_nothing(uint32_t connection_ref) const
+{
+    const auto found = by_connection_.find(connection_ref);
+    return found == by_connection_.end() || found->second.empty();
 }
 
 // The last removal of an endpoint without a port takes it from every port, whichever the request names.

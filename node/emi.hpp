@@ -7,7 +7,8 @@
 // A near-end MAC comes without the name of a port: it belongs to the ports that the other records of its request name,
 // or to every port when they name none. An endpoint that several records ask for on a port is given to the backend
 // once, and taken from it with the last of them. Users are counted by connection, too: those of a connection that ends
-// go after it.
+// go after it. All connections together have room for twice as many endpoints as there may be, so that each can be
+// asked for again after its client has died; what an ended one had asked for makes room for what a living one asks for.
 #pragma once
 
 #include "config.hpp"
@@ -61,6 +62,9 @@ private:
     using asked_endpoints = std::map<asked_endpoint, uint64_t>;
 
     bool forget(uint32_t connection_ref) override;
+    bool asked_for_nothing(uint32_t connection_ref) const override;
+    bool has_room_for(const std::vector<endpoint> &records, const std::set<std::string> &ports,
+                      const asked_endpoints &asked);
     verdict add(const std::vector<endpoint> &records, asked_endpoints &asked);
     verdict remove(const std::vector<endpoint> &records, uint32_t connection_ref);
     void no_more_asked(const asked_endpoint &gone, uint32_t connection_ref);
@@ -76,6 +80,7 @@ private:
     user_counts<shared_endpoint> shared_;
     user_counts<placed_endpoint> placed_;
     std::map<uint32_t, asked_endpoints> by_connection_;
+    size_t asked_ = 0; // by all of them
     uint64_t unknown_removals_ = 0;
 };
 

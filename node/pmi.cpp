@@ -165,6 +165,12 @@ bool pmi_service::forget(uint32_t connection_ref)
     return true;
 }
 
+bool pmi_service::asked_for_nothing(uint32_t connection_ref) const
+{
+    const auto found = by_connection_.find(connection_ref);
+    return found == by_connection_.end() || found->second.empty();
+}
+
 json pmi_service::state() const
 {
     auto vlans = json::array();

@@ -34,6 +34,7 @@ private:
     };
 
     bool forget(uint32_t connection_ref) override;
+    bool asked_for_nothing(uint32_t connection_ref) const override;
     verdict enable(const port_vlan &wanted, uint32_t connection_ref);
     verdict disable(const port_vlan &unwanted, uint32_t connection_ref);
     std::optional<kernel_refusal> take_users(const port_vlan &unwanted, uint64_t users);

@@ -162,7 +162,7 @@ verdict service::establish(const request_kind & /*kind*/, mailbox sender, const 
     }
     connection_reset(sender);
     if (known) {
-        ended_.push_back({clients_[sender].connection_ref, std::nullopt});
+        connection_ended(clients_[sender]);
     }
     clients_[sender] = client{sender, last_connection_ref_, message.connection_ref(), 0};
     if (!known) {
@@ -230,6 +230,32 @@ void service::tick(millis now)
     forget_what_is_due(now);
 }
 
+// Whoever connects again and again must not have all kept that he ever asked for, nor cost others what they have.
+void service::connection_ended(const client &known)
+{
+    if (asked_for_nothing(known.connection_ref)) {
+        (void)forget(known.connection_ref);
+        return;
+    }
+    if (ended_.size() >= max_clients_) {
+        const auto own = std::find_if(ended_.begin(), ended_.end(),
+                                      [&](const ended_connection &ended) { return ended.address == known.address; });
+        (void)forget_ended(own == ended_.end() ? ended_.begin() : own);
+    }
+    ended_.push_back({known.address, known.connection_ref, std::nullopt});
+}
+
+bool service::forget_ended(std::vector<ended_connection>::iterator ended)
+{
+    if (ended == ended_.end() || !forget(ended->connection_ref)) {
+        return false;
+    }
+    ended_.erase(ended);
+    return true;
+}
+
+bool service::forget_first_ended() { return forget_ended(ended_.begin()); }
+
 void service::forget_what_is_due(millis now)
 {
     for (ended_connection &ended : ended_) {
@@ -260,7 +286,7 @@ void service::client_gone(mailbox address)
     if (found == clients_.end()) {
         return;
     }
-    ended_.push_back({found->second.connection_ref, std::nullopt});
+    connection_ended(found->second);
     clients_.erase(found);
     ++counters_.clients_lost;
     std::erase_if(waiting_, [&](const auto &entry) { return entry.second.to == address; });

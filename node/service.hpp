@@ -4,7 +4,8 @@
 // The core checks each request (known number, long enough, of a connected client), makes the faults it was told to
 // make, stamps the head of every answer and keeps the clients and the counters. A service derives from it and adds
 // what its requests do. What a connection asked for outlives it by ten seconds, in which whoever takes its place can
-// ask for it again; then it is taken away.
+// ask for it again; then it is taken away. That is so for as many connections as there may be clients: of more that end
+// within this time the oldest goes at once.
 #pragma once
 
 #include "faults.hpp"
@@ -130,6 +131,10 @@ protected:
     // Takes away what a connection that is no more had asked for. False when that cannot be done now: it is tried
     // again.
     virtual bool forget(uint32_t /*connection_ref*/) { return true; }
+    // Whether a connection has asked for nothing that forget() would take away.
+    virtual bool asked_for_nothing(uint32_t /*connection_ref*/) const { return false; }
+    // Takes away at once what the connection that ended first had asked for; false when there is none, or it stays.
+    bool forget_first_ended();
     // The fields of a reject after its head.
     virtual bytes reject_fields(const request_kind &kind, const message_view &message, uint32_t reason) const;
     // The service's own part of show.
@@ -163,10 +168,13 @@ private:
 
     // A connection that is no more, and when what it asked for goes; not known before the next look at the clock.
     struct ended_connection {
+        mailbox address;
         uint32_t connection_ref;
         std::optional<millis> due;
     };
 
+    void connection_ended(const client &known);
+    bool forget_ended(std::vector<ended_connection>::iterator ended);
     void forget_what_is_due(millis now);
 
     const protocol &protocol_;

@@ -137,6 +137,37 @@ TEST_F(PmiBackend, WhoConnectsAgainHasItsEarlierConnectionForgotten)
     EXPECT_EQ(backend.take(), (words{"open IDLA1 100", "close IDLA1 100"}));
 }
 
+TEST_F(PmiBackend, HasNothingToForgetOfAConnectionThatAskedForNothing)
+{
+    for (int times = 0; times < 1000; ++times) {
+        receive(message_of(0x1B1003, "00 00 00 02  00 00 00 C8  00 00 00 01  00 00 00 01"));
+    }
+    tested->tick(now);
+    EXPECT_EQ(tested->next_deadline(), std::nullopt);
+}
+
+// As many as there may be clients; the oldest of whoever ends one more goes first, and nobody else's.
+TEST_F(PmiBackend, KeepsWhatFewEndedConnectionsAskedForAndOfMoreTheLatest)
+{
+    config.max_clients = 2;
+    SetUp();
+    receive(message_of(0x1B1003, "00 00 00 02  00 00 00 C8  00 00 00 01  00 00 00 01"), OTHER_CLIENT);
+    receive(message_of(0x1B1009, "00 00 00 07  00 00 00 02  'IDLA1' 0*11  00 00 00 65"), OTHER_CLIENT);
+    tested->client_gone(OTHER_CLIENT);
+    enable();
+    for (const char *reference : {"03", "04", "05"}) {
+        receive(message_of(0x1B1003, "00 00 00 02  00 00 00 C8  00 00 00 01  00 00 00 01"));
+        receive(
+            message_of(0x1B1009, "00 00 00 07  00 00 00 " + std::string(reference) + "  'IDLA1' 0*11  00 00 00 64"));
+    }
+    EXPECT_EQ(vlans(), json::parse(R"([{"port": "IDLA1", "vlan_id": 100, "users": 2},
+                                       {"port": "IDLA1", "vlan_id": 101, "users": 1}])"));
+    EXPECT_EQ(backend.take(), (words{"open IDLA1 101", "open IDLA1 100"}));
+    tested->tick(now);
+    tested->tick(now + 10'000);
+    EXPECT_EQ(vlans(), json::parse(R"([{"port": "IDLA1", "vlan_id": 100, "users": 1}])"));
+}
+
 TEST_F(PmiBackend, TriesAgainToCloseWhatAnEndedConnectionHadOpened)
 {
     enable();
@@ -335,6 +366,52 @@ TEST_F(EmiBackend, WhatAConnectionAskedForGoesTenSecondsAfterItButWhatAnotherAsk
     backend.refusal.reset();
     tested->tick(now + 40'000);
     EXPECT_EQ(endpoints(), json::array());
+}
+
+TEST_F(EmiBackend, WhatEndedConnectionsAskedForMakesRoomForWhatIsAskedForNow)
+{
+    config.max_endpoints = 3;
+    SetUp();
+    add({FAR_5, NEAR_6, TN_FAR_7});
+    const auto connect_and_add = [&](const std::string &reference) {
+        receive(message_of(0x1B10C0, "00 00 00 02  00 00 01 2C  00 00 00 01  00 00 00 01"));
+        receive(
+            message_of(0x1B10C6, "00 00 00 07  00 00 00 " + reference + "  00 00 00 03 " + FAR_5 + NEAR_6 + TN_FAR_7));
+    };
+    connect_and_add("02");
+    EXPECT_EQ(endpoints()[0]["users"], 2);
+    connect_and_add("03");
+    connect_and_add("04");
+    EXPECT_EQ(endpoints()[0]["users"], 2) << "of the last two connections";
+    out.take();
+    tested->tick(now);
+    tested->tick(now + 10'000);
+    EXPECT_EQ(endpoints()[0]["users"], 1);
+    EXPECT_EQ(endpoints().size(), 3u);
+}
+
+TEST_F(EmiBackend, HasNothingToForgetOfAConnectionThatHasTakenBackAll)
+{
+    add({FAR_5, NEAR_6});
+    remove({FAR_5, NEAR_6});
+    receive(message_of(0x1B10C0, "00 00 00 02  00 00 01 2C  00 00 00 01  00 00 00 01"));
+    tested->tick(now);
+    EXPECT_EQ(tested->next_deadline(), std::nullopt);
+}
+
+// Living connections have none to make: the third that asks for all is refused.
+TEST_F(EmiBackend, RefusesWhatLivingConnectionsAskForBeyondTheirRoom)
+{
+    config.max_endpoints = 2;
+    SetUp();
+    add({FAR_5, NEAR_6});
+    for (const mailbox other : {OTHER_CLIENT, mailbox{79}}) {
+        receive(message_of(0x1B10C0, "00 00 00 02  00 00 01 2C  00 00 00 01  00 00 00 01"), other);
+        const std::string reference = other == OTHER_CLIENT ? "02" : "03";
+        receive(message_of(0x1B10C6, "00 00 00 07  00 00 00 " + reference + "  00 00 00 02 " + FAR_5 + NEAR_6), other);
+    }
+    EXPECT_EQ(out.take().back().data, message_of(0x1B10C8, "00 00 00 07  00 00 00 03  00 00 00 06"));
+    EXPECT_EQ(endpoints()[0]["users"], 2);
 }
 
 TEST_F(EmiBackend, ARemovalThatIsRefusedChangesNoCount)
