@@ -28,7 +28,7 @@ void link_monitor::check_name_spaces()
         if (watch && !watch->still_there()) {
             loop_.unwatch_fd(watch->fd());
             watch.reset();
-            ports_.interfaces_changed(name_space, {});
+            tell(name_space, {});
         }
         if (watch) {
             read_news(name_space, *watch);
@@ -49,15 +49,35 @@ void link_monitor::open(const std::string &name_space)
     }
     interface_watch *watch = fresh.get();
     watches_[name_space] = std::move(fresh);
-    ports_.interfaces_changed(name_space, watch->interfaces());
+    tell(name_space, watch->interfaces());
     loop_.watch_fd(watch->fd(), [this, name_space, watch] { read_news(name_space, *watch); });
 }
 
 void link_monitor::read_news(const std::string &name_space, interface_watch &watch)
 {
     if (watch.read_news()) {
-        ports_.interfaces_changed(name_space, watch.interfaces());
+        tell(name_space, watch.interfaces());
     }
+}
+
+// An interface that has another one's name since the last time has come in its place, however quickly: first that one
+// is gone.
+void link_monitor::tell(const std::string &name_space, const interface_table &now)
+{
+    std::map<std::string, int> before;
+    for (const auto &[index, facts] : told_[name_space]) {
+        before[facts.name] = index;
+    }
+    interface_table meanwhile = now;
+    std::erase_if(meanwhile, [&](const auto &indexed) {
+        const auto had_its_name = before.find(indexed.second.name);
+        return had_its_name != before.end() && had_its_name->second != indexed.first;
+    });
+    if (meanwhile.size() != now.size()) {
+        ports_.interfaces_changed(name_space, meanwhile);
+    }
+    ports_.interfaces_changed(name_space, now);
+    told_[name_space] = now;
 }
 
 } // namespace kap_node

@@ -25,10 +25,12 @@ public:
 private:
     void open(const std::string &name_space);
     void read_news(const std::string &name_space, interface_watch &watch);
+    void tell(const std::string &name_space, const interface_table &now);
 
     event_loop &loop_;
     iepcsi_service &ports_;
     std::map<std::string, std::unique_ptr<interface_watch>> watches_;
+    std::map<std::string, interface_table> told_;
 };
 
 } // namespace kap_node

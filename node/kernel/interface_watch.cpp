@@ -6,6 +6,8 @@
 
 #include "kernel/attributes.hpp"
 
+#include <arpa/inet.h>
+#include <linux/if_ether.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -38,8 +40,10 @@ mac address_in(const nlattr *attribute)
     return address;
 }
 
+// One that tags as nobody here does (802.1ad) is no VLAN device to anybody here.
 void read_link_info(const nlattr *info, interface_facts &facts)
 {
+    bool tags_as_we_do = true;
     each_attribute_in(info, [&](const nlattr *attribute) {
         const uint16_t type = mnl_attr_get_type(attribute);
         if (type == IFLA_INFO_KIND) {
@@ -50,10 +54,13 @@ void read_link_info(const nlattr *info, interface_facts &facts)
             each_attribute_in(attribute, [&](const nlattr *inner) {
                 if (mnl_attr_get_type(inner) == IFLA_VLAN_ID) {
                     facts.vlan_id = number_in<uint16_t>(inner).value_or(0);
+                } else if (mnl_attr_get_type(inner) == IFLA_VLAN_PROTOCOL) {
+                    tags_as_we_do = number_in<uint16_t>(inner) == htons(ETH_P_8021Q);
                 }
             });
         }
     });
+    facts.is_vlan = facts.is_vlan && tags_as_we_do;
 }
 
 // A parent in another namespace has an index that means nothing here.

@@ -51,6 +51,16 @@ TEST(LinkMessage, TellsOfAVlanDeviceAndTheInterfaceItStandsOn)
     EXPECT_FALSE(take_in(message, table));
 }
 
+TEST(LinkMessage, TakesADeviceOfAnotherProtocolForNoVlan)
+{
+    interface_table table;
+    bytes message = vlan_link();
+    message[104] = 0x88; // IFLA_VLAN_PROTOCOL: 802.1ad
+    message[105] = 0xA8;
+    EXPECT_TRUE(take_in(message, table));
+    EXPECT_EQ(table, (interface_table{{7, {"eth7", true, true, {2, 0, 0, 0, 0, 7}, 3, false, 0}}}));
+}
+
 TEST(LinkMessage, TakesAwayAnInterfaceButNotForABridgeThatItLeaves)
 {
     interface_table table{{7, {}}};
@@ -169,10 +179,12 @@ TEST_F(InterfaceWatch, SeesABurstOfInterfacesWhole)
 
 TEST_F(InterfaceWatch, ForgetsInterfacesWhoseEndWasAmongNewsThatWereLost)
 {
+    run("ip -n near link add lost type veth peer name gone");
     interface_watch watch("near");
+    ASSERT_EQ(watch.interfaces().size(), 3u);
     const int room_for_few = 16384;
     ASSERT_EQ(setsockopt(watch.fd(), SOL_SOCKET, SO_RCVBUF, &room_for_few, sizeof room_for_few), 0);
-    run("{ for i in $(seq 40); do echo link add d$i type veth peer name e$i; done; "
+    run("{ for i in $(seq 40); do echo link add d$i type veth peer name e$i; done; echo link del lost; "
         "for i in $(seq 40); do echo link del d$i; done; } | ip -n near -batch -");
     EXPECT_TRUE(eventually([&] { return look(watch, "lo") && watch.interfaces().size() == 1; }));
 }

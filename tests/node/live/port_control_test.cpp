@@ -5,6 +5,8 @@
 
 #include <gmock/gmock.h>
 
+#include <csignal>
+
 namespace kap_node
 {
 namespace
@@ -87,6 +89,19 @@ TEST_F(PortControl, TellsOfAnInterfaceThatIsDeletedAndComesBackAsAnother)
     make_wire("02:00:00:00:00:99");
     EXPECT_EQ(receive(), status("01"));
     EXPECT_EQ(shown()["mac"], "02:00:00:00:00:99");
+}
+
+// The service reads what happened while it stood still in one go: an interface like the one before, in its place.
+TEST_F(PortControl, TellsOfAnInterfaceThatIsReplacedBeforeItCouldLook)
+{
+    start_with_port("IDL_A1", "namespace = 'near'");
+    subscribe({});
+    signal("iepcsi", SIGSTOP);
+    run("ip -n near link del wire");
+    make_wire();
+    signal("iepcsi", SIGCONT);
+    EXPECT_EQ(receive(), status("00"));
+    EXPECT_EQ(receive(), status("01"));
 }
 
 // Not every kernel renames an interface that is switched on.
