@@ -311,7 +311,7 @@ std::vector<port_config> read_ports(file &f, const toml::node &node)
 
 // ---- The far end ---------------------------------------------------------------------------------------------------
 
-void read_interfaces(file &f, const toml::node &node, std::vector<std::string> *to)
+void read_interfaces(file &f, const toml::node &node, far_end_config *to)
 {
     const toml::array *list = node.as_array();
     if (list == nullptr || list->empty()) {
@@ -321,7 +321,8 @@ void read_interfaces(file &f, const toml::node &node, std::vector<std::string> *
     for (const toml::node &entry : *list) {
         std::string name;
         if (read_text(f, entry, wrong_with_interface, &name)) {
-            to->push_back(name);
+            to->interfaces.push_back(name);
+            to->interfaces_at.push_back({entry.source().begin.line, entry.source().begin.column});
         }
     }
 }
@@ -332,7 +333,7 @@ far_end_config read_far_end(file &f, const toml::node &node)
     read_table(f, node, "[[far_end]]",
                {{"namespace",
                  [&](const toml::node &value) { (void)read_text(f, value, wrong_with_place, &place.name_space); }},
-                {"interfaces", [&](const toml::node &value) { read_interfaces(f, value, &place.interfaces); }}});
+                {"interfaces", [&](const toml::node &value) { read_interfaces(f, value, &place); }}});
     if (node.is_table() && !node.as_table()->contains("interfaces")) {
         f.refuse(node.source(), "lacks \"interfaces\"");
     }

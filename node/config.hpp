@@ -77,6 +77,7 @@ struct port_config {
 struct far_end_config {
     std::string name_space;
     std::vector<std::string> interfaces;
+    std::vector<file_place> interfaces_at; // where the file says so
 };
 
 struct node_config {

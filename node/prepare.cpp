@@ -217,7 +217,7 @@ int prepare(const node_config &config, int wait_ms)
         (void)fprintf(stderr, "kap-node prepare: %s: there is no interface \"%s\" yet\n", port.people_name.c_str(),
                       port.interface.c_str());
     }
-    return work.failed() ? 1 : 0;
+    return work.failed() || !missing.empty() ? 1 : 0;
 }
 
 } // namespace kap_node

@@ -11,7 +11,8 @@ namespace kap_node
 {
 
 // Says on standard output what it does, on standard error what cannot be done. Interfaces that are not there are waited
-// for, `wait_ms` for all of them; one that does not come is told and is no failure. Gives the exit status.
+// for, `wait_ms` for all of them; one that does not come is told, and is a failure: whoever called calls again. Gives
+// the exit status.
 int prepare(const node_config &config, int wait_ms);
 
 } // namespace kap_node

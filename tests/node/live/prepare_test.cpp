@@ -102,13 +102,16 @@ TEST_F(Machine, HasInterfacesOfItsOwnNamespaceSwitchedOn)
     EXPECT_TRUE(holds("ip addr show one | grep -q 192.0.2.1"));
 }
 
-TEST_F(Machine, MayLackAnInterfaceWhichIsSaidAndIsNoFailure)
+TEST_F(Machine, IsNotPreparedWhileItLacksAnInterfaceAndIsOnceItHasIt)
 {
+    run("ip link add two type veth peer name another && ip link set two down");
     const outcome done = prepare(TWO_PORTS);
-    EXPECT_EQ(done.status, 0);
+    EXPECT_EQ(done.status, 1);
     EXPECT_EQ(done.out, "namespace \"new\" is made\n");
-    EXPECT_EQ(done.err, "kap-node prepare: IDL_A1: there is no interface \"one\" yet\n"
-                        "kap-node prepare: TN_A: there is no interface \"two\" yet\n");
+    EXPECT_EQ(done.err, "kap-node prepare: IDL_A1: there is no interface \"one\" yet\n");
+    run("ip link add one type veth peer name other");
+    EXPECT_EQ(prepare(TWO_PORTS).status, 0);
+    EXPECT_TRUE(is_on("new", "one"));
 }
 
 TEST_F(Machine, IsWaitedForUntilItsInterfacesAreThere)
@@ -122,7 +125,7 @@ TEST_F(Machine, IsWaitedForUntilItsInterfacesAreThere)
 
 TEST_F(Machine, HasANameWithoutANamespaceMounted)
 {
-    run("ip link add one netns near type veth peer name other && touch /run/netns/new");
+    run("ip link add one type veth peer name other && touch /run/netns/new");
     const outcome done = prepare("[ports.IDL_A1]\ninterface = 'one'\nnamespace = 'new'");
     EXPECT_EQ(done.status, 0) << done.err;
     EXPECT_THAT(done.out, HasSubstr("namespace \"new\" is made"));
@@ -208,6 +211,30 @@ TEST_F(Machine, NeedsNoPrivilegeToHaveAConfigurationChecked)
     run(std::string("setpriv --bounding-set -all ") + KAP_NODE_PATH + " check " + CONFIG + " >/run/out 2>/run/err");
     EXPECT_THAT(content("/run/out"), HasSubstr("namespace \"near\" cannot be looked into: "));
     EXPECT_EQ(content("/run/err"), "");
+}
+
+// The own namespace has a "lo", too; what "near" has nobody can say.
+TEST_F(Machine, IsSaidNothingOfThatCannotBeLookedInto)
+{
+    std::ofstream(CONFIG) << "[ports.TN_A]\ninterface = 'lo'\nnamespace = 'near'\n"
+                             "[ports.TN_B]\ninterface = 'other'\nnamespace = 'near'\n";
+    run(std::string("setpriv --bounding-set -all ") + KAP_NODE_PATH + " check " + CONFIG + " >/run/out 2>/run/err");
+    const std::string said = content("/run/out");
+    EXPECT_EQ(said.substr(0, said.find(": /")),
+              std::string(CONFIG) + ":2:13: note: TN_A: namespace \"near\" cannot be looked into");
+    EXPECT_EQ(said.substr(said.find('\n')), "\n" + std::string(CONFIG) + ": ports: 2, backend: kernel\n");
+}
+
+TEST_F(Machine, IsComparedWithWhatTheFarEndTakes)
+{
+    const std::string at = CONFIG;
+    EXPECT_EQ(check("[[far_end]]\nnamespace = 'near'\ninterfaces = ['lo', 'one']\n"
+                    "[[far_end]]\ninterfaces = ['two']\n[[far_end]]\nnamespace = 'new'\ninterfaces = ['lo']\n")
+                  .out,
+              at + ":3:21: note: far_end: there is no interface \"one\" in \"near\" now\n" + at +
+                  ":5:15: note: far_end: there is no interface \"two\" now\n" + at +
+                  ":8:15: note: far_end: there is no namespace \"new\"; \"kap-node prepare\" makes it\n" + at +
+                  ": note: no port\n" + at + ": ports: 0, backend: kernel\n");
 }
 
 TEST_F(Machine, IsToldEverythingThatIsWrongWithAConfiguration)
