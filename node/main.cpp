@@ -7,12 +7,14 @@
 #include "far_end_program.hpp"
 #include "fmi.hpp"
 #include "link_monitor.hpp"
+#include "name_space.hpp"
 #include "own_namespace.hpp"
 #include "pmi.hpp"
 #include "prepare.hpp"
 
 #ifdef KAP_NODE_KERNEL
 #include "kernel/rule_kernel.hpp"
+#include "kernel/rule_removal.hpp"
 #else
 namespace kap_node
 {
@@ -38,9 +40,12 @@ class vlan_keeper;
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <system_error>
 
 namespace
 {
@@ -56,8 +61,9 @@ constexpr program_call PROGRAM = {
     "       kap-node check FILE             everything that is wrong with a configuration\n"
     "       kap-node prepare --config FILE [--wait SECONDS]\n"
     "                                       makes the namespaces, moves the interfaces there, switches them on\n"
-    "       kap-node clean SERVICE --config FILE\n"
-    "                                       takes away what a service that does not run left in the kernel\n"
+    "       kap-node clean SERVICE [--config FILE]\n"
+    "                                       takes away what a service that does not run left in the kernel, in every\n"
+    "                                       namespace and whatever is configured now (FILE is not read)\n"
     "       kap-node --help | --version\n"
     "SERVICE: iepcsi, pmi, emi, fmi, aasi or far-end\n"
     "COMMAND of every service:\n"
@@ -186,29 +192,65 @@ int run_named(const std::string &name, const node_config &config)
 }
 
 #ifdef KAP_NODE_KERNEL
-// What a service left in the kernel, as if nobody had asked for it again in time.
-template <class Keeper> void clean(const node_config &config)
+// Where the service manager has the service keep its journal, when nobody says otherwise.
+void find_journal(const std::string &name)
 {
-    Keeper keeper(config);
+    const std::string kept = "/run/kap-node/" + name;
+    if (getenv("RUNTIME_DIRECTORY") == nullptr && access(kept.c_str(), F_OK) == 0) {
+        (void)setenv("RUNTIME_DIRECTORY", kept.c_str(), 1);
+    }
+}
+
+// What a service left in the kernel, as if nothing were configured: by its names and its journal. What it takes away
+// and what it cannot it says itself.
+template <class Keeper> bool clean()
+{
+    Keeper keeper{node_config{}};
     keeper.settle(0);
-    keeper.settle(LEFTOVERS_KEPT_MS);
+    keeper.settle(LEFT_VLANS_KEPT_MS);
+    return keeper.show()["troubles"].empty();
+}
+
+bool remove_rules(const std::string &name_space)
+{
+    try {
+        bool was_there = false;
+        const auto refused = remove_rule_table(name_space, &was_there);
+        if (refused || was_there) {
+            (void)fprintf(stderr, "kap-node fmi: namespace \"%s\": its rules %s%s\n", name_space.c_str(),
+                          refused ? "stay: " : "are taken away", refused ? refused->words.c_str() : "");
+        }
+        return !refused;
+    } catch (const std::system_error &problem) {
+        const int error = problem.code().value();
+        const bool is_none = error == EINVAL || error == ENOENT; // something else lies there, or it is just gone
+        if (!is_none) {
+            (void)fprintf(stderr, "kap-node fmi: %s\n", problem.what());
+        }
+        return is_none;
+    }
 }
 #endif
 
-int run_clean([[maybe_unused]] const std::string &name, [[maybe_unused]] const node_config &config)
+int run_clean([[maybe_unused]] const std::string &name)
 {
+    bool done = true;
 #ifdef KAP_NODE_KERNEL
-    if (config.backend == backend_kind::kernel && name == "pmi") {
-        clean<vlan_keeper>(config);
+    find_journal(name);
+    if (name == "pmi") {
+        done = clean<vlan_keeper>();
     }
-    if (config.backend == backend_kind::kernel && name == "emi") {
-        clean<endpoint_keeper>(config);
+    if (name == "emi") {
+        done = clean<endpoint_keeper>();
     }
-    if (config.backend == backend_kind::kernel && name == "fmi") {
-        clean<kernel_rules>(config);
+    if (name == "fmi") {
+        done = remove_rules("");
+        for (const std::string &name_space : namespace_names()) {
+            done = remove_rules(name_space) && done;
+        }
     }
 #endif
-    return 0;
+    return done ? 0 : 1;
 }
 
 int run_ctl(const std::string &service_name, const arguments &words)
@@ -253,8 +295,9 @@ int run(const arguments &words)
     if (!words.empty() && words[0] == "prepare") {
         return run_prepare(words);
     }
-    if (words.size() == 4 && words[0] == "clean" && words[2] == "--config" && !control_mailbox(words[1]).empty()) {
-        return run_clean(words[1], read_config_file(words[3]));
+    const bool names_file = words.size() == 4 && words[2] == "--config";
+    if ((words.size() == 2 || names_file) && words[0] == "clean" && !control_mailbox(words[1]).empty()) {
+        return program_end(PROGRAM, run_clean(words[1]));
     }
     if (words.size() >= 3 && words[0] == "ctl") {
         return run_ctl(words[1], {words.begin() + 2, words.end()});

@@ -106,7 +106,7 @@ TEST_F(RuleProgram, ItsRulesAreTakenAwayByCleanAndNobodyElsesAre)
     signal("fmi", SIGKILL);
     status_of("fmi");
     run("ip netns exec near nft list tables | grep -q kap_node");
-    run(std::string(KAP_NODE_PATH) + " clean fmi --config /run/fmi.toml");
+    run("echo broken >/run/fmi.toml && " + std::string(KAP_NODE_PATH) + " clean fmi --config /run/fmi.toml");
     run("test \"$(ip netns exec near nft list tables)\" = \"table netdev somebody\"");
 }
 
