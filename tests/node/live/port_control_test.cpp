@@ -2,6 +2,7 @@
 // another one; and the VLAN devices on it.
 #include "../support.hpp"
 #include "live_fixture.hpp"
+#include "ns.h"
 
 #include <gmock/gmock.h>
 
@@ -30,7 +31,8 @@ protected:
     {
         make_wire();
         start("iepcsi", "[ports." + port + "]\ninterface = 'wire'\n" + more);
-        join_node();
+        // Who has published what he offers hears of unlocked ports.
+        ASSERT_EQ(ns_publish("KAP_IEMLI_SERVICE_NAME", "", join_node(), "a client"), 0);
         ASSERT_TRUE(eventually([] { return shown()["oper_state"] == 1; }));
     }
     static void make_wire(const std::string &mac = "02:00:00:00:00:01")
