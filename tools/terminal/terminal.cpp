@@ -81,11 +81,15 @@ bool settings_are_still_ours()
 
 } // namespace
 
-bool terminal_there()
+bool terminal_takes_codes()
 {
     const char *kind = getenv("TERM");
-    return isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1 && kind != nullptr && kind[0] != '\0' &&
-           strcmp(kind, "dumb") != 0;
+    return kind != nullptr && kind[0] != '\0' && strcmp(kind, "dumb") != 0;
+}
+
+bool terminal_there()
+{
+    return isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1 && terminal_takes_codes();
 }
 
 bool terminal_wants_colour()

@@ -1,4 +1,4 @@
-// The terminal of the live table: keys one by one, a screen that is redrawn in place, and everything put back as it
+// The terminal of a live table: keys one by one, a screen that is redrawn in place, and everything put back as it
 // was.
 #pragma once
 
@@ -10,6 +10,7 @@ struct terminal_size {
 };
 
 bool terminal_there();        // standard input and output are one, and it takes escape codes
+bool terminal_takes_codes();  // TERM names one that knows escape codes
 bool terminal_wants_colour(); // NO_COLOR is not set, or empty
 
 // Keeps the terminal's settings; terminal_restore, in this process or one that was forked from it, brings them back
