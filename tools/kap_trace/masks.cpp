@@ -1,16 +1,8 @@
-// kap-trace: reads and sets the trace masks of running processes.
-//
-//     kap-trace list                  every process that shares its mask, and the default
-//     kap-trace get NAME              the mask of a process
-//     kap-trace set NAME MASK         sets it; the process obeys from its next trace on
-//     kap-trace set default MASK      the mask of processes that start later
-//
-// NAME is what traces print, or NAME.PID where several processes have the same name. MASK is a number, or +L,L,...
-// or -L,L,... to switch levels on or off. `list` removes what killed processes left behind.
-//
 // A record says which descriptor of which process the mask lies behind. The record is its process's to write, so
 // nothing it says is believed before it is seen: that the process is of the record's user, and that behind the
 // descriptor is the sealed memory of this very process. Else whoever writes a record could have root write elsewhere.
+#include "masks.hpp"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -24,22 +16,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <optional>
-#include <string>
-#include <vector>
 
-#include "mask_share.hpp"
-#include "program_call.hpp"
+namespace trace_masks
+{
 
 namespace
 {
-
-struct process {
-    std::string file;
-    std::string name;
-    uid_t owner; // of the record
-    tri::share record;
-};
 
 std::string path_of(const std::string &file) { return std::string(tri::DIRECTORY) + '/' + file; }
 
@@ -143,7 +125,8 @@ int reach(const process &p, int access, tri::share *out)
     return fd;
 }
 
-// Processes that live, in the order of their file names. What dead ones left is removed.
+} // namespace
+
 std::vector<process> processes()
 {
     std::vector<process> found;
@@ -180,7 +163,6 @@ std::string levels_of(uint32_t mask)
     return text.empty() ? "none" : text;
 }
 
-// As the process has it; to whom that may not be shown, as the record has it.
 uint32_t mask_of(const process &p)
 {
     tri::share now{};
@@ -192,13 +174,17 @@ uint32_t mask_of(const process &p)
     return now.info.mask;
 }
 
+namespace
+{
+
 bool write_mask(int fd, uint32_t mask)
 {
     constexpr off_t AT = offsetof(tri::share, info) + offsetof(tri_proc_info, mask);
     return pwrite(fd, &mask, sizeof mask, AT) == sizeof mask;
 }
 
-// False, and errno says why.
+} // namespace
+
 bool set_mask(const process &p, uint32_t mask)
 {
     tri::share now{};
@@ -223,6 +209,9 @@ bool set_mask(const process &p, uint32_t mask)
     }
     return written;
 }
+
+namespace
+{
 
 std::optional<uint32_t> number(const std::string &text, unsigned long limit)
 {
@@ -250,6 +239,8 @@ std::optional<uint32_t> level_list(const std::string &text)
     return mask;
 }
 
+} // namespace
+
 std::optional<uint32_t> changed_mask(uint32_t mask, const std::string &how)
 {
     if (how.empty() || (how[0] != '+' && how[0] != '-')) {
@@ -262,121 +253,37 @@ std::optional<uint32_t> changed_mask(uint32_t mask, const std::string &how)
     return how[0] == '+' ? mask | *levels : mask & ~*levels;
 }
 
-int bad_mask(const std::string &how)
+uint32_t default_mask() { return tri::default_mask(); }
+
+// Written beside the file and renamed over it: a process that starts meanwhile reads the old mask or the new one.
+bool set_default(uint32_t mask, std::string *file)
 {
-    (void)fprintf(stderr, "kap-trace: \"%s\" is no mask: give a number, or +L,L,... or -L,L,... with levels 0 to 31\n",
-                  how.c_str());
-    return 2;
+    mkdir(tri::DIRECTORY, 0755);
+    *file = path_of(".default." + std::to_string(getpid()));
+    const std::string fresh = *file;
+    unlink(fresh.c_str());
+    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return false;
+    }
+    *file = path_of(tri::DEFAULT_NAME);
+    char text[16];
+    const int length = snprintf(text, sizeof text, "0x%08x\n", mask);
+    const bool written = write(fd, text, static_cast<size_t>(length)) == length && fchmod(fd, 0644) == 0;
+    if (close(fd) != 0 || !written || rename(fresh.c_str(), file->c_str()) != 0) {
+        const int saved_errno = errno;
+        unlink(fresh.c_str());
+        errno = saved_errno;
+        return false;
+    }
+    return true;
 }
 
 std::vector<process> find(const std::string &name)
 {
     std::vector<process> all = processes();
     std::erase_if(all, [&](const process &p) { return p.name != name && p.file != name; });
-    if (all.empty()) {
-        (void)fprintf(stderr, "kap-trace: no process \"%s\" shares its trace mask\n", name.c_str());
-    }
     return all;
 }
 
-int list()
-{
-    (void)printf("%-40s %-10s %s\n", "NAME.PID", "MASK", "LEVELS");
-    for (const process &p : processes()) {
-        (void)printf("%-40s 0x%08x %s\n", p.file.c_str(), mask_of(p), levels_of(mask_of(p)).c_str());
-    }
-    (void)printf("%-40s 0x%08x %s\n", "default", tri::default_mask(), levels_of(tri::default_mask()).c_str());
-    return 0;
-}
-
-int get(const std::string &name)
-{
-    if (name == "default") {
-        (void)printf("0x%08x %s\n", tri::default_mask(), levels_of(tri::default_mask()).c_str());
-        return 0;
-    }
-    const auto found = find(name);
-    for (const process &p : found) {
-        (void)printf("%s 0x%08x %s\n", p.file.c_str(), mask_of(p), levels_of(mask_of(p)).c_str());
-    }
-    return found.empty() ? 1 : 0;
-}
-
-int cannot(const std::string &what)
-{
-    (void)fprintf(stderr, "kap-trace: %s: %s\n", what.c_str(), strerror(errno));
-    return 1;
-}
-
-// Written beside the file and renamed over it: a process that starts meanwhile reads the old mask or the new one.
-int set_default(const std::string &how)
-{
-    const auto mask = changed_mask(tri::default_mask(), how);
-    if (!mask) {
-        return bad_mask(how);
-    }
-    mkdir(tri::DIRECTORY, 0755);
-    const std::string file = path_of(tri::DEFAULT_NAME);
-    const std::string fresh = path_of(".default." + std::to_string(getpid()));
-    unlink(fresh.c_str());
-    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return cannot(fresh);
-    }
-    char text[16];
-    const int length = snprintf(text, sizeof text, "0x%08x\n", *mask);
-    const bool written = write(fd, text, static_cast<size_t>(length)) == length && fchmod(fd, 0644) == 0;
-    if (close(fd) != 0 || !written || rename(fresh.c_str(), file.c_str()) != 0) {
-        const int result = cannot(file);
-        unlink(fresh.c_str());
-        return result;
-    }
-    return 0;
-}
-
-int set(const std::string &name, const std::string &how)
-{
-    if (name == "default") {
-        return set_default(how);
-    }
-    const auto found = find(name);
-    for (const process &p : found) {
-        const auto mask = changed_mask(mask_of(p), how);
-        if (!mask) {
-            return bad_mask(how);
-        }
-        if (!set_mask(p, *mask)) {
-            return cannot(p.file);
-        }
-    }
-    return found.empty() ? 1 : 0;
-}
-
-constexpr program_call PROGRAM = {
-    "kap-trace", "usage: kap-trace list | get NAME | set NAME MASK | set default MASK | --help | --version\n"
-                 "NAME: a process's name in its traces, or NAME.PID\n"
-                 "MASK: a number, or +L,L,... or -L,L,... to switch levels on or off\n"};
-
-int run(const std::vector<std::string> &words)
-{
-    if (words == std::vector<std::string>{"list"}) {
-        return list();
-    }
-    if (words.size() == 2 && words[0] == "get") {
-        return get(words[1]);
-    }
-    if (words.size() == 3 && words[0] == "set") {
-        return set(words[1], words[2]);
-    }
-    return program_refuse(PROGRAM, words.empty() ? "what to do?" : "unknown words or options");
-}
-
-} // namespace
-
-int main(int argc, char **argv)
-{
-    if (auto answered = program_answer(PROGRAM, argc, argv)) {
-        return *answered;
-    }
-    return program_end(PROGRAM, run({argv + 1, argv + argc}));
-}
+} // namespace trace_masks
