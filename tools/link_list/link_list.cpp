@@ -46,6 +46,20 @@ std::string status_text(const shell_link_record &record)
     }
 }
 
+const char *reason_of(const shell_link_record &record)
+{
+    switch (record.status == IML_LINK_ENABLED ? 0U : static_cast<uint32_t>(record.disabled_reason)) {
+    case IML_LINK_REASON_DOWN:
+        return "down";
+    case IML_LINK_REASON_LOCKED:
+        return "locked";
+    case IML_LINK_REASON_NO_CONNECTIVITY:
+        return "no connectivity";
+    default:
+        return "";
+    }
+}
+
 std::string name_of(uint32_t value, const char *zero, const char *one, const char *other)
 {
     return value == 0 ? zero : value == 1 ? one : other;
@@ -68,6 +82,7 @@ link link_of(const shell_link_record &record)
             {mac_text(record.app_links[i].nearEndAppMac), mac_text(record.app_links[i].farEndAppMac)});
     }
     out.enabled = record.status == IML_LINK_ENABLED;
+    out.reason = reason_of(record);
     out.status = status_text(record);
     out.rtt = name_of(record.rtt_state, "off", "on", "unknown");
     out.supervision = name_of(record.supervision_state, "not running", "running", "failed");
@@ -83,18 +98,17 @@ link link_of(const shell_link_record &record)
     return out;
 }
 
-using row = std::vector<std::string>;
-
-row cells_of(const link &l)
+text_table::row cells_of(const link &l)
 {
+    using text_table::colour;
     const bool sampled = l.rtt_us.has_value();
     return {format("%u", l.link_ref),
             l.port,
             format("%u", l.vlan),
             l.far_end_cpm_mac,
             format("%zu", l.app_links.size()),
-            l.status,
-            l.supervision,
+            {l.status, l.enabled ? colour::good : colour::bad},
+            {l.supervision, l.supervision == "failed" ? colour::bad : colour::none},
             format("%u/%u", l.lost, l.results),
             l.rtt,
             sampled ? format("%.2f", l.rtt_us->minimum_us) : "-",
@@ -103,37 +117,7 @@ row cells_of(const link &l)
             format("%u", l.connection_ref)};
 }
 
-constexpr size_t GAP = 2;
-
-// Where a row goes on in a new line: before these cells. The lines after the first stand under the second cell, so that
-// what begins in the first column is always a new link.
-std::vector<bool> breaks_of(const std::vector<size_t> &widths, size_t columns)
-{
-    std::vector<bool> breaks(widths.size());
-    size_t used = 0;
-    for (size_t i = 0; i < widths.size(); ++i) {
-        if (i > 1 && used + widths[i] > columns) {
-            breaks[i] = true;
-            used = widths[0] + GAP;
-        }
-        used += widths[i] + GAP;
-    }
-    return breaks;
-}
-
-std::string lines_of(const row &cells, const std::vector<size_t> &widths, const std::vector<bool> &breaks)
-{
-    std::string lines;
-    for (size_t i = 0; i < cells.size(); ++i) {
-        if (breaks[i]) {
-            lines.erase(lines.find_last_not_of(' ') + 1);
-            lines += "\n" + std::string(widths[0] + GAP, ' ');
-        }
-        lines += cells[i] + std::string(widths[i] - cells[i].size() + GAP, ' ');
-    }
-    lines.erase(lines.find_last_not_of(' ') + 1);
-    return lines + "\n";
-}
+} // namespace
 
 nlohmann::ordered_json json_of(const link &l)
 {
@@ -145,27 +129,29 @@ nlohmann::ordered_json json_of(const link &l)
     if (l.rtt_us) {
         rtt = {{"min", l.rtt_us->minimum_us}, {"avg", l.rtt_us->average_us}, {"max", l.rtt_us->maximum_us}};
     }
-    return {{"link_ref", l.link_ref},
-            {"connection_ref", l.connection_ref},
-            {"port", l.port},
-            {"vlan", l.vlan},
-            {"mp_id", l.mp_id},
-            {"near_end_cpm_mac", l.near_end_cpm_mac},
-            {"far_end_cpm_mac", l.far_end_cpm_mac},
-            {"app_links", apps},
-            {"enabled", l.enabled},
-            {"status", l.status},
-            {"supervision", l.supervision},
-            {"results", l.results},
-            {"lost", l.lost},
-            {"rtt", l.rtt},
-            {"batch_size", l.batch_size},
-            {"interval_s", l.interval_s},
-            {"frame_size", l.frame_size},
-            {"rtt_us", rtt}};
+    nlohmann::ordered_json all = {{"link_ref", l.link_ref},
+                                  {"connection_ref", l.connection_ref},
+                                  {"port", l.port},
+                                  {"vlan", l.vlan},
+                                  {"mp_id", l.mp_id},
+                                  {"near_end_cpm_mac", l.near_end_cpm_mac},
+                                  {"far_end_cpm_mac", l.far_end_cpm_mac},
+                                  {"app_links", apps},
+                                  {"enabled", l.enabled},
+                                  {"status", l.status},
+                                  {"supervision", l.supervision},
+                                  {"results", l.results},
+                                  {"lost", l.lost},
+                                  {"rtt", l.rtt},
+                                  {"batch_size", l.batch_size},
+                                  {"interval_s", l.interval_s},
+                                  {"frame_size", l.frame_size},
+                                  {"rtt_us", rtt}};
+    if (!l.name.empty()) {
+        all["name"] = l.name;
+    }
+    return all;
 }
-
-} // namespace
 
 std::optional<std::vector<link>> decode(const uint8_t *bytes, size_t size, std::string *error)
 {
@@ -212,25 +198,26 @@ std::optional<std::vector<link>> fetch(uint32_t timeout_ms, std::string *error)
     return links;
 }
 
-std::string to_table(const std::vector<link> &links, size_t columns)
+std::vector<text_table::row> to_rows(const std::vector<link> &links)
 {
-    std::vector<row> rows = {{"LINK", "PORT", "VLAN", "FAR-END CPM", "APPS", "STATUS", "SUPERVISION", "LOST", "RTT",
-                              "MIN us", "AVG us", "MAX us", "OWNER"}};
+    std::vector<text_table::row> rows = {{"LINK", "PORT", "VLAN", "FAR-END CPM", "APPS", "STATUS", "SUPERVISION",
+                                          "LOST", "RTT", "MIN us", "AVG us", "MAX us", "OWNER"}};
+    const bool named = std::any_of(links.begin(), links.end(), [](const link &l) { return !l.name.empty(); });
+    if (named) {
+        rows[0].insert(rows[0].begin() + 1, "NAME");
+    }
     for (const link &l : links) {
         rows.push_back(cells_of(l));
-    }
-    std::vector<size_t> widths(rows[0].size());
-    for (const row &cells : rows) {
-        for (size_t i = 0; i < cells.size(); ++i) {
-            widths[i] = std::max(widths[i], cells[i].size());
+        if (named) {
+            rows.back().insert(rows.back().begin() + 1, l.name.empty() ? "-" : l.name);
         }
     }
-    const std::vector<bool> breaks = breaks_of(widths, columns);
-    std::string text;
-    for (const row &cells : rows) {
-        text += lines_of(cells, widths, breaks);
-    }
-    return text;
+    return rows;
+}
+
+std::string to_table(const std::vector<link> &links, size_t columns)
+{
+    return text_table::draw(to_rows(links), columns, false);
 }
 
 std::string to_table(const std::vector<link> &links) { return to_table(links, SIZE_MAX); }

@@ -9,8 +9,11 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include "itc.h"
 #include "shell/shell_messages.hpp"
+#include "text_table.hpp"
 
 namespace link_list
 {
@@ -27,6 +30,7 @@ struct app_link {
 };
 
 struct link {
+    std::string name; // what the link manager calls it; empty: the daemon knows no names
     uint32_t connection_ref;
     uint32_t link_ref;
     uint32_t mp_id;
@@ -36,6 +40,7 @@ struct link {
     uint32_t vlan;
     std::vector<app_link> app_links; // the first 16 at the most
     bool enabled;
+    std::string reason; // "down", "locked", "no connectivity", "" when enabled
     std::string status; // "enabled", "disabled with reason down", ...
     std::string rtt;    // "off", "on", "unknown"
     std::string supervision;
@@ -54,11 +59,14 @@ std::optional<std::vector<link>> decode(const uint8_t *bytes, size_t size, std::
 // it does not run, does not answer in time, or answers nonsense.
 std::optional<std::vector<link>> fetch(uint32_t timeout_ms, std::string *error);
 
+// A row a link, under a head; with names only where a link has one.
+std::vector<text_table::row> to_rows(const std::vector<link> &links);
 // One line a link, under a head.
 std::string to_table(const std::vector<link> &links);
-// The same with no line longer than `columns`: what does not fit goes on in further lines under further heads, so that
-// nothing is left out. A single cell that is wider than that stays whole.
+// The same with no line longer than `columns`, as text_table::draw does it.
 std::string to_table(const std::vector<link> &links, size_t columns);
+// One link, and all of them.
+nlohmann::ordered_json json_of(const link &l);
 std::string to_json(const std::vector<link> &links);
 
 } // namespace link_list
