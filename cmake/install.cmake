@@ -63,6 +63,17 @@ if(EXISTS ${CMAKE_SOURCE_DIR}/packaging/kap-node.toml)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/kap-node.toml DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/kap-node)
 endif()
 
+# ---- What shells and programs need to know of the programs
+
+if(TARGET vornctl)
+  set(completion ${CMAKE_SOURCE_DIR}/packaging/completion)
+  install(FILES ${completion}/vornctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vornctl)
+  install(FILES ${completion}/_vornctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+  install(FILES ${completion}/vornctl.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+  file(GLOB schemas CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/schema/vornctl-*.json)
+  install(FILES ${schemas} DESTINATION ${CMAKE_INSTALL_DATADIR}/kap-vorn/schema)
+endif()
+
 # ---- Manual
 
 foreach(section 1 5 8)

@@ -23,6 +23,17 @@ protected:
         return command_run(command);
     }
 
+    // What vornctl prints as JSON is as its schema says.
+    void expect_schema(const std::string &words, const std::string &schema) const
+    {
+        const std::string line = "set -o pipefail; { '" + d.stage.bin_dir + "/vornctl' " + words +
+                                 " --json || [ $? = 1 ]; } | " KAP_SOURCE_DIR
+                                 "/tests/support/holds_schema " KAP_SOURCE_DIR "/docs/schema/vornctl-" +
+                                 schema + ".json";
+        const command_result result = command_run({"/bin/bash", "-c", line});
+        EXPECT_EQ(result.status, 0) << line << "\n" << result.output;
+    }
+
     static std::vector<std::string> lines_of(const std::string &text)
     {
         std::vector<std::string> lines;
@@ -49,9 +60,9 @@ protected:
         demo_wait_status(d, second, IML_LINK_ENABLED, 0, 10s);
     }
 
-    void expect_one_line(const command_result &result, const std::string &line)
+    void expect_one_line(const command_result &result, int status, const std::string &line)
     {
-        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.status, status);
         EXPECT_EQ(result.output, line + "\n");
     }
 
@@ -147,13 +158,13 @@ TEST_F(Operator, IsToldInOneLineThatTheDaemonDoesNotRun)
     start();
     kill_process(DAEMON);
     wait_event(iemli_event_kind::server_died);
-    expect_one_line(vornctl({"links"}), "vornctl: kap-vorn does not run");
-    expect_one_line(vornctl({"links", "--json"}), "vornctl: kap-vorn does not run");
+    expect_one_line(vornctl({"links"}), 3, "vornctl: kap-vorn does not run");
+    expect_one_line(vornctl({"links", "--json"}), 3, "vornctl: kap-vorn does not run");
 }
 
 TEST_F(Operator, IsToldInOneLineThatTheRegistryDoesNotRun)
 {
-    expect_one_line(vornctl({"links"}), "vornctl: the registry itcd cannot be reached: No such file or directory");
+    expect_one_line(vornctl({"links"}), 4, "vornctl: the registry itcd cannot be reached: No such file or directory");
 }
 
 TEST_F(Operator, IsToldHowToCall)
@@ -163,9 +174,108 @@ TEST_F(Operator, IsToldHowToCall)
          {words{}, words{"link"}, words{"links", "--xml"}, words{"links", "--json", "1"}, words{"--json"}}) {
         const command_result result = vornctl(wrong);
         EXPECT_EQ(result.status, 2);
-        EXPECT_THAT(result.output, testing::HasSubstr("usage: vornctl links [--json]\n"));
+        EXPECT_THAT(result.output, testing::HasSubstr("usage: vornctl"));
     }
     EXPECT_EQ(vornctl({"--help"}).status, 0);
+}
+
+TEST_F(Operator, IsToldByTheStatusThatALinkIsDown)
+{
+    start_with_links();
+    EXPECT_EQ(vornctl({"links"}).status, 0);
+    demo_set_locked(d, d.stage.ports[0], true);
+    demo_wait_status(d, d.links[0].link_ref, IML_LINK_DISABLED, IML_LINK_REASON_DOWN, 10s);
+    EXPECT_EQ(vornctl({"links"}).status, 1);
+    EXPECT_EQ(vornctl({"links", "--port", "TNA"}).status, 0);
+    EXPECT_EQ(lines_of(vornctl({"links", "--state", "down"}).output).size(), 2u);
+    const command_result none = vornctl({"links", "--state", "no-connectivity", "--json"});
+    EXPECT_EQ(none.status, 0);
+    EXPECT_EQ(nlohmann::json::parse(none.output)["links"].size(), 0u);
+}
+
+// ---- Ports and the node as a whole ----------------------------------------------------------------------------------
+
+TEST_F(Operator, SeesThePortsWithTheirStatesAddressesAndLinks)
+{
+    start_with_links();
+    const command_result well = vornctl({"ports", "--json"});
+    EXPECT_EQ(well.status, 0) << well.output;
+    demo_set_locked(d, d.stage.ports[0], true);
+    demo_wait_status(d, d.links[0].link_ref, IML_LINK_DISABLED, IML_LINK_REASON_DOWN, 10s);
+    const command_result locked = vornctl({"ports", "--json"});
+    EXPECT_EQ(locked.status, 1) << locked.output;
+    const auto port = nlohmann::json::parse(locked.output)["ports"][0];
+    EXPECT_EQ(port["port"], "IDL_A1");
+    EXPECT_EQ(port["unlocked"], false);
+    EXPECT_EQ(port["mac"], d.links[0].near_mac);
+    EXPECT_EQ(port["links"], 1);
+    EXPECT_EQ(port["links_enabled"], 0);
+    EXPECT_EQ(port["source"], "port control");
+    EXPECT_EQ(vornctl({"ports", "--port", "TN_A"}).status, 0);
+}
+
+TEST_F(Operator, IsToldThatPortControlDoesNotRun)
+{
+    start();
+    kill_process("iepcsi");
+    stage_wait(d.stage, "port control is missed", 10s, [&] { return vornctl({"ports"}).status == 3; });
+}
+
+TEST_F(Operator, GetsJsonThatIsAsTheSchemasSay)
+{
+    start_with_links();
+    expect_schema("links", "links");
+    expect_schema("ports", "ports");
+    expect_schema("status", "status");
+    expect_schema("trace list", "trace");
+}
+
+TEST_F(Operator, SeesInOneScreenWhatRunsAndSinceWhen)
+{
+    start_with_links();
+    const command_result result = vornctl({"status", "--json"});
+    EXPECT_EQ(result.status, 0) << result.output;
+    const auto status = nlohmann::json::parse(result.output);
+    EXPECT_EQ(status["links"], nlohmann::json::parse(R"({"all": 2, "enabled": 2, "disabled": 0})"));
+    EXPECT_EQ(status["missing"].size(), 0u);
+    for (const auto &component : status["components"]) {
+        const std::string name = component["name"];
+        if (name == "kap-linkd") {
+            EXPECT_EQ(component["state"], "down");
+            continue;
+        }
+        EXPECT_EQ(component["state"], "up") << name;
+        const auto process = d.stage.processes.find(name);
+        ASSERT_NE(process, d.stage.processes.end()) << name;
+        EXPECT_EQ(component["pid"], process->second.pid) << name;
+        EXPECT_GT(component["since_us"], 1'700'000'000'000'000) << name;
+    }
+    EXPECT_THAT(vornctl({"status"}).output, testing::HasSubstr("Nothing is missing."));
+}
+
+TEST_F(Operator, IsToldWhatIsMissingAndWhatToDo)
+{
+    start_with_links();
+    kill_process("pmi");
+    stage_wait(d.stage, "the service is missed", 10s, [&] {
+        const command_result result = vornctl({"status", "--json"});
+        return result.status == 1 && nlohmann::json::parse(result.output)["missing"] == nlohmann::json::array({"pmi"});
+    });
+    stage_start_process(d.stage, "pmi");
+    // The daemon does not look for it again.
+    stage_wait(d.stage, "the daemon is to be restarted", 10s, [&] {
+        return vornctl({"status"}).output.find("it has lost one of them since it started") != std::string::npos;
+    });
+    kill_process(DAEMON);
+    stage_wait(d.stage, "the daemon is missed", 10s, [&] { return vornctl({"status"}).status == 3; });
+}
+
+TEST_F(Operator, IsToldTheStatusEvenWithoutARegistry)
+{
+    const command_result result = vornctl({"status"});
+    EXPECT_EQ(result.status, 4);
+    EXPECT_THAT(result.output, testing::HasSubstr("itcd       registry          not there"));
+    EXPECT_THAT(result.output, testing::HasSubstr("links: nobody could be asked"));
 }
 
 // ---- Traces ---------------------------------------------------------------------------------------------------------

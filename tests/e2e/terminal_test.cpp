@@ -430,6 +430,7 @@ TEST_F(CommandInside, EntersTheDemoOfAnOrdinaryUser)
     }
     start(nobody({program, "--logs", logs}));
     expect_shown("02:00:00:00:A1:FE    2  enabled");
+    expect_shown("02:00:00:00:AA:FE    1  enabled");
     const command_result own = command_run(nobody({program, "--exec", "vornctl", "links"}));
     EXPECT_EQ(own.status, 0);
     EXPECT_THAT(own.output, HasSubstr("IDL_A1"));

@@ -21,6 +21,14 @@ void hold_near(const tour &t, const char *what, double listed_us, int64_t wire_n
              std::to_string(wire_us) + " us");
 }
 
+// 1 says that a link is down.
+std::string output_for_links(const command_result &result, const std::vector<link_list::link> &links)
+{
+    const bool all_enabled = std::all_of(links.begin(), links.end(), [](const auto &l) { return l.enabled; });
+    hold(result.status == (all_enabled ? 0 : 1), "vornctl ended with " + std::to_string(result.status));
+    return result.output;
+}
+
 // The list between two looks that were the same: nothing has changed in between.
 std::string run_vornctl(tour &t, const std::vector<std::string> &words,
                         std::string (*print)(const std::vector<link_list::link> &))
@@ -30,11 +38,13 @@ std::string run_vornctl(tour &t, const std::vector<std::string> &words,
     command.insert(command.end(), words.begin(), words.end());
     bool same = false;
     stage_wait(t.d.stage, "the list stays as it is for a moment", 10s, [&] {
-        const std::string before = print(fetch_list());
-        printed = command_must(command);
+        const auto links = fetch_list();
+        const std::string before = print(links);
+        const command_result result = command_run(command);
         if (print(fetch_list()) != before) {
             return false;
         }
+        printed = output_for_links(result, links);
         same = printed == before;
         return true;
     });

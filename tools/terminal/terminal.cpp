@@ -87,10 +87,7 @@ bool terminal_takes_codes()
     return kind != nullptr && kind[0] != '\0' && strcmp(kind, "dumb") != 0;
 }
 
-bool terminal_there()
-{
-    return isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1 && terminal_takes_codes();
-}
+bool terminal_there() { return isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1 && terminal_takes_codes(); }
 
 bool terminal_wants_colour()
 {
