@@ -5,10 +5,12 @@
 #include "keeper.hpp"
 #include "link_book.hpp"
 #include "loop.hpp"
+#include "page.hpp"
 #include "program_call.hpp"
 #include "service_manager.hpp"
 #include "session.hpp"
 #include "settings.hpp"
+#include "web.hpp"
 
 #include <getopt.h>
 #include <sys/epoll.h>
@@ -93,14 +95,15 @@ class program
 {
 public:
     explicit program(const call &wanted)
-        : book_(wanted.where), hub_(past_), session_(turns_, [this] { turns_.stop(STATUS_ANEW); }),
-          keeper_(session_, hub_, WINDOW),
+        : where_(wanted.where), book_(wanted.where), hub_(past_),
+          session_(turns_, [this] { turns_.stop(STATUS_ANEW); }), keeper_(session_, hub_, WINDOW),
           control_(turns_, keeper_, book_, past_,
                    {[this] { return session_.has_registry(); }, [this] { return apply(); }})
     {
         session_.set_keeper(keeper_);
         hub_.add(control_);
         control_.listen(wanted.where.control, wanted.groups);
+        add_page(web_.routes(), {.control = wanted.where.control});
     }
     ~program()
     {
@@ -117,6 +120,7 @@ public:
         open_signals();
         say_all(book_.load());
         apply();
+        serve_page();
         session_.connect();
         tell_manager("READY=1");
         beat();
@@ -129,6 +133,22 @@ private:
         const keeper::difference made = keeper_.declare(book_.all(), now());
         session_.settle();
         return made;
+    }
+
+    // Links are kept whether somebody can look at them or not.
+    void serve_page()
+    {
+        std::vector<std::string> mistakes;
+        const settings wanted = read_settings(where_.settings, mistakes);
+        say_all(mistakes);
+        if (wanted.http_address.empty()) {
+            return;
+        }
+        try {
+            web_.listen(wanted.http_address, wanted.http_port);
+        } catch (const std::runtime_error &problem) {
+            say(problem.what());
+        }
     }
 
     void open_signals()
@@ -180,6 +200,7 @@ private:
         }
     }
 
+    const paths where_;
     loop turns_;
     link_book book_;
     no_past past_;
@@ -187,6 +208,7 @@ private:
     session session_;
     keeper keeper_;
     control control_;
+    web web_;
     manager_pulse pulse_;
     int signals_ = -1;
 };
