@@ -302,7 +302,7 @@ TEST_F(Iepcsi, ShowsItsPortsInAFixedShape)
     EXPECT_EQ(shown["indications"], json::parse(R"({"status": 2, "vlan": 1})"));
 }
 
-// ---- A daemon that is not ready yet ----
+// ---- Clients that are not ready yet ----
 
 constexpr mailbox NOBODY = 0xFFFFFFFF;
 
@@ -322,8 +322,7 @@ protected:
     void SetUp() override
     {
         Iepcsi::SetUp();
-        out.names["kap-vorn"] = CLIENT;
-        tested->wait_for_daemon();
+        tested->wait_for_ready_clients();
     }
     void subscribe_status(mailbox from = CLIENT)
     {
@@ -332,7 +331,7 @@ protected:
     }
 };
 
-TEST_F(IepcsiWaiting, AnUnlockedPortIsReportedOnceTheDaemonHasPublishedItsService)
+TEST_F(IepcsiWaiting, AnUnlockedPortIsReportedOnceTheClientHasPublishedItsService)
 {
     receive(SUBSCRIBE_STATUS);
     expect_sent({message_of(0x1B1051, HEAD + "00 00 00 01")});
@@ -344,14 +343,14 @@ TEST_F(IepcsiWaiting, AnUnlockedPortIsReportedOnceTheDaemonHasPublishedItsServic
     expect_sent({});
 }
 
-TEST_F(IepcsiWaiting, ADaemonThatPublishedBeforeItSubscribesWaitsForNothing)
+TEST_F(IepcsiWaiting, AClientThatPublishedBeforeItSubscribesWaitsForNothing)
 {
     receive(news_of(0x1900001, CLIENT), NOBODY);
     receive(SUBSCRIBE_STATUS);
     expect_sent({message_of(0x1B1051, HEAD + "00 00 00 01"), status("01", "01", IDL), status("01", "01", TN)});
 }
 
-TEST_F(IepcsiWaiting, ADaemonThatHasWithdrawnItsServiceWaitsWhenItConnectsAgain)
+TEST_F(IepcsiWaiting, AClientThatHasWithdrawnItsServiceWaitsWhenItConnectsAgain)
 {
     receive(news_of(0x1900001, CLIENT), NOBODY);
     subscribe_status();
@@ -365,13 +364,13 @@ TEST_F(IepcsiWaiting, ADaemonThatHasWithdrawnItsServiceWaitsWhenItConnectsAgain)
     EXPECT_EQ(out.take().size(), 1u) << "more than the confirm";
 }
 
-TEST_F(IepcsiWaiting, ADaemonThatPublishesNothingHearsOfUnlockedPortsAfterABoundedTime)
+TEST_F(IepcsiWaiting, AClientThatPublishesNothingHearsOfUnlockedPortsAfterABoundedTime)
 {
     subscribe_status();
-    ASSERT_EQ(tested->next_deadline(), std::optional(now + DAEMON_BOUND_MS));
-    tested->tick(now + DAEMON_BOUND_MS - 1);
+    ASSERT_EQ(tested->next_deadline(), std::optional(now + READY_CLIENT_BOUND_MS));
+    tested->tick(now + READY_CLIENT_BOUND_MS - 1);
     expect_sent({});
-    tested->tick(now + DAEMON_BOUND_MS);
+    tested->tick(now + READY_CLIENT_BOUND_MS);
     expect_sent({status("01", "01", IDL), status("01", "01", TN)});
     EXPECT_EQ(tested->next_deadline(), std::nullopt);
 }
@@ -390,22 +389,12 @@ TEST_F(IepcsiWaiting, LockedPortsAreReportedAtOnceAndUnlockedOnesAsTheyAreInTheE
     expect_sent({status("01", "00", IDL), status("01", "01", TN)});
 }
 
-TEST_F(IepcsiWaiting, AnyOtherClientHearsAtOnce)
-{
-    receive(CONNECT, OTHER_CLIENT);
-    out.take();
-    receive(SUBSCRIBE_STATUS, OTHER_CLIENT);
-    EXPECT_EQ(out.take().size(), 1u) << "of a connection that is another's";
-    receive(message_of(0x1B1050, "00 00 00 07  00 00 00 02  00 00 00 02  " + ALL_PORTS), OTHER_CLIENT);
-    EXPECT_EQ(out.take().size(), 3u) << "the confirm and both ports";
-}
-
-TEST_F(IepcsiWaiting, ADaemonThatIsGoneIsWaitedForNoLonger)
+TEST_F(IepcsiWaiting, AClientThatIsGoneIsWaitedForNoLonger)
 {
     subscribe_status();
     tested->client_gone(CLIENT);
     receive(news_of(0x1900001, CLIENT), NOBODY);
-    tested->tick(now + DAEMON_BOUND_MS);
+    tested->tick(now + READY_CLIENT_BOUND_MS);
     expect_sent({});
 }
 
