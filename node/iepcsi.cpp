@@ -210,11 +210,12 @@ verdict iepcsi_service::subscribe(const request_kind &kind, const client &from, 
     return confirmed(message_writer().word(++last_subscribe_ref_).take());
 }
 
-// A new subscriber hears at once how things stand, but for unlocked ports as long as it is not ready.
+// A new subscriber hears at once how things stand; the daemon that is not ready, but for unlocked ports.
 void iepcsi_service::confirmed_to(const request_kind &kind, client &to, const message_view &message)
 {
-    if (waits_ && kind.number == IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ && !ready_.contains(to.address)) {
-        held_.try_emplace(to.address, now_ + READY_CLIENT_BOUND_MS);
+    if (waits_ && kind.number == IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ && !ready_.contains(to.address) &&
+        out().locate(DAEMON_MAILBOX) == to.address) {
+        held_.try_emplace(to.address, now_ + DAEMON_BOUND_MS);
     }
     const std::string name = message.text(offsetof(iepcsi_subscribe_req, port_name), NAME_LEN).value_or("");
     for (const port &entry : ports_) {

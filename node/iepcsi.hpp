@@ -5,8 +5,9 @@
 // subscriber each difference. Lock, unlock, and VLANs that no interface stands for come as commands.
 //
 // A supervision daemon sets up what a port lets in when it hears that the port is unlocked, and only with the other
-// services it then has. Where that is done in earnest, a client hears of unlocked ports only once it has all of them:
-// it has published the service that it offers. One that publishes nothing waits for a bounded time.
+// services it then has. Where that is done in earnest, the daemon hears of unlocked ports only once it has all of them:
+// it has published the service that it offers. One that publishes nothing waits for a bounded time, any other client
+// for nothing.
 #pragma once
 
 #include "config.hpp"
@@ -19,18 +20,19 @@
 namespace kap_node
 {
 
-// What a supervision daemon publishes when it has all its servers.
-inline constexpr const char *READY_CLIENT_SERVICE = "KAP_IEMLI_SERVICE_NAME";
-inline constexpr millis READY_CLIENT_BOUND_MS = 20'000;
+// The supervision daemon's mailbox, and what it publishes when it has all its servers.
+inline constexpr const char *DAEMON_MAILBOX = "kap-vorn";
+inline constexpr const char *DAEMON_SERVICE = "KAP_IEMLI_SERVICE_NAME";
+inline constexpr millis DAEMON_BOUND_MS = 20'000;
 
 class iepcsi_service : public service
 {
 public:
     iepcsi_service(const node_config &config, outlet &out);
 
-    // From here on a client hears of unlocked ports when it is ready. The mailbox is subscribed to
-    // READY_CLIENT_SERVICE, and what it is told of that comes to receive().
-    void wait_for_ready_clients() { waits_ = true; }
+    // From here on the daemon hears of unlocked ports when it is ready. The mailbox is subscribed to DAEMON_SERVICE,
+    // and what it is told of that comes to receive().
+    void wait_for_daemon() { waits_ = true; }
 
     // Every namespace that holds an interface of a port.
     std::set<std::string> name_spaces() const;

@@ -115,11 +115,11 @@ int run_iepcsi(event_loop &loop, const node_config &config)
     loop.every(NAMESPACE_CHECK_MS, [&] { monitor.check_name_spaces(); });
     const mailbox own_mailbox = loop.open_mailbox(ports.mailbox_name());
     if (config.backend == backend_kind::kernel) {
-        const int failure = ns_subscribe(READY_CLIENT_SERVICE, "", own_mailbox);
+        const int failure = ns_subscribe(DAEMON_SERVICE, "", own_mailbox);
         if (failure != 0) {
-            throw std::runtime_error(std::string("who is ready cannot be heard: ") + strerror(failure));
+            throw std::runtime_error(std::string("when the daemon is ready cannot be heard: ") + strerror(failure));
         }
-        ports.wait_for_ready_clients();
+        ports.wait_for_daemon();
     }
     return loop.run(ports);
 }

@@ -302,7 +302,7 @@ TEST_F(Iepcsi, ShowsItsPortsInAFixedShape)
     EXPECT_EQ(shown["indications"], json::parse(R"({"status": 2, "vlan": 1})"));
 }
 
-// ---- Clients that are not ready yet ----
+// ---- A daemon that is not ready yet ----
 
 constexpr mailbox NOBODY = 0xFFFFFFFF;
 
@@ -322,7 +322,8 @@ protected:
     void SetUp() override
     {
         Iepcsi::SetUp();
-        tested->wait_for_ready_clients();
+        out.names["kap-vorn"] = CLIENT;
+        tested->wait_for_daemon();
     }
     void subscribe_status(mailbox from = CLIENT)
     {
@@ -331,7 +332,7 @@ protected:
     }
 };
 
-TEST_F(IepcsiWaiting, AnUnlockedPortIsReportedOnceTheClientHasPublishedItsService)
+TEST_F(IepcsiWaiting, AnUnlockedPortIsReportedOnceTheDaemonHasPublishedItsService)
 {
     receive(SUBSCRIBE_STATUS);
     expect_sent({message_of(0x1B1051, HEAD + "00 00 00 01")});
@@ -343,14 +344,14 @@ TEST_F(IepcsiWaiting, AnUnlockedPortIsReportedOnceTheClientHasPublishedItsServic
     expect_sent({});
 }
 
-TEST_F(IepcsiWaiting, AClientThatPublishedBeforeItSubscribesWaitsForNothing)
+TEST_F(IepcsiWaiting, ADaemonThatPublishedBeforeItSubscribesWaitsForNothing)
 {
     receive(news_of(0x1900001, CLIENT), NOBODY);
     receive(SUBSCRIBE_STATUS);
     expect_sent({message_of(0x1B1051, HEAD + "00 00 00 01"), status("01", "01", IDL), status("01", "01", TN)});
 }
 
-TEST_F(IepcsiWaiting, AClientThatHasWithdrawnItsServiceWaitsWhenItConnectsAgain)
+TEST_F(IepcsiWaiting, ADaemonThatHasWithdrawnItsServiceWaitsWhenItConnectsAgain)
 {
     receive(news_of(0x1900001, CLIENT), NOBODY);
     subscribe_status();
@@ -364,13 +365,13 @@ TEST_F(IepcsiWaiting, AClientThatHasWithdrawnItsServiceWaitsWhenItConnectsAgain)
     EXPECT_EQ(out.take().size(), 1u) << "more than the confirm";
 }
 
-TEST_F(IepcsiWaiting, AClientThatPublishesNothingHearsOfUnlockedPortsAfterABoundedTime)
+TEST_F(IepcsiWaiting, ADaemonThatPublishesNothingHearsOfUnlockedPortsAfterABoundedTime)
 {
     subscribe_status();
-    ASSERT_EQ(tested->next_deadline(), std::optional(now + READY_CLIENT_BOUND_MS));
-    tested->tick(now + READY_CLIENT_BOUND_MS - 1);
+    ASSERT_EQ(tested->next_deadline(), std::optional(now + DAEMON_BOUND_MS));
+    tested->tick(now + DAEMON_BOUND_MS - 1);
     expect_sent({});
-    tested->tick(now + READY_CLIENT_BOUND_MS);
+    tested->tick(now + DAEMON_BOUND_MS);
     expect_sent({status("01", "01", IDL), status("01", "01", TN)});
     EXPECT_EQ(tested->next_deadline(), std::nullopt);
 }
@@ -389,12 +390,22 @@ TEST_F(IepcsiWaiting, LockedPortsAreReportedAtOnceAndUnlockedOnesAsTheyAreInTheE
     expect_sent({status("01", "00", IDL), status("01", "01", TN)});
 }
 
-TEST_F(IepcsiWaiting, AClientThatIsGoneIsWaitedForNoLonger)
+TEST_F(IepcsiWaiting, AnyOtherClientHearsAtOnce)
+{
+    receive(CONNECT, OTHER_CLIENT);
+    out.take();
+    receive(SUBSCRIBE_STATUS, OTHER_CLIENT);
+    EXPECT_EQ(out.take().size(), 1u) << "of a connection that is another's";
+    receive(message_of(0x1B1050, "00 00 00 07  00 00 00 02  00 00 00 02  " + ALL_PORTS), OTHER_CLIENT);
+    EXPECT_EQ(out.take().size(), 3u) << "the confirm and both ports";
+}
+
+TEST_F(IepcsiWaiting, ADaemonThatIsGoneIsWaitedForNoLonger)
 {
     subscribe_status();
     tested->client_gone(CLIENT);
     receive(news_of(0x1900001, CLIENT), NOBODY);
-    tested->tick(now + READY_CLIENT_BOUND_MS);
+    tested->tick(now + DAEMON_BOUND_MS);
     expect_sent({});
 }
 

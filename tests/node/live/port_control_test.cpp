@@ -161,6 +161,21 @@ TEST_F(PortControl, GoesByThePortsStateOfTheKernelWhileItIsLockedAndUnlocked)
     EXPECT_TRUE(oper_becomes(1));
 }
 
+TEST_F(PortControl, TellsTheDaemonOfAnUnlockedPortOnceItHasPublishedItsService)
+{
+    start_with_port("IDL_A1", "namespace = 'near'");
+    ASSERT_EQ(itc_add_name(itc_current_mbox(), "kap-vorn"), 0);
+    const uint32_t iepcsi = itc_locate("iepcsi-server");
+    send(iepcsi, message_of(0x1B1043, "00 00 00 02  00 00 00 64  00 00 00 01  00 00 00 01  00 00 00 01"));
+    ASSERT_EQ(message_view(receive()).number(), 0x1B1044u);
+    send(iepcsi, message_of(0x1B1050, "00 00 00 03  00 00 00 01  00 00 00 02  0*16"));
+    ASSERT_EQ(message_view(receive()).number(), 0x1B1051u);
+    EXPECT_EQ(shown()["adm_state"], 1);
+    EXPECT_EQ(command("iepcsi", {"show"})["indications"]["status"], 0);
+    ASSERT_EQ(ns_publish("KAP_IEMLI_SERVICE_NAME", "", itc_current_mbox(), ""), 0);
+    EXPECT_EQ(receive(), status("01"));
+}
+
 TEST_F(PortControl, AnnouncesVlanDevicesWithTheirNamespaceAsTheyComeAndGo)
 {
     make_wire();
