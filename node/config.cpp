@@ -40,6 +40,9 @@ constexpr port_names PORTS[] = {
     {"TN_C", "TNC", "TNC"},           {"TN_D", "TND", "TND"},
 };
 
+// What a port's name ends in where it stands for a part of the port's rules.
+constexpr const char *FMI_CHAINS_OF_A_PORT[] = {".rules", ".static"};
+
 struct mistake {
     toml::source_position at;
     std::string what;
@@ -255,6 +258,14 @@ void refuse_what_is_taken(file &f, const port_entry &first, const port_entry &se
     if (first.port.fmi_name == second.port.fmi_name) {
         f.refuse(second.fmi_name_at,
                  taken("the name \"" + second.port.fmi_name + "\"") + ", " + the_line(first.fmi_name_at));
+    }
+    for (const auto &[port, other] : {std::pair(&first, &second), std::pair(&second, &first)}) {
+        for (const char *part : FMI_CHAINS_OF_A_PORT) {
+            if (port->port.fmi_name == other->port.fmi_name + part) {
+                f.refuse(port->fmi_name_at, "\"" + port->port.fmi_name + "\" is what a part of the rules of \"" +
+                                                other->port.fmi_name + "\" is called");
+            }
+        }
     }
     if (first.port.interface == second.port.interface && first.port.name_space == second.port.name_space &&
         !first.port.interface.empty()) {

@@ -20,7 +20,7 @@ namespace
 int error_of(const std::string &words)
 {
     for (const int error :
-         {EPERM, ENOENT, EEXIST, EOPNOTSUPP, EBUSY, ENOMEM, ENOSPC, ENODEV, EINVAL, EMFILE, ENOBUFS}) {
+         {EPERM, ENOENT, EEXIST, EOPNOTSUPP, EPROTONOSUPPORT, EBUSY, ENOMEM, ENOSPC, ENODEV, EINVAL, EMFILE, ENOBUFS}) {
         if (words.find(strerror(error)) != std::string::npos) {
             return error;
         }

@@ -49,4 +49,13 @@ void kernel_rules::settle(millis now)
     }
 }
 
+size_t kernel_rules::remembered() const
+{
+    size_t all = 0;
+    for (const auto &[name, rules] : name_spaces_) {
+        all += rules->remembered();
+    }
+    return all;
+}
+
 } // namespace kap_node

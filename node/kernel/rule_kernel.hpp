@@ -22,8 +22,10 @@ public:
     json show() override;
 
     void watch(descriptor_hooks hooks) override;
-    // Throws when the packet filter of a namespace cannot be had at all.
+    // Throws when the packet filter of a namespace cannot be had, and waiting does not help.
     void settle(millis now) override;
+    // How many numbers of rules and counts are remembered.
+    size_t remembered() const;
 
 private:
     rule_report report_;

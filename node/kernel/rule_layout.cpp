@@ -15,6 +15,10 @@ namespace
 {
 
 constexpr const char *FAMILY = "netdev";
+// What our rules say of themselves.
+constexpr const char *RULE_COMMENT = "rule ";
+constexpr const char *STATIC_COMMENT = "static rule ";
+constexpr const char *DEFAULT_COMMENT = "default action";
 // The kinds of entries that have a name of their own and no rules.
 constexpr std::array<const char *, 3> OBJECT_KINDS = {"set", "limit", "counter"};
 
@@ -118,7 +122,7 @@ json add_rule_of_type(const port_layout &port, uint32_t id, uint16_t ether_type)
 {
     const dynamic_rule &rule = port.rules.dynamic_rules.at(id);
     const uint32_t number = port.numbers.at(id);
-    const std::string comment = "rule " + std::to_string(id);
+    const std::string comment = RULE_COMMENT + std::to_string(id);
     // Not the ethertype of the Ethernet header, which is that of the tag where there is one.
     const json match =
         json::array({{{"match", {{"op", "=="}, {"left", {{"meta", {{"key", "protocol"}}}}}, {"right", ether_type}}}},
@@ -160,7 +164,7 @@ json add_dynamic_rule(const port_layout &port, uint32_t id)
 json add_static_rule(const port_layout &port, uint32_t id)
 {
     const uint32_t type = port.rules.static_rules.at(id);
-    const std::string comment = "static rule " + std::to_string(id) + " of type " + std::to_string(type);
+    const std::string comment = STATIC_COMMENT + std::to_string(id) + " of type " + std::to_string(type);
     return add_rule(static_chain(port.chain), comment,
                     json::array({count_with(numbered("static", port.numbers.at(id))), verdict_of(type == FMI_LET_IN)}));
 }
@@ -189,7 +193,7 @@ json add_base_rules(const port_layout &port)
     }
     const bool lets_in = lets_in_by_default(port);
     commands.push_back(
-        add_rule(port.chain, "default action",
+        add_rule(port.chain, DEFAULT_COMMENT,
                  json::array({count_with(numbered(lets_in ? "default_accepted" : "default_dropped", port.number)),
                               verdict_of(lets_in)})));
     return commands;
@@ -313,7 +317,18 @@ bool lets_in_by_default(const port_layout &port)
     if (default_is_inherited(port)) {
         return port.inherited.policy == "accept";
     }
-    return port.rules.default_action.value_or(FMI_LET_IN) == FMI_LET_IN;
+    return port.rules.default_action.value_or(port.stays_closed ? FMI_DROP : FMI_LET_IN) == FMI_LET_IN;
+}
+
+// The oldest static rule decides before the default action.
+bool closes(const inherited_rules &left)
+{
+    if (left.statics.empty()) {
+        return left.policy == "drop";
+    }
+    const json expressions = left.statics[0].value(json::json_pointer("/add/rule/expr"), json::array());
+    return std::any_of(expressions.begin(), expressions.end(),
+                       [](const json &expression) { return expression.contains("drop"); });
 }
 
 // ---- Commands ------------------------------------------------------------------------------------------------------
@@ -482,6 +497,9 @@ std::set<std::string> used_by(const json &rule)
 {
     std::set<std::string> names;
     for (const json &expression : rule.value("expr", json::array())) {
+        if (!expression.is_object()) {
+            continue;
+        }
         for (const char *kind : {"limit", "counter"}) {
             if (expression.contains(kind) && expression[kind].is_string()) {
                 names.insert(expression[kind].get<std::string>());
@@ -526,6 +544,16 @@ bool shows_port(const table_picture &picture, const port_layout &port)
            has_counters(picture, wanted) && device != picture.devices.end() && device->second == port.interface;
 }
 
+std::vector<std::string> counters_of_rule(uint32_t number)
+{
+    return {numbered("accepted", number), numbered("policed", number), numbered("static", number)};
+}
+
+std::vector<std::string> counters_of_port(uint32_t number)
+{
+    return {numbered("default_accepted", number), numbered("default_dropped", number)};
+}
+
 std::set<std::string> names_of(const port_layout &port)
 {
     const table_picture wanted = picture_of(make_port(port));
@@ -559,17 +587,20 @@ inherited_rules inherited_from(const table_picture &picture, const std::string &
     for (const json &entry : picture.listed) {
         const json rule = entry.value("rule", json::object());
         const std::string in = rule.value("chain", "");
-        if (in != chain && in != rules_chain(chain) && in != static_chain(chain)) {
+        const std::string comment = rule.value("comment", "");
+        if (in == rules_chain(chain) && comment.starts_with(RULE_COMMENT)) {
+            left.rules.push_back(as_command("rule", rule));
+        } else if (in == static_chain(chain) && comment.starts_with(STATIC_COMMENT)) {
+            left.statics.push_back(as_command("rule", rule));
+        } else if (in == chain && comment == DEFAULT_COMMENT) {
+            left.default_action = as_command("rule", rule);
+        } else {
             continue;
         }
         used.merge(used_by(rule));
-        if (in == rules_chain(chain)) {
-            left.rules.push_back(as_command("rule", rule));
-        } else if (in == static_chain(chain)) {
-            left.statics.push_back(as_command("rule", rule));
-        } else {
-            left.default_action = as_command("rule", rule);
-        }
+    }
+    if (left.default_action.is_null()) {
+        left.default_action = add_rule(chain, DEFAULT_COMMENT, json::array({verdict_of(left.policy == "accept")}));
     }
     for (const json &entry : picture.listed) {
         for (const char *kind : OBJECT_KINDS) {
@@ -578,7 +609,7 @@ inherited_rules inherited_from(const table_picture &picture, const std::string &
             }
         }
     }
-    return left.default_action.is_null() ? inherited_rules() : left;
+    return left;
 }
 
 uint32_t highest_number(const table_picture &picture)
@@ -633,6 +664,8 @@ json shown_counts(const port_layout &port, const std::map<std::string, frame_cou
             {{"id", id}, {type == FMI_LET_IN ? "accepted" : "dropped", count("static", port.numbers.at(id))}});
     }
     return {
+        {"inherited", !port.inherited.empty()},
+        {"stays_closed", port.stays_closed},
         {"dynamic_rules", std::move(dynamics)},
         {"static_rules", std::move(statics)},
         {"default_action",

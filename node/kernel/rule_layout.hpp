@@ -40,6 +40,9 @@ struct inherited_rules {
     bool empty() const { return policy.empty(); }
 };
 
+// Whether these let in only what a dynamic rule names.
+bool closes(const inherited_rules &left);
+
 struct port_layout {
     std::string chain;
     std::string interface;
@@ -47,6 +50,7 @@ struct port_layout {
     uint32_t number = 0;                  // of the port's own counters
     std::map<uint32_t, uint32_t> numbers; // of each rule and policer, by its id
     inherited_rules inherited;
+    bool stays_closed = false; // an earlier run has left it closed: so it is until a default action is set
     std::map<std::string, frame_count> counted; // what counters begin with, by name
 };
 
@@ -86,11 +90,14 @@ table_picture picture_of(const json &entries);
 
 // Whether everything of the port is there as it has to be.
 bool shows_port(const table_picture &picture, const port_layout &port);
+// The names of the counters of a rule, whatever its kind, and of a port itself.
+std::vector<std::string> counters_of_rule(uint32_t number);
+std::vector<std::string> counters_of_port(uint32_t number);
 // The names of what belongs to the port: chains, sets, limits, counters.
 std::set<std::string> names_of(const port_layout &port);
 // The chains of a port of that name.
 std::vector<std::string> chains_of(const std::string &chain);
-// What the table has of a port of that chain; empty where there is none.
+// What the table has of a port of that chain; empty where there is none. Rules that are not ours are left out.
 inherited_rules inherited_from(const table_picture &picture, const std::string &chain);
 // The highest number that a name in the table ends in.
 uint32_t highest_number(const table_picture &picture);

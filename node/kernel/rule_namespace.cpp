@@ -77,6 +77,18 @@ std::string device_of(const nlattr *hook)
     return device;
 }
 
+// Whether a refusal is one that trying again does not get past.
+bool is_for_good(int error)
+{
+    return error == EPERM || error == EACCES || error == EOPNOTSUPP || error == EPROTONOSUPPORT ||
+           error == EAFNOSUPPORT;
+}
+
+kernel_refusal unreadable(const json::exception &problem)
+{
+    return {EBADMSG, std::string("a listing that cannot be read: ") + problem.what()};
+}
+
 void say(const std::string &line) { (void)fprintf(stderr, "kap-node fmi: %s\n", line.c_str()); }
 
 } // namespace
@@ -130,25 +142,24 @@ void rule_namespace::close_kernel()
     }
 }
 
-// Whether the namespace is there and open.
-bool rule_namespace::open_kernel()
+// Nothing when the namespace is open, or not there.
+std::optional<kernel_refusal> rule_namespace::open_kernel()
 {
     const auto identity = namespace_identity::of(name_);
     if (kernel_ && identity == identity_) {
-        return true;
+        return std::nullopt;
     }
     if (kernel_) {
         say("the namespace \"" + name_ + "\" is gone");
         close_kernel();
     }
     if (identity == namespace_identity()) {
-        return false;
+        return std::nullopt;
     }
     try {
         kernel_ = std::make_unique<kernel_side>(name_);
     } catch (const std::system_error &problem) {
-        note_refusal({problem.code().value(), problem.what()});
-        return false;
+        return kernel_refusal{problem.code().value(), problem.what()};
     }
     identity_ = identity;
     compare_ = true;
@@ -156,21 +167,38 @@ bool rule_namespace::open_kernel()
     if (hooks_.watch) {
         watch_kernel();
     }
-    return true;
+    return std::nullopt;
+}
+
+// Before anything is changed in the namespace it has to be known what an earlier run has left there.
+std::optional<kernel_refusal> rule_namespace::open_and_inherit()
+{
+    auto refused = open_kernel();
+    if (!refused && kernel_ && !inherited_at_) {
+        refused = inherit();
+    }
+    if (refused) {
+        note_refusal(*refused);
+    }
+    return refused;
 }
 
 void rule_namespace::settle(millis now)
 {
-    if (!open_kernel()) {
+    now_ = now;
+    if (const auto refused = open_and_inherit()) {
+        if (is_for_good(refused->error)) {
+            throw std::runtime_error("the packet filter cannot be had: " + refused->words);
+        }
         return;
     }
-    if (!inherited_at_) {
-        inherited_at_ = now;
-        inherit();
+    if (!kernel_) {
+        return;
     }
     if (inheriting_ && now >= *inherited_at_ + LEFTOVERS_KEPT_MS) {
         end_inheritance();
     }
+    open_late_ports();
     read_news();
     mend();
     kernel_->filter.rest();
@@ -178,21 +206,35 @@ void rule_namespace::settle(millis now)
 
 // ---- What an earlier run has left ----------------------------------------------------------------------------------
 
-void rule_namespace::inherit()
+std::optional<kernel_refusal> rule_namespace::inherit()
 {
     table_picture picture;
-    if (const auto refused = read_table(picture)) {
-        throw std::runtime_error("the packet filter cannot be read: " + refused->words);
+    auto refused = wake();
+    refused = refused ? refused : read_table(picture);
+    if (refused) {
+        return refused;
     }
+    std::map<std::string, inherited_rules> left;
+    try {
+        for (const auto &[name, port] : ports_) {
+            const auto device = picture.devices.find(name);
+            if (device != picture.devices.end() && device->second == port.layout.interface) {
+                left[name] = inherited_from(picture, name);
+            }
+        }
+    } catch (const json::exception &problem) {
+        return unreadable(problem);
+    }
+    inherited_at_ = now_;
     inheriting_ = picture.exists;
     last_number_ = std::max(last_number_, highest_number(picture));
     for (auto &[name, port] : ports_) {
-        const auto device = picture.devices.find(name);
-        if (device != picture.devices.end() && device->second == port.layout.interface) {
-            port.layout.inherited = inherited_from(picture, name);
-        }
+        port.layout.inherited = std::move(left[name]);
+        port.layout.stays_closed = closes(port.layout.inherited) && !port.layout.rules.default_action;
+        port.opens_at = port.wanted_once ? std::optional(now_ + LEFTOVERS_KEPT_MS) : std::nullopt;
         port.asked = port.wanted_once || !port.layout.inherited.empty();
     }
+    return std::nullopt;
 }
 
 void rule_namespace::end_inheritance()
@@ -201,10 +243,22 @@ void rule_namespace::end_inheritance()
     for (auto &[name, port] : ports_) {
         port.expected = port.expected && port.layout.inherited.empty();
         port.layout.inherited = {};
-        port.asked = port.wanted_once;
+        port.asked = port.wanted_once || port.layout.stays_closed;
     }
     tidying_ = true;
     compare_ = true;
+}
+
+// What was asked for of a port is all that is wanted of it when its asker had time to say it.
+void rule_namespace::open_late_ports()
+{
+    for (auto &[name, port] : ports_) {
+        if (port.layout.stays_closed && port.opens_at && now_ >= *port.opens_at) {
+            port.layout.stays_closed = false;
+            port.expected = false;
+            compare_ = true;
+        }
+    }
 }
 
 // ---- What the kernel tells -----------------------------------------------------------------------------------------
@@ -263,12 +317,27 @@ std::optional<kernel_refusal> rule_namespace::read_table(table_picture &picture)
     try {
         picture = picture_of(found);
     } catch (const json::exception &problem) {
-        return kernel_refusal{EBADMSG, std::string("a listing that cannot be read: ") + problem.what()};
+        return unreadable(problem);
     }
-    for (const auto &[name, count] : picture.counters) {
-        counted_[name] = count;
+    for (const std::string &name : own_counters()) {
+        if (const auto count = picture.counters.find(name); count != picture.counters.end()) {
+            counted_[name] = count->second;
+        }
     }
     return read_devices(picture);
+}
+
+std::vector<std::string> rule_namespace::own_counters() const
+{
+    std::vector<std::string> names;
+    const auto add = [&](const std::vector<std::string> &more) { names.insert(names.end(), more.begin(), more.end()); };
+    for (const auto &[port_name, port] : ports_) {
+        add(counters_of_port(port.layout.number));
+        for (const auto &[id, number] : port.layout.numbers) {
+            add(counters_of_rule(number));
+        }
+    }
+    return names;
 }
 
 // A listing does not say at which interface a chain is.
@@ -338,24 +407,62 @@ void rule_namespace::number_anew(port_layout &layout)
     const auto before = std::exchange(layout.numbers, {});
     const uint32_t own_before = std::exchange(layout.number, 0);
     number_missing(layout);
-    layout.counted.clear();
-    const auto go_on = [&](const char *what, uint32_t from, uint32_t to) {
-        const auto found = counted_.find(what + std::to_string(from));
-        if (found != counted_.end()) {
-            layout.counted[what + std::to_string(to)] = found->second;
-            counted_.erase(found);
-        }
-    };
-    for (const char *what : {"default_accepted_", "default_dropped_"}) {
-        go_on(what, own_before, layout.number);
-    }
-    for (const auto &[id, number] : before) {
-        for (const char *what : {"accepted_", "policed_", "static_"}) {
-            if (layout.numbers.contains(id)) {
-                go_on(what, number, layout.numbers.at(id));
+    // Where the last attempt was refused, nothing has been counted under its names.
+    const auto begun = std::exchange(layout.counted, {});
+    counted_.insert(begun.begin(), begun.end());
+    const auto go_on = [&](const std::vector<std::string> &from, const std::vector<std::string> &to) {
+        for (size_t i = 0; i < from.size(); ++i) {
+            if (const auto found = counted_.find(from[i]); found != counted_.end()) {
+                layout.counted[to[i]] = found->second;
+                counted_.erase(found);
             }
         }
+    };
+    go_on(counters_of_port(own_before), counters_of_port(layout.number));
+    for (const auto &[id, number] : before) {
+        if (layout.numbers.contains(id)) {
+            go_on(counters_of_rule(number), counters_of_rule(layout.numbers.at(id)));
+        } else {
+            forget_counts(counters_of_rule(number));
+        }
     }
+}
+
+void rule_namespace::forget_counts(const std::vector<std::string> &names)
+{
+    for (const std::string &name : names) {
+        counted_.erase(name);
+    }
+}
+
+// Of rules that were removed nothing is remembered.
+void rule_namespace::forget_gone(port_layout &layout)
+{
+    const auto is_there = [&](uint32_t id) {
+        return layout.rules.dynamic_rules.contains(id) || layout.rules.static_rules.contains(id) ||
+               layout.rules.policers.contains(id);
+    };
+    for (auto numbered = layout.numbers.begin(); numbered != layout.numbers.end();) {
+        if (is_there(numbered->first)) {
+            ++numbered;
+            continue;
+        }
+        const std::vector<std::string> names = counters_of_rule(numbered->second);
+        forget_counts(names);
+        for (const std::string &name : names) {
+            layout.counted.erase(name);
+        }
+        numbered = layout.numbers.erase(numbered);
+    }
+}
+
+size_t rule_namespace::remembered() const
+{
+    size_t all = counted_.size();
+    for (const auto &[name, port] : ports_) {
+        all += port.layout.numbers.size() + port.layout.counted.size();
+    }
+    return all;
 }
 
 namespace
@@ -430,6 +537,43 @@ bool rule_namespace::has_strangers(const table_picture &picture) const
            (!remove_strangers(picture, expected_names()).empty() || (picture.exists && expected_names().empty()));
 }
 
+// Whether the table filters nothing. Asked of the kernel: the library's listing of such a table cannot be read.
+bool rule_namespace::is_asleep()
+{
+    bool asleep = false;
+    filter_message ask(NFT_MSG_GETTABLE, NFPROTO_NETDEV);
+    (void)kernel_->questions.dump(ask.head(), [&](const nlmsghdr *message) {
+        std::string table;
+        uint32_t flags = 0;
+        each_filter_attribute(message, [&](const nlattr *attribute) {
+            if (mnl_attr_get_type(attribute) == NFTA_TABLE_NAME) {
+                table = text_in(attribute);
+            } else if (mnl_attr_get_type(attribute) == NFTA_TABLE_FLAGS) {
+                flags = ntohl(number_in<uint32_t>(attribute).value_or(0));
+            }
+        });
+        asleep = asleep || (table == RULE_TABLE && (flags & NFT_TABLE_F_DORMANT) != 0);
+    });
+    return asleep;
+}
+
+// By itself: a kernel may refuse to change chains in the same transaction.
+std::optional<kernel_refusal> rule_namespace::wake()
+{
+    if (!is_asleep()) {
+        return std::nullopt;
+    }
+    auto refused = run(json::array({{{"add", whole_table()}}}));
+    if (!refused) {
+        say("all rules were put to sleep by somebody else; they are in force again");
+        ++report_.mended;
+        for (const std::string &name : std::exchange(disturbers_, {})) {
+            ++report_.disturbed_by[name];
+        }
+    }
+    return refused;
+}
+
 // Makes these ports anew in one transaction, which takes away what is not to be there as well.
 std::optional<kernel_refusal> rule_namespace::make_anew(const table_picture &picture,
                                                         const std::vector<kept_port *> &anew)
@@ -452,13 +596,44 @@ std::optional<kernel_refusal> rule_namespace::make_anew(const table_picture &pic
     if (refused && !inheriting_) {
         refused = replace_table();
     }
+    if (refused && !anew.empty()) {
+        return make_each(picture, anew);
+    }
     for (kept_port *port : anew) {
-        port->expected = !refused;
-        if (!refused) {
-            port->index = index_of(kernel_->questions, port->layout.interface);
-        }
+        note_made(*port, refused);
     }
     return refused;
+}
+
+// Each port in a transaction of its own, and nothing is taken away: it may be what a port has that is refused.
+std::optional<kernel_refusal> rule_namespace::make_each(const table_picture &picture,
+                                                        const std::vector<kept_port *> &anew)
+{
+    std::optional<kernel_refusal> first;
+    for (kept_port *port : anew) {
+        json commands = json::array({{{"add", whole_table()}}});
+        append(commands, clear_chains(picture, port->layout));
+        append(commands, make_port(port->layout));
+        const auto refused = run(commands);
+        note_made(*port, refused);
+        first = first ? first : refused;
+    }
+    return first;
+}
+
+void rule_namespace::note_made(kept_port &port, const std::optional<kernel_refusal> &refused)
+{
+    if (refused) {
+        count_refusal(*refused);
+        if (!port.refused || port.refused->words != refused->words) {
+            say(port.layout.chain + ": its rules cannot be made: " + refused->words);
+        }
+    }
+    port.refused = refused;
+    port.expected = !refused;
+    if (!refused) {
+        port.index = index_of(kernel_->questions, port.layout.interface);
+    }
 }
 
 // The last resort: whatever is in the table, it goes in the same moment in which a new one comes.
@@ -477,6 +652,9 @@ std::optional<kernel_refusal> rule_namespace::replace_table()
 
 void rule_namespace::mend()
 {
+    if (!inherited_at_) {
+        return; // what is there may be an earlier run's
+    }
     for (int pass = 0; pass < PASSES && mend_once(); ++pass) {
     }
 }
@@ -503,7 +681,9 @@ bool rule_namespace::mend_once()
         return false;
     }
     table_picture picture;
-    if (const auto refused = read_table(picture)) {
+    auto refused = wake();
+    refused = refused ? refused : read_table(picture);
+    if (refused) {
         note_refusal(*refused);
         return false;
     }
@@ -521,8 +701,10 @@ bool rule_namespace::mend_once()
     }
     read_news(); // who it was may have been told meanwhile
     tell_mended(wrong);
-    if (const auto refused = make_anew(picture, wrong)) {
-        note_refusal(*refused);
+    if (refused = make_anew(picture, wrong); refused) {
+        if (wrong.empty()) {
+            note_refusal(*refused);
+        }
         return false;
     }
     return true;
@@ -584,10 +766,15 @@ void rule_namespace::tell_mended(const std::vector<kept_port *> &wrong)
     }
 }
 
-void rule_namespace::note_refusal(const kernel_refusal &refusal)
+void rule_namespace::count_refusal(const kernel_refusal &refusal)
 {
     ++report_.refusals;
     report_.last_refusal = refusal.words;
+}
+
+void rule_namespace::note_refusal(const kernel_refusal &refusal)
+{
+    count_refusal(refusal);
     if (std::exchange(refusal_told_, refusal.words) != refusal.words) {
         say("the packet filter refuses: " + refusal.words);
     }
@@ -597,19 +784,30 @@ void rule_namespace::note_refusal(const kernel_refusal &refusal)
 
 std::optional<kernel_refusal> rule_namespace::apply(const std::string &name, const port_rules &wanted)
 {
+    if (!kernel_ || !inherited_at_) {
+        if (auto refused = open_and_inherit()) {
+            return refused;
+        }
+    }
     kept_port &port = ports_.at(name);
     const kept_port before = port;
     port.layout.rules = wanted;
+    port.layout.stays_closed = port.layout.stays_closed && !wanted.default_action;
+    if (port.layout.stays_closed && !port.opens_at) {
+        port.opens_at = now_ + LEFTOVERS_KEPT_MS;
+    }
     port.asked = port.wanted_once = true;
     const int index = kernel_ ? index_of(kernel_->questions, port.layout.interface) : 0;
     if (index == 0) {
         number_missing(port.layout);
+        forget_gone(port.layout);
         port.expected = false;
         return std::nullopt;
     }
     if (port.expected && index == port.index) {
         number_missing(port.layout);
         if (!run(change_port(port.layout, before.layout.rules))) {
+            forget_gone(port.layout);
             return std::nullopt;
         }
     }
@@ -618,7 +816,6 @@ std::optional<kernel_refusal> rule_namespace::apply(const std::string &name, con
         port = before;
         port.expected = false; // its names may have been used up
         compare_ = true;
-        note_refusal(*refused);
     }
     return refused;
 }
@@ -626,7 +823,10 @@ std::optional<kernel_refusal> rule_namespace::apply(const std::string &name, con
 std::optional<kernel_refusal> rule_namespace::make_port_anew(kept_port &port)
 {
     table_picture picture;
-    if (auto refused = read_table(picture)) {
+    auto refused = wake();
+    refused = refused ? refused : read_table(picture);
+    if (refused) {
+        note_refusal(*refused);
         return refused;
     }
     // With it every other port that is not as expected: what nobody names would be taken away.
@@ -637,10 +837,14 @@ std::optional<kernel_refusal> rule_namespace::make_port_anew(kept_port &port)
             anew.push_back(&other);
         }
     }
-    auto refused = make_anew(picture, anew);
-    port.had_interface = port.had_interface || !refused;
+    port.expected = false;
+    refused = make_anew(picture, anew);
+    port.had_interface = port.had_interface || port.expected;
     compare_ = true; // others' ports may be wrong, too
-    return refused;
+    if (port.expected) {
+        return std::nullopt; // whatever was refused of another
+    }
+    return port.refused ? port.refused : refused;
 }
 
 json rule_namespace::show()
@@ -654,7 +858,9 @@ json rule_namespace::show()
         if (port.asked) {
             shown[name] = shown_counts(port.layout, counted_);
             shown[name]["interface_present"] = kernel_ && index_of(kernel_->questions, port.layout.interface) != 0;
-            shown[name]["inherited"] = !port.layout.inherited.empty();
+            if (port.refused) {
+                shown[name]["refused"] = port.refused->words;
+            }
         }
     }
     return shown;

@@ -5,6 +5,12 @@
 // anew in one transaction, so that no port is open in between; counters go on from where they were.
 //
 // An interface that is not there lets nothing in: rules for its port are kept and made when it comes.
+//
+// Where the kernel refuses a transaction, each port has one of its own: what stands in the way of one port's rules does
+// not keep the others from theirs.
+//
+// What an earlier run has left stays in force for LEFTOVERS_KEPT_MS. A port that it left closed stays closed after
+// that, until somebody sets its default action, or has asked for something else of it LEFTOVERS_KEPT_MS ago.
 #pragma once
 
 #include "config.hpp"
@@ -44,7 +50,9 @@ public:
 
     void add_port(const std::string &port, const std::string &interface);
     void watch(const descriptor_hooks &hooks);
+    // Throws what open_and_inherit is refused for good.
     void settle(millis now);
+    size_t remembered() const;
     std::optional<kernel_refusal> apply(const std::string &port, const port_rules &wanted);
     // The counters of each port, by its name.
     json show();
@@ -52,11 +60,13 @@ public:
 private:
     struct kept_port {
         port_layout layout;
-        bool wanted_once = false;   // rules were asked for
-        bool asked = false;         // they were, or those of an earlier run are in force
-        bool expected = false;      // has been made under its numbers
-        int index = 0;              // of the interface for which it was
-        bool had_interface = false; // at any time
+        bool wanted_once = false;              // rules were asked for
+        bool asked = false;                    // they were, or those of an earlier run are in force
+        bool expected = false;                 // has been made under its numbers
+        int index = 0;                         // of the interface for which it was
+        bool had_interface = false;            // at any time
+        std::optional<kernel_refusal> refused; // why its rules could not be made
+        std::optional<millis> opens_at;        // though no default action was set
     };
     // What is open in the namespace.
     struct kernel_side {
@@ -67,11 +77,13 @@ private:
         netlink_socket link_news;
     };
 
-    bool open_kernel();
+    std::optional<kernel_refusal> open_and_inherit();
+    std::optional<kernel_refusal> open_kernel();
     void watch_kernel();
     void close_kernel();
-    void inherit();
+    std::optional<kernel_refusal> inherit();
     void end_inheritance();
+    void open_late_ports();
 
     void read_news();
     bool interfaces_differ();
@@ -82,9 +94,16 @@ private:
     std::optional<kernel_refusal> run(const json &commands);
     void number_missing(port_layout &layout);
     void number_anew(port_layout &layout);
+    void forget_gone(port_layout &layout);
+    std::vector<std::string> own_counters() const;
+    void forget_counts(const std::vector<std::string> &names);
     std::set<std::string> expected_names() const;
     bool has_strangers(const table_picture &picture) const;
     std::optional<kernel_refusal> make_anew(const table_picture &picture, const std::vector<kept_port *> &anew);
+    bool is_asleep();
+    std::optional<kernel_refusal> wake();
+    std::optional<kernel_refusal> make_each(const table_picture &picture, const std::vector<kept_port *> &anew);
+    void note_made(kept_port &port, const std::optional<kernel_refusal> &refused);
     std::optional<kernel_refusal> make_port_anew(kept_port &port);
     std::optional<kernel_refusal> replace_table();
 
@@ -95,6 +114,7 @@ private:
     void note_interfaces();
     void note_interface(kept_port &port, int index);
     void tell_mended(const std::vector<kept_port *> &wrong);
+    void count_refusal(const kernel_refusal &refusal);
     void note_refusal(const kernel_refusal &refusal);
 
     std::string name_;
@@ -106,6 +126,7 @@ private:
     uint32_t last_number_ = 0;
     std::optional<uint32_t> known_generation_; // of which everything was in order
     bool compare_ = true;                      // whatever the generation is
+    millis now_ = 0;                           // when it was settled last
     std::optional<millis> inherited_at_;       // when it was looked for what an earlier run has left
     bool inheriting_ = false;                  // and that is in force
     bool tidying_ = false;                     // what nobody expects any more is no disturbance

@@ -288,6 +288,15 @@ TEST(Configuration, RefusesANameThatTwoPortsHave)
               "f:6:10: the name \"DiPort_A1\" is IDL_A1's already, line 1");
 }
 
+TEST(Configuration, RefusesANameThatStandsForAPartOfAnotherPortsRulesWhicheverComesFirst)
+{
+    EXPECT_EQ(problems_of_port("[ports.TN_A]\ninterface='f'\nfmi_name='DiPort_A1.rules'"),
+              "f:5:10: \"DiPort_A1.rules\" is what a part of the rules of \"DiPort_A1\" is called");
+    EXPECT_EQ(problems_of_port("fmi_name='TNA.static'\n[ports.TN_A]\ninterface='f'"),
+              "f:3:10: \"TNA.static\" is what a part of the rules of \"TNA\" is called");
+    EXPECT_EQ(problems_of_port("[ports.TN_A]\ninterface='f'\nfmi_name='DiPort_A2.rules'"), "");
+}
+
 TEST(Configuration, RefusesANamespaceWhoseNameClientsOfATnPortCannotKeep)
 {
     const std::string tn = "[ports.TN_A]\ninterface = 'e'\nnamespace = '1234567890123456'\n";

@@ -319,9 +319,14 @@ void RuleTest::SetUp()
 
 void RuleTest::make_backend()
 {
+    make_backend_unsettled();
+    backend->settle(now);
+}
+
+void RuleTest::make_backend_unsettled()
+{
     backend.reset();
     backend = std::make_unique<kernel_rules>(config);
-    backend->settle(now);
 }
 
 std::string RuleTest::output_of(const std::string &command)

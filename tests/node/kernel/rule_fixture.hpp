@@ -105,6 +105,7 @@ protected:
     void SetUp() override;
 
     void make_backend();
+    void make_backend_unsettled();
     // The output of a command.
     static std::string output_of(const std::string &command);
     static nlohmann::json listing(const std::string &name_space = "near");

@@ -3,7 +3,14 @@
 
 #include "../support.hpp"
 
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
 
 namespace kap_node
 {
@@ -12,6 +19,20 @@ namespace
 
 const std::string IDL = "DiPort_A1";
 const std::string TN = "TNA";
+
+// For the rest of the life of this process.
+void refuse_every_sendto(int error)
+{
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_sendto, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {sizeof program / sizeof program[0], program};
+    ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+}
 
 class RuleKernel : public RuleTest
 {
@@ -231,7 +252,8 @@ TEST_F(RuleKernel, WhatOthersHaveInThePacketFilterIsNotTouched)
     nft("add table netdev foreign; add chain netdev foreign in { type filter hook ingress device idl_a1 priority 5; }; "
         "add rule netdev foreign in accept; add table inet filter");
     const std::string before = output_of("ip netns exec near nft list ruleset");
-    port_rules rules = closed();
+    port_rules rules;
+    rules.default_action = FMI_LET_IN;
     rules.dynamic_rules[1] = rule_for(ADDRESS, DATA);
     apply(IDL, rules);
     nft("delete table netdev kap_node");
@@ -333,6 +355,7 @@ TEST_F(RuleDisturbed, WhateverSomebodyElseDoesToTheRulesIsMendedAndCounted)
              "add chain netdev kap_node DiPort_A1 { policy accept; }",
              "add chain netdev kap_node more { type filter hook ingress device idl_a1 priority 7; policy drop; }",
              "add set netdev kap_node more { type ipv4_addr; }",
+             "add table netdev kap_node { flags dormant; }",
              "add chain netdev kap_node x; add map netdev kap_node m { type ether_addr : verdict; elements = { "
              "02:00:00:00:00:01 : jump x }; }; add rule netdev kap_node DiPort_A1 ether daddr vmap @m",
              "flush chain netdev kap_node DiPort_A1; delete chain netdev kap_node DiPort_A1; add chain netdev kap_node "
@@ -344,6 +367,154 @@ TEST_F(RuleDisturbed, WhateverSomebodyElseDoesToTheRulesIsMendedAndCounted)
         expect_mended(++times);
     }
     EXPECT_EQ(backend->show()["disturbed_by"], json({{"nft", times}}));
+}
+
+TEST_F(RuleDisturbed, RulesThatSomebodyElseHasPutToSleepAreInForceAgainAlsoWithARequest)
+{
+    nft("add table netdev kap_node { flags dormant; }");
+    port_rules rules = wanted[IDL];
+    rules.dynamic_rules.erase(3);
+    apply(IDL, rules);
+    expect_mended(1);
+    EXPECT_EQ(output_of("ip netns exec near nft list table netdev kap_node").find("dormant"), std::string::npos);
+    sender->send({}, 5);
+    EXPECT_TRUE(eventually([&] { return counters(IDL)["static_rules"][0]["dropped"]["packets"] == 5; }));
+    EXPECT_EQ(data->count(), 0u);
+}
+
+TEST_F(RuleDisturbed, OfRulesThatCameAndWentNothingIsRemembered)
+{
+    nft("flush ruleset");
+    settle();
+    (void)backend->show();
+    const size_t before = backend->remembered();
+    for (uint32_t i = 0; i < 5; ++i) {
+        const port_rules all = wanted[IDL];
+        port_rules rules = all;
+        rules.policers[100 + i] = {8000, 1000, 0, 0, 1};
+        rules.dynamic_rules[200 + i] = rule_for(ADDRESS, SUPERVISION, 100 + i);
+        rules.static_rules[300 + i] = FMI_DROP;
+        apply(IDL, rules);
+        (void)backend->show(); // reads what was counted
+        if (i % 2 == 1) {
+            nft("flush ruleset");
+            settle();
+        }
+        apply(IDL, all);
+        settle();
+    }
+    (void)backend->show();
+    EXPECT_EQ(backend->remembered(), before);
+    expect_in_order();
+}
+
+// ---- What the kernel refuses of one port ---------------------------------------------------------------------------
+
+// An interface takes 1,024 chains: here others have them all.
+class RuleRefused : public RuleDisturbed
+{
+protected:
+    static void fill(const std::string &interface)
+    {
+        std::ofstream file("/run/full.nft");
+        file << "add table netdev others\n";
+        for (int i = 0; i < 1024; ++i) {
+            file << "add chain netdev others c" << i << " { type filter hook ingress device "
+                 << interface << " priority 1; }\n";
+        }
+        file.close();
+        run("ip netns exec near nft -f /run/full.nft");
+    }
+    static void fill_in_place_of_rules()
+    {
+        nft("delete table netdev kap_node");
+        fill("idl_a1");
+    }
+    void expect_only_in_order(const std::string &port)
+    {
+        const auto seen = in_kernel();
+        const auto found = seen.find(port);
+        ASSERT_NE(found, seen.end());
+        EXPECT_EQ(found->second, sight_of(port == TN ? "tn_a" : "idl_a1", wanted[port]));
+    }
+};
+
+TEST_F(RuleRefused, OnePortsRulesKeepNoOtherPortFromItsOwn)
+{
+    fill_in_place_of_rules();
+    settle();
+    expect_only_in_order(TN);
+    EXPECT_NE(counters(IDL)["refused"], nullptr) << counters(IDL);
+    EXPECT_FALSE(counters(TN).contains("refused")) << counters(TN);
+
+    port_rules rules = wanted[TN];
+    rules.dynamic_rules[50] = rule_for(ADDRESS, DATA);
+    apply(TN, rules);
+    expect_only_in_order(TN);
+    nft("flush chain netdev kap_node TNA");
+    settle();
+    expect_only_in_order(TN);
+
+    nft("delete table netdev others");
+    settle();
+    expect_in_order();
+    EXPECT_FALSE(counters(IDL).contains("refused")) << counters(IDL);
+}
+
+TEST_F(RuleRefused, ARequestForThatPortIsRefusedAndOneForAnotherIsNot)
+{
+    fill_in_place_of_rules();
+    port_rules rules = wanted[IDL];
+    rules.dynamic_rules[50] = rule_for(OTHER_ADDRESS, DATA);
+    const auto refused = backend->apply(IDL, rules);
+    ASSERT_TRUE(refused);
+    EXPECT_NE(refused->words, "");
+    rules = wanted[TN];
+    rules.dynamic_rules[51] = rule_for(ADDRESS, DATA);
+    apply(TN, rules);
+    expect_only_in_order(TN);
+}
+
+// ---- A start that the kernel refuses in passing --------------------------------------------------------------------
+
+// Whoever makes a namespace makes its file first.
+TEST_F(RuleKernel, ARequestBeforeItsNamespaceCanBeEnteredIsRefusedAndNotConfirmedForNothing)
+{
+    run("ip -n near link del idl_a1 && touch /run/netns/later");
+    config.ports[0].name_space = "later";
+    make_backend();
+    const auto refused = backend->apply(IDL, closed());
+    ASSERT_TRUE(refused);
+    EXPECT_NE(refused->words, "");
+    run("rm /run/netns/later && ip netns add later && "
+        "ip link add idl_a1 netns later type veth peer name idl_a1 netns far");
+    settle();
+    ASSERT_FALSE(backend->apply(IDL, closed()));
+    EXPECT_EQ(in_kernel("later").at(IDL), sight_of("idl_a1", closed()));
+    run("ip netns del later");
+}
+
+// In a process of its own, from which no question gets out any more.
+TEST_F(RuleDisturbed, AStartThatIsRefusedForAMomentGoesOnAndTouchesNothing)
+{
+    const std::string before = output_of("ip netns exec near nft list ruleset");
+    const auto start_without_answers = [&] {
+        make_backend_unsettled();
+        refuse_every_sendto(ENOBUFS);
+        backend->settle(now);
+        const bool refused = backend->apply(IDL, wanted[IDL]).has_value();
+        _exit(refused && backend->show()["refusals"] > 0 ? 0 : 1);
+    };
+    EXPECT_EXIT(start_without_answers(), testing::ExitedWithCode(0), "the packet filter refuses");
+    EXPECT_EQ(output_of("ip netns exec near nft list ruleset"), before);
+}
+
+TEST_F(RuleDisturbed, AStartThatIsRefusedForGoodEnds)
+{
+    make_backend_unsettled();
+    ASSERT_EQ(seteuid(65534), 0);
+    EXPECT_THROW(backend->settle(now), std::runtime_error);
+    ASSERT_EQ(seteuid(0), 0);
 }
 
 TEST_F(RuleDisturbed, ARequestThatTheKernelHasNothingToDoForHidesNoDisturbance)
@@ -469,6 +640,17 @@ TEST_F(RuleDisturbed, ANamespaceThatIsDeletedAndMadeAnewGetsTheRulesOfItsPorts)
 
 class RuleRestart : public RuleDisturbed
 {
+protected:
+    void SetUp() override
+    {
+        RuleDisturbed::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
+        }
+        port_rules rules = wanted[TN];
+        rules.static_rules.clear();
+        apply(TN, rules);
+    }
 };
 
 TEST_F(RuleRestart, RulesOfAnEarlierRunStayInForceForTenSecondsAndGoThen)
@@ -484,8 +666,106 @@ TEST_F(RuleRestart, RulesOfAnEarlierRunStayInForceForTenSecondsAndGoThen)
     EXPECT_TRUE(eventually([&] { return data->count() == 4; }));
     now += 1;
     settle();
-    EXPECT_EQ(listing(), json::array());
+    wanted = {{IDL, closed()}};
+    expect_in_order();
     EXPECT_EQ(backend->show()["mended"], 0);
+}
+
+TEST_F(RuleRestart, APortLeftClosedStaysClosedUntilItsDefaultActionIsSet)
+{
+    make_backend();
+    now += 10 * LEFTOVERS_KEPT_MS;
+    settle();
+    sender->send({}, 4);
+    EXPECT_TRUE(eventually([&] { return default_count("dropped") == 4; })) << counters(IDL);
+    EXPECT_EQ(counters(IDL)["stays_closed"], true);
+    nft("flush ruleset");
+    settle();
+    wanted = {{IDL, closed()}};
+    expect_in_order();
+
+    make_backend(); // one more restart makes no difference
+    now += LEFTOVERS_KEPT_MS;
+    settle();
+    expect_in_order();
+
+    port_rules rules;
+    rules.dynamic_rules[1] = rule_for(OTHER_ADDRESS, DATA);
+    ASSERT_FALSE(backend->apply(IDL, rules));
+    sender->send({}, 3);
+    sender->send({.to = OTHER_ADDRESS}, 2);
+    EXPECT_TRUE(eventually([&] { return data->count() == 2; })) << "a rule comes before the default action";
+    rules.default_action = FMI_LET_IN;
+    apply(IDL, rules);
+    sender->send({}, 3);
+    EXPECT_TRUE(eventually([&] { return data->count() == 5; }));
+    expect_in_order();
+    EXPECT_EQ(counters(IDL)["stays_closed"], false);
+}
+
+TEST_F(RuleRestart, APortLeftClosedIsWhatItsLateAskerHasMadeOfItWhenThatHadTimeToSayAll)
+{
+    make_backend();
+    now += 2 * LEFTOVERS_KEPT_MS;
+    settle();
+    port_rules rules;
+    rules.dynamic_rules[1] = rule_for(OTHER_ADDRESS, DATA);
+    wanted.clear();
+    apply(IDL, rules);
+    now += LEFTOVERS_KEPT_MS - 1;
+    settle();
+    sender->send({}, 4);
+    EXPECT_TRUE(eventually([&] { return default_count("dropped") == 4; })) << counters(IDL);
+    now += 1;
+    settle();
+    expect_in_order();
+    EXPECT_EQ(data->count(), 0u);
+}
+
+TEST_F(RuleRestart, APortThatAStaticRuleLeftClosedStaysClosedAndOneThatItLeftOpenIsOpened)
+{
+    port_rules shut;
+    shut.default_action = FMI_LET_IN;
+    shut.static_rules[1] = FMI_DROP;
+    apply(IDL, shut);
+    port_rules open = closed();
+    open.static_rules[2] = FMI_LET_IN;
+    apply(TN, open);
+    make_backend();
+    now += LEFTOVERS_KEPT_MS;
+    settle();
+    wanted = {{IDL, closed()}};
+    expect_in_order();
+}
+
+TEST_F(RuleRestart, RulesThatSleepAreTakenOverAwake)
+{
+    nft("add table netdev kap_node { flags dormant; }");
+    make_backend();
+    sender->send({}, 2);
+    sender->send({.to = OTHER_ADDRESS}, 3);
+    EXPECT_TRUE(eventually([&] { return data->count() == 2; }));
+    now += LEFTOVERS_KEPT_MS;
+    settle();
+    wanted = {{IDL, closed()}};
+    expect_in_order();
+}
+
+TEST_F(RuleRestart, RulesThatSomebodyElsePutAmongOursAreNotTakenOver)
+{
+    nft("add rule netdev kap_node DiPort_A1.rules accept; flush chain netdev kap_node DiPort_A1; "
+        "add rule netdev kap_node DiPort_A1 meta pkttype set host accept");
+    make_backend();
+    settle();
+    sender->send({}, 1);
+    EXPECT_TRUE(eventually([&] { return data->count() == 1; }));
+    sender->send({.to = {2, 0, 0, 0, 0, 9}}, 3);
+    EXPECT_TRUE(eventually([&] { return listing().dump().find("pkttype") == std::string::npos; }));
+    now += LEFTOVERS_KEPT_MS;
+    settle();
+    wanted = {{IDL, closed()}};
+    expect_in_order();
+    EXPECT_EQ(data->count(), 1u);
 }
 
 TEST_F(RuleRestart, WhatIsAskedForAnewWorksAtOnceAndIsAllThereIsAfterTenSeconds)

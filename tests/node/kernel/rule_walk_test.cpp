@@ -185,6 +185,9 @@ protected:
         wanted.clear();
         for (const auto &[port, counts] : shown["kernel"]["ports"].items()) {
             wanted[port] = kept_of(shown, port);
+            if (counts["stays_closed"] == true) {
+                wanted[port].default_action = FMI_DROP;
+            }
         }
         expect_in_order();
         EXPECT_EQ(shown["kernel"]["refusals"], 0) << shown["kernel"];
