@@ -33,6 +33,25 @@ inline bool mac_equal(const mac_address &a, const mac_address &b) { return memcm
 #define MAC_FMT "%02X:%02X:%02X:%02X:%02X:%02X"
 #define MAC_ARGS(m) (m).byte[0], (m).byte[1], (m).byte[2], (m).byte[3], (m).byte[4], (m).byte[5]
 
+// Numbers with names, from one list X(value, name, ...): an enum, and the function that names its values. What is not
+// in the list is `unknown`.
+#define VORN_ENUMERATOR(value, name, ...) name = (value),
+#define VORN_NAME_OF(value, name, ...)                                                                                 \
+    case value:                                                                                                        \
+        return #name;
+#define VORN_NAMED_ENUM(type, LIST, name_of, unknown)                                                                  \
+    enum type : uint32_t {                                                                                             \
+        LIST(VORN_ENUMERATOR)                                                                                          \
+    };                                                                                                                 \
+    inline const char *name_of(uint32_t value)                                                                         \
+    {                                                                                                                  \
+        switch (value) {                                                                                               \
+            LIST(VORN_NAME_OF)                                                                                         \
+        }                                                                                                              \
+        return unknown;                                                                                                \
+    }                                                                                                                  \
+    static_assert(true) // takes the semicolon
+
 // Port names are significant over this many characters.
 inline constexpr size_t PORT_NAME_LEN = 16;
 

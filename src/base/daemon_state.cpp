@@ -1,4 +1,4 @@
-// The daemon's state and its services, kept and named; nothing follows from them here: see daemon_state.hpp.
+// The daemon's state and its services, kept; nothing follows from them here: see daemon_state.hpp.
 #include "daemon_state.hpp"
 
 namespace
@@ -30,41 +30,3 @@ void set_service_up(kap_vorn_service service, bool up) { services = up ? service
 bool is_aasi_service_up() { return aasi_up; }
 
 void set_aasi_service_up(bool up) { aasi_up = up; }
-
-const char *manager_state_to_string(uint32_t value)
-{
-    switch (value) {
-    case KAP_VORN_INIT:
-        return "KAP_VORN_INIT";
-    case KAP_VORN_INITIATING:
-        return "KAP_VORN_INITIATING";
-    case KAP_VORN_SERVICES_UP:
-        return "KAP_VORN_SERVICES_UP";
-    case KAP_VORN_INITIATED:
-        return "KAP_VORN_INITIATED";
-    case KAP_VORN_FAULTY_STATE:
-        return "KAP_VORN_FAULTY_STATE";
-    default:
-        return "UNKNOWN_STATE";
-    }
-}
-
-const char *service_to_string(uint32_t service)
-{
-    switch (service) {
-    case KAP_VORN_NO_SERVICE:
-        return "KAP_VORN_NO_SERVICE";
-    case KAP_VORN_PMI_SERVICE:
-        return "KAP_VORN_PMI_SERVICE";
-    case KAP_VORN_EMI_SERVICE:
-        return "KAP_VORN_EMI_SERVICE";
-    case KAP_VORN_FMI_SERVICE:
-        return "KAP_VORN_FMI_SERVICE";
-    case KAP_VORN_IEPCSI_SERVICE:
-        return "KAP_VORN_IEPCSI_SERVICE";
-    case KAP_VORN_ALL_SERVICES_UP:
-        return "KAP_VORN_ALL_SERVICES_UP";
-    default:
-        return "UNKNOWN_SERVICE";
-    }
-}

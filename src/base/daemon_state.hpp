@@ -2,24 +2,26 @@
 // is the manager's business (manager_state.hpp), which is the only one that writes here.
 #pragma once
 
-#include <cstdint>
+#include "vorn_types.hpp"
 
-enum kap_vorn_state : uint32_t {
-    KAP_VORN_INIT = 0,
-    KAP_VORN_INITIATING = 1,
-    KAP_VORN_SERVICES_UP = 2,
-    KAP_VORN_INITIATED = 3,
-    KAP_VORN_FAULTY_STATE = 4,
-};
+#define KAP_VORN_STATES(X)                                                                                             \
+    X(0, KAP_VORN_INIT)                                                                                                \
+    X(1, KAP_VORN_INITIATING)                                                                                          \
+    X(2, KAP_VORN_SERVICES_UP)                                                                                         \
+    X(3, KAP_VORN_INITIATED)                                                                                           \
+    X(4, KAP_VORN_FAULTY_STATE)
 
-enum kap_vorn_service : uint32_t {
-    KAP_VORN_NO_SERVICE = 0,
-    KAP_VORN_PMI_SERVICE = 1,
-    KAP_VORN_EMI_SERVICE = 2,
-    KAP_VORN_FMI_SERVICE = 4,
-    KAP_VORN_IEPCSI_SERVICE = 8,
-    KAP_VORN_ALL_SERVICES_UP = 15,
-};
+VORN_NAMED_ENUM(kap_vorn_state, KAP_VORN_STATES, manager_state_to_string, "UNKNOWN_STATE");
+
+#define KAP_VORN_SERVICES(X)                                                                                           \
+    X(0, KAP_VORN_NO_SERVICE)                                                                                          \
+    X(1, KAP_VORN_PMI_SERVICE)                                                                                         \
+    X(2, KAP_VORN_EMI_SERVICE)                                                                                         \
+    X(4, KAP_VORN_FMI_SERVICE)                                                                                         \
+    X(8, KAP_VORN_IEPCSI_SERVICE)                                                                                      \
+    X(15, KAP_VORN_ALL_SERVICES_UP)
+
+VORN_NAMED_ENUM(kap_vorn_service, KAP_VORN_SERVICES, service_to_string, "UNKNOWN_SERVICE");
 
 // State KAP_VORN_INIT, no service, no automation agent.
 void manager_state_reset();
@@ -33,6 +35,3 @@ void set_service_up(kap_vorn_service service, bool up);
 
 bool is_aasi_service_up();
 void set_aasi_service_up(bool up);
-
-const char *manager_state_to_string(uint32_t state);
-const char *service_to_string(uint32_t service);

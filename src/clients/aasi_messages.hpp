@@ -13,7 +13,7 @@ inline constexpr uint32_t AASI_LATENCY_REQ = 30;
 inline constexpr uint32_t AASI_SERVICE_VORN_PATHS = 1;
 inline constexpr size_t AASI_PORT_NAME_LEN = 32;
 
-// Numbers and names: one list for the enum and for aasi_msg_to_string.
+// Numbers and names.
 #define AASI_MESSAGES(X)                                                                                               \
     X(0x1A00440, AUTOMATIONAGENTSI_CONNECTION_ESTABLISHMENT_REQ)                                                       \
     X(0x1A00443, AUTOMATIONAGENTSI_VORN_PATH_CREATE_REQ)                                                               \
@@ -27,45 +27,11 @@ inline constexpr size_t AASI_PORT_NAME_LEN = 32;
     X(0x1A004C6, AUTOMATIONAGENTSI_VORN_PATH_DELETE_CFM)                                                               \
     X(0x1A004C7, AUTOMATIONAGENTSI_CONFIG_UPDATE_IND)
 
-enum aasi_msg_number : uint32_t {
-#define X(number, name) name = (number),
-    AASI_MESSAGES(X)
-#undef X
-};
+VORN_NAMED_ENUM(aasi_msg_number, AASI_MESSAGES, aasi_msg_to_string, "<Unknown>");
 
 #define AASI_REJECT_REASONS(X) X(0, AUTOMATIONAGENTSI_NO_COMMONLY_SUPPORTED_PROTOCOL_VERSION)
 
-enum aasi_reject_reason : uint32_t {
-#define X(value, name) name = (value),
-    AASI_REJECT_REASONS(X)
-#undef X
-};
-
-inline const char *aasi_msg_to_string(uint32_t msgno)
-{
-    switch (msgno) {
-#define X(number, name)                                                                                                \
-    case name:                                                                                                         \
-        return #name;
-        AASI_MESSAGES(X)
-#undef X
-    default:
-        return "<Unknown>";
-    }
-}
-
-inline const char *aasi_rej_reason_to_string(uint32_t reason)
-{
-    switch (reason) {
-#define X(value, name)                                                                                                 \
-    case name:                                                                                                         \
-        return #name;
-        AASI_REJECT_REASONS(X)
-#undef X
-    default:
-        return "UNKNOWN_REJECT_REASON";
-    }
-}
+VORN_NAMED_ENUM(aasi_reject_reason, AASI_REJECT_REASONS, aasi_rej_reason_to_string, "UNKNOWN_REJECT_REASON");
 
 // Create and update.
 struct aasi_path_req {

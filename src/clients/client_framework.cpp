@@ -1,19 +1,8 @@
 // The common half of every client: see client_framework.hpp.
 #include "client_framework.hpp"
 
-#include "vorn_trace.hpp"
-
 namespace
 {
-
-constexpr size_t COUNT_OFFSET = 12;
-
-uint32_t count_of(const itc_msg *msg)
-{
-    be32 count;
-    memcpy(&count, reinterpret_cast<const uint8_t *>(msg) + COUNT_OFFSET, sizeof count);
-    return from_be32(count);
-}
 
 bool has_handler(const client_record *client)
 {
@@ -24,10 +13,23 @@ bool has_handler(const client_record *client)
     return true;
 }
 
-void locate_server(client_record *client, const client_discovery &discovery)
+// An event that equals the one raised last is swallowed.
+void raise_service_event(client_record *client, uint32_t event)
 {
-    auto *up = static_cast<itc_msg *>(client_alloc_msg(client, sizeof(client_plain_msg), discovery.server_up_ind));
-    itc_locate_async(discovery.server_name, &up, client->own_mbox);
+    if (event != 0 && has_handler(client) && client->service_event.service.id != event) {
+        client->service_event.service.id = event;
+        client->handler(&client->service_event);
+    }
+}
+
+// Never swallowed. `procedure_ref`: of the answer that the manager waits for.
+void raise_result(client_record *client, uint32_t code, uint32_t procedure_ref)
+{
+    if (code != 0 && has_handler(client)) {
+        client->result.result.code = code;
+        client->result.result.procedure_ref = procedure_ref;
+        client->handler(&client->result);
+    }
 }
 
 // The character behind a conversion; `p` stands behind its "%".
@@ -42,41 +44,140 @@ const char *skip_conversion(const char *p)
     return *p == '\0' ? p : p + 1;
 }
 
-const client_message *find_message(const client_message *messages, size_t count, uint32_t msgno)
+const client_step *find_step(const client_protocol &protocol, uint32_t msgno)
 {
-    if (msgno < messages[0].msgno || msgno > messages[count - 1].msgno) {
-        return nullptr;
-    }
-    for (size_t i = 0; i < count; ++i) {
-        if (messages[i].msgno == msgno) {
-            return &messages[i];
+    for (size_t i = 0; i < protocol.step_count; ++i) {
+        if (protocol.steps[i].msgno == msgno) {
+            return &protocol.steps[i];
         }
     }
     return nullptr;
 }
 
+bool is_whole(const client_step &step, const client_input &in, const char *name)
+{
+    return client_is_long_enough(in.msg, step.min_size, name) &&
+           client_is_long_enough(in.msg, step.min_size + static_cast<uint64_t>(step.entry_size) * in.word, name);
+}
+
+void follow(client_record *client, const client_protocol &protocol, const client_step &step, client_verdict verdict)
+{
+    switch (verdict) {
+    case CLIENT_TAKEN:
+        client_enter(client, step.outcome.next, step.outcome.event, STATE_THEN_EVENT);
+        break;
+    case CLIENT_TAKEN_EVENT_FIRST:
+        client_enter(client, step.outcome.next, step.outcome.event, EVENT_THEN_STATE);
+        break;
+    case CLIENT_IGNORED:
+        break;
+    case CLIENT_REFUSED:
+        client_enter(client, protocol.faulty_state, protocol.faulty_event, EVENT_THEN_STATE);
+        break;
+    case CLIENT_REFUSED_AT_ONCE:
+        client_enter(client, protocol.faulty_state, protocol.faulty_event, STATE_THEN_EVENT);
+        break;
+    }
+}
+
+void take(client_record *client, const client_protocol &protocol, const client_step &step, const client_input &in)
+{
+    if (step.trace != nullptr) {
+        step.trace(in);
+    }
+    if (step.need.state != CLIENT_ANY_STATE && step.need.state != client->state) {
+        step.need.notice(protocol.state_name(client->state));
+        follow(client, protocol, step, step.need.misfit);
+    } else {
+        follow(client, protocol, step, step.act != nullptr ? step.act(in) : CLIENT_TAKEN);
+        raise_result(client, step.outcome.result, in.procedure_ref);
+    }
+    if (step.afterwards != nullptr) {
+        step.afterwards();
+    }
+}
+
 } // namespace
 
-client_init_result client_init(client_record *client, client_event_handler handler, const client_discovery &discovery)
+bool client_dispatch(client_record *client, const client_protocol &protocol, const itc_msg *msg)
+{
+    const client_step *step = find_step(protocol, msg->msgno);
+    if (step == nullptr) {
+        return false;
+    }
+    const client_input in = client_decode(msg);
+    if (is_whole(*step, in, protocol.message_name(msg->msgno))) {
+        take(client, protocol, *step, in);
+    }
+    return true;
+}
+
+bool client_is_long_enough(const itc_msg *msg, uint64_t min_size, const char *name)
+{
+    if (itc_size(msg) < min_size) {
+        VORN_TRACE(TRACE_ERROR, "%s too short: %zu bytes", name, itc_size(msg));
+        return false;
+    }
+    return true;
+}
+
+uint32_t client_word(const itc_msg *msg, size_t offset)
+{
+    be32 word = {};
+    if (itc_size(msg) >= offset + sizeof word) {
+        memcpy(&word, reinterpret_cast<const uint8_t *>(msg) + offset, sizeof word);
+    }
+    return from_be32(word);
+}
+
+client_input client_decode(const itc_msg *msg)
+{
+    return {msg, client_word(msg, offsetof(client_header, procedure_ref)),
+            client_word(msg, offsetof(client_header, connection_ref)), client_word(msg, sizeof(client_header))};
+}
+
+bool client_lists(const client_input &in, size_t entry_size, uint32_t value)
+{
+    for (uint32_t i = 0; i < in.word; ++i) {
+        if (client_word(in.msg, sizeof(client_capability_cfm) + i * entry_size) == value) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool client_begin(client_record *client, client_event_handler handler, const client_protocol &protocol)
 {
     if (handler == nullptr) {
         VORN_TRACE(TRACE_ERROR, "CB event is NULL");
-        return CLIENT_INIT_NO_HANDLER;
+        return false;
     }
     client->handler = handler;
     if (client->state != 0) {
         VORN_TRACE(TRACE_WARNING, "WARNING: Client in wrong state");
-        itc_unmonitor(client->monitor_id);
-        discovery.reset();
-        client->state = 0;
+        if (protocol.server_up_ind != 0) {
+            itc_unmonitor(client->monitor_id);
+        }
+        protocol.reset();
+        client_enter(client, 0, 0, STATE_THEN_EVENT);
     }
     client->own_mbox = itc_current_mbox();
     if (client->own_mbox == ITC_NO_MBOX) {
         VORN_TRACE(TRACE_ERROR, "Own mailbox is 0!");
-        return CLIENT_INIT_NO_MAILBOX;
+        if (protocol.faulty_without_mailbox) {
+            client_enter(client, protocol.faulty_state, protocol.faulty_event, STATE_THEN_EVENT);
+        }
+        return false;
     }
-    locate_server(client, discovery);
-    return CLIENT_INIT_LOCATING;
+    return true;
+}
+
+void client_init(client_record *client, client_event_handler handler, const client_protocol &protocol)
+{
+    if (client_begin(client, handler, protocol)) {
+        auto *up = static_cast<itc_msg *>(client_alloc_msg(client, sizeof(client_plain_msg), protocol.server_up_ind));
+        itc_locate_async(protocol.server_name, &up, client->own_mbox);
+    }
 }
 
 void client_watch_server(client_record *client, const itc_msg *server_up, uint32_t server_down_ind)
@@ -86,14 +187,13 @@ void client_watch_server(client_record *client, const itc_msg *server_up, uint32
     client->monitor_id = itc_monitor(client->server_mbox, &down);
 }
 
-void client_lose_server(client_record *client, client_reset_function reset, uint32_t down_event)
+client_verdict client_forget_server(client_record *client, void (*reset)())
 {
     itc_unmonitor(client->monitor_id);
-    client->state = 0;
     const uint32_t last_raised = client->service_event.service.id;
     reset();
     client->service_event.service.id = last_raised;
-    client_raise_service_event(client, down_event);
+    return CLIENT_TAKEN;
 }
 
 void client_reset(client_record *client)
@@ -105,6 +205,26 @@ void client_reset(client_record *client)
     client->monitor_id = 0;
     memset(client->service_event.word, 0, sizeof client->service_event.word);
     memset(client->result.word, 0, sizeof client->result.word);
+}
+
+void client_enter(client_record *client, client_state state, uint32_t event, client_order order)
+{
+    if (order == EVENT_THEN_STATE) {
+        raise_service_event(client, event);
+    }
+    if (state != CLIENT_SAME_STATE) {
+        client->state = state;
+    }
+    if (order == STATE_THEN_EVENT) {
+        raise_service_event(client, event);
+    }
+}
+
+void client_raise_event(const client_record *client, const client_event &event)
+{
+    if (has_handler(client)) {
+        client->handler(&event);
+    }
 }
 
 void *client_alloc_msg(client_record *client, size_t size, uint32_t msgno)
@@ -132,71 +252,11 @@ client_conn_establish_req *client_alloc_conn_req(client_record *client, uint32_t
     return req;
 }
 
-void client_send(const client_record *client, void *msg)
+uint32_t client_send(const client_record *client, void *msg)
 {
     auto *owned = static_cast<itc_msg *>(msg);
     itc_send(&owned, client->server_mbox, client->own_mbox);
-}
-
-void client_raise_service_event(client_record *client, uint32_t event)
-{
-    if (!has_handler(client) || client->service_event.service.id == event) {
-        return;
-    }
-    client->service_event.service.id = event;
-    client->handler(&client->service_event);
-}
-
-void client_raise_result(client_record *client, uint32_t code, const itc_msg *msg)
-{
-    if (!has_handler(client)) {
-        return;
-    }
-    client->result.result.code = code;
-    client->result.result.procedure_ref = client_procedure_ref(msg);
-    client->handler(&client->result);
-}
-
-void client_raise_event(const client_record *client, const client_event &event)
-{
-    if (has_handler(client)) {
-        client->handler(&event);
-    }
-}
-
-void client_fail(client_record *client, uint32_t faulty_event, client_state faulty_state)
-{
-    client_raise_service_event(client, faulty_event);
-    client->state = faulty_state;
-}
-
-bool client_is_long_enough(const itc_msg *msg, uint64_t min_size, const char *name)
-{
-    if (itc_size(msg) < min_size) {
-        VORN_TRACE(TRACE_ERROR, "%s too short: %zu bytes", name, itc_size(msg));
-        return false;
-    }
-    return true;
-}
-
-bool client_dispatch(const client_message *messages, size_t count, const char *(*name)(uint32_t msgno),
-                     const itc_msg *msg)
-{
-    const client_message *found = find_message(messages, count, msg->msgno);
-    if (found == nullptr) {
-        return false;
-    }
-    if (!client_is_long_enough(msg, found->min_size, name(msg->msgno))) {
-        return true;
-    }
-    if (found->entry_size != 0) {
-        const uint64_t list = static_cast<uint64_t>(found->entry_size) * count_of(msg);
-        if (!client_is_long_enough(msg, found->min_size + list, name(msg->msgno))) {
-            return true;
-        }
-    }
-    found->handle(msg);
-    return true;
+    return client->procedure_ref;
 }
 
 const char *client_state_text(const char *const *texts, size_t count, client_state state)

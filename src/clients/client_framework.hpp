@@ -1,11 +1,15 @@
 // What the clients of the lower-layer services share: the record that each keeps, finding and watching its server,
-// building and sending messages, raising events, and a dispatcher that measures a message before anybody reads it.
+// building and sending messages, raising events, and the stepper that takes every received message through the client's
+// table.
 //
-// It knows no protocol: numbers, layouts, trace texts and the order of a protocol's own steps belong to its module,
-// which owns its record. The state is written by the modules; only the way back to INIT and failing are written here.
+// It knows no protocol: numbers, layouts, trace texts and what a protocol does of its own stand in its module, which
+// owns its record and its table. The state is written here, in one place (client_enter).
 #pragma once
 
+#include <iterator>
+
 #include "client_messages.hpp"
+#include "vorn_trace.hpp"
 
 // Where a client stands. Each names the values for itself; INIT is 0 in every one.
 using client_state = uint32_t;
@@ -23,35 +27,131 @@ struct client_record {
     client_event result = {PROCEDURE_RESULT_EVENT, {}};
 };
 
+// ---- A protocol: the table of what its messages do ----
+
+// A received message, its header and its first field decoded. What a message is too short for is 0.
+struct client_input {
+    const itc_msg *msg;
+    uint32_t procedure_ref;
+    uint32_t connection_ref;
+    uint32_t word; // the field behind the header: a count, a version, a reason
+};
+
+enum client_order : uint32_t {
+    STATE_THEN_EVENT,
+    EVENT_THEN_STATE,
+};
+
+// What becomes of a message. A handler of its event sees the state that the order says.
+enum client_verdict : uint32_t {
+    CLIENT_TAKEN,             // next state, then event, as the table says
+    CLIENT_TAKEN_EVENT_FIRST, // event, then next state
+    CLIENT_IGNORED,           // nothing follows
+    CLIENT_REFUSED,           // the faulty event, then the faulty state
+    CLIENT_REFUSED_AT_ONCE,   // the faulty state, then the faulty event
+};
+
+// In place of a state.
+inline constexpr client_state CLIENT_ANY_STATE = 0xFFFFFFFF;
+inline constexpr client_state CLIENT_NO_STATE = 0xFFFFFFFE;
+inline constexpr client_state CLIENT_SAME_STATE = 0xFFFFFFFD;
+
+// The state in which a message is right. In any other it is noticed, and makes the client faulty or is dropped.
+struct client_need {
+    client_state state;
+    void (*notice)(const char *state);
+    client_verdict misfit;
+};
+inline constexpr client_need IN_ANY_STATE = {CLIENT_ANY_STATE, nullptr, CLIENT_IGNORED};
+constexpr client_need only_in(client_state state, void (*notice)(const char *))
+{
+    return {state, notice, CLIENT_REFUSED};
+}
+constexpr client_need dropped_unless(client_state state, void (*notice)(const char *))
+{
+    return {state, notice, CLIENT_IGNORED};
+}
+constexpr client_need never_right(void (*notice)(const char *)) { return only_in(CLIENT_NO_STATE, notice); }
+
+// What follows from a message that was right.
+struct client_outcome {
+    client_state next;
+    uint32_t event;  // service_event, raised in the new state; 0: none
+    uint32_t result; // procedure_result with the message's procedure_ref, 0: none
+};
+inline constexpr client_outcome STAYS = {CLIENT_SAME_STATE, 0, 0};
+constexpr client_outcome goes_to(client_state next, uint32_t event = 0) { return {next, event, 0}; }
+constexpr client_outcome reports(uint32_t result) { return {CLIENT_SAME_STATE, 0, result}; }
+
+// One message of a protocol.
+struct client_step {
+    uint32_t msgno;
+    size_t min_size;
+    void (*trace)(const client_input &in); // in every state; null: `act` traces
+    client_need need;
+    client_outcome outcome;
+    client_verdict (*act)(const client_input &in) = nullptr; // before the state is left; null: CLIENT_TAKEN
+    size_t entry_size = 0;          // of the entries behind min_size, counted by `word`; 0: no list
+    void (*afterwards)() = nullptr; // in every state
+};
+
+struct client_protocol {
+    const char *server_name;
+    uint32_t server_up_ind; // 0: the server is found in another way, and not watched
+    void (*reset)();        // frees what a module keeps beside its record, and resets the record
+    uint32_t faulty_event;
+    client_state faulty_state;
+    bool faulty_without_mailbox; // else it stays in INIT
+    const char *(*state_name)(uint32_t state);
+    const char *(*message_name)(uint32_t msgno);
+    const client_step *steps;
+    size_t step_count;
+};
+
+// The traces of a table. The first prints the two references of the message and what is given behind the format, the
+// second what is given, the others the name of the state, or nothing.
+#define CLIENT_RECEIVED(format, ...)                                                                                   \
+    CLIENT_RECEIVED_AS(format, in.connection_ref, in.procedure_ref __VA_OPT__(, ) __VA_ARGS__)
+#define CLIENT_RECEIVED_AS(...)                                                                                        \
+    [](const client_input &in) { VORN_TRACE_REC(in.msg->msgno, itc_sender(in.msg), __VA_ARGS__); }
+#define CLIENT_NOTICE(level, format) [](const char *state) { VORN_TRACE(level, format, state); }
+#define CLIENT_REMARK(level, text) [](const char *) { VORN_TRACE(level, text); }
+
+// True when the message is one of the protocol's; one that is shorter than its layout or its own count is traced and
+// goes no further.
+bool client_dispatch(client_record *client, const client_protocol &protocol, const itc_msg *msg);
+
+// Traces and returns false when the message is shorter than that.
+bool client_is_long_enough(const itc_msg *msg, uint64_t min_size, const char *name);
+// The header and the first field.
+client_input client_decode(const itc_msg *msg);
+// A field of 32 bits; 0 behind the end of the message.
+uint32_t client_word(const itc_msg *msg, size_t offset);
+// Whether an entry of the list that `in` counts begins with this value.
+bool client_lists(const client_input &in, size_t entry_size, uint32_t value);
+
 // ---- Finding the server ----
 
-// Frees what a module keeps beside its record and resets the record.
-using client_reset_function = void (*)();
-
-struct client_discovery {
-    const char *server_name;
-    uint32_t server_up_ind;
-    client_reset_function reset;
-};
-
-enum client_init_result {
-    CLIENT_INIT_NO_HANDLER,
-    CLIENT_INIT_NO_MAILBOX,
-    CLIENT_INIT_LOCATING,
-};
-
-// Takes the handler, leaves whatever state there was, and looks for the server by its name.
-client_init_result client_init(client_record *client, client_event_handler handler, const client_discovery &discovery);
+// Takes the handler, leaves whatever state there was, and asks for its own mailbox. False: traced, and that was all.
+bool client_begin(client_record *client, client_event_handler handler, const client_protocol &protocol);
+// The same, and looks for the server by its name; the server-up indication tells when it is there.
+void client_init(client_record *client, client_event_handler handler, const client_protocol &protocol);
 
 // The server is the sender of the server-up indication; its death is asked for as `server_down_ind`.
 void client_watch_server(client_record *client, const itc_msg *server_up, uint32_t server_down_ind);
-
-// The server is gone: back to INIT, everything forgotten but the event raised last, so that a second notice of the
-// same death is swallowed.
-void client_lose_server(client_record *client, client_reset_function reset, uint32_t down_event);
+// The server is gone: everything is forgotten but the event raised last, so that a second notice of the same death is
+// swallowed.
+client_verdict client_forget_server(client_record *client, void (*reset)());
 
 // Everything but state and handler.
 void client_reset(client_record *client);
+
+// ---- State and events ----
+
+// The one place that sets a state. `event` 0: none.
+void client_enter(client_record *client, client_state state, uint32_t event, client_order order);
+// Never swallowed, and not remembered.
+void client_raise_event(const client_record *client, const client_event &event);
 
 // ---- Messages ----
 
@@ -59,39 +159,15 @@ void client_reset(client_record *client);
 void *client_alloc_msg(client_record *client, size_t size, uint32_t msgno);
 // The same with the server's connection_ref.
 void *client_alloc_request(client_record *client, size_t size, uint32_t msgno);
+template <typename Request> Request *client_alloc_request(client_record *client, uint32_t msgno, size_t more = 0)
+{
+    return static_cast<Request *>(client_alloc_request(client, sizeof(Request) + more, msgno));
+}
 // A connection request that offers version 1.
 client_conn_establish_req *client_alloc_conn_req(client_record *client, uint32_t msgno, uint32_t proposed_ref);
 
-// The message belongs to ITC afterwards.
-void client_send(const client_record *client, void *msg);
-
-// ---- Events ----
-
-// An event that equals the one raised last is swallowed.
-void client_raise_service_event(client_record *client, uint32_t event);
-// Never swallowed. `msg`: the answer whose procedure_ref the manager waits for.
-void client_raise_result(client_record *client, uint32_t code, const itc_msg *msg);
-// Never swallowed, and not remembered.
-void client_raise_event(const client_record *client, const client_event &event);
-// Raises the faulty event, then enters the faulty state.
-void client_fail(client_record *client, uint32_t faulty_event, client_state faulty_state);
-
-// ---- Dispatch ----
-
-struct client_message {
-    uint32_t msgno;
-    size_t min_size;
-    size_t entry_size; // of the entries behind min_size, counted by the field at offset 12; 0: no list
-    void (*handle)(const itc_msg *msg);
-};
-
-// `messages` in ascending order of their numbers. True when the message is one of them; one that is shorter than its
-// layout or its own count is traced and goes no further.
-bool client_dispatch(const client_message *messages, size_t count, const char *(*name)(uint32_t msgno),
-                     const itc_msg *msg);
-
-// Traces and returns false when the message is shorter than that.
-bool client_is_long_enough(const itc_msg *msg, uint64_t min_size, const char *name);
+// The message belongs to ITC afterwards. Returns its procedure_ref.
+uint32_t client_send(const client_record *client, void *msg);
 
 // ---- Texts ----
 
@@ -99,22 +175,12 @@ const char *client_state_text(const char *const *texts, size_t count, client_sta
 
 // Copies at most `bound` characters of `text`, cut to the field, always terminated.
 void client_copy_text(char *field, size_t size, const char *text, size_t bound);
+template <size_t N, size_t M> void client_copy_field(char (&field)[N], const char (&from)[M])
+{
+    client_copy_text(field, N, from, M);
+}
 // How many bytes of a message lie behind `offset`.
 size_t client_tail_size(const itc_msg *msg, size_t offset);
 // Copies a text that stands as the format of a print without arguments: "%%" becomes "%", any other conversion prints
 // nothing. Cut to the field, always terminated.
 void client_copy_as_format(char *field, size_t size, const char *text);
-
-// ---- The header of a received message ----
-
-inline const client_header *client_header_of(const itc_msg *msg)
-{
-    return reinterpret_cast<const client_header *>(msg);
-}
-inline uint32_t client_procedure_ref(const itc_msg *msg) { return from_be32(client_header_of(msg)->procedure_ref); }
-inline uint32_t client_connection_ref(const itc_msg *msg) { return from_be32(client_header_of(msg)->connection_ref); }
-// The reason of a client_rej.
-inline uint32_t client_reason(const itc_msg *msg)
-{
-    return from_be32(reinterpret_cast<const client_rej *>(msg)->reason);
-}

@@ -3,10 +3,7 @@
 // passed on in every state.
 #include "emi_client.hpp"
 
-#include <iterator>
-
 #include "client_framework.hpp"
-#include "vorn_trace.hpp"
 
 namespace
 {
@@ -15,36 +12,10 @@ client_record client; // NOLINT
 
 void reset() { client_reset(&client); }
 
-const client_discovery DISCOVERY = {EMI_SERVER_NAME, EMI_SERVER_UP, reset};
-
-const char *state_text() { return emi_client_state_to_string(client.state); }
-
-void fail() { client_fail(&client, EMI_SERVICE_FAULTY, EMI_CLIENT_FAULTY); }
-
-void send_conn_establish_req()
-{
-    auto *req = client_alloc_conn_req(&client, EMI_CONN_ESTABLISH_REQ, EMI_PROPOSED_CONNECTION_REF);
-    VORN_TRACE_SEND(EMI_CONN_ESTABLISH_REQ, client.server_mbox,
-                    "EMI_CONN_ESTABLISH_REQ: connection_ref=%u, procedure_ref=0x%x, num_pvs=%u, pv[0]=%u",
-                    from_be32(req->header.connection_ref), client.procedure_ref, from_be32(req->num_pvs),
-                    from_be32(req->pv[0]));
-    client_send(&client, req);
-}
-
-void send_get_capability_req()
-{
-    void *req = client_alloc_request(&client, sizeof(client_plain_msg), EMI_GET_CAPABILITY_REQ);
-    VORN_TRACE_SEND(EMI_GET_CAPABILITY_REQ, client.server_mbox,
-                    "EMI_GET_CAPABILITY_REQ: connection_ref=%u, procedure_ref=0x%x, ", client.connection_ref,
-                    client.procedure_ref);
-    client_send(&client, req);
-}
-
 emi_endpoint_req *alloc_endpoint_req(uint32_t msgno, const EmiEndpoint *endpoints, uint32_t n)
 {
     const size_t list_size = sizeof(EmiEndpoint) * static_cast<size_t>(n);
-    auto *req =
-        static_cast<emi_endpoint_req *>(client_alloc_request(&client, sizeof(emi_endpoint_req) + list_size, msgno));
+    auto *req = client_alloc_request<emi_endpoint_req>(&client, msgno, list_size);
     req->num_of_eps = to_be32(n);
     if (n > 0) {
         memcpy(req->endpoints, endpoints, list_size);
@@ -52,143 +23,116 @@ emi_endpoint_req *alloc_endpoint_req(uint32_t msgno, const EmiEndpoint *endpoint
     return req;
 }
 
-void handle_server_up(const itc_msg *msg)
+client_verdict connect(const client_input &in)
 {
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg), "EMI_SERVER_UP");
-    if (client.state != EMI_CLIENT_INIT) {
-        VORN_TRACE(TRACE_ERROR, "EMI_SERVER_UP received in wrong state, state_=%s", state_text());
-        fail();
-        return;
-    }
-    client.state = EMI_CLIENT_INITIATING;
-    client_watch_server(&client, msg, EMI_SERVER_DOWN);
-    send_conn_establish_req();
+    client_watch_server(&client, in.msg, EMI_SERVER_DOWN);
+    auto *req = client_alloc_conn_req(&client, EMI_CONN_ESTABLISH_REQ, EMI_PROPOSED_CONNECTION_REF);
+    VORN_TRACE_SEND(EMI_CONN_ESTABLISH_REQ, client.server_mbox,
+                    "EMI_CONN_ESTABLISH_REQ: connection_ref=%u, procedure_ref=0x%x, num_pvs=%u, pv[0]=%u",
+                    EMI_PROPOSED_CONNECTION_REF, client.procedure_ref, 1U, CLIENT_PROTOCOL_VERSION);
+    client_send(&client, req);
+    return CLIENT_TAKEN;
 }
 
-void handle_server_down(const itc_msg *msg)
+// Whatever the state.
+void keep_connection_ref(const client_input &in)
 {
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg), "EMI_SERVER_DOWN");
-    client_lose_server(&client, reset, EMI_SERVICE_DOWN);
+    client.connection_ref = in.connection_ref;
+    VORN_TRACE_REC(in.msg->msgno, itc_sender(in.msg),
+                   "EMI_CONN_ESTABLISH_CFM: connection_ref=%u, procedure_ref=%u, selected_pv=%u", in.connection_ref,
+                   in.procedure_ref, in.word);
 }
 
-void handle_conn_establish_cfm(const itc_msg *msg)
+client_verdict ask_for_capabilities(const client_input &)
 {
-    const auto *cfm = reinterpret_cast<const client_conn_establish_cfm *>(msg);
-    client.connection_ref = client_connection_ref(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "EMI_CONN_ESTABLISH_CFM: connection_ref=%u, procedure_ref=%u, selected_pv=%u", client.connection_ref,
-                   client_procedure_ref(msg), from_be32(cfm->pv_selected));
-    if (client.state != EMI_CLIENT_INITIATING) {
-        VORN_TRACE(TRACE_ERROR, "EMI_CONN_ESTABLISH_CFM received in wrong state, state_=%s", state_text());
-        fail();
-        return;
-    }
-    client.state = EMI_CLIENT_CONN_ESTABLISHED;
-    send_get_capability_req();
+    auto *req = client_alloc_request<client_plain_msg>(&client, EMI_GET_CAPABILITY_REQ);
+    VORN_TRACE_SEND(EMI_GET_CAPABILITY_REQ, client.server_mbox,
+                    "EMI_GET_CAPABILITY_REQ: connection_ref=%u, procedure_ref=0x%x, ", client.connection_ref,
+                    client.procedure_ref);
+    client_send(&client, req);
+    return CLIENT_TAKEN;
 }
 
 // The monitor is left running: the server's death still takes the client out of FAULTY.
-void handle_conn_establish_rej(const itc_msg *msg)
+client_verdict forget_connection(const client_input &)
 {
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "EMI_CONN_ESTABLISH_REJ: connection_ref=%u, procedure_ref=%u, reject_reason=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg), emi_rej_reason_to_string(client_reason(msg)));
-    client.state = EMI_CLIENT_FAULTY;
     reset();
-    client_raise_service_event(&client, EMI_SERVICE_FAULTY);
+    return CLIENT_TAKEN;
 }
 
-bool has_capability(const emi_get_capability_cfm *cfm, uint32_t capability)
+client_verdict forget_server(const client_input &) { return client_forget_server(&client, reset); }
+
+client_verdict check_capabilities(const client_input &in)
 {
-    for (uint32_t i = 0; i < from_be32(cfm->num_caps); ++i) {
-        if (from_be32(cfm->capability[i]) == capability) {
-            return true;
-        }
+    if (client_lists(in, sizeof(be32), EMI_NEEDED_CAPABILITY_1) &&
+        client_lists(in, sizeof(be32), EMI_NEEDED_CAPABILITY_2)) {
+        return CLIENT_TAKEN;
     }
-    return false;
+    VORN_TRACE(TRACE_ERROR, "EMI_GET_CAPABILITY_CFM does not contain needed capabilities");
+    return CLIENT_REFUSED;
 }
 
-void handle_get_capability_cfm(const itc_msg *msg)
+client_verdict note_capability_rej(const client_input &)
 {
-    const auto *cfm = reinterpret_cast<const emi_get_capability_cfm *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "EMI_GET_CAPABILITY_CFM: connection_ref=%u, procedure_ref=0x%x, num_caps=%u",
-                   client_connection_ref(msg), client_procedure_ref(msg), from_be32(cfm->num_caps));
-    if (client.state != EMI_CLIENT_CONN_ESTABLISHED) {
-        VORN_TRACE(TRACE_ERROR, "EMI_GET_CAPABILITY_CFM received in wrong state, state_=%s", state_text());
-        fail();
-        return;
-    }
-    if (!has_capability(cfm, EMI_NEEDED_CAPABILITY_1) || !has_capability(cfm, EMI_NEEDED_CAPABILITY_2)) {
-        VORN_TRACE(TRACE_ERROR, "EMI_GET_CAPABILITY_CFM does not contain needed capabilities");
-        fail();
-        return;
-    }
-    client.state = EMI_CLIENT_INITIATED;
-    client_raise_service_event(&client, EMI_SERVICE_UP);
-}
-
-void handle_get_capability_rej(const itc_msg *msg)
-{
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "EMI_GET_CAPABILITY_REJ: connection_ref=%u, procedure_ref=0x%x, reason=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg), emi_rej_reason_to_string(client_reason(msg)));
     VORN_TRACE(TRACE_ERROR, "EMI_GET_CAPABILITY_REJ received");
-    client.state = EMI_CLIENT_FAULTY;
-    client_raise_service_event(&client, EMI_SERVICE_FAULTY);
+    return CLIENT_TAKEN;
 }
 
-void handle_add_endpoint_cfm(const itc_msg *msg)
-{
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg), "EMI_ADD_ENDPOINT_CFM: connection_ref=%u, procedure_ref=%u",
-                   client_connection_ref(msg), client_procedure_ref(msg));
-    client_raise_result(&client, EMI_ADD_ENDPOINT_DONE, msg);
-}
-
-void handle_add_endpoint_rej(const itc_msg *msg)
-{
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "EMI_ADD_ENDPOINT_REJ: connection_ref=%u, procedure_ref=0x%x, reason=%s", client_connection_ref(msg),
-                   client_procedure_ref(msg), emi_rej_reason_to_string(client_reason(msg)));
-    client_raise_result(&client, EMI_ADD_ENDPOINT_FAILED, msg);
-}
-
-void handle_remove_endpoint_cfm(const itc_msg *msg)
-{
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg), "EMI_REMOVE_ENDPOINT_CFM: connection_ref=%u, procedure_ref=%u",
-                   client_connection_ref(msg), client_procedure_ref(msg));
-    client_raise_result(&client, EMI_REMOVE_ENDPOINT_DONE, msg);
-}
-
-void handle_remove_endpoint_rej(const itc_msg *msg)
-{
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "EMI_REMOVE_ENDPOINT_REJ: connection_ref=%u, procedure_ref=0x%x, reason=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg), emi_rej_reason_to_string(client_reason(msg)));
-    client_raise_result(&client, EMI_REMOVE_ENDPOINT_FAILED, msg);
-}
-
-constexpr client_message RECEIVED[] = {
-    {EMI_SERVER_DOWN, sizeof(client_plain_msg), 0, handle_server_down},
-    {EMI_SERVER_UP, sizeof(client_plain_msg), 0, handle_server_up},
-    {EMI_CONN_ESTABLISH_CFM, sizeof(client_conn_establish_cfm), 0, handle_conn_establish_cfm},
-    {EMI_CONN_ESTABLISH_REJ, sizeof(client_rej), 0, handle_conn_establish_rej},
-    {EMI_GET_CAPABILITY_CFM, sizeof(emi_get_capability_cfm), sizeof(be32), handle_get_capability_cfm},
-    {EMI_GET_CAPABILITY_REJ, sizeof(client_rej), 0, handle_get_capability_rej},
-    {EMI_ADD_ENDPOINT_CFM, sizeof(client_plain_msg), 0, handle_add_endpoint_cfm},
-    {EMI_ADD_ENDPOINT_REJ, sizeof(client_rej), 0, handle_add_endpoint_rej},
-    {EMI_REMOVE_ENDPOINT_CFM, sizeof(client_plain_msg), 0, handle_remove_endpoint_cfm},
-    {EMI_REMOVE_ENDPOINT_REJ, sizeof(client_rej), 0, handle_remove_endpoint_rej},
+constexpr client_step STEPS[] = {
+    {EMI_SERVER_UP, sizeof(client_plain_msg), CLIENT_RECEIVED_AS("EMI_SERVER_UP"),
+     only_in(EMI_CLIENT_INIT, CLIENT_NOTICE(TRACE_ERROR, "EMI_SERVER_UP received in wrong state, state_=%s")),
+     goes_to(EMI_CLIENT_INITIATING), connect},
+    {EMI_SERVER_DOWN, sizeof(client_plain_msg), CLIENT_RECEIVED_AS("EMI_SERVER_DOWN"), IN_ANY_STATE,
+     goes_to(EMI_CLIENT_INIT, EMI_SERVICE_DOWN), forget_server},
+    {EMI_CONN_ESTABLISH_CFM, sizeof(client_conn_establish_cfm), keep_connection_ref,
+     only_in(EMI_CLIENT_INITIATING,
+             CLIENT_NOTICE(TRACE_ERROR, "EMI_CONN_ESTABLISH_CFM received in wrong state, state_=%s")),
+     goes_to(EMI_CLIENT_CONN_ESTABLISHED), ask_for_capabilities},
+    {EMI_CONN_ESTABLISH_REJ, sizeof(client_rej),
+     CLIENT_RECEIVED("EMI_CONN_ESTABLISH_REJ: connection_ref=%u, procedure_ref=%u, reject_reason=%s",
+                     emi_rej_reason_to_string(in.word)),
+     IN_ANY_STATE, goes_to(EMI_CLIENT_FAULTY, EMI_SERVICE_FAULTY), forget_connection},
+    {EMI_GET_CAPABILITY_CFM, sizeof(emi_get_capability_cfm),
+     CLIENT_RECEIVED("EMI_GET_CAPABILITY_CFM: connection_ref=%u, procedure_ref=0x%x, num_caps=%u", in.word),
+     only_in(EMI_CLIENT_CONN_ESTABLISHED,
+             CLIENT_NOTICE(TRACE_ERROR, "EMI_GET_CAPABILITY_CFM received in wrong state, state_=%s")),
+     goes_to(EMI_CLIENT_INITIATED, EMI_SERVICE_UP), check_capabilities, sizeof(be32)},
+    {EMI_GET_CAPABILITY_REJ, sizeof(client_rej),
+     CLIENT_RECEIVED("EMI_GET_CAPABILITY_REJ: connection_ref=%u, procedure_ref=0x%x, reason=%s",
+                     emi_rej_reason_to_string(in.word)),
+     IN_ANY_STATE, goes_to(EMI_CLIENT_FAULTY, EMI_SERVICE_FAULTY), note_capability_rej},
+    {EMI_ADD_ENDPOINT_CFM, sizeof(client_plain_msg),
+     CLIENT_RECEIVED("EMI_ADD_ENDPOINT_CFM: connection_ref=%u, procedure_ref=%u"), IN_ANY_STATE,
+     reports(EMI_ADD_ENDPOINT_DONE)},
+    {EMI_ADD_ENDPOINT_REJ, sizeof(client_rej),
+     CLIENT_RECEIVED("EMI_ADD_ENDPOINT_REJ: connection_ref=%u, procedure_ref=0x%x, reason=%s",
+                     emi_rej_reason_to_string(in.word)),
+     IN_ANY_STATE, reports(EMI_ADD_ENDPOINT_FAILED)},
+    {EMI_REMOVE_ENDPOINT_CFM, sizeof(client_plain_msg),
+     CLIENT_RECEIVED("EMI_REMOVE_ENDPOINT_CFM: connection_ref=%u, procedure_ref=%u"), IN_ANY_STATE,
+     reports(EMI_REMOVE_ENDPOINT_DONE)},
+    {EMI_REMOVE_ENDPOINT_REJ, sizeof(client_rej),
+     CLIENT_RECEIVED("EMI_REMOVE_ENDPOINT_REJ: connection_ref=%u, procedure_ref=0x%x, reason=%s",
+                     emi_rej_reason_to_string(in.word)),
+     IN_ANY_STATE, reports(EMI_REMOVE_ENDPOINT_FAILED)},
 };
+
+constexpr client_protocol PROTOCOL = {EMI_SERVER_NAME,
+                                      EMI_SERVER_UP,
+                                      reset,
+                                      EMI_SERVICE_FAULTY,
+                                      EMI_CLIENT_FAULTY,
+                                      false,
+                                      emi_client_state_to_string,
+                                      emi_msg_to_string,
+                                      STEPS,
+                                      std::size(STEPS)};
 
 } // namespace
 
-void emi_client_init(client_event_handler handler) { client_init(&client, handler, DISCOVERY); }
+void emi_client_init(client_event_handler handler) { client_init(&client, handler, PROTOCOL); }
 
-bool emi_client_dispatch(const itc_msg *msg)
-{
-    return client_dispatch(RECEIVED, std::size(RECEIVED), emi_msg_to_string, msg);
-}
+bool emi_client_dispatch(const itc_msg *msg) { return client_dispatch(&client, PROTOCOL, msg); }
 
 uint32_t emi_add_endpoint(const EmiEndpoint *endpoints, uint32_t n)
 {
@@ -196,8 +140,7 @@ uint32_t emi_add_endpoint(const EmiEndpoint *endpoints, uint32_t n)
     VORN_TRACE_SEND(EMI_ADD_ENDPOINT_REQ, client.server_mbox,
                     "EMI_ADD_ENDPOINT_REQ: connection_ref=%u, procedure_ref=0x%x, num_of_eps=%u", client.connection_ref,
                     client.procedure_ref, n);
-    client_send(&client, req);
-    return client.procedure_ref;
+    return client_send(&client, req);
 }
 
 uint32_t emi_remove_endpoint(const EmiEndpoint *endpoints, uint32_t n)
@@ -206,8 +149,7 @@ uint32_t emi_remove_endpoint(const EmiEndpoint *endpoints, uint32_t n)
     VORN_TRACE_SEND(EMI_REMOVE_ENDPOINT_REQ, client.server_mbox,
                     "EMI_REMOVE_ENDPOINT_REQ: connection_ref=%u, procedure_ref=0x%x, num_of_eps=%u",
                     client.connection_ref, client.procedure_ref, n);
-    client_send(&client, req);
-    return client.procedure_ref;
+    return client_send(&client, req);
 }
 
 uint32_t emi_client_state() { return client.state; }

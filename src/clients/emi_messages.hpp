@@ -10,7 +10,7 @@ inline constexpr uint32_t EMI_PROPOSED_CONNECTION_REF = 300;
 inline constexpr uint32_t EMI_NEEDED_CAPABILITY_1 = 1;
 inline constexpr uint32_t EMI_NEEDED_CAPABILITY_2 = 2;
 
-// Numbers and names: one list for the enum and for emi_msg_to_string.
+// Numbers and names.
 #define EMI_MESSAGES(X)                                                                                                \
     X(0x1B0CE4, EMI_SERVER_DOWN)                                                                                       \
     X(0x1B0CE5, EMI_SERVER_UP)                                                                                         \
@@ -27,11 +27,7 @@ inline constexpr uint32_t EMI_NEEDED_CAPABILITY_2 = 2;
     X(0x1B10CA, EMI_REMOVE_ENDPOINT_CFM)                                                                               \
     X(0x1B10CB, EMI_REMOVE_ENDPOINT_REJ)
 
-enum emi_msg_number : uint32_t {
-#define X(number, name) name = (number),
-    EMI_MESSAGES(X)
-#undef X
-};
+VORN_NAMED_ENUM(emi_msg_number, EMI_MESSAGES, emi_msg_to_string, "<Unknown>");
 
 #define EMI_REJECT_REASONS(X)                                                                                          \
     X(1, EMI_REJ_INTERNAL_REASON)                                                                                      \
@@ -41,37 +37,7 @@ enum emi_msg_number : uint32_t {
     X(5, EMI_REJ_UNKNOWN_PORT_NAME)                                                                                    \
     X(6, EMI_REJ_MAX_NUM_ENDPOINTS_REACHED)
 
-enum emi_reject_reason : uint32_t {
-#define X(value, name) name = (value),
-    EMI_REJECT_REASONS(X)
-#undef X
-};
-
-inline const char *emi_msg_to_string(uint32_t msgno)
-{
-    switch (msgno) {
-#define X(number, name)                                                                                                \
-    case name:                                                                                                         \
-        return #name;
-        EMI_MESSAGES(X)
-#undef X
-    default:
-        return "<Unknown>";
-    }
-}
-
-inline const char *emi_rej_reason_to_string(uint32_t reason)
-{
-    switch (reason) {
-#define X(value, name)                                                                                                 \
-    case name:                                                                                                         \
-        return #name;
-        EMI_REJECT_REASONS(X)
-#undef X
-    default:
-        return "UNKNOWN_REJECT_REASON";
-    }
-}
+VORN_NAMED_ENUM(emi_reject_reason, EMI_REJECT_REASONS, emi_rej_reason_to_string, "UNKNOWN_REJECT_REASON");
 
 struct emi_get_capability_cfm {
     client_header header;

@@ -11,7 +11,7 @@ inline constexpr uint32_t FMI_PROPOSED_CONNECTION_REF = 400;
 inline constexpr size_t FMI_PORT_NAME_LEN = 64;
 inline constexpr size_t FMI_ERROR_TEXT_LEN = 128;
 
-// Numbers and names: one list for the enum and for fmi_msg_to_string.
+// Numbers and names.
 #define FMI_MESSAGES(X)                                                                                                \
     X(0x1B0F50, FMI_CONN_ESTABLISH_REQ)                                                                                \
     X(0x1B0F51, FMI_CONN_ESTABLISH_CFM)                                                                                \
@@ -40,11 +40,7 @@ inline constexpr size_t FMI_ERROR_TEXT_LEN = 128;
     X(0x1B0F68, FMI_ACL_CREATE_POLICER_CFM)                                                                            \
     X(0x1B0F69, FMI_ACL_CREATE_POLICER_REJ)
 
-enum fmi_msg_number : uint32_t {
-#define X(number, name) name = (number),
-    FMI_MESSAGES(X)
-#undef X
-};
+VORN_NAMED_ENUM(fmi_msg_number, FMI_MESSAGES, fmi_msg_to_string, "<Unknown>");
 
 // The error codes of rejects.
 #define FMI_REJECT_REASONS(X)                                                                                          \
@@ -57,11 +53,7 @@ enum fmi_msg_number : uint32_t {
     X(7, FMI_ERROR_ACL_NOT_READY)                                                                                      \
     X(8, FMI_ERROR_MAX_NO_OF_CLIENTS)
 
-enum fmi_reject_reason : uint32_t {
-#define X(value, name) name = (value),
-    FMI_REJECT_REASONS(X)
-#undef X
-};
+VORN_NAMED_ENUM(fmi_reject_reason, FMI_REJECT_REASONS, fmi_rej_reason_to_string, "UNKNOWN_REJECT_REASON");
 
 #define FMI_CAPABILITIES(X)                                                                                            \
     X(1, FMI_CAPABILITY_ACL_DEFAULT_ACTION)                                                                            \
@@ -71,50 +63,7 @@ enum fmi_reject_reason : uint32_t {
     X(5, FMI_CAPABILITY_ACL_REMOVE_DYNAMIC_RULE)                                                                       \
     X(6, FMI_CAPABILITY_ACL_POLICER)
 
-enum fmi_capability : uint32_t {
-#define X(value, name) name = (value),
-    FMI_CAPABILITIES(X)
-#undef X
-};
-
-inline const char *fmi_msg_to_string(uint32_t msgno)
-{
-    switch (msgno) {
-#define X(number, name)                                                                                                \
-    case name:                                                                                                         \
-        return #name;
-        FMI_MESSAGES(X)
-#undef X
-    default:
-        return "<Unknown>";
-    }
-}
-
-inline const char *fmi_rej_reason_to_string(uint32_t reason)
-{
-    switch (reason) {
-#define X(value, name)                                                                                                 \
-    case name:                                                                                                         \
-        return #name;
-        FMI_REJECT_REASONS(X)
-#undef X
-    default:
-        return "UNKNOWN_REJECT_REASON";
-    }
-}
-
-inline const char *fmi_capability_to_string(uint32_t capability)
-{
-    switch (capability) {
-#define X(value, name)                                                                                                 \
-    case name:                                                                                                         \
-        return #name;
-        FMI_CAPABILITIES(X)
-#undef X
-    default:
-        return "UNKNOWN_CAPABILITY";
-    }
-}
+VORN_NAMED_ENUM(fmi_capability, FMI_CAPABILITIES, fmi_capability_to_string, "UNKNOWN_CAPABILITY");
 
 struct fmi_capability_entry {
     be32 capability;

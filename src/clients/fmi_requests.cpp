@@ -5,9 +5,7 @@
 // What a port has is kept elsewhere (fmi_acl.cpp).
 #include "fmi_requests.hpp"
 
-#include "fmi_messages.hpp"
 #include "fmi_record.hpp"
-#include "vorn_trace.hpp"
 
 namespace
 {
@@ -16,31 +14,22 @@ constexpr uint32_t ANSWER_TIMEOUT_MS = 500;
 
 client_record &client = *fmi_client_record(); // NOLINT
 
-struct port_text {
-    char text[FMI_PORT_NAME_LEN + 1];
-};
-
-struct error_description {
-    char text[FMI_ERROR_TEXT_LEN + 1];
-};
-
 // A string of an answer, which ends at its field's or the message's end at the latest.
-port_text port_name_of(const itc_msg *msg, size_t offset)
+template <size_t N> void read_text(char (&text)[N], const itc_msg *msg, size_t offset)
 {
-    port_text port;
-    const size_t tail = client_tail_size(msg, offset);
-    client_copy_text(port.text, sizeof port.text, reinterpret_cast<const char *>(msg) + offset,
-                     tail < FMI_PORT_NAME_LEN ? tail : FMI_PORT_NAME_LEN);
-    return port;
+    if (offset != 0) {
+        const size_t tail = client_tail_size(msg, offset);
+        client_copy_text(text, N, reinterpret_cast<const char *>(msg) + offset, tail < N - 1 ? tail : N - 1);
+    }
 }
 
-error_description error_text_of(const itc_msg *msg, size_t offset)
+fmi_answer read_answer(const fmi_answer_layout &layout, const client_input &in)
 {
-    error_description error;
-    const size_t tail = client_tail_size(msg, offset);
-    client_copy_text(error.text, sizeof error.text, reinterpret_cast<const char *>(msg) + offset,
-                     tail < FMI_ERROR_TEXT_LEN ? tail : FMI_ERROR_TEXT_LEN);
-    return error;
+    fmi_answer answer = {in, client_word(in.msg, sizeof(client_header) + sizeof(be32)), 0, {}, {}};
+    answer.id = layout.id != 0 ? client_word(in.msg, layout.id) : 0;
+    read_text(answer.port_name, in.msg, layout.port_name);
+    read_text(answer.error_text, in.msg, layout.error_text);
+    return answer;
 }
 
 void write_port_name(char (&field)[FMI_PORT_NAME_LEN], const char *port)
@@ -50,7 +39,7 @@ void write_port_name(char (&field)[FMI_PORT_NAME_LEN], const char *port)
 
 bool wait_for_answer(const fmi_exchange &exchange, uint32_t *id)
 {
-    const uint32_t filter[] = {2, exchange.cfm, exchange.rej};
+    const uint32_t filter[] = {2, exchange.confirm.msgno, exchange.reject.msgno};
     itc_msg *answer = itc_receive(filter, ANSWER_TIMEOUT_MS, ITC_FROM_ANY);
     if (answer == nullptr) {
         VORN_TRACE(TRACE_WARNING, "WARNING: Fmi server didn't send response in expected time.");
@@ -67,184 +56,113 @@ bool send_and_wait(void *req, const fmi_exchange &exchange, uint32_t *id)
     return wait_for_answer(exchange, id);
 }
 
-// ---- What the answers look like ----
+// ---- The exchanges. An answer needs the fields in front of its last string, not the string ----
 
-uint32_t default_action_confirmed(const itc_msg *msg)
+#define FMI_ANSWERED(format, ...)                                                                                      \
+    [](const fmi_answer &answer) {                                                                                     \
+        VORN_TRACE_REC(answer.in.msg->msgno, itc_sender(answer.in.msg), format, answer.in.connection_ref,              \
+                       answer.in.procedure_ref, __VA_ARGS__);                                                          \
+    }
+
+// A reject that names the port behind its error code.
+constexpr fmi_answer_layout port_rej(uint32_t msgno, void (*trace)(const fmi_answer &))
 {
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_SET_DEFAULT_ACTION_CFM: connection_ref =%u, procedure_ref=%u, port_name: %s",
-                   client_connection_ref(msg), client_procedure_ref(msg),
-                   port_name_of(msg, offsetof(fmi_set_default_action_cfm, port_name)).text);
-    return 0;
+    return {msgno,
+            offsetof(fmi_port_rej, error_text),
+            0,
+            offsetof(fmi_port_rej, port_name),
+            offsetof(fmi_port_rej, error_text),
+            trace};
 }
 
-void default_action_rejected(const itc_msg *msg)
+// A confirm that names the id and the port.
+constexpr fmi_answer_layout rule_id_cfm(uint32_t msgno, void (*trace)(const fmi_answer &))
 {
-    const auto *rej = reinterpret_cast<const fmi_port_rej *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_SET_DEFAULT_ACTION_REJ: connection_ref =%u, procedure_ref=%u, port_name: %s, "
-                   "error code=%s, error description=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg),
-                   port_name_of(msg, offsetof(fmi_port_rej, port_name)).text,
-                   fmi_rej_reason_to_string(from_be32(rej->error_code)),
-                   error_text_of(msg, offsetof(fmi_port_rej, error_text)).text);
+    return {msgno,
+            offsetof(fmi_rule_id_msg, port_name),
+            offsetof(fmi_rule_id_msg, id),
+            offsetof(fmi_rule_id_msg, port_name),
+            0,
+            trace};
 }
 
-uint32_t append_static_confirmed(const itc_msg *msg)
-{
-    const auto *cfm = reinterpret_cast<const fmi_append_static_rule_cfm *>(msg);
-    const uint32_t id = from_be32(cfm->id);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_APPEND_STATIC_RULE_CFM: connection_ref =%u, procedure_ref=%u, port_name: %s, "
-                   "rule_type= %u, id= %u",
-                   client_connection_ref(msg), client_procedure_ref(msg),
-                   port_name_of(msg, offsetof(fmi_append_static_rule_cfm, port_name)).text, from_be32(cfm->rule_type),
-                   id);
-    return id;
-}
+const char *error_of(const fmi_answer &answer) { return fmi_rej_reason_to_string(answer.in.word); }
 
-void append_static_rejected(const itc_msg *msg)
-{
-    const auto *rej = reinterpret_cast<const fmi_append_static_rule_rej *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_APPEND_STATIC_RULE_REJ: connection_ref =%u, procedure_ref=%u, port_name: %s, "
-                   "rule_type= %u, error code=%s, error description=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg),
-                   port_name_of(msg, offsetof(fmi_append_static_rule_rej, port_name)).text, from_be32(rej->rule_type),
-                   fmi_rej_reason_to_string(from_be32(rej->error_code)),
-                   error_text_of(msg, offsetof(fmi_append_static_rule_rej, error_text)).text);
-}
+constexpr fmi_exchange DEFAULT_ACTION = {
+    {FMI_ACL_SET_DEFAULT_ACTION_CFM, offsetof(fmi_set_default_action_cfm, port_name), 0,
+     offsetof(fmi_set_default_action_cfm, port_name), 0,
+     FMI_ANSWERED("FMI_ACL_SET_DEFAULT_ACTION_CFM: connection_ref =%u, procedure_ref=%u, port_name: %s",
+                  answer.port_name)},
+    port_rej(FMI_ACL_SET_DEFAULT_ACTION_REJ,
+             FMI_ANSWERED("FMI_ACL_SET_DEFAULT_ACTION_REJ: connection_ref =%u, procedure_ref=%u, port_name: %s, "
+                          "error code=%s, error description=%s",
+                          answer.port_name, error_of(answer), answer.error_text))};
 
-uint32_t remove_static_confirmed(const itc_msg *msg)
-{
-    const auto *cfm = reinterpret_cast<const fmi_rule_id_msg *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_REMOVE_STATIC_RULE_CFM: connection_ref =%u, procedure_ref=%u, rule id=%u, port name=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg), from_be32(cfm->id),
-                   port_name_of(msg, offsetof(fmi_rule_id_msg, port_name)).text);
-    return from_be32(cfm->id);
-}
+constexpr fmi_exchange APPEND_STATIC_RULE = {
+    {FMI_ACL_APPEND_STATIC_RULE_CFM, offsetof(fmi_append_static_rule_cfm, port_name),
+     offsetof(fmi_append_static_rule_cfm, id), offsetof(fmi_append_static_rule_cfm, port_name), 0,
+     FMI_ANSWERED("FMI_ACL_APPEND_STATIC_RULE_CFM: connection_ref =%u, procedure_ref=%u, port_name: %s, "
+                  "rule_type= %u, id= %u",
+                  answer.port_name, answer.in.word, answer.id)},
+    {FMI_ACL_APPEND_STATIC_RULE_REJ, offsetof(fmi_append_static_rule_rej, port_name), 0,
+     offsetof(fmi_append_static_rule_rej, port_name), offsetof(fmi_append_static_rule_rej, error_text),
+     FMI_ANSWERED("FMI_ACL_APPEND_STATIC_RULE_REJ: connection_ref =%u, procedure_ref=%u, port_name: %s, "
+                  "rule_type= %u, error code=%s, error description=%s",
+                  answer.port_name, answer.second, error_of(answer), answer.error_text)}};
 
-void remove_static_rejected(const itc_msg *msg)
-{
-    const auto *rej = reinterpret_cast<const fmi_remove_static_rule_rej *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_REMOVE_STATIC_RULE_REJ: connection_ref =%u, procedure_ref=%u, rule id=%u, port name=%s,"
-                   "error code=%s error description=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg), from_be32(rej->id),
-                   port_name_of(msg, offsetof(fmi_remove_static_rule_rej, port_name)).text,
-                   fmi_rej_reason_to_string(from_be32(rej->error_code)),
-                   error_text_of(msg, offsetof(fmi_remove_static_rule_rej, error_text)).text);
-}
+constexpr fmi_exchange REMOVE_STATIC_RULE = {
+    rule_id_cfm(FMI_ACL_REMOVE_STATIC_RULE_CFM,
+                FMI_ANSWERED("FMI_ACL_REMOVE_STATIC_RULE_CFM: connection_ref =%u, procedure_ref=%u, rule id=%u, "
+                             "port name=%s",
+                             answer.id, answer.port_name)),
+    {FMI_ACL_REMOVE_STATIC_RULE_REJ, offsetof(fmi_remove_static_rule_rej, port_name), 0,
+     offsetof(fmi_remove_static_rule_rej, port_name), offsetof(fmi_remove_static_rule_rej, error_text),
+     FMI_ANSWERED("FMI_ACL_REMOVE_STATIC_RULE_REJ: connection_ref =%u, procedure_ref=%u, rule id=%u, port name=%s,"
+                  "error code=%s error description=%s",
+                  answer.second, answer.port_name, error_of(answer), answer.error_text)}};
 
-uint32_t append_dynamic_confirmed(const itc_msg *msg)
-{
-    const auto *cfm = reinterpret_cast<const fmi_append_dynamic_rule_cfm *>(msg);
-    const uint32_t id = from_be32(cfm->rule_id);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_APPEND_DYNAMIC_RULE_CFM: connection_ref =%u, procedure_ref=%u, port name=%s, rule_id=%u ",
-                   client_connection_ref(msg), client_procedure_ref(msg),
-                   port_name_of(msg, offsetof(fmi_append_dynamic_rule_cfm, port_name)).text, id);
-    return id;
-}
+constexpr fmi_exchange APPEND_DYNAMIC_RULE = {
+    {FMI_ACL_APPEND_DYNAMIC_RULE_CFM, sizeof(fmi_append_dynamic_rule_cfm),
+     offsetof(fmi_append_dynamic_rule_cfm, rule_id), offsetof(fmi_append_dynamic_rule_cfm, port_name), 0,
+     FMI_ANSWERED("FMI_ACL_APPEND_DYNAMIC_RULE_CFM: connection_ref =%u, procedure_ref=%u, port name=%s, rule_id=%u ",
+                  answer.port_name, answer.id)},
+    port_rej(FMI_ACL_APPEND_DYNAMIC_RULE_REJ,
+             FMI_ANSWERED("FMI_ACL_APPEND_DYNAMIC_RULE_REJ: connection_ref =%u, procedure_ref=%u, port name=%s,"
+                          "error code=%s error description=%s",
+                          answer.port_name, error_of(answer), answer.error_text))};
 
-void append_dynamic_rejected(const itc_msg *msg)
-{
-    const auto *rej = reinterpret_cast<const fmi_port_rej *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_APPEND_DYNAMIC_RULE_REJ: connection_ref =%u, procedure_ref=%u, port name=%s,"
-                   "error code=%s error description=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg),
-                   port_name_of(msg, offsetof(fmi_port_rej, port_name)).text,
-                   fmi_rej_reason_to_string(from_be32(rej->error_code)),
-                   error_text_of(msg, offsetof(fmi_port_rej, error_text)).text);
-}
+constexpr fmi_exchange REMOVE_DYNAMIC_RULE = {
+    rule_id_cfm(FMI_ACL_REMOVE_DYNAMIC_RULE_CFM,
+                FMI_ANSWERED("FMI_ACL_REMOVE_DYNAMIC_RULE_CFM: connection_ref =%u, procedure_ref=%u, rule id=%u, "
+                             "port name=%s",
+                             answer.id, answer.port_name)),
+    {FMI_ACL_REMOVE_DYNAMIC_RULE_REJ, offsetof(fmi_remove_dynamic_rule_rej, error_text), 0,
+     offsetof(fmi_remove_dynamic_rule_rej, port_name), offsetof(fmi_remove_dynamic_rule_rej, error_text),
+     FMI_ANSWERED("FMI_ACL_REMOVE_DYNAMIC_RULE_REJ: connection_ref =%u, procedure_ref=%u, port_name: %s, "
+                  "rule_id= %u, error code=%s, error description=%s",
+                  answer.port_name, answer.second, error_of(answer), answer.error_text)}};
 
-uint32_t remove_dynamic_confirmed(const itc_msg *msg)
+void trace_policer_cfm(const fmi_answer &answer)
 {
-    const auto *cfm = reinterpret_cast<const fmi_rule_id_msg *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_REMOVE_DYNAMIC_RULE_CFM: connection_ref =%u, procedure_ref=%u, rule id=%u, port name=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg), from_be32(cfm->id),
-                   port_name_of(msg, offsetof(fmi_rule_id_msg, port_name)).text);
-    return from_be32(cfm->id);
-}
-
-void remove_dynamic_rejected(const itc_msg *msg)
-{
-    const auto *rej = reinterpret_cast<const fmi_remove_dynamic_rule_rej *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_REMOVE_DYNAMIC_RULE_REJ: connection_ref =%u, procedure_ref=%u, port_name: %s, "
-                   "rule_id= %u, error code=%s, error description=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg),
-                   port_name_of(msg, offsetof(fmi_remove_dynamic_rule_rej, port_name)).text, from_be32(rej->rule_id),
-                   fmi_rej_reason_to_string(from_be32(rej->error_code)),
-                   error_text_of(msg, offsetof(fmi_remove_dynamic_rule_rej, error_text)).text);
-}
-
-uint32_t create_policer_confirmed(const itc_msg *msg)
-{
-    const auto *cfm = reinterpret_cast<const fmi_create_policer_cfm *>(msg);
-    const port_text port = port_name_of(msg, offsetof(fmi_create_policer_cfm, port_name));
-    const uint32_t id = from_be32(cfm->id);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
+    VORN_TRACE_REC(answer.in.msg->msgno, itc_sender(answer.in.msg),
                    "FMI_ACL_CREATE_POLICER_CFM: connection_ref =%u, procedure_ref=%u, port_name: %s, id= %u",
-                   client_connection_ref(msg), client_procedure_ref(msg), port.text, id);
+                   answer.in.connection_ref, answer.in.procedure_ref, answer.port_name, answer.id);
     if (client.state != FMI_CLIENT_INITIATED) {
         VORN_TRACE(TRACE_ERROR, "FMI_ACL_CREATE_POLICER_CFM received in wrong state, state_=%s",
                    fmi_client_state_to_string(client.state));
     }
-    return id;
 }
-
-void create_policer_rejected(const itc_msg *msg)
-{
-    const auto *rej = reinterpret_cast<const fmi_port_rej *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "FMI_ACL_CREATE_POLICER_REJ: connection_ref =%u, procedure_ref=%u, port_name: %s, error code=%s, "
-                   "error description=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg),
-                   port_name_of(msg, offsetof(fmi_port_rej, port_name)).text,
-                   fmi_rej_reason_to_string(from_be32(rej->error_code)),
-                   error_text_of(msg, offsetof(fmi_port_rej, error_text)).text);
-}
-
-// ---- The exchanges. An answer needs the fields in front of its last string, not the string ----
-
-constexpr fmi_exchange DEFAULT_ACTION = {
-    FMI_ACL_SET_DEFAULT_ACTION_CFM,     offsetof(fmi_set_default_action_cfm, port_name),
-    default_action_confirmed,           FMI_ACL_SET_DEFAULT_ACTION_REJ,
-    offsetof(fmi_port_rej, error_text), default_action_rejected};
-
-constexpr fmi_exchange APPEND_STATIC_RULE = {
-    FMI_ACL_APPEND_STATIC_RULE_CFM, offsetof(fmi_append_static_rule_cfm, port_name), append_static_confirmed,
-    FMI_ACL_APPEND_STATIC_RULE_REJ, offsetof(fmi_append_static_rule_rej, port_name), append_static_rejected};
-
-constexpr fmi_exchange REMOVE_STATIC_RULE = {FMI_ACL_REMOVE_STATIC_RULE_CFM,
-                                             offsetof(fmi_rule_id_msg, port_name),
-                                             remove_static_confirmed,
-                                             FMI_ACL_REMOVE_STATIC_RULE_REJ,
-                                             offsetof(fmi_remove_static_rule_rej, port_name),
-                                             remove_static_rejected};
-
-constexpr fmi_exchange APPEND_DYNAMIC_RULE = {FMI_ACL_APPEND_DYNAMIC_RULE_CFM,    sizeof(fmi_append_dynamic_rule_cfm),
-                                              append_dynamic_confirmed,           FMI_ACL_APPEND_DYNAMIC_RULE_REJ,
-                                              offsetof(fmi_port_rej, error_text), append_dynamic_rejected};
-
-constexpr fmi_exchange REMOVE_DYNAMIC_RULE = {FMI_ACL_REMOVE_DYNAMIC_RULE_CFM,
-                                              offsetof(fmi_rule_id_msg, port_name),
-                                              remove_dynamic_confirmed,
-                                              FMI_ACL_REMOVE_DYNAMIC_RULE_REJ,
-                                              offsetof(fmi_remove_dynamic_rule_rej, error_text),
-                                              remove_dynamic_rejected};
 
 constexpr fmi_exchange CREATE_POLICER = {
-    FMI_ACL_CREATE_POLICER_CFM, offsetof(fmi_create_policer_cfm, port_name), create_policer_confirmed,
-    FMI_ACL_CREATE_POLICER_REJ, offsetof(fmi_port_rej, error_text),          create_policer_rejected};
+    rule_id_cfm(FMI_ACL_CREATE_POLICER_CFM, trace_policer_cfm),
+    port_rej(FMI_ACL_CREATE_POLICER_REJ,
+             FMI_ANSWERED("FMI_ACL_CREATE_POLICER_REJ: connection_ref =%u, procedure_ref=%u, port_name: %s, "
+                          "error code=%s, error description=%s",
+                          answer.port_name, error_of(answer), answer.error_text))};
 
 fmi_rule_id_msg *alloc_remove_req(uint32_t msgno, const char *port, uint32_t id)
 {
-    auto *req = static_cast<fmi_rule_id_msg *>(client_alloc_request(&client, sizeof(fmi_rule_id_msg), msgno));
+    auto *req = client_alloc_request<fmi_rule_id_msg>(&client, msgno);
     req->id = to_be32(id);
     write_port_name(req->port_name, port);
     return req;
@@ -263,36 +181,38 @@ void write_rule_entries(fmi_dynamic_rule_entry *entry, const mac_address *macs, 
 
 } // namespace
 
-bool fmi_take_answer(const fmi_exchange &exchange, const itc_msg *answer, uint32_t *id)
+bool fmi_take_answer(const fmi_exchange &exchange, const itc_msg *msg, uint32_t *id)
 {
-    const char *name = fmi_msg_to_string(answer->msgno);
-    if (!client_is_long_enough(answer, sizeof(client_header), name)) {
+    const char *name = fmi_msg_to_string(msg->msgno);
+    if (!client_is_long_enough(msg, sizeof(client_header), name)) {
         return false;
     }
-    if (client_procedure_ref(answer) != client.procedure_ref) {
+    const client_input in = client_decode(msg);
+    if (in.procedure_ref != client.procedure_ref) {
         VORN_TRACE(TRACE_WARNING, "Received wrong rsp. Waiting proc_ref  %u, received proc_ref %u",
-                   client.procedure_ref, client_procedure_ref(answer));
+                   client.procedure_ref, in.procedure_ref);
         return false;
     }
-    if (answer->msgno == exchange.cfm) {
-        if (!client_is_long_enough(answer, exchange.cfm_min_size, name)) {
-            return false;
-        }
-        *id = exchange.confirmed(answer);
-        return true;
+    const bool confirmed = msg->msgno == exchange.confirm.msgno;
+    const fmi_answer_layout &layout = confirmed ? exchange.confirm : exchange.reject;
+    if (msg->msgno != layout.msgno) {
+        VORN_TRACE(TRACE_WARNING, "WARNING:Unexpected message received, msg_no=0x%x", msg->msgno);
+        return false;
     }
-    if (answer->msgno != exchange.rej) {
-        VORN_TRACE(TRACE_WARNING, "WARNING:Unexpected message received, msg_no=0x%x", answer->msgno);
-    } else if (client_is_long_enough(answer, exchange.rej_min_size, name)) {
-        exchange.rejected(answer);
+    if (!client_is_long_enough(msg, layout.min_size, name)) {
+        return false;
     }
-    return false;
+    const fmi_answer answer = read_answer(layout, in);
+    layout.trace(answer);
+    if (confirmed) {
+        *id = answer.id;
+    }
+    return confirmed;
 }
 
 uint32_t fmi_append_static_rule(const char *port, uint32_t type)
 {
-    auto *req = static_cast<fmi_append_static_rule_req *>(
-        client_alloc_request(&client, sizeof(fmi_append_static_rule_req), FMI_ACL_APPEND_STATIC_RULE_REQ));
+    auto *req = client_alloc_request<fmi_append_static_rule_req>(&client, FMI_ACL_APPEND_STATIC_RULE_REQ);
     req->rule_type = to_be32(type);
     write_port_name(req->port_name, port);
     VORN_TRACE_SEND(FMI_ACL_APPEND_STATIC_RULE_REQ, client.server_mbox,
@@ -342,8 +262,7 @@ void fmi_remove_dynamic_rule(const char *port, uint32_t id)
 
 bool fmi_request_default_action(const char *port, uint32_t action)
 {
-    auto *req = static_cast<fmi_set_default_action_req *>(
-        client_alloc_request(&client, sizeof(fmi_set_default_action_req), FMI_ACL_SET_DEFAULT_ACTION_REQ));
+    auto *req = client_alloc_request<fmi_set_default_action_req>(&client, FMI_ACL_SET_DEFAULT_ACTION_REQ);
     req->type = to_be32(action);
     write_port_name(req->port_name, port);
     VORN_TRACE_SEND(FMI_ACL_SET_DEFAULT_ACTION_REQ, client.server_mbox,
@@ -355,8 +274,7 @@ bool fmi_request_default_action(const char *port, uint32_t action)
 
 uint32_t fmi_send_create_policer(const char *port, const fmi_policer_rates &rates)
 {
-    auto *req = static_cast<fmi_create_policer_req *>(
-        client_alloc_request(&client, sizeof(fmi_create_policer_req), FMI_ACL_CREATE_POLICER_REQ));
+    auto *req = client_alloc_request<fmi_create_policer_req>(&client, FMI_ACL_CREATE_POLICER_REQ);
     req->commitedRate = to_be32(rates.commited_rate);
     req->commitedMaxBurstSize = to_be32(rates.commited_max_burst_size);
     req->useCommitedRateOnly = to_be32(1);
@@ -366,11 +284,8 @@ uint32_t fmi_send_create_policer(const char *port, const fmi_policer_rates &rate
                     "commitedRate = %u, commitedMaxBurstSize = %u, peakRate = %u, peakMaxBurstSize = %u, "
                     "useCommitedRateOnly = %u",
                     client.connection_ref, client.procedure_ref, port, rates.commited_rate,
-                    rates.commited_max_burst_size, from_be32(req->peakRate), from_be32(req->peakMaxBurstSize),
-                    from_be32(req->useCommitedRateOnly));
-    const uint32_t procedure_ref = client.procedure_ref;
-    client_send(&client, req);
-    return procedure_ref;
+                    rates.commited_max_burst_size, 0U, 0U, 1U);
+    return client_send(&client, req);
 }
 
 bool fmi_wait_create_policer(uint32_t *id)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "client_framework.hpp"
+#include "fmi_messages.hpp"
 
 // No rule, no action.
 inline constexpr uint32_t FMI_NONE = 0xFFFFFFFF;
@@ -26,14 +27,28 @@ uint32_t fmi_send_create_policer(const char *port, const fmi_policer_rates &rate
 // True when it was confirmed; then *id is its id.
 bool fmi_wait_create_policer(uint32_t *id);
 
-// An answer is the confirm or the reject of a request. Each handler is called with a message of at least its size.
+// An answer, decoded. What it does not have is 0 or empty.
+struct fmi_answer {
+    client_input in;
+    uint32_t second; // the field behind in.word
+    uint32_t id;
+    char port_name[FMI_PORT_NAME_LEN + 1];
+    char error_text[FMI_ERROR_TEXT_LEN + 1];
+};
+
+// How an answer is laid out: the smallest size, and where its fields stand; 0: it has none.
+struct fmi_answer_layout {
+    uint32_t msgno;
+    size_t min_size;
+    size_t id;
+    size_t port_name;
+    size_t error_text;
+    void (*trace)(const fmi_answer &answer);
+};
+
 struct fmi_exchange {
-    uint32_t cfm;
-    size_t cfm_min_size;
-    uint32_t (*confirmed)(const itc_msg *msg); // traces and returns the id it carries, 0 when it carries none
-    uint32_t rej;
-    size_t rej_min_size;
-    void (*rejected)(const itc_msg *msg); // traces
+    fmi_answer_layout confirm;
+    fmi_answer_layout reject;
 };
 
 // True when `answer` confirms the request sent last; then *id is what the confirm carries.

@@ -2,10 +2,7 @@
 // port-support query; the ports it learns of are kept by iepcsi_ports.cpp.
 #include "iepcsi_client.hpp"
 
-#include <iterator>
-
 #include "client_framework.hpp"
-#include "vorn_trace.hpp"
 
 namespace
 {
@@ -20,14 +17,64 @@ void reset()
     client_reset(&client);
 }
 
-const client_discovery DISCOVERY = {IEPCSI_SERVER_NAME, IEPCSI_SERVER_UP_IND, reset};
+// ---- What the messages say ----
 
-const char *state_text() { return iepcsi_client_state_to_string(client.state); }
+struct port_status {
+    uint32_t adm_state;
+    uint32_t oper_state;
+    char port_name[PORT_NAME_LEN + 1];
+    char name_space[sizeof eth_port::name_space];
+};
 
-void fail() { client_fail(&client, IEPCSI_SERVICE_FAULTY, IEPCSI_CLIENT_FAULTY); }
-
-void send_init_service_req()
+port_status read_port_status(const itc_msg *msg)
 {
+    const auto *ind = reinterpret_cast<const iepcsi_eth_port_status_ind *>(msg);
+    port_status status = {from_be32(ind->port_adm_state), from_be32(ind->port_oper_state), {}, {}};
+    client_copy_field(status.port_name, ind->port_name);
+    client_copy_text(status.name_space, sizeof status.name_space, ind->name_space, client_tail_size(msg, sizeof *ind));
+    return status;
+}
+
+struct vlan_status {
+    uint16_t vlan_id;
+    uint32_t action;
+    uint32_t port_role;
+    char if_name[PORT_NAME_LEN + 1];
+    char port_name[PORT_NAME_LEN + 1];
+    char name_space[sizeof port_vlan::name_space];
+};
+
+vlan_status read_vlan_status(const itc_msg *msg)
+{
+    const auto *ind = reinterpret_cast<const iepcsi_port_vlan_status_ind *>(msg);
+    vlan_status status = {from_be16(ind->vlan_id), from_be32(ind->vlan_action), from_be32(ind->port_role), {}, {}, {}};
+    client_copy_field(status.if_name, ind->if_name);
+    client_copy_field(status.port_name, ind->port_name);
+    client_copy_text(status.name_space, sizeof status.name_space, ind->name_space, client_tail_size(msg, sizeof *ind));
+    return status;
+}
+
+struct supported_port {
+    uint32_t capability;
+    mac_address mac;
+    char port_name[PORT_NAME_LEN + 1];
+    char if_name[PORT_NAME_LEN + 1];
+};
+
+supported_port read_supported_port(const itc_msg *msg, uint32_t i)
+{
+    const iepcsi_port_entry &entry = reinterpret_cast<const iepcsi_get_eth_port_support_cfm *>(msg)->ports[i];
+    supported_port port = {from_be32(entry.capability), entry.mac, {}, {}};
+    client_copy_field(port.port_name, entry.port_name);
+    client_copy_field(port.if_name, entry.if_name);
+    return port;
+}
+
+// ---- Set-up ----
+
+client_verdict connect(const client_input &in)
+{
+    client_watch_server(&client, in.msg, IEPCSI_SERVER_DOWN_IND);
     auto *req = static_cast<iepcsi_init_service_req *>(
         client_alloc_msg(&client, sizeof(iepcsi_init_service_req), IEPCSI_INIT_SERVICE_REQ));
     req->header.connection_ref = to_be32(IEPCSI_PROPOSED_CONNECTION_REF);
@@ -37,24 +84,36 @@ void send_init_service_req()
     VORN_TRACE_SEND(IEPCSI_INIT_SERVICE_REQ, client.server_mbox,
                     "IEPCSI_INIT_SERVICE_REQ: connection_ref =%u, procedure_ref=0x%x, pv_first_wanted=%u, "
                     "pv_second_wanted=%u, pv_third_wanted=%u",
-                    from_be32(req->header.connection_ref), client.procedure_ref, from_be32(req->pv_first_wanted),
-                    from_be32(req->pv_second_wanted), from_be32(req->pv_third_wanted));
+                    IEPCSI_PROPOSED_CONNECTION_REF, client.procedure_ref, CLIENT_PROTOCOL_VERSION,
+                    CLIENT_PROTOCOL_VERSION, CLIENT_PROTOCOL_VERSION);
     client_send(&client, req);
+    return CLIENT_TAKEN;
 }
 
-void send_get_eth_port_support_req()
+void note_server_down(const client_input &in)
 {
-    void *req = client_alloc_request(&client, sizeof(client_plain_msg), IEPCSI_GET_ETH_PORT_SUPPORT_REQ);
+    VORN_TRACE_REC(in.msg->msgno, itc_sender(in.msg), "IEPCSI_SERVER_DOWN_IND: connection_ref=%u, procedure_ref=%u",
+                   in.connection_ref, in.procedure_ref);
+    VORN_TRACE(TRACE_WARNING, "IEPCSI service down received, state_=%s", iepcsi_client_state_to_string(client.state));
+}
+
+client_verdict forget_server(const client_input &) { return client_forget_server(&client, reset); }
+
+client_verdict ask_for_ports(const client_input &in)
+{
+    client.connection_ref = in.connection_ref;
+    auto *req = client_alloc_request<client_plain_msg>(&client, IEPCSI_GET_ETH_PORT_SUPPORT_REQ);
     VORN_TRACE_SEND(IEPCSI_GET_ETH_PORT_SUPPORT_REQ, client.server_mbox,
                     "IEPCSI_GET_ETH_PORT_SUPPORT_REQ: connection_ref =%u, procedure_ref=0x%x", client.connection_ref,
                     client.procedure_ref);
     client_send(&client, req);
+    return CLIENT_TAKEN;
 }
 
 // The name stays empty, which subscribes for all ports.
 iepcsi_subscribe_req *alloc_subscribe_req(uint32_t msgno)
 {
-    auto *req = static_cast<iepcsi_subscribe_req *>(client_alloc_request(&client, sizeof(iepcsi_subscribe_req), msgno));
+    auto *req = client_alloc_request<iepcsi_subscribe_req>(&client, msgno);
     req->port_role = to_be32(IEPCSI_PORT_ROLE_LINK);
     return req;
 }
@@ -65,166 +124,33 @@ void send_subscribe_reqs()
     VORN_TRACE_SEND(
         IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ, client.server_mbox,
         "IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REQ: connection_ref=%u, procedure_ref=0x%x, port_role=0x%x, port_name=%s",
-        client.connection_ref, client.procedure_ref, from_be32(req->port_role), req->port_name);
+        client.connection_ref, client.procedure_ref, IEPCSI_PORT_ROLE_LINK, req->port_name);
     client_send(&client, req);
     req = alloc_subscribe_req(IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REQ);
     VORN_TRACE_SEND(
         IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REQ, client.server_mbox,
         "IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REQ: connection_ref=%u, procedure_ref=0x%x, port_role=0x%x, port_name=%s",
-        client.connection_ref, client.procedure_ref, from_be32(req->port_role), req->port_name);
+        client.connection_ref, client.procedure_ref, IEPCSI_PORT_ROLE_LINK, req->port_name);
     client_send(&client, req);
 }
 
-// ---- Set-up ----
-
-void handle_server_up(const itc_msg *msg)
+// A service without ports is up before the client is initiated.
+client_verdict keep_ports(const client_input &in)
 {
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg), "IEPCSI_SERVER_UP_IND: connection_ref=%u, procedure_ref=%u",
-                   client_connection_ref(msg), client_procedure_ref(msg));
-    if (client.state != IEPCSI_CLIENT_INIT) {
-        VORN_TRACE(TRACE_ERROR, "IEPCSI_SERVER_UP_IND received in wrong state, state_=%s", state_text());
-        fail();
-        return;
-    }
-    client_watch_server(&client, msg, IEPCSI_SERVER_DOWN_IND);
-    client.state = IEPCSI_CLIENT_INITIATING;
-    send_init_service_req();
-}
-
-void handle_server_down(const itc_msg *msg)
-{
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg), "IEPCSI_SERVER_DOWN_IND: connection_ref=%u, procedure_ref=%u",
-                   client_connection_ref(msg), client_procedure_ref(msg));
-    VORN_TRACE(TRACE_WARNING, "IEPCSI service down received, state_=%s", state_text());
-    client_lose_server(&client, reset, IEPCSI_SERVICE_DOWN);
-}
-
-void handle_init_service_cfm(const itc_msg *msg)
-{
-    const auto *cfm = reinterpret_cast<const client_conn_establish_cfm *>(msg);
-    // The connection_ref in this trace is the one kept so far.
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "IEPCSI_INIT_SERVICE_CFM: connection_ref =%u, procedure_ref=0x%x, pv_selected=%u",
-                   client.connection_ref, client_procedure_ref(msg), from_be32(cfm->pv_selected));
-    if (client.state != IEPCSI_CLIENT_INITIATING) {
-        VORN_TRACE(TRACE_ERROR, "IEPCSI_INIT_SERVICE_CFM received in wrong state, state_=%s", state_text());
-        fail();
-        return;
-    }
-    client.connection_ref = client_connection_ref(msg);
-    client.state = IEPCSI_CLIENT_GET_PORT_CAP;
-    send_get_eth_port_support_req();
-}
-
-void handle_init_service_rej(const itc_msg *msg)
-{
-    VORN_TRACE_REC(
-        msg->msgno, itc_sender(msg), "IEPCSI_INIT_SERVICE_REJ: connection_ref =%u, procedure_ref=0x%x, reason=%s",
-        client_connection_ref(msg), client_procedure_ref(msg), iepcsi_rej_reason_to_string(client_reason(msg)));
-    VORN_TRACE(TRACE_ERROR, "IEPCSI_INIT_SERVICE_REJ received, state_=%s", state_text());
-    fail();
-}
-
-void handle_term_service_cfm(const itc_msg *msg)
-{
-    VORN_TRACE(TRACE_WARNING, "WARNING: IEPCSI_TERM_SERVICE_CFM received without sending request, sender_mbox=0x%x",
-               itc_sender(msg));
-}
-
-void keep_supported_ports(const iepcsi_get_eth_port_support_cfm *cfm)
-{
-    for (uint32_t i = 0; i < from_be32(cfm->number_of_ports); ++i) {
-        const iepcsi_port_entry &entry = cfm->ports[i];
-        char name[PORT_NAME_LEN + 1];
-        client_copy_text(name, sizeof name, entry.port_name, sizeof entry.port_name);
-        VORN_TRACE(TRACE_PORT, "Port name %s, capability=0x%x, MAC address %02x:%02x:%02x:%02x:%02x:%02x", name,
-                   from_be32(entry.capability), MAC_ARGS(entry.mac));
-        if ((from_be32(entry.capability) & IEPCSI_CAPABILITY_LINK) != 0) {
-            iepcsi_ports_insert(entry);
+    for (uint32_t i = 0; i < in.word; ++i) {
+        const supported_port port = read_supported_port(in.msg, i);
+        VORN_TRACE(TRACE_PORT, "Port name %s, capability=0x%x, MAC address %02x:%02x:%02x:%02x:%02x:%02x",
+                   port.port_name, port.capability, MAC_ARGS(port.mac));
+        if ((port.capability & IEPCSI_CAPABILITY_LINK) != 0) {
+            iepcsi_ports_insert(port.port_name, port.if_name, port.mac);
         }
     }
-}
-
-void handle_get_eth_port_support_cfm(const itc_msg *msg)
-{
-    const auto *cfm = reinterpret_cast<const iepcsi_get_eth_port_support_cfm *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "IEPCSI_GET_ETH_PORT_SUPPORT_CFM: connection_ref =%u, procedure_ref=0x%x, number_of_ports=%u",
-                   client_connection_ref(msg), client_procedure_ref(msg), from_be32(cfm->number_of_ports));
-    if (client.state != IEPCSI_CLIENT_GET_PORT_CAP) {
-        VORN_TRACE(TRACE_ERROR, "IEPCSI_GET_ETH_PORT_SUPPORT_CFM received in wrong state, state_=%s", state_text());
-        fail();
-        return;
-    }
-    keep_supported_ports(cfm);
-    if (iepcsi_ports_empty()) {
+    if (iepcsi_get_port_list() == nullptr) {
         VORN_TRACE(TRACE_SERVICE, "IEPCSI service is added");
-        client_raise_service_event(&client, IEPCSI_SERVICE_UP);
-        client.state = IEPCSI_CLIENT_INITIATED;
-        return;
+        return CLIENT_TAKEN_EVENT_FIRST;
     }
     send_subscribe_reqs();
-    client.state = IEPCSI_CLIENT_INITIATED;
-    client_raise_service_event(&client, IEPCSI_SERVICE_UP);
-}
-
-void handle_get_eth_port_support_rej(const itc_msg *msg)
-{
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "IEPCSI_GET_ETH_PORT_SUPPORT_REJ: connection_ref =%u, procedure_ref=0x%x, reason=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg),
-                   iepcsi_rej_reason_to_string(client_reason(msg)));
-    VORN_TRACE(TRACE_ERROR, "IEPCSI_GET_ETH_PORT_SUPPORT_REJ received, state_=%s", state_text());
-    fail();
-}
-
-// ---- Subscriptions ----
-
-void handle_subscribe_eth_port_status_cfm(const itc_msg *msg)
-{
-    const auto *cfm = reinterpret_cast<const iepcsi_subscribe_cfm *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM: connection_ref =%u, procedure_ref=0x%x, subscribe_ref=%u",
-                   client_connection_ref(msg), client_procedure_ref(msg), from_be32(cfm->subscribe_ref));
-    if (client.state != IEPCSI_CLIENT_INITIATED) {
-        VORN_TRACE(TRACE_ERROR, "IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM received in wrong state, state_=%s",
-                   state_text());
-        fail();
-    }
-}
-
-void handle_subscribe_eth_port_status_rej(const itc_msg *msg)
-{
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ: connection_ref =%u, procedure_ref=0x%x, reason=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg),
-                   iepcsi_rej_reason_to_string(client_reason(msg)));
-    VORN_TRACE(TRACE_ERROR, "IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ received, state_=%s", state_text());
-    fail();
-}
-
-void handle_subscribe_port_vlan_status_cfm(const itc_msg *msg)
-{
-    const auto *cfm = reinterpret_cast<const iepcsi_subscribe_cfm *>(msg);
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_CFM: connection_ref=%u, procedure_ref=0x%x, subscribe_ref=%u",
-                   client_connection_ref(msg), client_procedure_ref(msg), from_be32(cfm->subscribe_ref));
-    if (client.state != IEPCSI_CLIENT_INITIATED) {
-        VORN_TRACE(TRACE_ERROR, "IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_CFM received in wrong state, state=%s",
-                   state_text());
-        fail();
-    }
-}
-
-void handle_subscribe_port_vlan_status_rej(const itc_msg *msg)
-{
-    const auto *rej = reinterpret_cast<const client_rej *>(msg);
-    // Of this reject the trace looks the reason up as it stands on the wire.
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REJ: connection_ref=%uprocedure_ref=0x%x, reason=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg), iepcsi_rej_reason_to_string(rej->reason.raw));
-    VORN_TRACE(TRACE_ERROR, "IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REJ received, state_=%s", state_text());
-    fail();
+    return CLIENT_TAKEN;
 }
 
 // ---- Indications ----
@@ -255,38 +181,17 @@ void update_oper_state(eth_port *port, uint32_t oper_state)
                event);
 }
 
-void handle_eth_port_status_ind(const itc_msg *msg)
+client_verdict update_port(const client_input &in)
 {
-    const auto *ind = reinterpret_cast<const iepcsi_eth_port_status_ind *>(msg);
-    char port_name[PORT_NAME_LEN + 1];
-    char name_space[sizeof eth_port::name_space];
-    client_copy_text(port_name, sizeof port_name, ind->port_name, sizeof ind->port_name);
-    client_copy_text(name_space, sizeof name_space, ind->name_space, client_tail_size(msg, sizeof *ind));
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
-                   "IEPCSI_ETH_PORT_STATUS_IND: connection_ref =%u, procedure_ref=0x%x, port_name=%s, "
-                   "port_adm_state=%u, port_oper_state=%u, name_space=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg), port_name, from_be32(ind->port_adm_state),
-                   from_be32(ind->port_oper_state), name_space);
-    if (client.state != IEPCSI_CLIENT_INITIATED) {
-        VORN_TRACE(TRACE_ERROR, "IEPCSI_ETH_PORT_STATUS_IND received in wrong state, state = %s.", state_text());
-        return;
+    const port_status status = read_port_status(in.msg);
+    eth_port *port = iepcsi_ports_find(status.port_name);
+    if (port != nullptr) {
+        update_adm_state(port, status.adm_state);
+        client_copy_as_format(port->name_space, sizeof port->name_space, status.name_space);
+        update_oper_state(port, status.oper_state);
     }
-    eth_port *port = iepcsi_ports_find(port_name);
-    if (port == nullptr) {
-        return;
-    }
-    update_adm_state(port, from_be32(ind->port_adm_state));
-    client_copy_as_format(port->name_space, sizeof port->name_space, name_space);
-    update_oper_state(port, from_be32(ind->port_oper_state));
+    return CLIENT_TAKEN;
 }
-
-struct vlan_status {
-    uint16_t vlan_id;
-    uint32_t action;
-    char if_name[PORT_NAME_LEN + 1];
-    char port_name[PORT_NAME_LEN + 1];
-    char name_space[sizeof port_vlan::name_space];
-};
 
 void add_vlan(const vlan_status &status)
 {
@@ -306,8 +211,9 @@ void remove_vlan(const vlan_status &status)
     }
 }
 
-void apply_vlan_status(const vlan_status &status)
+client_verdict update_vlan(const client_input &in)
 {
+    const vlan_status status = read_vlan_status(in.msg);
     switch (status.action) {
     case IEPCSI_VLAN_ADDED:
         add_vlan(status);
@@ -319,44 +225,105 @@ void apply_vlan_status(const vlan_status &status)
         VORN_TRACE(TRACE_ERROR, "Received IEPCSI_PORT_VLAN_STATUS_IND with unknown vlan_action=%u", status.action);
         break;
     }
+    return CLIENT_TAKEN;
 }
 
-void handle_port_vlan_status_ind(const itc_msg *msg)
+void trace_port_status(const client_input &in)
 {
-    const auto *ind = reinterpret_cast<const iepcsi_port_vlan_status_ind *>(msg);
-    vlan_status status = {from_be16(ind->vlan_id), from_be32(ind->vlan_action), {}, {}, {}};
-    client_copy_text(status.if_name, sizeof status.if_name, ind->if_name, sizeof ind->if_name);
-    client_copy_text(status.port_name, sizeof status.port_name, ind->port_name, sizeof ind->port_name);
-    client_copy_text(status.name_space, sizeof status.name_space, ind->name_space, client_tail_size(msg, sizeof *ind));
-    VORN_TRACE_REC(msg->msgno, itc_sender(msg),
+    const port_status status = read_port_status(in.msg);
+    VORN_TRACE_REC(in.msg->msgno, itc_sender(in.msg),
+                   "IEPCSI_ETH_PORT_STATUS_IND: connection_ref =%u, procedure_ref=0x%x, port_name=%s, "
+                   "port_adm_state=%u, port_oper_state=%u, name_space=%s",
+                   in.connection_ref, in.procedure_ref, status.port_name, status.adm_state, status.oper_state,
+                   status.name_space);
+}
+
+void trace_vlan_status(const client_input &in)
+{
+    const vlan_status status = read_vlan_status(in.msg);
+    VORN_TRACE_REC(in.msg->msgno, itc_sender(in.msg),
                    "IEPCSI_PORT_VLAN_STATUS_IND: connection_ref=%u, procedure_ref=0x%x, vlan_id=%u, vlan_action=%u, "
                    "port_role=%u, if_name=%s, port_name=%s, namespace=%s",
-                   client_connection_ref(msg), client_procedure_ref(msg), status.vlan_id, status.action,
-                   from_be32(ind->port_role), status.if_name, status.port_name, status.name_space);
-    if (client.state != IEPCSI_CLIENT_INITIATED) {
-        VORN_TRACE(TRACE_ERROR, "IEPCSI_PORT_VLAN_STATUS_IND received in wrong state, state=%s", state_text());
-        fail();
-        return;
-    }
-    apply_vlan_status(status);
+                   in.connection_ref, in.procedure_ref, status.vlan_id, status.action, status.port_role, status.if_name,
+                   status.port_name, status.name_space);
 }
 
-constexpr client_message RECEIVED[] = {
-    {IEPCSI_SERVER_UP_IND, sizeof(client_plain_msg), 0, handle_server_up},
-    {IEPCSI_SERVER_DOWN_IND, sizeof(client_plain_msg), 0, handle_server_down},
-    {IEPCSI_INIT_SERVICE_CFM, sizeof(client_conn_establish_cfm), 0, handle_init_service_cfm},
-    {IEPCSI_INIT_SERVICE_REJ, sizeof(client_rej), 0, handle_init_service_rej},
-    {IEPCSI_TERM_SERVICE_CFM, sizeof(client_plain_msg), 0, handle_term_service_cfm},
-    {IEPCSI_GET_ETH_PORT_SUPPORT_CFM, sizeof(iepcsi_get_eth_port_support_cfm), sizeof(iepcsi_port_entry),
-     handle_get_eth_port_support_cfm},
-    {IEPCSI_GET_ETH_PORT_SUPPORT_REJ, sizeof(client_rej), 0, handle_get_eth_port_support_rej},
-    {IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM, sizeof(iepcsi_subscribe_cfm), 0, handle_subscribe_eth_port_status_cfm},
-    {IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ, sizeof(client_rej), 0, handle_subscribe_eth_port_status_rej},
-    {IEPCSI_ETH_PORT_STATUS_IND, sizeof(iepcsi_eth_port_status_ind), 0, handle_eth_port_status_ind},
-    {IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_CFM, sizeof(iepcsi_subscribe_cfm), 0, handle_subscribe_port_vlan_status_cfm},
-    {IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REJ, sizeof(client_rej), 0, handle_subscribe_port_vlan_status_rej},
-    {IEPCSI_PORT_VLAN_STATUS_IND, sizeof(iepcsi_port_vlan_status_ind), 0, handle_port_vlan_status_ind},
+void note_term_service_cfm(const client_input &in)
+{
+    VORN_TRACE(TRACE_WARNING, "WARNING: IEPCSI_TERM_SERVICE_CFM received without sending request, sender_mbox=0x%x",
+               itc_sender(in.msg));
+}
+
+constexpr client_step STEPS[] = {
+    {IEPCSI_SERVER_UP_IND, sizeof(client_plain_msg),
+     CLIENT_RECEIVED("IEPCSI_SERVER_UP_IND: connection_ref=%u, procedure_ref=%u"),
+     only_in(IEPCSI_CLIENT_INIT, CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_SERVER_UP_IND received in wrong state, state_=%s")),
+     goes_to(IEPCSI_CLIENT_INITIATING), connect},
+    {IEPCSI_SERVER_DOWN_IND, sizeof(client_plain_msg), note_server_down, IN_ANY_STATE,
+     goes_to(IEPCSI_CLIENT_INIT, IEPCSI_SERVICE_DOWN), forget_server},
+    // Its trace has the connection_ref kept so far.
+    {IEPCSI_INIT_SERVICE_CFM, sizeof(client_conn_establish_cfm),
+     CLIENT_RECEIVED_AS("IEPCSI_INIT_SERVICE_CFM: connection_ref =%u, procedure_ref=0x%x, pv_selected=%u",
+                        client.connection_ref, in.procedure_ref, in.word),
+     only_in(IEPCSI_CLIENT_INITIATING,
+             CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_INIT_SERVICE_CFM received in wrong state, state_=%s")),
+     goes_to(IEPCSI_CLIENT_GET_PORT_CAP), ask_for_ports},
+    {IEPCSI_INIT_SERVICE_REJ, sizeof(client_rej),
+     CLIENT_RECEIVED("IEPCSI_INIT_SERVICE_REJ: connection_ref =%u, procedure_ref=0x%x, reason=%s",
+                     iepcsi_rej_reason_to_string(in.word)),
+     never_right(CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_INIT_SERVICE_REJ received, state_=%s")), STAYS},
+    {IEPCSI_TERM_SERVICE_CFM, sizeof(client_plain_msg), note_term_service_cfm, IN_ANY_STATE, STAYS},
+    {IEPCSI_GET_ETH_PORT_SUPPORT_CFM, sizeof(iepcsi_get_eth_port_support_cfm),
+     CLIENT_RECEIVED("IEPCSI_GET_ETH_PORT_SUPPORT_CFM: connection_ref =%u, procedure_ref=0x%x, number_of_ports=%u",
+                     in.word),
+     only_in(IEPCSI_CLIENT_GET_PORT_CAP,
+             CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_GET_ETH_PORT_SUPPORT_CFM received in wrong state, state_=%s")),
+     goes_to(IEPCSI_CLIENT_INITIATED, IEPCSI_SERVICE_UP), keep_ports, sizeof(iepcsi_port_entry)},
+    {IEPCSI_GET_ETH_PORT_SUPPORT_REJ, sizeof(client_rej),
+     CLIENT_RECEIVED("IEPCSI_GET_ETH_PORT_SUPPORT_REJ: connection_ref =%u, procedure_ref=0x%x, reason=%s",
+                     iepcsi_rej_reason_to_string(in.word)),
+     never_right(CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_GET_ETH_PORT_SUPPORT_REJ received, state_=%s")), STAYS},
+    {IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM, sizeof(iepcsi_subscribe_cfm),
+     CLIENT_RECEIVED("IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM: connection_ref =%u, procedure_ref=0x%x, subscribe_ref=%u",
+                     in.word),
+     only_in(IEPCSI_CLIENT_INITIATED,
+             CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_CFM received in wrong state, state_=%s")),
+     STAYS},
+    {IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ, sizeof(client_rej),
+     CLIENT_RECEIVED("IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ: connection_ref =%u, procedure_ref=0x%x, reason=%s",
+                     iepcsi_rej_reason_to_string(in.word)),
+     never_right(CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ received, state_=%s")), STAYS},
+    {IEPCSI_ETH_PORT_STATUS_IND, sizeof(iepcsi_eth_port_status_ind), trace_port_status,
+     dropped_unless(IEPCSI_CLIENT_INITIATED,
+                    CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_ETH_PORT_STATUS_IND received in wrong state, state = %s.")),
+     STAYS, update_port},
+    {IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_CFM, sizeof(iepcsi_subscribe_cfm),
+     CLIENT_RECEIVED("IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_CFM: connection_ref=%u, procedure_ref=0x%x, subscribe_ref=%u",
+                     in.word),
+     only_in(IEPCSI_CLIENT_INITIATED,
+             CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_CFM received in wrong state, state=%s")),
+     STAYS},
+    // Its trace looks the reason up as it stands on the wire.
+    {IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REJ, sizeof(client_rej),
+     CLIENT_RECEIVED("IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REJ: connection_ref=%uprocedure_ref=0x%x, reason=%s",
+                     iepcsi_rej_reason_to_string(to_be32(in.word).raw)),
+     never_right(CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REJ received, state_=%s")), STAYS},
+    {IEPCSI_PORT_VLAN_STATUS_IND, sizeof(iepcsi_port_vlan_status_ind), trace_vlan_status,
+     only_in(IEPCSI_CLIENT_INITIATED,
+             CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_PORT_VLAN_STATUS_IND received in wrong state, state=%s")),
+     STAYS, update_vlan},
 };
+
+constexpr client_protocol PROTOCOL = {IEPCSI_SERVER_NAME,
+                                      IEPCSI_SERVER_UP_IND,
+                                      reset,
+                                      IEPCSI_SERVICE_FAULTY,
+                                      IEPCSI_CLIENT_FAULTY,
+                                      false,
+                                      iepcsi_client_state_to_string,
+                                      iepcsi_msg_to_string,
+                                      STEPS,
+                                      std::size(STEPS)};
 
 bool can_raise(const char *port_name)
 {
@@ -402,12 +369,9 @@ void iepcsi_raise_vlan_event(uint32_t event_id, uint16_t vlan_id, const char *po
     client.handler(&client.result);
 }
 
-void iepcsi_client_init(client_event_handler handler) { client_init(&client, handler, DISCOVERY); }
+void iepcsi_client_init(client_event_handler handler) { client_init(&client, handler, PROTOCOL); }
 
-bool iepcsi_client_dispatch(const itc_msg *msg)
-{
-    return client_dispatch(RECEIVED, std::size(RECEIVED), iepcsi_msg_to_string, msg);
-}
+bool iepcsi_client_dispatch(const itc_msg *msg) { return client_dispatch(&client, PROTOCOL, msg); }
 
 uint32_t iepcsi_client_state() { return client.state; }
 

@@ -11,7 +11,7 @@ inline constexpr uint32_t IEPCSI_CAPABILITY_LINK = 2;
 // The role that the daemon subscribes for.
 inline constexpr uint32_t IEPCSI_PORT_ROLE_LINK = 2;
 
-// Numbers and names: one list for the enum and for iepcsi_msg_to_string.
+// Numbers and names.
 #define IEPCSI_MESSAGES(X)                                                                                             \
     X(0x1B1041, IEPCSI_SERVER_UP_IND)                                                                                  \
     X(0x1B1042, IEPCSI_SERVER_DOWN_IND)                                                                                \
@@ -31,11 +31,7 @@ inline constexpr uint32_t IEPCSI_PORT_ROLE_LINK = 2;
     X(0x1B1065, IEPCSI_SUBSCRIBE_PORT_VLAN_STATUS_REJ)                                                                 \
     X(0x1B1068, IEPCSI_PORT_VLAN_STATUS_IND)
 
-enum iepcsi_msg_number : uint32_t {
-#define X(number, name) name = (number),
-    IEPCSI_MESSAGES(X)
-#undef X
-};
+VORN_NAMED_ENUM(iepcsi_msg_number, IEPCSI_MESSAGES, iepcsi_msg_to_string, "<Unknown>");
 
 #define IEPCSI_REJECT_REASONS(X)                                                                                       \
     X(0, IEPCSI_REJ_INTERNAL_REASON)                                                                                   \
@@ -47,42 +43,12 @@ enum iepcsi_msg_number : uint32_t {
     X(6, IEPCSI_REJ_PORT_RESERVED)                                                                                     \
     X(7, IEPCSI_REJ_PORT_NOT_RESERVED)
 
-enum iepcsi_reject_reason : uint32_t {
-#define X(value, name) name = (value),
-    IEPCSI_REJECT_REASONS(X)
-#undef X
-};
+VORN_NAMED_ENUM(iepcsi_reject_reason, IEPCSI_REJECT_REASONS, iepcsi_rej_reason_to_string, "UNKNOWN_REJECT_REASON");
 
 enum iepcsi_vlan_action : uint32_t {
     IEPCSI_VLAN_ADDED = 1,
     IEPCSI_VLAN_REMOVED = 2,
 };
-
-inline const char *iepcsi_msg_to_string(uint32_t msgno)
-{
-    switch (msgno) {
-#define X(number, name)                                                                                                \
-    case name:                                                                                                         \
-        return #name;
-        IEPCSI_MESSAGES(X)
-#undef X
-    default:
-        return "<Unknown>";
-    }
-}
-
-inline const char *iepcsi_rej_reason_to_string(uint32_t reason)
-{
-    switch (reason) {
-#define X(value, name)                                                                                                 \
-    case name:                                                                                                         \
-        return #name;
-        IEPCSI_REJECT_REASONS(X)
-#undef X
-    default:
-        return "UNKNOWN_REJECT_REASON";
-    }
-}
 
 struct iepcsi_init_service_req {
     client_header header; // connection_ref: the client's proposal

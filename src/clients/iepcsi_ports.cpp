@@ -18,14 +18,6 @@ eth_port *ports = nullptr; // NOLINT
 // The namespace of a VLAN interface is kept with the bound of an interface name, though its field has room for more.
 constexpr size_t VLAN_NAMESPACE_BOUND = 16;
 
-// Stores a name of a message, whose character array need not be terminated.
-void store_name(char (&field)[PORT_NAME_LEN], const char (&name)[PORT_NAME_LEN])
-{
-    char text[PORT_NAME_LEN + 1];
-    client_copy_text(text, sizeof text, name, sizeof name);
-    client_copy_as_format(field, sizeof field, text);
-}
-
 // The place that points to the port's entry of that VLAN, or the end of its list.
 port_vlan **vlan_slot(eth_port *port, uint16_t vlan_id)
 {
@@ -73,18 +65,16 @@ eth_port *iepcsi_ports_find(const char *port_name)
     return port;
 }
 
-bool iepcsi_ports_empty() { return ports == nullptr; }
-
-void iepcsi_ports_insert(const iepcsi_port_entry &entry)
+void iepcsi_ports_insert(const char *port_name, const char *if_name, const mac_address &mac)
 {
     auto *port = static_cast<eth_port *>(calloc(1, sizeof(eth_port)));
     if (port == nullptr) {
         VORN_TRACE(TRACE_ERROR, "Memory error. Calloc failed.");
         return;
     }
-    store_name(port->port_name, entry.port_name);
-    store_name(port->if_name, entry.if_name);
-    port->mac = entry.mac;
+    client_copy_as_format(port->port_name, sizeof port->port_name, port_name);
+    client_copy_as_format(port->if_name, sizeof port->if_name, if_name);
+    port->mac = mac;
     VORN_TRACE(TRACE_PORT, "Inserting port %s to list", port->port_name);
     port->next = ports;
     ports = port;

@@ -38,7 +38,6 @@ bool iepcsi_remove_port_vlan(const char *port_name, uint16_t vlan_id);
 // ---- For iepcsi_client.cpp, which learns of the ports, and for the tests ----
 
 eth_port *iepcsi_ports_find(const char *port_name);
-bool iepcsi_ports_empty();
 // Puts a new record at the head of the list; traced and skipped when memory is out.
-void iepcsi_ports_insert(const iepcsi_port_entry &entry);
+void iepcsi_ports_insert(const char *port_name, const char *if_name, const mac_address &mac);
 void iepcsi_ports_free();

@@ -6,7 +6,7 @@
 inline constexpr const char *PMI_SERVER_NAME = "pmi-server";
 inline constexpr uint32_t PMI_PROPOSED_CONNECTION_REF = 200;
 
-// Numbers and names: one list for the enum and for pmi_msg_to_string.
+// Numbers and names.
 #define PMI_MESSAGES(X)                                                                                                \
     X(0x1B1001, PMI_SERVER_UP_IND)                                                                                     \
     X(0x1B1002, PMI_SERVER_DOWN_IND)                                                                                   \
@@ -23,11 +23,7 @@ inline constexpr uint32_t PMI_PROPOSED_CONNECTION_REF = 200;
     X(0x1B100D, PMI_DISABLE_PORT_VLAN_CFM)                                                                             \
     X(0x1B100E, PMI_DISABLE_PORT_VLAN_REJ)
 
-enum pmi_msg_number : uint32_t {
-#define X(number, name) name = (number),
-    PMI_MESSAGES(X)
-#undef X
-};
+VORN_NAMED_ENUM(pmi_msg_number, PMI_MESSAGES, pmi_msg_to_string, "<Unknown>");
 
 #define PMI_REJECT_REASONS(X)                                                                                          \
     X(0, PMI_REJ_INTERNAL_REASON)                                                                                      \
@@ -36,37 +32,7 @@ enum pmi_msg_number : uint32_t {
     X(3, PMI_REJ_INVALID_PORTSTATE)                                                                                    \
     X(4, PMI_REJ_NOT_ALLOWED)
 
-enum pmi_reject_reason : uint32_t {
-#define X(value, name) name = (value),
-    PMI_REJECT_REASONS(X)
-#undef X
-};
-
-inline const char *pmi_msg_to_string(uint32_t msgno)
-{
-    switch (msgno) {
-#define X(number, name)                                                                                                \
-    case name:                                                                                                         \
-        return #name;
-        PMI_MESSAGES(X)
-#undef X
-    default:
-        return "<Unknown>";
-    }
-}
-
-inline const char *pmi_rej_reason_to_string(uint32_t reason)
-{
-    switch (reason) {
-#define X(value, name)                                                                                                 \
-    case name:                                                                                                         \
-        return #name;
-        PMI_REJECT_REASONS(X)
-#undef X
-    default:
-        return "UNKNOWN_REJECT_REASON";
-    }
-}
+VORN_NAMED_ENUM(pmi_reject_reason, PMI_REJECT_REASONS, pmi_rej_reason_to_string, "UNKNOWN_REJECT_REASON");
 
 // Enable and disable.
 struct pmi_port_vlan_req {

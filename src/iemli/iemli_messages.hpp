@@ -16,57 +16,37 @@
 inline constexpr const char *IEMLI_SERVICE_NAME = "KAP_IEMLI_SERVICE_NAME";
 inline constexpr uint32_t IEMLI_PROTOCOL_VERSION = 1;
 
-// Numbers and names, in order from 0x1B0E00: one list for the enum and for iemli_msg_to_string.
+// Numbers, names and smallest sizes in bytes; a number without a message has 0. Create and update hold one app link at
+// the least, more of them come on top.
 #define IEMLI_MESSAGES(X)                                                                                              \
-    X(IEMLI_CLIENT_DOWN_IND)                                                                                           \
-    X(IEMLI_SERVER_UP_IND)                                                                                             \
-    X(IEMLI_SERVER_DOWN_IND)                                                                                           \
-    X(IEMLI_INIT_SERVICE_REQ)                                                                                          \
-    X(IEMLI_INIT_SERVICE_CFM)                                                                                          \
-    X(IEMLI_INIT_SERVICE_REJ)                                                                                          \
-    X(IEMLI_TERM_SERVICE_REQ)                                                                                          \
-    X(IEMLI_TERM_SERVICE_CFM)                                                                                          \
-    X(IEMLI_GET_LOCAL_SUPERVISION_MAC_REQ)                                                                             \
-    X(IEMLI_GET_LOCAL_SUPERVISION_MAC_CFM)                                                                             \
-    X(IEMLI_GET_LOCAL_SUPERVISION_MAC_REJ)                                                                             \
-    X(IEMLI_CREATE_INTER_ME_LINK_REQ)                                                                                  \
-    X(IEMLI_CREATE_INTER_ME_LINK_CFM)                                                                                  \
-    X(IEMLI_CREATE_INTER_ME_LINK_REJ)                                                                                  \
-    X(IEMLI_UPDATE_INTER_ME_LINK_REQ)                                                                                  \
-    X(IEMLI_UPDATE_INTER_ME_LINK_CFM)                                                                                  \
-    X(IEMLI_UPDATE_INTER_ME_LINK_REJ)                                                                                  \
-    X(IEMLI_DELETE_INTER_ME_LINK_REQ)                                                                                  \
-    X(IEMLI_DELETE_INTER_ME_LINK_CFM)                                                                                  \
-    X(IEMLI_INTER_ME_LINK_STATUS_IND)                                                                                  \
-    X(IEMLI_ENABLE_INTER_ME_LINK_RTT_REQ)                                                                              \
-    X(IEMLI_ENABLE_INTER_ME_LINK_RTT_CFM)                                                                              \
-    X(IEMLI_ENABLE_INTER_ME_LINK_RTT_REJ)                                                                              \
-    X(IEMLI_DISABLE_INTER_ME_LINK_RTT_REQ)                                                                             \
-    X(IEMLI_DISABLE_INTER_ME_LINK_RTT_CFM)                                                                             \
-    X(IEMLI_INTER_ME_LINK_RTT_IND)
+    X(0x1B0E00, IEMLI_CLIENT_DOWN_IND, sizeof(iemli_plain_msg))                                                        \
+    X(0x1B0E01, IEMLI_SERVER_UP_IND, 0)                                                                                \
+    X(0x1B0E02, IEMLI_SERVER_DOWN_IND, 0)                                                                              \
+    X(0x1B0E03, IEMLI_INIT_SERVICE_REQ, sizeof(iemli_init_service_req))                                                \
+    X(0x1B0E04, IEMLI_INIT_SERVICE_CFM, sizeof(iemli_init_service_cfm))                                                \
+    X(0x1B0E05, IEMLI_INIT_SERVICE_REJ, sizeof(iemli_rej))                                                             \
+    X(0x1B0E06, IEMLI_TERM_SERVICE_REQ, sizeof(iemli_plain_msg))                                                       \
+    X(0x1B0E07, IEMLI_TERM_SERVICE_CFM, sizeof(iemli_plain_msg))                                                       \
+    X(0x1B0E08, IEMLI_GET_LOCAL_SUPERVISION_MAC_REQ, IEMLI_GET_MAC_MIN_SIZE)                                           \
+    X(0x1B0E09, IEMLI_GET_LOCAL_SUPERVISION_MAC_CFM, sizeof(iemli_get_mac_cfm))                                        \
+    X(0x1B0E0A, IEMLI_GET_LOCAL_SUPERVISION_MAC_REJ, sizeof(iemli_rej))                                                \
+    X(0x1B0E0B, IEMLI_CREATE_INTER_ME_LINK_REQ, sizeof(iemli_create_link_req))                                         \
+    X(0x1B0E0C, IEMLI_CREATE_INTER_ME_LINK_CFM, sizeof(iemli_create_link_cfm))                                         \
+    X(0x1B0E0D, IEMLI_CREATE_INTER_ME_LINK_REJ, sizeof(iemli_rej))                                                     \
+    X(0x1B0E0E, IEMLI_UPDATE_INTER_ME_LINK_REQ, sizeof(iemli_update_link_req))                                         \
+    X(0x1B0E0F, IEMLI_UPDATE_INTER_ME_LINK_CFM, sizeof(iemli_plain_msg))                                               \
+    X(0x1B0E10, IEMLI_UPDATE_INTER_ME_LINK_REJ, sizeof(iemli_rej))                                                     \
+    X(0x1B0E11, IEMLI_DELETE_INTER_ME_LINK_REQ, sizeof(iemli_link_ref_req))                                            \
+    X(0x1B0E12, IEMLI_DELETE_INTER_ME_LINK_CFM, sizeof(iemli_plain_msg))                                               \
+    X(0x1B0E13, IEMLI_INTER_ME_LINK_STATUS_IND, sizeof(iemli_link_status_ind))                                         \
+    X(0x1B0E14, IEMLI_ENABLE_INTER_ME_LINK_RTT_REQ, sizeof(iemli_enable_rtt_req))                                      \
+    X(0x1B0E15, IEMLI_ENABLE_INTER_ME_LINK_RTT_CFM, sizeof(iemli_plain_msg))                                           \
+    X(0x1B0E16, IEMLI_ENABLE_INTER_ME_LINK_RTT_REJ, sizeof(iemli_rej))                                                 \
+    X(0x1B0E17, IEMLI_DISABLE_INTER_ME_LINK_RTT_REQ, sizeof(iemli_link_ref_req))                                       \
+    X(0x1B0E18, IEMLI_DISABLE_INTER_ME_LINK_RTT_CFM, sizeof(iemli_plain_msg))                                          \
+    X(0x1B0E19, IEMLI_INTER_ME_LINK_RTT_IND, sizeof(iemli_link_rtt_ind))
 
-inline constexpr uint32_t IEMLI_MSG_BASE = 0x1B0E00;
-
-namespace iemli_detail
-{
-enum iemli_msg_index : uint32_t {
-#define X(name) index_##name,
-    IEMLI_MESSAGES(X)
-#undef X
-    count
-};
-} // namespace iemli_detail
-
-enum iemli_msg_number : uint32_t {
-#define X(name) name = IEMLI_MSG_BASE + iemli_detail::index_##name,
-    IEMLI_MESSAGES(X)
-#undef X
-};
-
-static_assert(iemli_detail::count == 26);
-static_assert(IEMLI_CLIENT_DOWN_IND == 0x1B0E00);
-static_assert(IEMLI_CREATE_INTER_ME_LINK_REQ == 0x1B0E0B);
-static_assert(IEMLI_INTER_ME_LINK_RTT_IND == 0x1B0E19);
+VORN_NAMED_ENUM(iemli_msg_number, IEMLI_MESSAGES, iemli_msg_to_string, "<Unknown>");
 
 // Reject reasons: value, name. 10 is unassigned; 5 and 16 are never produced by this daemon.
 #define IEMLI_REJECT_REASONS(X)                                                                                        \
@@ -90,17 +70,15 @@ static_assert(IEMLI_INTER_ME_LINK_RTT_IND == 0x1B0E19);
     X(18, IEMLI_REJ_RTT_ALREADY_ENABLED)                                                                               \
     X(99, IEMLI_REJ_OTHER_REASON)
 
-enum iemli_reject_reason : uint32_t {
-#define X(value, name) name = (value),
-    IEMLI_REJECT_REASONS(X)
-#undef X
-};
+VORN_NAMED_ENUM(iemli_reject_reason, IEMLI_REJECT_REASONS, iemli_rej_reason_to_string, "UNKNOWN REJECT REASON");
 
-enum iemli_return_code : uint32_t {
-    IEMLI_RET_OK = 0,
-    IEMLI_RET_ERR_NGNS = 1,
-    IEMLI_RET_ERR_ITC = 2,
-};
+// How a publication ended.
+#define IEMLI_RETURN_CODES(X)                                                                                          \
+    X(0, IEMLI_RET_OK)                                                                                                 \
+    X(1, IEMLI_RET_ERR_NGNS)                                                                                           \
+    X(2, IEMLI_RET_ERR_ITC)
+
+VORN_NAMED_ENUM(iemli_return_code, IEMLI_RETURN_CODES, iemli_ret_to_string, "<Unknown>");
 
 // Link status and the reasons for a disabled link, as status indications carry them.
 enum iml_link_status : uint32_t {
@@ -114,8 +92,25 @@ enum iml_link_disabled_reason : uint32_t {
     IML_LINK_REASON_NO_CONNECTIVITY = 4,
 };
 
-// "enabled", or "disabled with reason ..."; the reason counts only while disabled.
-const char *iml_link_status_text(uint32_t status, uint32_t disabled_reason);
+// The reason counts only while disabled.
+inline const char *iml_link_status_text(uint32_t status, uint32_t disabled_reason)
+{
+    if (status == IML_LINK_ENABLED) {
+        return "enabled";
+    }
+    if (status != IML_LINK_DISABLED) {
+        return "unknown";
+    }
+    switch (disabled_reason) {
+    case IML_LINK_REASON_DOWN:
+        return "disabled with reason down";
+    case IML_LINK_REASON_LOCKED:
+        return "disabled with reason locked";
+    case IML_LINK_REASON_NO_CONNECTIVITY:
+        return "disabled with reason no connectivity";
+    }
+    return "disabled with invalid reason";
+}
 
 struct iemli_header {
     uint32_t msgno;
@@ -250,6 +245,8 @@ struct iemli_get_mac_req {
 static_assert(sizeof(iemli_get_mac_req) == 32);
 static_assert(offsetof(iemli_get_mac_req, mpId) == 12);
 static_assert(offsetof(iemli_get_mac_req, imlPortName) == 13);
+// Room for at least one character of the port name, if only the zero.
+inline constexpr size_t IEMLI_GET_MAC_MIN_SIZE = offsetof(iemli_get_mac_req, imlPortName) + 1;
 
 struct iemli_get_mac_cfm {
     iemli_header header;
@@ -330,13 +327,38 @@ static_assert(offsetof(iemli_link_rtt_ind, stats.max_sec) == 32);
 static_assert(offsetof(iemli_link_rtt_ind, stats.max_nsec) == 36);
 static_assert(offsetof(iemli_link_rtt_ind, stats.rtt_validity) == 40);
 
+#define VORN_SIZE_OF(value, name, size)                                                                                \
+    case value:                                                                                                        \
+        return size;
+inline uint64_t iemli_fixed_size(uint32_t msgno)
+{
+    switch (msgno) {
+        IEMLI_MESSAGES(VORN_SIZE_OF)
+    }
+    return 0;
+}
+
+// What the app links behind the first one add, in 64 bits: the count comes from the message.
+inline uint64_t iemli_size_of_further_app_links(uint32_t count)
+{
+    return count > 1 ? (static_cast<uint64_t>(count) - 1) * sizeof(IemliAppLink) : 0;
+}
+
 // The smallest size in bytes that the message's number, and the count it carries, ask for. Reads the count only where
 // the message reaches that far. Also what a copy of the message needs. 0 for a number that has no message.
-uint64_t iemli_message_min_size(const itc_msg *msg);
-
-// The name of a message number, "<Unknown>" outside the protocol.
-const char *iemli_msg_to_string(uint32_t msgno);
-// The name of a reject reason, "UNKNOWN REJECT REASON" for an unlisted value.
-const char *iemli_rej_reason_to_string(uint32_t reason);
-// The name of a publication's return code, "<Unknown>" for an unlisted value.
-const char *iemli_ret_to_string(uint32_t code);
+inline uint64_t iemli_message_min_size(const itc_msg *msg)
+{
+    const uint64_t size = iemli_fixed_size(msg->msgno);
+    if (itc_size(msg) < size) {
+        return size;
+    }
+    if (msg->msgno == IEMLI_CREATE_INTER_ME_LINK_REQ) {
+        const auto *request = reinterpret_cast<const iemli_create_link_req *>(msg);
+        return size + iemli_size_of_further_app_links(request->link.numberOfAppLinks);
+    }
+    if (msg->msgno == IEMLI_UPDATE_INTER_ME_LINK_REQ) {
+        const auto *request = reinterpret_cast<const iemli_update_link_req *>(msg);
+        return size + iemli_size_of_further_app_links(request->numberOfAppLinks);
+    }
+    return size;
+}

@@ -15,44 +15,44 @@ namespace
 using clock_type = std::chrono::steady_clock;
 
 // What a client may get: the numbers of the protocol and those of the name service, as itc_receive wants them.
-constexpr size_t NS_NUMBERS = 3;
+constexpr uint32_t MESSAGES[] = {
+#define X(number, ...) number,
+    IEMLI_MESSAGES(X)
+#undef X
+        NS_SUBSCRIBE_RSP,
+    NS_SERVICE_ADDED_IND,
+    NS_SERVICE_REMOVED_IND,
+};
 constexpr auto MESSAGE_FILTER = [] {
-    std::array<uint32_t, 1 + iemli_detail::count + NS_NUMBERS> filter{};
-    filter[0] = iemli_detail::count + NS_NUMBERS;
-    for (uint32_t i = 0; i < iemli_detail::count; i++) {
-        filter[1 + i] = IEMLI_MSG_BASE + i;
-    }
-    filter[1 + iemli_detail::count] = NS_SUBSCRIBE_RSP;
-    filter[2 + iemli_detail::count] = NS_SERVICE_ADDED_IND;
-    filter[3 + iemli_detail::count] = NS_SERVICE_REMOVED_IND;
+    std::array<uint32_t, 1 + std::size(MESSAGES)> filter{std::size(MESSAGES)};
+    std::copy(std::begin(MESSAGES), std::end(MESSAGES), filter.begin() + 1);
     return filter;
 }();
 
 // Of the protocol's numbers the one that no server sends to a client: what a client sends itself to be woken.
 constexpr uint32_t OWN_INTERRUPT = IEMLI_CLIENT_DOWN_IND;
 
-// Every answer: the request it belongs to, whether it is a reject, and how long it is at the least.
+// Every answer: the request it belongs to, and whether it is a reject.
 struct answer_kind {
     uint32_t msgno;
     uint32_t request;
     bool reject;
-    size_t min_size;
 };
 
 constexpr answer_kind ANSWERS[] = {
-    {IEMLI_INIT_SERVICE_CFM, IEMLI_INIT_SERVICE_REQ, false, 16},
-    {IEMLI_INIT_SERVICE_REJ, IEMLI_INIT_SERVICE_REQ, true, 16},
-    {IEMLI_TERM_SERVICE_CFM, IEMLI_TERM_SERVICE_REQ, false, 12},
-    {IEMLI_GET_LOCAL_SUPERVISION_MAC_CFM, IEMLI_GET_LOCAL_SUPERVISION_MAC_REQ, false, 36},
-    {IEMLI_GET_LOCAL_SUPERVISION_MAC_REJ, IEMLI_GET_LOCAL_SUPERVISION_MAC_REQ, true, 16},
-    {IEMLI_CREATE_INTER_ME_LINK_CFM, IEMLI_CREATE_INTER_ME_LINK_REQ, false, 16},
-    {IEMLI_CREATE_INTER_ME_LINK_REJ, IEMLI_CREATE_INTER_ME_LINK_REQ, true, 16},
-    {IEMLI_UPDATE_INTER_ME_LINK_CFM, IEMLI_UPDATE_INTER_ME_LINK_REQ, false, 12},
-    {IEMLI_UPDATE_INTER_ME_LINK_REJ, IEMLI_UPDATE_INTER_ME_LINK_REQ, true, 16},
-    {IEMLI_DELETE_INTER_ME_LINK_CFM, IEMLI_DELETE_INTER_ME_LINK_REQ, false, 12},
-    {IEMLI_ENABLE_INTER_ME_LINK_RTT_CFM, IEMLI_ENABLE_INTER_ME_LINK_RTT_REQ, false, 12},
-    {IEMLI_ENABLE_INTER_ME_LINK_RTT_REJ, IEMLI_ENABLE_INTER_ME_LINK_RTT_REQ, true, 16},
-    {IEMLI_DISABLE_INTER_ME_LINK_RTT_CFM, IEMLI_DISABLE_INTER_ME_LINK_RTT_REQ, false, 12},
+    {IEMLI_INIT_SERVICE_CFM, IEMLI_INIT_SERVICE_REQ, false},
+    {IEMLI_INIT_SERVICE_REJ, IEMLI_INIT_SERVICE_REQ, true},
+    {IEMLI_TERM_SERVICE_CFM, IEMLI_TERM_SERVICE_REQ, false},
+    {IEMLI_GET_LOCAL_SUPERVISION_MAC_CFM, IEMLI_GET_LOCAL_SUPERVISION_MAC_REQ, false},
+    {IEMLI_GET_LOCAL_SUPERVISION_MAC_REJ, IEMLI_GET_LOCAL_SUPERVISION_MAC_REQ, true},
+    {IEMLI_CREATE_INTER_ME_LINK_CFM, IEMLI_CREATE_INTER_ME_LINK_REQ, false},
+    {IEMLI_CREATE_INTER_ME_LINK_REJ, IEMLI_CREATE_INTER_ME_LINK_REQ, true},
+    {IEMLI_UPDATE_INTER_ME_LINK_CFM, IEMLI_UPDATE_INTER_ME_LINK_REQ, false},
+    {IEMLI_UPDATE_INTER_ME_LINK_REJ, IEMLI_UPDATE_INTER_ME_LINK_REQ, true},
+    {IEMLI_DELETE_INTER_ME_LINK_CFM, IEMLI_DELETE_INTER_ME_LINK_REQ, false},
+    {IEMLI_ENABLE_INTER_ME_LINK_RTT_CFM, IEMLI_ENABLE_INTER_ME_LINK_RTT_REQ, false},
+    {IEMLI_ENABLE_INTER_ME_LINK_RTT_REJ, IEMLI_ENABLE_INTER_ME_LINK_RTT_REQ, true},
+    {IEMLI_DISABLE_INTER_ME_LINK_RTT_CFM, IEMLI_DISABLE_INTER_ME_LINK_RTT_REQ, false},
 };
 
 const answer_kind *find_answer_kind(uint32_t msgno)
@@ -348,7 +348,7 @@ void iemli_client_handle(iemli_client &client, const itc_msg *msg)
     const answer_kind *kind = find_answer_kind(msg->msgno);
     if (kind == nullptr) {
         handle_indication(client, msg);
-    } else if (itc_size(msg) < kind->min_size) {
+    } else if (itc_size(msg) < iemli_fixed_size(msg->msgno)) {
         add_malformed(client, msg, "too short");
     } else {
         handle_answer(client, msg, *kind);
@@ -522,11 +522,7 @@ uint32_t iemli_client_send_disable_rtt(iemli_client &client, uint32_t link_ref)
 const char *iemli_client_message_name(uint32_t msgno)
 {
     switch (msgno) {
-#define X(name)                                                                                                        \
-    case name:                                                                                                         \
-        return #name;
-        IEMLI_MESSAGES(X)
-#undef X
+        IEMLI_MESSAGES(VORN_NAME_OF)
     default:
         return "a message of another protocol";
     }
@@ -535,11 +531,7 @@ const char *iemli_client_message_name(uint32_t msgno)
 const char *iemli_client_reason_name(uint32_t reason)
 {
     switch (reason) {
-#define X(value, name)                                                                                                 \
-    case name:                                                                                                         \
-        return #name;
-        IEMLI_REJECT_REASONS(X)
-#undef X
+        IEMLI_REJECT_REASONS(VORN_NAME_OF)
     default:
         return "an unknown reason";
     }

@@ -48,13 +48,15 @@ void drive(uint32_t state)
     }
 }
 
-const Client AASI = {aasi_client_init,
-                     aasi_client_dispatch,
-                     aasi_client_state,
-                     aasi_client_state_to_string,
-                     aasi_client_forget_all,
-                     drive,
-                     4};
+const Client AASI = {
+    aasi_client_init,
+    aasi_client_dispatch,
+    aasi_client_state,
+    aasi_client_state_to_string,
+    aasi_client_forget_all,
+    drive,
+    4,
+    {AASI_MESSAGES(CLIENT_TEST_NUMBER) NS_SUBSCRIBE_RSP, NS_SERVICE_ADDED_IND, NS_SERVICE_REMOVED_IND}};
 
 class AasiClient : public ClientTest
 {

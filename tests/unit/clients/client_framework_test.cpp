@@ -109,11 +109,12 @@ TEST_F(ClientFramework, MeasuresACountThatWouldOverflow32Bits)
 {
     static int handled;
     handled = 0;
-    static constexpr client_message MESSAGES[] = {{7, 16, 48, [](const itc_msg *) { ++handled; }}};
-    const auto dispatch = [](const itc_msg *msg) {
-        return client_dispatch(
-            MESSAGES, 1, [](uint32_t) { return "SEVEN"; }, msg);
-    };
+    static client_record client;
+    static constexpr client_step STEPS[] = {
+        {7, 16, [](const client_input &) { ++handled; }, IN_ANY_STATE, STAYS, nullptr, 48}};
+    static constexpr client_protocol PROTOCOL = {
+        "seven", 1, nullptr, 0, 1, false, nullptr, [](uint32_t) { return "SEVEN"; }, STEPS, 1};
+    const auto dispatch = [](const itc_msg *msg) { return client_dispatch(&client, PROTOCOL, msg); };
     // 48 times this count is 0 in 32 bits.
     EXPECT_TRUE(fake::dispatch(dispatch, SERVER, Builder().u32(7).zeros(8).n32(0x10000000)));
     EXPECT_EQ(handled, 0);

@@ -81,6 +81,9 @@ inline std::string with_state(const std::string &format, const char *state)
     return at == std::string::npos ? format : format.substr(0, at) + state + format.substr(at + 2);
 }
 
+// Of a list of messages the numbers.
+#define CLIENT_TEST_NUMBER(number, ...) number,
+
 struct Client {
     void (*init)(client_event_handler);
     bool (*dispatch)(const itc_msg *);
@@ -89,6 +92,7 @@ struct Client {
     void (*forget_all)();
     void (*drive)(uint32_t state); // from a fresh process
     uint32_t states;
+    std::vector<uint32_t> numbers; // every one that its protocol has
 
     // A fresh process whose client is in `wanted`, with nothing recorded.
     void enter(uint32_t wanted) const
@@ -126,8 +130,24 @@ struct Transition {
     std::set<uint32_t> noticed_in;             // the states in which it appears
 };
 
+// The table has a row for every message that the client takes, and for no other.
+inline void expect_row_for_every_message(const Client &client, const std::vector<Transition> &table)
+{
+    std::set<uint32_t> rows;
+    for (const auto &row : table) {
+        uint32_t number = 0;
+        memcpy(&number, row.bytes.data(), sizeof number);
+        rows.insert(number);
+    }
+    for (const uint32_t number : client.numbers) {
+        client.enter(0);
+        EXPECT_EQ(client.receive(Builder().u32(number)), rows.count(number) == 1) << std::hex << number;
+    }
+}
+
 inline void walk(const Client &client, const std::vector<Transition> &table)
 {
+    expect_row_for_every_message(client, table);
     for (const auto &row : table) {
         ASSERT_EQ(row.next.size(), client.states) << row.name;
         ASSERT_EQ(row.raised.size(), client.states) << row.name;

@@ -43,7 +43,8 @@ const Client EMI = {emi_client_init,
                     emi_client_state_to_string,
                     emi_client_forget_all,
                     drive,
-                    5};
+                    5,
+                    {EMI_MESSAGES(CLIENT_TEST_NUMBER)}};
 
 class EmiClient : public ClientTest
 {

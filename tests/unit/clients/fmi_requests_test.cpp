@@ -291,7 +291,7 @@ TEST_F(FmiRequests, LeavesEveryOtherMessageQueuedInItsOrder)
 TEST_F(FmiRequests, FailsOnAMessageThatIsNeitherConfirmNorReject)
 {
     fmi_append_static_rule(PORT, 1);
-    static constexpr fmi_exchange EXCHANGE = {0x1B0F5C, 12, nullptr, 0x1B0F5D, 12, nullptr};
+    static constexpr fmi_exchange EXCHANGE = {{0x1B0F5C, 12, 0, 0, 0, nullptr}, {0x1B0F5D, 12, 0, 0, 0, nullptr}};
     itc_msg *msg = fake::make(SERVER, message(0x1B0F5F, 5));
     uint32_t id = 0;
     EXPECT_FALSE(fmi_take_answer(EXCHANGE, msg, &id));

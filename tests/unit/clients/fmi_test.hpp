@@ -109,6 +109,7 @@ inline const client_test::Client FMI = {fmi_client_init,
                                         fmi_client_state_to_string,
                                         fmi_client_forget_all,
                                         drive,
-                                        5};
+                                        5,
+                                        {FMI_MESSAGES(CLIENT_TEST_NUMBER)}};
 
 } // namespace fmi_test

@@ -72,6 +72,7 @@ inline const client_test::Client IEPCSI = {iepcsi_client_init,
                                            iepcsi_client_state_to_string,
                                            iepcsi_client_forget_all,
                                            drive,
-                                           5};
+                                           5,
+                                           {IEPCSI_MESSAGES(CLIENT_TEST_NUMBER)}};
 
 } // namespace iepcsi_test

@@ -35,7 +35,8 @@ const Client PMI = {pmi_client_init,
                     pmi_client_state_to_string,
                     pmi_client_forget_all,
                     drive,
-                    5};
+                    5,
+                    {PMI_MESSAGES(CLIENT_TEST_NUMBER)}};
 
 class PmiClient : public ClientTest
 {
