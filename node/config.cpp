@@ -12,6 +12,8 @@
 #define TOML_ENABLE_FORMATTERS 0
 #include <toml++/toml.h>
 
+#include "port_names.hpp"
+
 namespace kap_node
 {
 
@@ -27,18 +29,6 @@ constexpr size_t NAMESPACE_MOST = 255;
 constexpr size_t VLAN_NAMESPACE_MOST = 15;
 constexpr uint32_t MOST_CLIENTS = 4096;
 constexpr uint32_t MOST_RECORDS = 16'000'000;
-
-struct port_names {
-    const char *people_name;
-    const char *name;
-    const char *fmi_name;
-};
-
-constexpr port_names PORTS[] = {
-    {"IDL_A1", "IDLA1", "DiPort_A1"}, {"IDL_A2", "IDLA2", "DiPort_A2"}, {"IDL_B1", "IDLB1", "DiPort_B1"},
-    {"IDL_B2", "IDLB2", "DiPort_B2"}, {"TN_A", "TNA", "TNA"},           {"TN_B", "TNB", "TNB"},
-    {"TN_C", "TNC", "TNC"},           {"TN_D", "TND", "TND"},
-};
 
 // What a port's name ends in where it stands for a part of the port's rules.
 constexpr const char *FMI_CHAINS_OF_A_PORT[] = {".rules", ".static"};
@@ -194,9 +184,9 @@ port_entry read_port(file &f, const port_names &names, const toml::key &key, con
 {
     port_entry entry{{}, key.source(), key.source(), key.source(), key.source()};
     port_config &port = entry.port;
-    port.people_name = names.people_name;
-    port.name = names.name;
-    port.fmi_name = names.fmi_name;
+    port.people_name = names.iemli;
+    port.name = names.iepcsi;
+    port.fmi_name = names.fmi;
     port.unlocked = true;
     port.vlan_interfaces = is_tn(port);
     bool has_interface = false;
@@ -300,9 +290,9 @@ std::vector<port_config> read_ports(file &f, const toml::node &node)
     }
     for (const auto &[key, value] : *table) {
         const std::string_view name = key.str();
-        const auto *names = std::find_if(std::begin(PORTS), std::end(PORTS),
-                                         [&](const port_names &each) { return name == each.people_name; });
-        if (names == std::end(PORTS)) {
+        const auto *names = std::find_if(std::begin(PORT_NAMES), std::end(PORT_NAMES),
+                                         [&](const port_names &each) { return name == each.iemli; });
+        if (names == std::end(PORT_NAMES)) {
             f.refuse(key.source(), "there is no port \"" + std::string(name) +
                                        "\"; there are IDL_A1, IDL_A2, IDL_B1, IDL_B2, TN_A, TN_B, TN_C and TN_D");
         } else {

@@ -2,6 +2,7 @@
 #include "pmi_client.hpp"
 
 #include "client_framework.hpp"
+#include "port_names.hpp"
 
 namespace
 {
@@ -10,27 +11,14 @@ client_record client; // NOLINT
 
 void reset() { client_reset(&client); }
 
-// The server's name of a port, null for a port that it does not serve.
-const char *server_port_name(const char *port_name)
-{
-    static constexpr struct {
-        const char *name;
-        const char *server_name;
-    } NAMES[] = {{"IDL_A1", "IDLA1"}, {"IDL_B1", "IDLB1"}, {"IDL_A2", "IDLA2"}, {"IDL_B2", "IDLB2"}};
-    for (const auto &entry : NAMES) {
-        if (strcmp(port_name, entry.name) == 0) {
-            return entry.server_name;
-        }
-    }
-    return nullptr;
-}
-
+// A port that the server does not know goes out without a name.
 pmi_port_vlan_req *alloc_vlan_req(uint32_t msgno, const char *port_name, uint32_t vlan_id)
 {
     auto *req = client_alloc_request<pmi_port_vlan_req>(&client, msgno);
-    const char *name = server_port_name(port_name);
-    if (name != nullptr) {
-        client_copy_text(req->port_name, sizeof req->port_name, name, sizeof req->port_name);
+    for (const port_names &port : PORT_NAMES) {
+        if (port.pmi != nullptr && strcmp(port_name, port.iemli) == 0) {
+            client_copy_text(req->port_name, sizeof req->port_name, port.pmi, sizeof req->port_name);
+        }
     }
     req->vlan_id = to_be32(vlan_id);
     return req;

@@ -15,7 +15,6 @@ namespace
 constexpr uint8_t MAX_MP_ID = 63;
 constexpr uint16_t MAX_VLAN_ID = 4094;
 constexpr uint32_t RTT_PERIOD = 60; // seconds; a whole number of batches fits in
-constexpr const char *UNKNOWN_PORT = "INVALID_PORT";
 
 bool is_same_link(const IemliLinkData *a, const IemliLinkData *b)
 {
@@ -94,11 +93,6 @@ uint32_t check_app_links(const mac_address &far_end_cpm, const app_link_index &a
     return app_link_index_repeats(app_links, sound) ? IEMLI_REJ_DUPLICATE_APP_LINKS : reason;
 }
 
-bool is_known_port(const IemliLinkData *link)
-{
-    return strcmp(iemli_to_iepcsi_port_name(iemli_port_name_of(link).text), UNKNOWN_PORT) != 0;
-}
-
 // What a create asks for, held against the links that exist, in itself and against the ports.
 uint32_t check_link(const IemliLinkData *link, const app_link_index &app_links)
 {
@@ -110,7 +104,7 @@ uint32_t check_link(const IemliLinkData *link, const app_link_index &app_links)
     if (reason != IEMLI_NO_REJECT) {
         return reason;
     }
-    if (!is_known_port(link)) {
+    if (!is_known_port(port_of_iemli_name(iemli_port_name_of(link).text))) {
         return IEMLI_REJ_UNKNOWN_PORT_NAME;
     }
     return IEMLI_NO_REJECT;

@@ -33,8 +33,7 @@ void set_default_actions()
         if (port->adm_state != ETH_PORT_UNLOCKED) {
             continue;
         }
-        char fmi_name[64];
-        port_name_to_fmi_name(port->port_name, fmi_name, sizeof fmi_name);
+        const char *fmi_name = port_name_to_fmi_name(port->port_name);
         if (!fmi_set_default_action(fmi_name, is_tn_port(port->port_name) ? 1 : 0)) {
             fmi_set_default_action(fmi_name, FMI_FALLBACK_ACTION);
         }
@@ -44,8 +43,7 @@ void set_default_actions()
 void create_policers()
 {
     for (const eth_port *port = iepcsi_get_port_list(); port != nullptr; port = port->next) {
-        char fmi_name[16]; // a longer name is cut to 15 characters
-        port_name_to_fmi_name(port->port_name, fmi_name, sizeof fmi_name);
+        const char *fmi_name = port_name_to_fmi_name(port->port_name);
         for (uint32_t type = 0; type < POLICER_TYPES; ++type) {
             fmi_create_policer(type, fmi_name);
         }

@@ -6,14 +6,13 @@
 #include <cstring>
 #include <string_view>
 
+#include "port_names.hpp"
+
 namespace kap_link
 {
 
 namespace
 {
-
-// Every port that a node can have.
-constexpr std::array<std::string_view, 8> PORTS{"IDL_A1", "IDL_A2", "IDL_B1", "IDL_B2", "TN_A", "TN_B", "TN_C", "TN_D"};
 
 constexpr size_t MAC_LENGTH = 17;
 
@@ -82,10 +81,11 @@ bool read_mac(const std::string &word, kap_iemli_mac *mac)
 
 std::string read_port(const std::string &word, wish &wanted)
 {
-    if (std::find(PORTS.begin(), PORTS.end(), word) == PORTS.end()) {
+    if (std::none_of(std::begin(PORT_NAMES), std::end(PORT_NAMES),
+                     [&](const port_names &port) { return word == port.iemli; })) {
         std::string known;
-        for (const std::string_view port : PORTS) {
-            known += (known.empty() ? "" : ", ") + std::string(port);
+        for (const port_names &port : PORT_NAMES) {
+            known += (known.empty() ? "" : ", ") + std::string(port.iemli);
         }
         return "no port (" + known + "): " + word;
     }

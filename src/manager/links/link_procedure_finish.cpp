@@ -19,11 +19,6 @@ namespace
 
 uint32_t step_state(const iml_link_proc *proc, proc_step_kind kind) { return proc->steps[kind].state; }
 
-bool fetch_port(const IemliLinkData *data, eth_port *port)
-{
-    return iepcsi_fetch_port_data(iemli_to_iepcsi_port_name(data->imlPortName), port);
-}
-
 iml_link *requested_link(const iml_link_proc *proc)
 {
     return iml_link_find_owned(proc->request->link_ref, proc->request->server_conn_ref);
@@ -157,7 +152,7 @@ link_answer link_proc_finish_create(iml_link_proc *proc)
         return out_of_memory();
     }
     eth_port port;
-    if (!fetch_port(link->link_data, &port)) {
+    if (!iepcsi_fetch_port_data(link->port->iepcsi, &port)) {
         VORN_TRACE(TRACE_LINK, "Failed to fetch port data.");
         iml_link_free(link);
         return link_rejected(IEMLI_REJ_UNKNOWN_PORT_NAME);
@@ -203,7 +198,7 @@ link_answer link_proc_finish_update(iml_link_proc *proc)
         }
     }
     eth_port port;
-    if (!fetch_port(link->link_data, &port)) {
+    if (!iepcsi_fetch_port_data(link->port->iepcsi, &port)) {
         VORN_TRACE(TRACE_ERROR, "Failed to fetch port data. App supervision not stoped.");
         free(resized);
         return link_rejected(IEMLI_REJ_OTHER_REASON);

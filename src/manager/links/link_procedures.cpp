@@ -104,7 +104,7 @@ void reprogram_emca_of_deleted(const eth_port *port, const iml_link *link)
 void take_link_out(iml_link *link)
 {
     eth_port record;
-    const bool known = iepcsi_fetch_port_data(iemli_to_iepcsi_port_name(link->link_data->imlPortName), &record);
+    const bool known = iepcsi_fetch_port_data(link->port->iepcsi, &record);
     const eth_port *port = known ? &record : nullptr;
     stop_sessions_of_deleted(port, link);
     iml_link_remove(link);

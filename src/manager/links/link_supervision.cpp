@@ -238,10 +238,8 @@ void for_links_on_port(const char *iepcsi_port_name, void (*action)(const eth_po
         VORN_TRACE(TRACE_ERROR, "Failed to fetch port data");
         return;
     }
-    char iemli_name[PORT_NAME_LEN + 1];
-    (void)snprintf(iemli_name, sizeof iemli_name, "%s", iepcsi_to_iemli_port_name(iepcsi_port_name));
     for (iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
-        if (port_name_equal(link->link_data->imlPortName, iemli_name)) {
+        if (iml_link_is_on_port(link, iepcsi_port_name)) {
             action(port, link);
         }
     }

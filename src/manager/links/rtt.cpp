@@ -29,7 +29,7 @@ void report_batch(iml_link *link)
 
 bool fetch_port_of_link(const iml_link *link, eth_port *port)
 {
-    if (!iepcsi_fetch_port_data(iemli_to_iepcsi_port_name(link->link_data->imlPortName), port)) {
+    if (!iepcsi_fetch_port_data(link->port->iepcsi, port)) {
         VORN_TRACE(TRACE_ERROR, "Failed to get port data");
         return false;
     }

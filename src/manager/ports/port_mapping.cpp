@@ -1,8 +1,6 @@
-// The names of a physical port with its three services, and where a link on it lives. Knows no port but the eight of
-// its tables; what a name means to the services is their business.
+// Finds ports by their names, and where a link on one lives. What a name means to the services is their business.
 #include "port_mapping.hpp"
 
-#include <cstdio>
 #include <cstring>
 
 #include "vorn_trace.hpp"
@@ -11,61 +9,38 @@
 namespace
 {
 
-struct port_names {
-    const char *iemli;
-    const char *iepcsi;
-    const char *fmi;
-};
+constexpr port_names UNKNOWN_PORT = {"INVALID_PORT", "INVALID_PORT", "INVALID_PORT", nullptr};
 
-constexpr port_names PORTS[] = {
-    {"IDL_A1", "IDLA1", "DiPort_A1"}, {"IDL_A2", "IDLA2", "DiPort_A2"}, {"IDL_B1", "IDLB1", "DiPort_B1"},
-    {"IDL_B2", "IDLB2", "DiPort_B2"}, {"TN_A", "TNA", "TNA"},           {"TN_B", "TNB", "TNB"},
-    {"TN_C", "TNC", "TNC"},           {"TN_D", "TND", "TND"},
-};
-
-constexpr const char *INVALID_PORT = "INVALID_PORT";
-
-using name_buffer = char[PORT_NAME_LEN + 1];
-
-const char *store(name_buffer &buffer, const char *name)
+const port_names &find_port(const char *port_names::*kind, const char *name)
 {
-    (void)snprintf(buffer, sizeof buffer, "%s", name);
-    return buffer;
+    for (const port_names &port : PORT_NAMES) {
+        if (port_name_equal(name, port.*kind)) {
+            return port;
+        }
+    }
+    return UNKNOWN_PORT;
 }
 
 } // namespace
 
-const char *iemli_to_iepcsi_port_name(const char *iemli_name)
-{
-    static name_buffer result;
-    for (const port_names &port : PORTS) {
-        if (port_name_equal(iemli_name, port.iemli)) {
-            return store(result, port.iepcsi);
-        }
-    }
-    return store(result, INVALID_PORT);
-}
+const port_names &port_of_iemli_name(const char *iemli_name) { return find_port(&port_names::iemli, iemli_name); }
 
-const char *iepcsi_to_iemli_port_name(const char *iepcsi_name)
-{
-    static name_buffer result;
-    for (const port_names &port : PORTS) {
-        if (port_name_equal(iepcsi_name, port.iepcsi)) {
-            return store(result, port.iemli);
-        }
-    }
-    return store(result, INVALID_PORT);
-}
+const port_names &port_of_iepcsi_name(const char *iepcsi_name) { return find_port(&port_names::iepcsi, iepcsi_name); }
 
-void port_name_to_fmi_name(const char *name, char *buffer, uint8_t size)
+bool is_known_port(const port_names &port) { return &port != &UNKNOWN_PORT; }
+
+const char *iemli_to_iepcsi_port_name(const char *iemli_name) { return port_of_iemli_name(iemli_name).iepcsi; }
+
+const char *iepcsi_to_iemli_port_name(const char *iepcsi_name) { return port_of_iepcsi_name(iepcsi_name).iemli; }
+
+const char *port_name_to_fmi_name(const char *name)
 {
-    for (const port_names &port : PORTS) {
+    for (const port_names &port : PORT_NAMES) {
         if (strcmp(name, port.iemli) == 0 || strcmp(name, port.iepcsi) == 0) {
-            name = port.fmi;
-            break;
+            return port.fmi;
         }
     }
-    (void)snprintf(buffer, size, "%s", name);
+    return name;
 }
 
 bool is_tn_port(const char *name) { return name != nullptr && strstr(name, "TN") != nullptr; }

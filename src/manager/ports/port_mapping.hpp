@@ -1,20 +1,24 @@
-// One physical port, three names: IEMLI clients say "IDL_A1", IEPCSI and PMI "IDLA1", FMI "DiPort_A1".
+// One physical port, three names: IEMLI clients say "IDL_A1", IEPCSI and PMI "IDLA1", FMI "DiPort_A1" (port_names.hpp).
 #pragma once
 
 #include <cstdint>
 
 #include "clients/iepcsi_client.hpp"
+#include "port_names.hpp"
 
 // The state of a port in which it carries links: unlocked by the operator, and operational.
 inline constexpr uint32_t ETH_PORT_UNLOCKED = 1;
 inline constexpr uint32_t ETH_PORT_OPERATIONAL = 1;
 
-// Both return a static buffer of their own, overwritten by the next call; "INVALID_PORT" for an unknown name.
+// A row of the table, or one whose names are all "INVALID_PORT".
+const port_names &port_of_iemli_name(const char *iemli_name);
+const port_names &port_of_iepcsi_name(const char *iepcsi_name);
+bool is_known_port(const port_names &port);
 const char *iemli_to_iepcsi_port_name(const char *iemli_name);
 const char *iepcsi_to_iemli_port_name(const char *iepcsi_name);
 
-// Writes the FMI name of either form; an unknown name is copied, cut to size - 1 characters.
-void port_name_to_fmi_name(const char *name, char *buffer, uint8_t size);
+// The FMI name of either form; an unknown name is its own.
+const char *port_name_to_fmi_name(const char *name);
 
 // TN ports carry one interface and namespace per VLAN; other ports one for the whole port. False for no name.
 bool is_tn_port(const char *name);

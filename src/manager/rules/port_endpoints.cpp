@@ -172,9 +172,7 @@ void set_port_acl_only(const char *iepcsi_port_name, uint32_t event)
         setup_port_acl(iepcsi_port_name);
         return;
     }
-    char fmi_name[64];
-    port_name_to_fmi_name(iepcsi_port_name, fmi_name, sizeof fmi_name);
-    port_acl_fall_back(fmi_name);
+    port_acl_fall_back(port_name_to_fmi_name(iepcsi_port_name));
 }
 
 void trace_added(const port_endpoint_request *request)
@@ -211,9 +209,7 @@ void remove_port_acl(const char *iepcsi_port_name)
     mac_address *macs = collect_local_port_macs(&count);
     set_supervision_acl_rule_on_ports(macs, count);
     free(macs);
-    char fmi_name[64];
-    port_name_to_fmi_name(iepcsi_port_name, fmi_name, sizeof fmi_name);
-    fmi_remove_acl_from_port(fmi_name);
+    fmi_remove_acl_from_port(port_name_to_fmi_name(iepcsi_port_name));
 }
 
 void finish_removal(port_endpoint_request *request, bool removed)

@@ -145,8 +145,7 @@ void set_emca_acl_rule_on_port(const char *iemli_port_name)
 {
     uint32_t count = 0;
     mac_address *macs = collect_emca_macs_for_port(&count, iemli_port_name);
-    char fmi_name[64];
-    port_name_to_fmi_name(iemli_port_name, fmi_name, sizeof fmi_name);
+    const char *fmi_name = port_name_to_fmi_name(iemli_port_name);
     if (!fmi_set_emca_acl_rule(fmi_name, macs, count)) {
         VORN_TRACE(TRACE_WARNING, "WARNING: Set emca acl rule on port (%s) for %u new emcas failed.", fmi_name, count);
     }
@@ -155,13 +154,10 @@ void set_emca_acl_rule_on_port(const char *iemli_port_name)
 
 void setup_port_acl(const char *iepcsi_port_name)
 {
-    char iemli_name[PORT_NAME_LEN];
-    char fmi_name[64];
-    (void)snprintf(iemli_name, sizeof iemli_name, "%s", iepcsi_to_iemli_port_name(iepcsi_port_name));
-    port_name_to_fmi_name(iepcsi_port_name, fmi_name, sizeof fmi_name);
+    const char *fmi_name = port_name_to_fmi_name(iepcsi_port_name);
     uint32_t emca_count = 0;
     uint32_t local_count = 0;
-    mac_address *emcas = collect_emca_macs_for_port(&emca_count, iemli_name);
+    mac_address *emcas = collect_emca_macs_for_port(&emca_count, iepcsi_to_iemli_port_name(iepcsi_port_name));
     mac_address *locals = collect_local_port_macs(&local_count);
     if (!set_port_rules(fmi_name, is_tn_port(iepcsi_port_name) ? 1 : 0, emcas, emca_count)) {
         port_acl_fall_back(fmi_name);
@@ -184,8 +180,7 @@ void set_supervision_acl_rule_on_ports(const mac_address *macs, uint32_t count)
         if (port->adm_state != ETH_PORT_UNLOCKED) {
             continue;
         }
-        char fmi_name[64];
-        port_name_to_fmi_name(port->port_name, fmi_name, sizeof fmi_name);
+        const char *fmi_name = port_name_to_fmi_name(port->port_name);
         if (!fmi_set_supervision_acl_rule(fmi_name, macs, count)) {
             port_acl_fall_back(fmi_name);
         }
@@ -194,17 +189,13 @@ void set_supervision_acl_rule_on_ports(const mac_address *macs, uint32_t count)
 
 void fill_ptp_lldp_mac_rules(const char *port_name, uint16_t vlan, EmiEndpoint *out)
 {
-    char fmi_name[64];
-    port_name_to_fmi_name(port_name, fmi_name, sizeof fmi_name);
-    fill_rule(&out[0], fmi_name, PTP_MULTICAST_MAC, vlan, 0);
+    fill_rule(&out[0], port_name_to_fmi_name(port_name), PTP_MULTICAST_MAC, vlan, 0);
     fill_lldp_mac_rule(port_name, vlan, &out[1]);
 }
 
 void fill_lldp_mac_rule(const char *port_name, uint16_t vlan, EmiEndpoint *out)
 {
-    char fmi_name[64];
-    port_name_to_fmi_name(port_name, fmi_name, sizeof fmi_name);
-    fill_rule(out, fmi_name, LLDP_MULTICAST_MAC, vlan, 0);
+    fill_rule(out, port_name_to_fmi_name(port_name), LLDP_MULTICAST_MAC, vlan, 0);
 }
 
 uint32_t build_link_acl_rules(const IemliLinkData *link, EmiEndpoint **out)
@@ -221,8 +212,7 @@ uint32_t build_link_acl_rules(const IemliLinkData *link, EmiEndpoint **out)
         VORN_TRACE(TRACE_ERROR, "Out of memory");
         return 0;
     }
-    char fmi_name[64];
-    port_name_to_fmi_name(link->imlPortName, fmi_name, sizeof fmi_name);
+    const char *fmi_name = port_name_to_fmi_name(link->imlPortName);
     EmiEndpoint *rule = rules;
     for (uint32_t i = 0; i < link->numberOfAppLinks; ++i, rule += 2) {
         fill_app_link_rules(rule, fmi_name, iemli_app_links(link)[i], link->vlanId);
@@ -239,8 +229,7 @@ uint32_t build_link_acl_rules(const IemliLinkData *link, EmiEndpoint **out)
 void build_new_app_link_acl_rules(const IemliLinkData *link, const IemliLinkData *old_link, EmiEndpoint **out,
                                   uint32_t *count)
 {
-    char fmi_name[64];
-    port_name_to_fmi_name(link->imlPortName, fmi_name, sizeof fmi_name);
+    const char *fmi_name = port_name_to_fmi_name(link->imlPortName);
     *out = nullptr;
     *count = 0;
     app_link_index old_app_links = app_link_index_build(iemli_app_links(old_link), old_link->numberOfAppLinks);

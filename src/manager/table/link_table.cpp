@@ -131,6 +131,7 @@ iml_link *iml_link_alloc(IemliLinkData *data)
     auto *link = static_cast<iml_link *>(calloc(1, sizeof(iml_link)));
     if (link != nullptr) {
         link->link_data = data;
+        link->port = &port_of_iemli_name(data->imlPortName);
         link->rtt = {RTT_DEFAULT_BATCH_SIZE, RTT_DEFAULT_INTERVAL, RTT_DEFAULT_FRAME_SIZE};
     }
     return link;
@@ -278,10 +279,14 @@ void iml_link_free_keep_alives(iml_link *link)
     keep_alive_array_free(&taken);
 }
 
+bool iml_link_is_on_port(const iml_link *link, const char *iepcsi_port_name)
+{
+    return port_name_equal(link->port->iepcsi, iepcsi_port_name);
+}
+
 bool iml_link_is_on_port_vlan(const iml_link *link, const char *iepcsi_port_name, uint16_t vlan)
 {
-    return link->link_data->vlanId == vlan &&
-           port_name_equal(iemli_to_iepcsi_port_name(link->link_data->imlPortName), iepcsi_port_name);
+    return link->link_data->vlanId == vlan && iml_link_is_on_port(link, iepcsi_port_name);
 }
 
 bool iml_link_is_rtt_enabled(uint32_t link_ref)

@@ -11,6 +11,7 @@
 #include "base/ref_index.hpp"
 #include "base/rtt_samples.hpp"
 #include "iemli/iemli_messages.hpp"
+#include "port_names.hpp"
 
 inline constexpr uint16_t RTT_DEFAULT_BATCH_SIZE = 5;
 inline constexpr uint16_t RTT_DEFAULT_INTERVAL = 1;
@@ -43,6 +44,7 @@ struct iml_link {
     uint32_t status;          // iml_link_status
     uint32_t disabled_reason; // iml_link_disabled_reason, meaningful while disabled
     IemliLinkData *link_data; // owned, with room for at least one app link
+    const port_names *port;   // of link_data's port; its names are looked up once, when the link is made
     rtt_settings rtt;         // batchSize, measureInterval, frameSize
     uint32_t rtt_enabled;
     uint32_t supervision_state; // supervision_run_state
@@ -104,6 +106,7 @@ void iml_link_set_keep_alive_session(iml_link *link, uint32_t app_link, uint32_t
 void iml_link_free_keep_alives(iml_link *link);
 
 // True when the link's port, as IEPCSI names it, and VLAN are these.
+bool iml_link_is_on_port(const iml_link *link, const char *iepcsi_port_name);
 bool iml_link_is_on_port_vlan(const iml_link *link, const char *iepcsi_port_name, uint16_t vlan);
 
 bool iml_link_is_rtt_enabled(uint32_t link_ref);
