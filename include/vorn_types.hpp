@@ -57,8 +57,7 @@ inline constexpr size_t PORT_NAME_LEN = 16;
 
 inline bool port_name_equal(const char *a, const char *b) { return strncmp(a, b, PORT_NAME_LEN) == 0; }
 
-// ---- Events from the lower-layer clients to the manager
-// --------------------------------------------------------------
+// ---- Events from the lower-layer clients to the manager ----
 
 enum client_event_type : uint32_t {
     SERVICE_EVENT = 0,
@@ -110,7 +109,7 @@ enum port_event : uint32_t {
 
 // The record handed to the manager's callback; it is the client's own and valid only during the call.
 struct client_event {
-    uint32_t type;
+    client_event_type type;
     union {
         uint32_t word[6];
         struct {

@@ -189,9 +189,8 @@ const char *received_name(uint32_t msgno)
         return "NGNS_SERVICE_ADDED_IND";
     case NS_SERVICE_REMOVED_IND:
         return "NGNS_SERVICE_REMOVED_IND";
-    default:
-        return aasi_msg_to_string(msgno);
     }
+    return aasi_msg_to_string(msgno);
 }
 
 constexpr client_protocol PROTOCOL = {AASI_SERVICE_NAME,

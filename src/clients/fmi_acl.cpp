@@ -53,12 +53,11 @@ struct policer {
 port_acl *acls = nullptr;    // NOLINT; newest first
 policer *policers = nullptr; // NOLINT; newest first
 
-// `complaint` is the format of the trace, with the state as its argument.
-bool is_initiated(const char *complaint)
+bool is_initiated(void (*complain)(const char *state))
 {
     const uint32_t state = fmi_client_state();
     if (state != FMI_CLIENT_INITIATED) {
-        VORN_TRACE(TRACE_ERROR, complaint, fmi_client_state_to_string(state));
+        complain(fmi_client_state_to_string(state));
     }
     return state == FMI_CLIENT_INITIATED;
 }
@@ -194,7 +193,8 @@ void fmi_acl_free()
 
 bool fmi_set_emca_acl_rule(const char *port, const mac_address *macs, uint32_t count)
 {
-    if (!is_initiated("fmi_set_emca_acl_rule called but fmi_client is in wrong state, state_=%s")) {
+    if (!is_initiated(
+            CLIENT_NOTICE(TRACE_ERROR, "fmi_set_emca_acl_rule called but fmi_client is in wrong state, state_=%s"))) {
         return false;
     }
     port_acl *acl = find_acl(port);
@@ -212,7 +212,8 @@ bool fmi_set_emca_acl_rule(const char *port, const mac_address *macs, uint32_t c
 
 bool fmi_set_supervision_acl_rule(const char *port, const mac_address *macs, uint32_t count)
 {
-    if (!is_initiated("fmi_set_supervision_acl_rule called but fmi_client is in wrong state, state_=%s")) {
+    if (!is_initiated(CLIENT_NOTICE(
+            TRACE_ERROR, "fmi_set_supervision_acl_rule called but fmi_client is in wrong state, state_=%s"))) {
         return false;
     }
     port_acl *acl = find_acl(port);
@@ -226,7 +227,8 @@ bool fmi_set_supervision_acl_rule(const char *port, const mac_address *macs, uin
 
 bool fmi_set_static_rule(const char *port, uint32_t type)
 {
-    if (!is_initiated("fmi_set_static_rule called but fmi_client is in wrong state, state_=%s")) {
+    if (!is_initiated(
+            CLIENT_NOTICE(TRACE_ERROR, "fmi_set_static_rule called but fmi_client is in wrong state, state_=%s"))) {
         return false;
     }
     port_acl *acl = find_acl(port);
@@ -246,7 +248,8 @@ bool fmi_set_static_rule(const char *port, uint32_t type)
 
 bool fmi_set_default_action(const char *port, uint32_t action)
 {
-    if (!is_initiated("fmi_set_default_action called but fmi_client is in wrong state, state_=%s")) {
+    if (!is_initiated(
+            CLIENT_NOTICE(TRACE_ERROR, "fmi_set_default_action called but fmi_client is in wrong state, state_=%s"))) {
         return false;
     }
     port_acl *acl = find_acl(port);
@@ -270,7 +273,8 @@ bool fmi_set_default_action(const char *port, uint32_t action)
 
 bool fmi_set_ptp_macs(const char *port)
 {
-    if (!is_initiated("fmi_set_ptp_macs called but fmi_client is in wrong state, state_=%s")) {
+    if (!is_initiated(
+            CLIENT_NOTICE(TRACE_ERROR, "fmi_set_ptp_macs called but fmi_client is in wrong state, state_=%s"))) {
         return false;
     }
     port_acl *acl = find_acl(port);
@@ -283,7 +287,8 @@ bool fmi_set_ptp_macs(const char *port)
 
 bool fmi_set_lldp_macs(const char *port)
 {
-    if (!is_initiated("fmi_set_lldp_macs called but fmi_client is in wrong state, state_=%s")) {
+    if (!is_initiated(
+            CLIENT_NOTICE(TRACE_ERROR, "fmi_set_lldp_macs called but fmi_client is in wrong state, state_=%s"))) {
         return false;
     }
     port_acl *acl = find_acl(port);
@@ -297,7 +302,8 @@ bool fmi_set_lldp_macs(const char *port)
 
 void fmi_create_policer(uint32_t type, const char *port)
 {
-    if (!is_initiated("fmi_create_policer called but fmi_client is in wrong state, state_=%s")) {
+    if (!is_initiated(
+            CLIENT_NOTICE(TRACE_ERROR, "fmi_create_policer called but fmi_client is in wrong state, state_=%s"))) {
         return;
     }
     if (has_confirmed_policer(port, type)) {
@@ -330,7 +336,8 @@ void fmi_policer_confirmed(uint32_t procedure_ref, uint32_t id, const char *port
 
 void fmi_remove_acl_from_port(const char *port)
 {
-    if (!is_initiated("fmi_remove_acl_from_port called but fmi_client is in wrong state, state_=%s")) {
+    if (!is_initiated(CLIENT_NOTICE(TRACE_ERROR,
+                                    "fmi_remove_acl_from_port called but fmi_client is in wrong state, state_=%s"))) {
         return;
     }
     port_acl **slot = &acls;

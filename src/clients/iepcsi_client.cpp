@@ -214,17 +214,15 @@ void remove_vlan(const vlan_status &status)
 client_verdict update_vlan(const client_input &in)
 {
     const vlan_status status = read_vlan_status(in.msg);
-    switch (status.action) {
+    switch (static_cast<iepcsi_vlan_action>(status.action)) {
     case IEPCSI_VLAN_ADDED:
         add_vlan(status);
-        break;
+        return CLIENT_TAKEN;
     case IEPCSI_VLAN_REMOVED:
         remove_vlan(status);
-        break;
-    default:
-        VORN_TRACE(TRACE_ERROR, "Received IEPCSI_PORT_VLAN_STATUS_IND with unknown vlan_action=%u", status.action);
-        break;
+        return CLIENT_TAKEN;
     }
+    VORN_TRACE(TRACE_ERROR, "Received IEPCSI_PORT_VLAN_STATUS_IND with unknown vlan_action=%u", status.action);
     return CLIENT_TAKEN;
 }
 

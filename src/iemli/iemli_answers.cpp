@@ -31,20 +31,15 @@ void confirm(const IemliSession *session, uint32_t link_ref, const IemliPendingR
     switch (pending->action) {
     case IEMLI_PENDING_CREATE:
         send_create_cfm(client, link_ref);
-        iml_link_create_path(link_ref);
-        break;
+        return iml_link_create_path(link_ref);
     case IEMLI_PENDING_UPDATE:
         send_update_cfm(client);
-        iml_link_update_path(link_ref);
-        break;
+        return iml_link_update_path(link_ref);
     case IEMLI_PENDING_DELETE:
-        send_delete_cfm(client);
-        break;
-    default:
-        VORN_TRACE(TRACE_ERROR, "Unknown pending request %u for link %u from client %u", pending->action, link_ref,
-                   client.client_mbox);
-        break;
+        return send_delete_cfm(client);
     }
+    VORN_TRACE(TRACE_ERROR, "Unknown pending request %u for link %u from client %u", pending->action, link_ref,
+               client.client_mbox);
 }
 
 // A rejected create or update is answered under the reference that its session took up last, a delete under its own.
@@ -53,20 +48,15 @@ void reject(const IemliSession *session, uint32_t reason, const IemliPendingRequ
     const iemli_peer client = iemli_session_peer(session, session->last_procedure_ref);
     switch (pending->action) {
     case IEMLI_PENDING_CREATE:
-        send_create_rej(client, reason);
-        break;
+        return send_create_rej(client, reason);
     case IEMLI_PENDING_UPDATE:
-        send_update_rej(client, reason);
-        break;
+        return send_update_rej(client, reason);
     case IEMLI_PENDING_DELETE:
         VORN_TRACE(TRACE_ERROR, "Reject is not supported on delete link action. Request %u from client %u",
                    pending->procedure_ref, client.client_mbox);
-        send_delete_cfm(iemli_session_peer(session, pending->procedure_ref));
-        break;
-    default:
-        VORN_TRACE(TRACE_ERROR, "Unknown pending request %u from client %u", pending->action, client.client_mbox);
-        break;
+        return send_delete_cfm(iemli_session_peer(session, pending->procedure_ref));
     }
+    VORN_TRACE(TRACE_ERROR, "Unknown pending request %u from client %u", pending->action, client.client_mbox);
 }
 
 void let_go(IemliPendingRequest **pending)

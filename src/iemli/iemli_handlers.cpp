@@ -35,9 +35,8 @@ const char *handler_name(uint32_t msgno)
         return "handle_enable_inter_me_link_rtt_req()";
     case IEMLI_DISABLE_INTER_ME_LINK_RTT_REQ:
         return "handle_disable_inter_me_link_rtt_req()";
-    default:
-        return "unknown_function()";
     }
+    return "unknown_function()";
 }
 
 void trace_create(const IemliLinkData *link)

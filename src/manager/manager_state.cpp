@@ -86,69 +86,49 @@ void client_event_cb(const client_event *event)
 {
     switch (event->type) {
     case SERVICE_EVENT:
-        handle_service_event(event->service.id);
-        break;
+        return handle_service_event(event->service.id);
     case PROCEDURE_RESULT_EVENT:
-        handle_link_event(*event);
-        break;
+        return handle_link_event(*event);
     case IEPCSI_EVENT:
-        handle_port_event(*event);
-        break;
+        return handle_port_event(*event);
     case PATHS_WANTED_EVENT:
-        iml_link_create_all_paths();
-        break;
-    default:
-        VORN_TRACE(TRACE_ERROR, "Unknown event type %u", event->type);
-        break;
+        return iml_link_create_all_paths();
     }
+    VORN_TRACE(TRACE_ERROR, "Unknown event type %u", event->type);
 }
 
 void handle_service_event(uint32_t code)
 {
-    switch (code) {
+    switch (static_cast<service_event>(code)) {
     case PMI_SERVICE_UP:
-        service_added(KAP_VORN_PMI_SERVICE);
-        break;
+        return service_added(KAP_VORN_PMI_SERVICE);
     case FMI_SERVICE_UP:
-        service_added(KAP_VORN_FMI_SERVICE);
-        break;
+        return service_added(KAP_VORN_FMI_SERVICE);
     case EMI_SERVICE_UP:
-        service_added(KAP_VORN_EMI_SERVICE);
-        break;
+        return service_added(KAP_VORN_EMI_SERVICE);
     case IEPCSI_SERVICE_UP:
-        service_added(KAP_VORN_IEPCSI_SERVICE);
-        break;
+        return service_added(KAP_VORN_IEPCSI_SERVICE);
     case PMI_SERVICE_DOWN:
-        service_lost(KAP_VORN_PMI_SERVICE);
-        break;
+        return service_lost(KAP_VORN_PMI_SERVICE);
     case FMI_SERVICE_DOWN:
-        service_lost(KAP_VORN_FMI_SERVICE);
-        break;
+        return service_lost(KAP_VORN_FMI_SERVICE);
     case EMI_SERVICE_DOWN:
-        service_lost(KAP_VORN_EMI_SERVICE);
-        break;
+        return service_lost(KAP_VORN_EMI_SERVICE);
     case IEPCSI_SERVICE_DOWN:
-        service_lost(KAP_VORN_IEPCSI_SERVICE);
-        break;
+        return service_lost(KAP_VORN_IEPCSI_SERVICE);
     case PMI_SERVICE_FAULTY:
     case FMI_SERVICE_FAULTY:
     case EMI_SERVICE_FAULTY:
     case IEPCSI_SERVICE_FAULTY:
-        set_manager_state(KAP_VORN_FAULTY_STATE); // and nothing else: what is published stays published
-        break;
+        return set_manager_state(KAP_VORN_FAULTY_STATE); // and nothing else: what is published stays published
     case AASI_SERVICE_UP:
-        aasi_service_added();
-        break;
+        return aasi_service_added();
     case AASI_SERVICE_DOWN:
-        aasi_service_removed();
-        break;
+        return aasi_service_removed();
     case AASI_SERVICE_FAULTY:
-        aasi_service_failed();
-        break;
-    default:
-        VORN_TRACE(TRACE_ERROR, "This shouldn't happen. Unexpected service_id %u", code);
-        break;
+        return aasi_service_failed();
     }
+    VORN_TRACE(TRACE_ERROR, "This shouldn't happen. Unexpected service_id %u", code);
 }
 
 void service_added(kap_vorn_service service)

@@ -127,7 +127,7 @@ inline IemliLinkData *make_link_data(const Link &link)
 inline IemliPendingRequest *make_request(uint32_t action, uint32_t session, uint32_t link_ref = 0)
 {
     auto *request = static_cast<IemliPendingRequest *>(calloc(1, sizeof(IemliPendingRequest)));
-    *request = {session, 77, link_ref, action};
+    *request = {session, 77, link_ref, static_cast<iemli_pending_action>(action)};
     return request;
 }
 

@@ -14,30 +14,40 @@ namespace
 {
 
 struct answer {
-    uint32_t code; // procedure_result
+    procedure_result code;
     proc_step_kind step;
     proc_step_state state;
-    const char *not_expected; // a format with the procedure_ref
+    void (*complain)(uint32_t procedure_ref); // nobody waits for it
 };
+
+#define NOT_EXPECTED(format) [](uint32_t procedure_ref) { VORN_TRACE(TRACE_ERROR, format, procedure_ref); }
 
 constexpr answer ANSWERS[] = {
     {PMI_ENABLE_PORT_VLAN_DONE, PROC_STEP_PMI, PROC_STEP_OK,
-     "Not waiting for this response anymore. Vlan is added and we are not expecting response for proc ref %u"},
+     NOT_EXPECTED(
+         "Not waiting for this response anymore. Vlan is added and we are not expecting response for proc ref %u")},
     {PMI_ENABLE_PORT_VLAN_FAILED, PROC_STEP_PMI, PROC_STEP_FAILED,
-     "Not waiting for this response anymore. Vlan is not added and we are not expecting response for proc ref %u"},
+     NOT_EXPECTED(
+         "Not waiting for this response anymore. Vlan is not added and we are not expecting response for proc ref %u")},
     {PMI_DISABLE_PORT_VLAN_DONE, PROC_STEP_PMI, PROC_STEP_OK,
-     "Not waiting for this response anymore. Vlan is removed and we are not expecting response for proc ref %u"},
+     NOT_EXPECTED(
+         "Not waiting for this response anymore. Vlan is removed and we are not expecting response for proc ref %u")},
     {PMI_DISABLE_PORT_VLAN_FAILED, PROC_STEP_PMI, PROC_STEP_FAILED,
-     "Not waiting for this response anymore. Vlan is not removed and we are not expecting response for proc ref %u"},
+     NOT_EXPECTED("Not waiting for this response anymore. Vlan is not removed and we are not expecting response for "
+                  "proc ref %u")},
     {EMI_ADD_ENDPOINT_DONE, PROC_STEP_EMI_ADD, PROC_STEP_OK,
-     "Not waiting for this response anymore. Endpoint is added and we are not expecting response for proc ref %u"},
+     NOT_EXPECTED(
+         "Not waiting for this response anymore. Endpoint is added and we are not expecting response for proc ref %u")},
     {EMI_ADD_ENDPOINT_FAILED, PROC_STEP_EMI_ADD, PROC_STEP_FAILED,
-     "Not waiting for this response anymore. Endpoint is not added and we are not expecting response for proc ref %u"},
+     NOT_EXPECTED("Not waiting for this response anymore. Endpoint is not added and we are not expecting response for "
+                  "proc ref %u")},
     {EMI_REMOVE_ENDPOINT_DONE, PROC_STEP_EMI_DEL, PROC_STEP_OK,
-     "Not waiting for this response anymore. Endpoint is removed and we are not expecting response for proc ref %u"},
+     NOT_EXPECTED("Not waiting for this response anymore. Endpoint is removed and we are not expecting response for "
+                  "proc ref %u")},
     {EMI_REMOVE_ENDPOINT_FAILED, PROC_STEP_EMI_DEL, PROC_STEP_FAILED,
-     "Not waiting for this response anymore. Endpoint is not removed and we are not expecting response for proc ref "
-     "%u"},
+     NOT_EXPECTED("Not waiting for this response anymore. Endpoint is not removed and we are not expecting response "
+                  "for proc ref "
+                  "%u")},
 };
 
 const answer *find_answer(uint32_t code)
@@ -53,7 +63,7 @@ const answer *find_answer(uint32_t code)
 // The answers that name the procedure's link; one without parameters names none.
 void trace_answer_of_link(uint32_t code, const IemliLinkData *data)
 {
-    switch (code) {
+    switch (static_cast<procedure_result>(code)) {
     case PMI_ENABLE_PORT_VLAN_DONE:
         VORN_TRACE(TRACE_LINK, "Added vlan %u on port %s", data->vlanId, data->imlPortName);
         break;
@@ -66,7 +76,10 @@ void trace_answer_of_link(uint32_t code, const IemliLinkData *data)
     case EMI_ADD_ENDPOINT_FAILED:
         VORN_TRACE(TRACE_ERROR, "FAILED adding endpoint for iml link on port %s", data->imlPortName);
         break;
-    default:
+    case PMI_DISABLE_PORT_VLAN_DONE:
+    case PMI_DISABLE_PORT_VLAN_FAILED:
+    case EMI_REMOVE_ENDPOINT_DONE:
+    case EMI_REMOVE_ENDPOINT_FAILED:
         break;
     }
 }
@@ -134,7 +147,7 @@ void handle_link_event(const client_event &event)
     }
     iml_link_proc *proc = link_proc_find(answer->step, procedure_ref);
     if (proc == nullptr) {
-        VORN_TRACE(TRACE_ERROR, answer->not_expected, procedure_ref);
+        answer->complain(procedure_ref);
         return;
     }
     proc->steps[answer->step].state = answer->state;
@@ -144,26 +157,20 @@ void handle_link_event(const client_event &event)
 
 void handle_port_event(const client_event &event)
 {
-    switch (event.port.id) {
+    switch (static_cast<port_event>(event.port.id)) {
     case PORT_OPER_UP:
-        start_supervision_on_port(copy_port_name(event.port.port_name).text);
-        break;
+        return start_supervision_on_port(copy_port_name(event.port.port_name).text);
     case PORT_OPER_DOWN:
-        stop_supervision_on_port(copy_port_name(event.port.port_name).text);
-        break;
+        return stop_supervision_on_port(copy_port_name(event.port.port_name).text);
     case PORT_ADM_UNLOCKED:
     case PORT_ADM_LOCKED:
-        handle_port_adm_event(copy_port_name(event.port.port_name).text, event.port.id);
-        break;
+        return handle_port_adm_event(copy_port_name(event.port.port_name).text, event.port.id);
     case PORT_VLAN_ADDED:
-        for_links_on_port_vlan(copy_port_name(event.vlan.port_name).text, event.vlan.vlan_id, start_link_sessions);
-        break;
+        return for_links_on_port_vlan(copy_port_name(event.vlan.port_name).text, event.vlan.vlan_id,
+                                      start_link_sessions);
     case PORT_VLAN_REMOVED:
-        for_links_on_port_vlan(copy_port_name(event.vlan.port_name).text, event.vlan.vlan_id,
-                               expect_no_link_after_vlan_down);
-        break;
-    default:
-        VORN_TRACE(TRACE_ERROR, "Unknown link event %u or NO__PORT_EVENT received", event.port.id);
-        break;
+        return for_links_on_port_vlan(copy_port_name(event.vlan.port_name).text, event.vlan.vlan_id,
+                                      expect_no_link_after_vlan_down);
     }
+    VORN_TRACE(TRACE_ERROR, "Unknown link event %u or NO__PORT_EVENT received", event.port.id);
 }

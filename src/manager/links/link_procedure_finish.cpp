@@ -17,7 +17,7 @@
 namespace
 {
 
-uint32_t step_state(const iml_link_proc *proc, proc_step_kind kind) { return proc->steps[kind].state; }
+proc_step_state step_state(const iml_link_proc *proc, proc_step_kind kind) { return proc->steps[kind].state; }
 
 iml_link *requested_link(const iml_link_proc *proc)
 {

@@ -161,9 +161,7 @@ link_answer perform(iml_link_proc *proc, proc_action action)
 // Does what comes next. An answer takes the request out of the procedure.
 link_answer evaluate(iml_link_proc *proc, IemliPendingRequest **request)
 {
-    const proc_action action = proc_next_action(
-        proc->request != nullptr, proc->request != nullptr ? proc->request->action : 0, link_proc_overall_state(proc));
-    const link_answer answer = perform(proc, action);
+    const link_answer answer = perform(proc, proc_next_action(proc->request, link_proc_overall_state(proc)));
     if (answer.kind != LINK_WAITS) {
         *request = proc->request;
         proc->request = nullptr;

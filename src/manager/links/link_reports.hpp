@@ -16,7 +16,7 @@ struct IemliPendingRequest {
     uint32_t server_conn_ref; // the session that asked
     uint32_t procedure_ref;   // the request's
     uint32_t link_ref;        // 0 for create
-    uint32_t action;          // iemli_pending_action
+    iemli_pending_action action;
 };
 
 // What became of a request. Nothing more is sent for it between the return of an answer and its way to the one who

@@ -13,7 +13,7 @@ ref_index procs_by_ref[PROC_STEP_KINDS];
 
 } // namespace
 
-proc_step_state proc_overall_state(uint32_t pmi, uint32_t emi_add, uint32_t emi_del)
+proc_step_state proc_overall_state(proc_step_state pmi, proc_step_state emi_add, proc_step_state emi_del)
 {
     if (pmi == PROC_STEP_ONGOING || emi_add == PROC_STEP_ONGOING || emi_del == PROC_STEP_ONGOING) {
         return PROC_STEP_ONGOING;
@@ -24,24 +24,23 @@ proc_step_state proc_overall_state(uint32_t pmi, uint32_t emi_add, uint32_t emi_
     return PROC_STEP_OK;
 }
 
-proc_action proc_next_action(bool has_request, uint32_t pending_action, proc_step_state overall)
+proc_action proc_next_action(const IemliPendingRequest *request, proc_step_state overall)
 {
     if (overall == PROC_STEP_ONGOING) {
         return PROC_WAIT;
     }
-    if (!has_request) {
+    if (request == nullptr) {
         return PROC_CLOSE;
     }
-    switch (pending_action) {
+    switch (request->action) {
     case IEMLI_PENDING_CREATE:
         return overall == PROC_STEP_OK ? PROC_FINISH_CREATE : PROC_UNWIND_CREATE;
     case IEMLI_PENDING_UPDATE:
         return overall == PROC_STEP_OK ? PROC_FINISH_UPDATE : PROC_UNWIND_UPDATE;
     case IEMLI_PENDING_DELETE:
         return PROC_CONFIRM_DELETE;
-    default:
-        return PROC_UNKNOWN_REQUEST;
     }
+    return PROC_UNKNOWN_REQUEST;
 }
 
 iml_link_proc *link_proc_alloc() { return static_cast<iml_link_proc *>(calloc(1, sizeof(iml_link_proc))); }

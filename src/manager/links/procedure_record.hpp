@@ -15,7 +15,7 @@ enum proc_step_kind : uint32_t {
 
 struct proc_step {
     uint32_t procedure_ref; // of the request sent last; 0: none was sent
-    uint32_t state;         // proc_step_state
+    proc_step_state state;
     ref_index_node by_ref;
 };
 
@@ -31,7 +31,7 @@ struct iml_link_proc {
 // ---- Decisions: pure functions of the step states ----
 
 // ONGOING if any step is, else FAILED if any step is, else OK.
-proc_step_state proc_overall_state(uint32_t pmi, uint32_t emi_add, uint32_t emi_del);
+proc_step_state proc_overall_state(proc_step_state pmi, proc_step_state emi_add, proc_step_state emi_del);
 
 enum proc_action : uint32_t {
     PROC_WAIT,          // for another answer
@@ -44,8 +44,8 @@ enum proc_action : uint32_t {
     PROC_CLOSE,           // nobody waits for an answer any more
 };
 
-// What comes next for a procedure that holds a request of kind `pending_action`, or none.
-proc_action proc_next_action(bool has_request, uint32_t pending_action, proc_step_state overall);
+// What comes next for a procedure that holds this request, or none.
+proc_action proc_next_action(const IemliPendingRequest *request, proc_step_state overall);
 
 // ---- The record ----
 

@@ -34,6 +34,11 @@ void link_lost_frame(iml_link *link)
     iml_link_change_status(link, IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY);
 }
 
+void trace_unknown(uint32_t result)
+{
+    VORN_TRACE(TRACE_WARNING, "WARNING:Unknown supervision result(%u) received", result);
+}
+
 void handle_ind_of_link(const supervision_ind &ind, iml_link *link)
 {
     VORN_TRACE(TRACE_TRAFFIC,
@@ -84,29 +89,21 @@ void handle_link_supervision_result(uint32_t result, iml_link *link)
     case SUPERVISION_ANSWERED:
     case SUPERVISION_ANSWERED_NO_TIME:
     case SUPERVISION_KEEP_ALIVE_OK:
-        link_answered(link);
-        break;
+        return link_answered(link);
     case SUPERVISION_LOST:
-        link_lost_frame(link);
-        break;
-    default:
-        VORN_TRACE(TRACE_WARNING, "WARNING:Unknown supervision result(%u) received", result);
-        break;
+        return link_lost_frame(link);
     }
+    trace_unknown(result);
 }
 
 void handle_keep_alive_result(uint32_t result, keep_alive_session *entry)
 {
     ++entry->results;
-    switch (result) {
-    case SUPERVISION_KEEP_ALIVE_OK:
+    if (result == SUPERVISION_KEEP_ALIVE_OK) {
         entry->last_ok = entry->results;
-        break;
-    case SUPERVISION_LOST:
+    } else if (result == SUPERVISION_LOST) {
         ++entry->lost;
-        break;
-    default:
-        VORN_TRACE(TRACE_WARNING, "WARNING:Unknown supervision result(%u) received", result);
-        break;
+    } else {
+        trace_unknown(result);
     }
 }

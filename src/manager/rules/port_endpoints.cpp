@@ -147,19 +147,18 @@ void ask_to_remove(port_endpoint_request *request, const EmiEndpoint *records, u
 // False for an event that is neither.
 bool send_requests(const port_endpoint_set &set, uint32_t event)
 {
-    switch (event) {
-    case PORT_ADM_UNLOCKED:
+    if (event == PORT_ADM_UNLOCKED) {
         ask_to_add(set.ptp, set.ptp_records, PTP_ENDPOINTS);
         ask_to_add(set.lldp, set.lldp_record, LLDP_ENDPOINTS);
         return true;
-    case PORT_ADM_LOCKED:
+    }
+    if (event == PORT_ADM_LOCKED) {
         ask_to_remove(set.ptp, set.ptp_records, PTP_ENDPOINTS);
         ask_to_remove(set.lldp, set.lldp_record, LLDP_ENDPOINTS);
         return true;
-    default:
-        VORN_TRACE(TRACE_WARNING, "WARNING: Unknown port_event(%d) received!", static_cast<int>(event));
-        return false;
     }
+    VORN_TRACE(TRACE_WARNING, "WARNING: Unknown port_event(%d) received!", static_cast<int>(event));
+    return false;
 }
 
 // A port that takes no endpoints: only its access control is set up or removed, and only on a TN port.
@@ -276,16 +275,20 @@ void handle_port_adm_event(const char *iepcsi_port_name, uint32_t event)
 
 bool handle_port_endpoint_result(uint32_t code, uint32_t procedure_ref)
 {
-    switch (code) {
+    switch (static_cast<procedure_result>(code)) {
     case EMI_ADD_ENDPOINT_DONE:
     case EMI_ADD_ENDPOINT_FAILED:
         return handle_add_result(code, procedure_ref);
     case EMI_REMOVE_ENDPOINT_DONE:
     case EMI_REMOVE_ENDPOINT_FAILED:
         return handle_removal_result(code, procedure_ref);
-    default:
-        return false;
+    case PMI_ENABLE_PORT_VLAN_DONE:
+    case PMI_ENABLE_PORT_VLAN_FAILED:
+    case PMI_DISABLE_PORT_VLAN_DONE:
+    case PMI_DISABLE_PORT_VLAN_FAILED:
+        break;
     }
+    return false;
 }
 
 void port_endpoints_forget_all()

@@ -34,7 +34,7 @@ protected:
     static IemliPendingRequest *pending(uint32_t server_conn_ref, uint32_t action)
     {
         auto *request = static_cast<IemliPendingRequest *>(calloc(1, sizeof(IemliPendingRequest)));
-        *request = {server_conn_ref, 0x61, 7, action};
+        *request = {server_conn_ref, 0x61, 7, static_cast<iemli_pending_action>(action)};
         return request;
     }
 };

@@ -33,30 +33,36 @@ constexpr uint32_t APPEND_RULE = 0x1B0F61;
 
 // ---- Decisions ----
 
+proc_action next_action(uint32_t action, proc_step_state overall)
+{
+    const IemliPendingRequest request = {1, 2, 3, static_cast<iemli_pending_action>(action)};
+    return proc_next_action(&request, overall);
+}
+
 TEST(LinkProcedureDecisions, AreTheSameForEveryCombinationOfSteps)
 {
-    for (uint32_t pmi = 0; pmi < 4; ++pmi) {
-        for (uint32_t add = 0; add < 4; ++add) {
-            for (uint32_t del = 0; del < 4; ++del) {
-                const bool ongoing = pmi == 1 || add == 1 || del == 1;
-                const bool failed = !ongoing && (pmi == 3 || add == 3 || del == 3);
+    constexpr proc_step_state STATES[] = {PROC_STEP_IDLE, PROC_STEP_ONGOING, PROC_STEP_OK, PROC_STEP_FAILED};
+    for (const proc_step_state pmi : STATES) {
+        for (const proc_step_state add : STATES) {
+            for (const proc_step_state del : STATES) {
+                const bool ongoing = pmi == PROC_STEP_ONGOING || add == PROC_STEP_ONGOING || del == PROC_STEP_ONGOING;
+                const bool failed =
+                    !ongoing && (pmi == PROC_STEP_FAILED || add == PROC_STEP_FAILED || del == PROC_STEP_FAILED);
                 const proc_step_state overall = proc_overall_state(pmi, add, del);
                 EXPECT_EQ(overall, ongoing  ? PROC_STEP_ONGOING
                                    : failed ? PROC_STEP_FAILED
                                             : PROC_STEP_OK)
                     << pmi << add << del;
                 const proc_action wait = PROC_WAIT;
-                EXPECT_EQ(proc_next_action(true, IEMLI_PENDING_CREATE, overall), ongoing  ? wait
-                                                                                 : failed ? PROC_UNWIND_CREATE
-                                                                                          : PROC_FINISH_CREATE);
-                EXPECT_EQ(proc_next_action(true, IEMLI_PENDING_UPDATE, overall), ongoing  ? wait
-                                                                                 : failed ? PROC_UNWIND_UPDATE
-                                                                                          : PROC_FINISH_UPDATE);
-                EXPECT_EQ(proc_next_action(true, IEMLI_PENDING_DELETE, overall), ongoing ? wait : PROC_CONFIRM_DELETE);
-                EXPECT_EQ(proc_next_action(true, 3, overall), ongoing ? wait : PROC_UNKNOWN_REQUEST);
-                for (uint32_t action = 0; action < 4; ++action) {
-                    EXPECT_EQ(proc_next_action(false, action, overall), ongoing ? wait : PROC_CLOSE);
-                }
+                EXPECT_EQ(next_action(IEMLI_PENDING_CREATE, overall), ongoing  ? wait
+                                                                      : failed ? PROC_UNWIND_CREATE
+                                                                               : PROC_FINISH_CREATE);
+                EXPECT_EQ(next_action(IEMLI_PENDING_UPDATE, overall), ongoing  ? wait
+                                                                      : failed ? PROC_UNWIND_UPDATE
+                                                                               : PROC_FINISH_UPDATE);
+                EXPECT_EQ(next_action(IEMLI_PENDING_DELETE, overall), ongoing ? wait : PROC_CONFIRM_DELETE);
+                EXPECT_EQ(next_action(3, overall), ongoing ? wait : PROC_UNKNOWN_REQUEST);
+                EXPECT_EQ(proc_next_action(nullptr, overall), ongoing ? wait : PROC_CLOSE);
             }
         }
     }

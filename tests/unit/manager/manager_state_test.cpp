@@ -354,7 +354,7 @@ TEST_F(ManagerState, TakesEventsByTheirType)
     event.type = IEPCSI_EVENT;
     event.port.id = 7;
     client_event_cb(&event);
-    event.type = 4;
+    event.type = static_cast<client_event_type>(4);
     client_event_cb(&event);
     EXPECT_THAT(fake::traces(), ElementsAre(Trace{1, "Unknown link event 0 or NO_LINK_EVENT received"},
                                             Trace{1, "Unknown link event 7 or NO__PORT_EVENT received"},
