@@ -12,6 +12,8 @@
 #define TOML_ENABLE_FORMATTERS 0
 #include <toml++/toml.h>
 
+#include "port_names.hpp"
+
 namespace linkd
 {
 
@@ -29,9 +31,6 @@ constexpr int64_t MOST_FRAME = 1500;
 constexpr int64_t RTT_PERIOD = 60; // seconds; a whole number of batches fits in
 constexpr size_t MOST_APP_LINKS = 4096;
 constexpr size_t LARGEST_FILE = size_t{16} * 1024 * 1024;
-
-constexpr const char *PORTS[][2] = {{"IDL_A1", "IDLA1"}, {"IDL_A2", "IDLA2"}, {"IDL_B1", "IDLB1"}, {"IDL_B2", "IDLB2"},
-                                    {"TN_A", "TNA"},     {"TN_B", "TNB"},     {"TN_C", "TNC"},     {"TN_D", "TND"}};
 
 std::string in_quotes(std::string_view text) { return "\"" + std::string(text) + "\""; }
 
@@ -570,9 +569,10 @@ bool is_link_name(const std::string &name)
 
 std::string port_name_of(const std::string &written)
 {
-    const auto *found = std::find_if(std::begin(PORTS), std::end(PORTS),
-                                     [&](const auto &names) { return written == names[0] || written == names[1]; });
-    return found == std::end(PORTS) ? "" : (*found)[0];
+    const auto *found = std::find_if(std::begin(PORT_NAMES), std::end(PORT_NAMES), [&](const port_names &names) {
+        return written == names.iemli || written == names.iepcsi;
+    });
+    return found == std::end(PORT_NAMES) ? "" : found->iemli;
 }
 
 void read_links(const std::string &text, const std::string &file, bool declared, declarations &links,
