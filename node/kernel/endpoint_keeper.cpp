@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 #include <vector>
 
 namespace kap_node
@@ -67,21 +69,26 @@ std::string written(const journal_words &words)
     return words.mark + text + words.name_space;
 }
 
+bool read_address(const std::string &text, mac &address)
+{
+    bool whole = text.size() == address.size() * 3 - 1;
+    for (size_t i = 0; whole && i < address.size(); ++i) {
+        const char *digits = text.data() + i * 3;
+        whole = std::from_chars(digits, digits + 2, address[i], 16).ptr == digits + 2;
+    }
+    return whole;
+}
+
 std::optional<journal_words> read_entry(const std::string &text)
 {
     journal_words words;
-    unsigned forwarding = 0;
-    mac &m = words.entry.address;
-    int used = 0;
-    char mark[32];
-    if (sscanf(text.c_str(), "%31s %d %u %hhx:%hhx:%hhx:%hhx:%hhx:%hhx %hu %n", mark, &words.port, &forwarding, &m[0],
-               &m[1], &m[2], &m[3], &m[4], &m[5], &words.entry.vlan_id, &used) < 10 ||
-        used == 0) {
+    std::istringstream line(text);
+    std::string address;
+    line >> words.mark >> words.port >> words.entry.forwarding >> address >> words.entry.vlan_id;
+    if (!line || line.get() != ' ' || !read_address(address, words.entry.address)) {
         return std::nullopt;
     }
-    words.mark = mark;
-    words.entry.forwarding = forwarding != 0;
-    words.name_space = text.substr(static_cast<size_t>(used));
+    std::getline(line, words.name_space);
     return words;
 }
 
@@ -199,7 +206,7 @@ std::optional<kernel_refusal> endpoint_keeper::add(std::span<const placed_endpoi
     }
     for (const auto &[port, endpoints] : by_port) {
         wanted_.insert(endpoints.begin(), endpoints.end());
-        if (const auto refused = add_on(port, endpoints)) {
+        if (auto refused = add_on(port, endpoints)) {
             report_.refused("endpoints of " + text_of(port_of(port)), *refused);
             for (const placed_endpoint &each : fresh) {
                 wanted_.erase(each);
@@ -253,7 +260,7 @@ std::optional<kernel_refusal> endpoint_keeper::remove(std::span<const placed_end
         changed.insert(each.port);
     }
     for (const std::string &port : changed) {
-        if (const auto refused = remove_unneeded(port)) {
+        if (auto refused = remove_unneeded(port)) {
             report_.refused("endpoints of " + text_of(port_of(port)) + " are to go", *refused);
             wanted_.insert(unwanted.begin(), unwanted.end());
             for (const std::string &each : changed) {

@@ -5,6 +5,7 @@
 #include <net/if.h>
 
 #include <cerrno>
+#include <sstream>
 
 namespace kap_node
 {
@@ -61,13 +62,12 @@ struct journal_words {
 std::optional<journal_words> read_entry(const std::string &entry)
 {
     journal_words words;
-    int used = 0;
-    char mark[32];
-    if (sscanf(entry.c_str(), "%31s %d %u %n", mark, &words.port, &words.vlan_id, &used) < 3 || used == 0) {
+    std::istringstream line(entry);
+    line >> words.mark >> words.port >> words.vlan_id;
+    if (!line || line.get() != ' ') {
         return std::nullopt;
     }
-    words.mark = mark;
-    words.name_space = entry.substr(static_cast<size_t>(used));
+    std::getline(line, words.name_space);
     return words;
 }
 
