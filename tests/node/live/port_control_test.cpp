@@ -31,8 +31,7 @@ protected:
     {
         make_wire();
         start("iepcsi", "[ports." + port + "]\ninterface = 'wire'\n" + more);
-        // Who has published what he offers hears of unlocked ports.
-        ASSERT_EQ(ns_publish("KAP_IEMLI_SERVICE_NAME", "", join_node(), "a client"), 0);
+        join_node();
         ASSERT_TRUE(eventually([] { return shown()["oper_state"] == 1; }));
     }
     static void make_wire(const std::string &mac = "02:00:00:00:00:01")
