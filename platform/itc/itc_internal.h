@@ -17,6 +17,14 @@ int itc_internal_unpublish(const char *name, const char *scope, uint32_t mbox, c
 int itc_internal_subscribe(const char *name, const char *scope, uint32_t mbox);
 int itc_internal_unsubscribe(uint32_t sid, uint32_t mbox);
 
+/*
+ * For root: the messages of the process that has a mailbox of that name, see tap_record in itc_wire.hpp. The descriptor
+ * is the caller's. ENOENT: nobody has the name. EACCES: not root. EAGAIN: not now. EINVAL: it is the caller's own.
+ */
+int itc_internal_tap(const char *name, int *fd);
+/* For root: one of the names of a mailbox; `name` has room for 256 bytes. */
+int itc_internal_name_of(uint32_t mbox, char *name);
+
 /* For tests: how many writes to other processes' sockets took something, since the process began. */
 uint64_t itc_internal_channel_writes(void);
 /* For tests: how long a half-sent message may stand still while others need the room, in place of 30 s. */

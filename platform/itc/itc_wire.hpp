@@ -91,6 +91,8 @@ enum frame_type : uint32_t {
     subscribe = 14,   // u mbox, u sid, s name, s scope     subscribed, added..., result; later added, removed
     unsubscribe = 15, // u mbox, u sid        result
     bye = 16,         //                      result, after everything the process had is gone
+    tap = 17,         // s name               tapping and result; root alone: the messages of who has that name
+    name_of = 18,     // u mbox               named and result; root alone
 
     // From the registry.
     welcome = 101,    // u process
@@ -112,6 +114,11 @@ enum frame_type : uint32_t {
     door_share = 114,  // u mbox, u rule, u opens, u opened, u refused, u closed, u session_at, u at_most
     door_admit = 115,  // u rule, u which of its names, u mbox that has it; before the result for that one
     door_member = 116, // u rule, u process whose user is in it, u channel; before either end of the channel is given
+
+    // Looking at messages: see tap_record below.
+    tapped = 117,  // one descriptor comes with it: the process's messages are to be told there
+    tapping = 118, // the other end of it, for the request of that serial; before its result
+    named = 119,   // s one of the mailbox's names; before the result
 };
 
 constexpr size_t door_words(uint32_t type)
@@ -119,6 +126,37 @@ constexpr size_t door_words(uint32_t type)
     constexpr size_t words[] = {2, 4, 8, 3, 3};
     return type >= door_limit && type <= door_member ? words[type - door_limit] : 0;
 }
+
+// ---- Between a process and whoever looks at its messages
+// -------------------------------------------------------------
+//
+// A socket of packets. Each is a record, and the first bytes of the message behind it. Who looks asks for the end by
+// shutting down his side; then, or when somebody else looks in his place, a record tap_ends comes last. A process that
+// ends closes without.
+enum tap_what : uint32_t {
+    tap_begins = 1, // from here on; no message
+    tap_received = 2,
+    tap_sent = 3, // to another process: one to itself is told when it is received
+    tap_ends = 4,
+};
+
+struct tap_record {
+    uint32_t version;
+    uint32_t what;
+    uint32_t own;   // the mailbox that has received or sent it; 0xFFFFFFFF for none
+    uint32_t other; // the one at the other end
+    uint64_t stamp; // nanoseconds since 1970
+    uint64_t lost;  // messages up to here for which there was no room
+    uint32_t length;
+    uint32_t reserved;
+};
+static_assert(sizeof(tap_record) == 40);
+static_assert(offsetof(tap_record, stamp) == 16);
+static_assert(offsetof(tap_record, lost) == 24);
+static_assert(offsetof(tap_record, length) == 32);
+
+inline constexpr uint32_t tap_version = 1;
+inline constexpr size_t tap_most = 65536 - sizeof(tap_record); // bytes of a message that are told
 
 struct reader {
     const uint8_t *at;

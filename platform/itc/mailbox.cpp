@@ -181,8 +181,9 @@ void tear_down()
               clock::time_point{}); // another process number
     s.box_count = 0;
     s.process = 0;
-    s.up = false;
-    s.fd_given = false;
+    tap_end(false);
+    s.up = s.plain = false;
+    s.extras = 0;
     s.generation++;
     poll_close();
 }
@@ -194,6 +195,36 @@ uint32_t sender_for(uint32_t from)
         return t == nullptr ? ITC_NO_MBOX : t->mbox;
     }
     return mbox_is_own(from) ? from : ITC_NO_MBOX;
+}
+
+// This process is up, and it has a mailbox to send to.
+inline void pass_on(block *b, uint32_t to)
+{
+    state &s = g();
+    if (itc_wire::process_of(to) == s.process) {
+        s.statistics.sent += s.boxes[itc_wire::box_of(to)] != nullptr ? 1 : 0;
+        mbox_deliver(b, to);
+    } else {
+        if (!s.doors.of.empty()) {
+            door_answered(b->sender, to, b);
+        }
+        peer_send(b, to);
+    }
+}
+
+// A message that goes nowhere, or that somebody looks at.
+__attribute__((cold, noinline)) void pass_on_or_not(block *b, uint32_t to)
+{
+    state &s = g();
+    if (to == ITC_NO_MBOX || !s.up) {
+        note_drop(&s.statistics.dropped_no_mailbox, "it was sent to no mailbox");
+        block_free(b);
+        return;
+    }
+    if (itc_wire::process_of(to) != s.process) {
+        tap_sent(b, to);
+    }
+    pass_on(b, to);
 }
 
 } // namespace
@@ -253,7 +284,7 @@ int itc_init(int mailbox_count, int alloc_scheme, const void *scheme_params, con
     for (drop_kind &k : g().drops) {
         k.next_line = {}; // who joins anew hears of the first drop at once
     }
-    g().up = true;
+    g().up = g().plain = true;
     g().generation++;
     return 0;
 }
@@ -351,17 +382,10 @@ void itc_send(itc_msg **msg, uint32_t to, uint32_t from)
     }
     b->sender = sender_for(from);
     b->monitor_id = 0;
-    if (to == ITC_NO_MBOX || !s.up) {
-        note_drop(&s.statistics.dropped_no_mailbox, "it was sent to no mailbox");
-        block_free(b);
-    } else if (itc_wire::process_of(to) == s.process) {
-        s.statistics.sent += mbox_is_own(to) ? 1 : 0;
-        mbox_deliver(b, to);
+    if (to == ITC_NO_MBOX || !s.plain) [[unlikely]] {
+        pass_on_or_not(b, to);
     } else {
-        if (!s.doors.of.empty()) {
-            door_answered(b->sender, to, b);
-        }
-        peer_send(b, to);
+        pass_on(b, to);
     }
     if (s.introducing > 0 && !s.led) {
         registry_read(); // a sender that never receives needs its introductions too
@@ -384,6 +408,32 @@ void itc_internal_set_half_sent_limit(uint32_t ms)
 {
     const hold lock(g().lock);
     g().half_limit = std::chrono::milliseconds(ms);
+}
+
+int itc_internal_tap(const char *name, int *fd)
+{
+    hold lock = call_lock();
+    call waiting;
+    itc_wire::writer request(itc_wire::tap, 0);
+    const int error = registry_call(lock, request.text(name), waiting);
+    if (error != 0 || waiting.value != 0) {
+        return error != 0 ? error : static_cast<int>(waiting.value);
+    }
+    *fd = waiting.fd;
+    return waiting.fd < 0 ? EMFILE : 0;
+}
+
+int itc_internal_name_of(uint32_t mbox, char *name)
+{
+    hold lock = call_lock();
+    call waiting;
+    itc_wire::writer request(itc_wire::name_of, 0);
+    const int error = registry_call(lock, request.u32(mbox), waiting);
+    if (error != 0 || waiting.value != 0) {
+        return error != 0 ? error : static_cast<int>(waiting.value);
+    }
+    memcpy(name, waiting.text.c_str(), waiting.text.size() + 1); // a frame's text is no longer than a name
+    return 0;
 }
 
 int itc_internal_publish(const char *name, const char *scope, uint32_t mbox, const char *path)

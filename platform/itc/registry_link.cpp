@@ -55,6 +55,35 @@ void on_answer(uint32_t serial, uint32_t value)
     }
 }
 
+// What comes before the answer that it belongs to.
+bool on_tapping(uint32_t serial, const itc_wire::reader &fields)
+{
+    const int fd = take_descriptor();
+    const auto found = g().calls.find(serial);
+    if (fields.whole() && found != g().calls.end() && found->second->fd < 0) {
+        found->second->fd = fd;
+    } else if (fd >= 0) {
+        close(fd); // nobody waits for it any more
+    }
+    return fields.whole();
+}
+
+bool on_named(uint32_t serial, itc_wire::reader &fields)
+{
+    const std::string_view name = fields.text();
+    const auto found = g().calls.find(serial);
+    if (fields.whole() && found != g().calls.end()) {
+        found->second->text = name;
+    }
+    return fields.whole();
+}
+
+bool on_tapped(const itc_wire::reader &fields)
+{
+    tap_begin(take_descriptor());
+    return fields.whole();
+}
+
 // A mailbox that was asked for is there: others may send to it.
 void open_box(uint32_t serial, uint32_t error)
 {
@@ -195,6 +224,12 @@ bool on_frame(const itc_wire::registry_frame &head, itc_wire::reader fields)
     case itc_wire::added:
     case itc_wire::removed:
         return on_service(head, fields);
+    case itc_wire::tapped:
+        return on_tapped(fields);
+    case itc_wire::tapping:
+        return on_tapping(head.serial, fields);
+    case itc_wire::named:
+        return on_named(head.serial, fields);
     default:
         break;
     }
@@ -552,15 +587,13 @@ uint32_t new_serial()
     return g().next_serial;
 }
 
-int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value, uint32_t opens_box)
+int registry_call(hold &lock, itc_wire::writer &frame, call &waiting)
 {
     state &s = g();
     if (!s.up || s.registry_lost) {
         return ENOTCONN;
     }
-    call waiting;
     waiting.serial = new_serial();
-    waiting.opens_box = opens_box;
     frame.set_serial(waiting.serial);
     s.calls[waiting.serial] = &waiting;
     registry_send(frame);
@@ -569,11 +602,24 @@ int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value, uint32_t
         wait_for_registry(lock, deadline);
     }
     s.calls.erase(waiting.serial);
-    if (!waiting.done) {
-        return s.registry_lost || s.exiting ? ENOTCONN : ETIMEDOUT;
+    if (waiting.done) {
+        return 0;
     }
-    *value = waiting.value;
-    return 0;
+    if (waiting.fd >= 0) {
+        close(waiting.fd);
+    }
+    return s.registry_lost || s.exiting ? ENOTCONN : ETIMEDOUT;
+}
+
+int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value, uint32_t opens_box)
+{
+    call waiting;
+    waiting.opens_box = opens_box;
+    const int error = registry_call(lock, frame, waiting);
+    if (error == 0) {
+        *value = waiting.value;
+    }
+    return error;
 }
 
 int registry_command(hold &lock, itc_wire::writer &frame, uint32_t opens_box)

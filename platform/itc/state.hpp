@@ -218,6 +218,8 @@ struct call {
     uint32_t opens_box = itc_wire::box_limit; // of an own mailbox that is there once this is granted
     bool done = false;
     uint32_t value = 0;
+    int fd = -1;      // that came with the answer; the caller's
+    std::string text; // likewise
 };
 
 struct awaited {
@@ -250,6 +252,10 @@ struct drop_kind {
 
 inline constexpr size_t DROP_KINDS = 8; // more than there are reasons
 
+// What a receive has to do besides, which mostly is nothing.
+inline constexpr uint8_t EXTRA_FD = 1;  // itc_get_fd was called: the descriptor must tell of queued messages
+inline constexpr uint8_t EXTRA_TAP = 2; // somebody looks at the messages
+
 // What a message that comes or goes touches stands first, close together: a process that sleeps between two messages
 // finds its caches cold, and then every line costs more than what is done with it.
 struct state {
@@ -260,10 +266,11 @@ struct state {
     uint32_t process = 0;
     int epoll = -1;
     bool led = false;
-    bool up = false; // between itc_init and itc_exit
+    bool up = false;    // between itc_init and itc_exit
+    bool plain = false; // up, and nobody looks at the messages
     bool exiting = false;
-    bool woken = false;    // the eventfd is readable
-    bool fd_given = false; // itc_get_fd was called: the descriptor must tell of queued messages
+    bool woken = false; // the eventfd is readable
+    uint8_t extras = 0;
     bool registry_lost = false;
     bool registry_armed = false;         // the wait asks for room to write
     bool registry_news = true;           // something was received from others since it was looked
@@ -324,6 +331,9 @@ struct state {
     std::unordered_map<uint32_t, awaited> monitors; // by monitor id
 
     std::array<drop_kind, DROP_KINDS> drops{};
+
+    int tap = -1; // where messages are told
+    uint64_t tap_lost = 0;
 };
 
 // In the library's own data, so that nothing has to be asked or loaded to reach it. Made when the library is loaded,
@@ -393,7 +403,8 @@ enum source : uint32_t {
     source_registry,
     source_peer,
     source_watch,
-    source_timer
+    source_timer,
+    source_tap
 };
 int poll_open(); // makes the wait's descriptors, if there are none yet; returns 0 or an errno value
 int poll_add(source kind, uint32_t id, int fd, uint32_t events);
@@ -478,8 +489,17 @@ uint32_t new_serial();
 // Sends the frame under a fresh serial and waits for its answer; lets the lock go. Returns 0 and the answer's one
 // field, or an errno value.
 int registry_call(hold &lock, itc_wire::writer &frame, uint32_t *value, uint32_t opens_box = itc_wire::box_limit);
+int registry_call(hold &lock, itc_wire::writer &frame, call &waiting); // the same with all that an answer has
 // The same for a request that is answered by an errno value; returns that.
 int registry_command(hold &lock, itc_wire::writer &frame, uint32_t opens_box = itc_wire::box_limit);
+
+// ---- tap.cpp: somebody looks at the messages ------------------------------------------------------------------------
+
+void tap_begin(int fd); // takes it over; whoever looked before looks no more
+void tap_end(bool say_so);
+void tap_event(); // the reader has gone, or wants to
+__attribute__((cold)) void tap_received(const block *b);
+__attribute__((cold)) void tap_sent(const block *b, uint32_t to);
 
 } // namespace itc
 

@@ -104,6 +104,9 @@ void on_event(hold &lock, const epoll_event &event)
     case source_timer:
         half_timer_event();
         break;
+    case source_tap:
+        tap_event();
+        break;
     }
 }
 
@@ -161,7 +164,7 @@ void lead(hold &lock, thread *me, int timeout, const wish *w)
 // Whoever polls the descriptor of itc_get_fd has to see that messages are queued.
 void show_queued()
 {
-    if (!g().fd_given) {
+    if ((g().extras & EXTRA_FD) == 0) {
         return;
     }
     if (!g().round.empty()) {
@@ -174,6 +177,14 @@ void show_queued()
             return;
         }
     }
+}
+
+__attribute__((cold, noinline)) void after_receive(const block *b)
+{
+    if ((g().extras & EXTRA_TAP) != 0 && b != nullptr) {
+        tap_received(b);
+    }
+    show_queued();
 }
 
 int wait_time(const wish &w)
@@ -319,7 +330,7 @@ void poll_close()
 
 void thread_wake(const thread *t)
 {
-    if (t->leading || g().fd_given) {
+    if (t->leading || (g().extras & EXTRA_FD) != 0) {
         wake_leader();
     } else if (t->waiting) {
         wake_followers();
@@ -385,7 +396,9 @@ itc_msg *itc_receive(const uint32_t *filter, uint32_t timeout_ms, uint32_t from)
         w.deadline = clock::now() + std::chrono::milliseconds(timeout_ms);
     }
     block *b = receive(lock, me, w);
-    show_queued();
+    if (g().extras != 0) {
+        after_receive(b);
+    }
     return b == nullptr ? nullptr : b->msg();
 }
 
@@ -395,7 +408,7 @@ int itc_get_fd(void)
     if (!g().up) {
         return -1;
     }
-    g().fd_given = true;
+    g().extras |= EXTRA_FD;
     show_queued();
     return g().epoll;
 }

@@ -114,7 +114,7 @@ void forget_unread(registry_client &reader, std::map<uint32_t, std::pair<uint32_
 void give_channel(registry_client &a, registry_client &b, pairing &p)
 {
     int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {
+    if (channel_ends(SOCK_STREAM, ends) != 0) {
         registry_client &asker = *p.asker;
         const uint32_t absent = &asker == &a ? b.process : a.process;
         out->say(asker, "no descriptor is left to introduce it to another");
@@ -122,8 +122,6 @@ void give_channel(registry_client &a, registry_client &b, pairing &p)
         tell_absent(asker, absent);
         return;
     }
-    raise_buffer(ends[0]);
-    raise_buffer(ends[1]);
     const uint32_t number = ++last_channel;
     p.channel = number;
     p.low_closed = p.high_closed = p.wanted_again = false;
@@ -145,6 +143,16 @@ void give_or_wait(registry_client &a, registry_client &b, pairing &p)
 }
 
 } // namespace
+
+int channel_ends(int type, int (&ends)[2])
+{
+    if (socketpair(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {
+        return errno;
+    }
+    raise_buffer(ends[0]);
+    raise_buffer(ends[1]);
+    return 0;
+}
 
 void introductions_start(registry_output &output) { out = &output; }
 

@@ -16,4 +16,6 @@ bool introduce_next_waiting(registry_client &client); // the next of those that 
 bool introduction_forget_one(registry_client &leaving); // of one that leaves; false if there is none left
 bool introductions_are_empty();
 
+int channel_ends(int type, int (&ends)[2]); // a socket pair with room; 0, or an errno value
+
 #endif

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <ctime>
 #include <sys/random.h>
+#include <sys/socket.h>
 #include <unordered_map>
 
 using namespace itc_wire;
@@ -268,6 +269,56 @@ void monitor_forget(registry_client &from, uint32_t token)
     share_give(*from.of, held::monitors, monitor_bytes);
 }
 
+// ---- Looking at messages
+// ---------------------------------------------------------------------------------------------
+
+// Root alone: he could look into the process's memory as well. Whoever asks has one end of a socket, the process that
+// has the mailbox the other, and the registry keeps nothing of it.
+int tap_mailbox(registry_client &from, uint32_t serial, uint32_t mbox)
+{
+    if (from.who.user != 0) {
+        return EACCES;
+    }
+    registry_client *looked_at = mbox == ITC_NO_MBOX ? nullptr : registry_find(process_of(mbox));
+    if (looked_at == nullptr) {
+        return ENOENT;
+    }
+    if (looked_at == &from) {
+        return EINVAL;
+    }
+    if (!out->takes_descriptor(from) || !out->takes_descriptor(*looked_at)) {
+        return EAGAIN;
+    }
+    int ends[2];
+    const int error = channel_ends(SOCK_SEQPACKET, ends);
+    if (error != 0) {
+        return error;
+    }
+    out->say(*looked_at, "root looks at its messages");
+    writer to_reader(tapping, serial);
+    out->send(from, to_reader, ends[0]);
+    writer to_writer(tapped, 0);
+    out->send(*looked_at, to_writer, ends[1]);
+    return 0;
+}
+
+void on_tap(registry_client &from, uint32_t serial, const std::string &name)
+{
+    const int error = tap_mailbox(from, serial, name_lookup(name));
+    answer(from, serial, error);
+}
+
+void on_name_of(registry_client &from, uint32_t serial, uint32_t mbox)
+{
+    const auto box = mailboxes.find(mbox);
+    const bool known = from.who.user == 0 && box != mailboxes.end() && !box->second.names.empty();
+    if (known) {
+        writer frame(named, serial);
+        out->send(from, frame.text(*box->second.names.begin()), -1);
+    }
+    answer(from, serial, known ? 0 : from.who.user == 0 ? ENOENT : EACCES);
+}
+
 // ---- Work in steps
 // ---------------------------------------------------------------------------------------------------
 
@@ -446,6 +497,9 @@ bool on_name_request(registry_client &from, const registry_frame &head, reader &
     case locate:
         on_locate(from, head.serial, name);
         break;
+    case tap:
+        on_tap(from, head.serial, name);
+        break;
     default:
         on_await(from, head.serial, name);
         break;
@@ -469,6 +523,9 @@ bool on_number_request(registry_client &from, const registry_frame &head, reader
         break;
     case introduce:
         on_introduce(from, first);
+        break;
+    case name_of:
+        on_name_of(from, head.serial, first);
         break;
     default:
         introduction_closed(from, first, second);
@@ -503,11 +560,13 @@ bool on_request(registry_client &from, const registry_frame &head, reader &field
     case add_name:
     case locate:
     case await_name:
+    case tap:
         return on_name_request(from, head, fields);
     case delete_box:
     case monitor:
     case introduce:
     case closed:
+    case name_of:
         return on_number_request(from, head, fields);
     case cancel_await:
     case unmonitor:

@@ -143,8 +143,15 @@ size_t in_flight_share() { return std::max(in_flight_bound, descriptor_limit / 4
 // The kernel refuses to take the head's descriptor along. The process does without that channel.
 void give_up_descriptor(client &c)
 {
+    itc_wire::registry_frame head;
     uint32_t fields[2];
-    memcpy(fields, c.box.head->bytes() + sizeof(itc_wire::registry_frame), sizeof fields);
+    memcpy(&head, c.box.head->bytes(), sizeof head);
+    if (head.type != itc_wire::channel) { // of a tap: whoever has the other end sees it closed
+        pop(c);
+        complain("process %u (user %u) gets no end of a tap: no descriptor can be sent", c.process, c.who.user);
+        return;
+    }
+    memcpy(fields, c.box.head->bytes() + sizeof head, sizeof fields);
     pop(c);
     complain("process %u (user %u) is not introduced to %u: no descriptor can be sent", c.process, c.who.user,
              fields[0]);

@@ -138,7 +138,7 @@ private:
     // A frame as libitc would write it, but for its numbers.
     void send_frame(const process &p)
     {
-        const auto type = static_cast<itc_wire::frame_type>(1 + input_.pick(17));
+        const auto type = static_cast<itc_wire::frame_type>(1 + input_.pick(19));
         itc_wire::writer frame(type, input_.byte() % 8);
         switch (type) {
         case itc_wire::hello:
@@ -150,10 +150,12 @@ private:
             break;
         case itc_wire::locate:
         case itc_wire::await_name:
+        case itc_wire::tap:
             frame.text(some_name());
             break;
         case itc_wire::delete_box:
         case itc_wire::monitor:
+        case itc_wire::name_of:
             frame.u32(some_box(p));
             break;
         case itc_wire::introduce:
@@ -216,7 +218,9 @@ private:
             memcpy(&head, p.unread.data() + at, sizeof head);
             require(head.length >= sizeof head && head.length <= itc_wire::registry_frame_limit,
                     "the length of a frame from the registry");
-            require(head.type >= itc_wire::welcome && head.type <= itc_wire::removed, "its type");
+            require((head.type >= itc_wire::welcome && head.type <= itc_wire::removed) ||
+                        (head.type >= itc_wire::tapped && head.type <= itc_wire::named),
+                    "its type");
             if (head.length > p.unread.size() - at) {
                 break;
             }
@@ -228,6 +232,13 @@ private:
 
     static void take_frame(process &p, const itc_wire::registry_frame &head, itc_wire::reader fields)
     {
+        if (head.type >= itc_wire::tapped) {
+            if (head.type == itc_wire::named) {
+                (void)fields.text();
+            }
+            require(fields.whole(), "the fields of a frame about a tap");
+            return;
+        }
         const uint32_t first = fields.u32();
         switch (head.type) {
         case itc_wire::welcome:
