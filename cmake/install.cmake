@@ -74,6 +74,11 @@ if(TARGET vornctl)
   install(FILES ${schemas} DESTINATION ${CMAKE_INSTALL_DATADIR}/kap-vorn/schema)
 endif()
 
+# ---- Wireshark looks for dissectors there
+
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/wireshark/kap_vorn.lua
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins)
+
 # ---- Manual
 
 foreach(section 1 5 8)

@@ -43,6 +43,7 @@ void add_history(CLI::App &app, call &c);
 void add_rtt(CLI::App &app, call &c);
 void add_ports(CLI::App &app, call &c);
 void add_status(CLI::App &app, call &c);
+void add_capture(CLI::App &app, call &c);
 void add_trace(CLI::App &app, call &c);
 
 } // namespace vornctl

@@ -9,7 +9,7 @@ const std::vector<command> &commands()
     static const std::vector<command> all = {
         {"links", add_links},   {"link", add_link},       {"reload", add_reload}, {"watch", add_watch},
         {"events", add_events}, {"history", add_history}, {"rtt", add_rtt},       {"ports", add_ports},
-        {"status", add_status}, {"trace", add_trace},
+        {"status", add_status}, {"capture", add_capture}, {"trace", add_trace},
     };
     return all;
 }
