@@ -22,7 +22,7 @@ int itc_internal_unsubscribe(uint32_t sid, uint32_t mbox);
  * is the caller's. ENOENT: nobody has the name. EACCES: not root. EAGAIN: not now. EINVAL: it is the caller's own.
  */
 int itc_internal_tap(const char *name, int *fd);
-/* For root: one of the names of a mailbox; `name` has room for 256 bytes. */
+/* For root: the name that a mailbox was created with; `name` has room for 256 bytes. */
 int itc_internal_name_of(uint32_t mbox, char *name);
 
 /* For tests: how many writes to other processes' sockets took something, since the process began. */

@@ -118,7 +118,7 @@ enum frame_type : uint32_t {
     // Looking at messages: see tap_record below.
     tapped = 117,  // one descriptor comes with it: the process's messages are to be told there
     tapping = 118, // the other end of it, for the request of that serial; before its result
-    named = 119,   // s one of the mailbox's names; before the result
+    named = 119,   // s the name that the mailbox was created with; before the result
 };
 
 constexpr size_t door_words(uint32_t type)

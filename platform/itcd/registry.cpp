@@ -21,7 +21,7 @@ namespace
 constexpr size_t name_bound = 8192;
 constexpr size_t await_bound = 8192;
 constexpr size_t monitor_bound = 16384;
-constexpr size_t mailbox_bytes = 480;
+constexpr size_t mailbox_bytes = 496;
 constexpr size_t name_bytes = 240;
 constexpr size_t await_bytes = 320;
 constexpr size_t monitor_bytes = 160;
@@ -30,6 +30,7 @@ struct mailbox {
     registry_client *owner = nullptr;
     bool goes = false; // its end has begun
     std::set<std::string_view> names;
+    std::string_view first_name;                      // what it was created with; empty when another has it now
     std::set<std::pair<uint32_t, uint32_t>> watchers; // process, token
     registry_box_services services;
 };
@@ -102,6 +103,9 @@ uint32_t name_lookup(std::string_view name)
 void name_free(std::map<std::string, uint32_t, std::less<>>::iterator entry)
 {
     mailbox &box = mailboxes.at(entry->second);
+    if (box.first_name.data() == entry->first.data()) {
+        box.first_name = {};
+    }
     box.names.erase(entry->first);
     box.owner->name_count--;
     share_give(*box.owner->of, held::names, name_bytes + entry->first.size());
@@ -126,7 +130,10 @@ int claim(registry_client &client, uint32_t mbox, const std::string &name)
         return ENOSPC;
     }
     client.name_count++;
-    mailboxes.at(mbox).names.insert(names.emplace(name, mbox).first->first);
+    mailbox &box = mailboxes.at(mbox);
+    const std::string_view kept = names.emplace(name, mbox).first->first;
+    box.first_name = box.names.empty() ? kept : box.first_name;
+    box.names.insert(kept);
     doors_name_given(client, mbox, name);
     if (waiting.count(name) != 0) {
         client.work.emplace_back(registry_task::tell_found, mbox);
@@ -311,10 +318,10 @@ void on_tap(registry_client &from, uint32_t serial, const std::string &name)
 void on_name_of(registry_client &from, uint32_t serial, uint32_t mbox)
 {
     const auto box = mailboxes.find(mbox);
-    const bool known = from.who.user == 0 && box != mailboxes.end() && !box->second.names.empty();
+    const bool known = from.who.user == 0 && box != mailboxes.end() && !box->second.first_name.empty();
     if (known) {
         writer frame(named, serial);
-        out->send(from, frame.text(*box->second.names.begin()), -1);
+        out->send(from, frame.text(box->second.first_name), -1);
     }
     answer(from, serial, known ? 0 : from.who.user == 0 ? ENOENT : EACCES);
 }

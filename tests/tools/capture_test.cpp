@@ -85,7 +85,7 @@ TEST(Pcapng, APlaceHasItsNameItsResolutionAndItsFilter)
     EXPECT_TRUE(writer.flush());
     bytes b = section();
     add(b, 1);
-    add(b, 60);
+    add(b, 56);
     add(b, option_head(147, 0));
     add(b, 96);
     add(b, option_head(2, 4));
@@ -97,7 +97,7 @@ TEST(Pcapng, APlaceHasItsNameItsResolutionAndItsFilter)
     add(b, option_head(11, 4));
     b.insert(b.end(), {0, 'a', 'l', 'l'});
     add(b, option_head(0, 0));
-    add(b, 60);
+    add(b, 56);
     EXPECT_EQ(file.all(), b);
 }
 

@@ -285,6 +285,9 @@ TEST_F(Tap, NobodyLooksAtHimselfOrAtWhoIsNotThere)
     char name[256] = {};
     EXPECT_EQ(itc_internal_name_of(me, name), 0);
     EXPECT_STREQ(name, "looks");
+    EXPECT_EQ(itc_add_name(me, "another"), 0);
+    EXPECT_EQ(itc_internal_name_of(me, name), 0);
+    EXPECT_STREQ(name, "looks") << "the name that it was created with";
     EXPECT_EQ(itc_internal_name_of(me + 1, name), ENOENT);
 }
 
