@@ -305,6 +305,16 @@ TEST_F(Capture, WhatCannotBeLookedAtIsSaidWithAStatusOfItsOwn)
     EXPECT_EQ(command_run(command({"-w", "/dev/null"})).status, 2);
     EXPECT_EQ(command_run(command({"--messages", "--vlan", "5", "-w", "/dev/null"})).status, 2);
     EXPECT_EQ(command_run(command({"--port", "IDL_A1", "--count", "none", "-w", "/dev/null"})).status, 2);
+    const std::string as_nobody = "exec setpriv --reuid=65534 --regid=65534 --clear-groups \"$@\"";
+    for (const std::vector<std::string> &words :
+         std::vector<std::vector<std::string>>{{"--messages"}, {"--interface", "lo"}}) {
+        std::vector<std::string> all = {"sh", "-c", as_nobody, "sh"};
+        const auto called = command(words);
+        all.insert(all.end(), called.begin(), called.end());
+        all.insert(all.end(), {"-w", "/dev/null"});
+        const command_result refused = command_run(all);
+        EXPECT_EQ(refused.status, 5) << refused.output;
+    }
     const command_result full = command_run(command({"--messages", "--duration", "1", "-w", "/dev/full"}));
     EXPECT_EQ(full.status, 1);
     EXPECT_THAT(full.output, testing::HasSubstr("cannot be written: No space left on device"));

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <system_error>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -424,6 +425,10 @@ int run(const capture_options &options)
     } catch (const failure &f) {
         say(f.text);
         return f.status;
+    } catch (const std::system_error &problem) {
+        say(problem.what());
+        const int error = problem.code().value();
+        return error == EPERM || error == EACCES ? STATUS_NOT_ALLOWED : STATUS_FAILED;
     } catch (const std::exception &problem) {
         say(problem.what());
         return STATUS_FAILED;

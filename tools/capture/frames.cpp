@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <stdexcept>
 #include <system_error>
 
 #include <arpa/inet.h>
@@ -32,7 +31,7 @@ constexpr int RECEIVE_BUFFER = 16 * 1024 * 1024;
 void must(int result, const std::string &what)
 {
     if (result != 0) {
-        throw std::runtime_error(what + ": " + strerror(errno));
+        throw std::system_error(errno, std::generic_category(), what);
     }
 }
 

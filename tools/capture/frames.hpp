@@ -33,7 +33,7 @@ struct frame {
 class frame_source
 {
 public:
-    // Looks at an interface of a namespace ("": the process's own). Throws std::runtime_error.
+    // Looks at an interface of a namespace ("": the process's own). Throws std::system_error.
     frame_source(const std::string &name_space, const std::string &interface, const frame_filter &filter,
                  uint32_t snap_length);
     ~frame_source();
@@ -41,7 +41,7 @@ public:
     frame_source &operator=(const frame_source &) = delete;
 
     int fd() const { return fd_; }
-    // The next that is wanted; nothing when no more is there. Throws std::runtime_error when the interface is gone.
+    // The next that is wanted; nothing when no more is there. Throws std::system_error when the interface is gone.
     std::optional<frame> next();
     uint64_t dropped(); // by the kernel, for want of room, since the beginning
 
