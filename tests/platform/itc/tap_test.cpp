@@ -58,6 +58,11 @@ struct seen {
     }
 };
 
+uint64_t nanoseconds(const timespec &time)
+{
+    return static_cast<uint64_t>(time.tv_sec) * 1000000000 + static_cast<uint64_t>(time.tv_nsec);
+}
+
 // The next record; nothing at the end of the socket, or after 10 seconds.
 std::optional<seen> next(int tap)
 {
@@ -169,8 +174,8 @@ TEST_F(Tap, AStampIsTheRealTime)
     clock_gettime(CLOCK_REALTIME, &after);
     const auto told = next(tap);
     ASSERT_TRUE(told.has_value());
-    EXPECT_GE(told->record.stamp, static_cast<uint64_t>(before.tv_sec) * 1000000000 + before.tv_nsec);
-    EXPECT_LE(told->record.stamp, static_cast<uint64_t>(after.tv_sec) * 1000000000 + after.tv_nsec);
+    EXPECT_GE(told->record.stamp, nanoseconds(before));
+    EXPECT_LE(told->record.stamp, nanoseconds(after));
     close(tap);
     end_it();
     EXPECT_EQ(child.finish(), 0);
