@@ -396,9 +396,8 @@ void vlan_keeper::remove_left_devices(const std::string &name_space, kernel_plac
     }
     for (const auto &[index, link] : links.links) {
         const std::string what = "device " + place.mark + " " + std::to_string(index);
-        if (!is_own_device(link) || kept_devices.contains(index)) {
-            left_since_.erase(what);
-        } else if (has_been_left(what, now, LEFTOVERS_KEPT_MS) && remove_left_device(place, link)) {
+        const bool is_left = is_own_device(link) && !kept_devices.contains(index);
+        if (!is_left || (has_been_left(what, now, LEFTOVERS_KEPT_MS) && remove_left_device(place, link))) {
             left_since_.erase(what);
         }
     }
@@ -437,10 +436,8 @@ void vlan_keeper::remove_left_vlans(const std::string &name_space, kernel_place 
         const auto vlan_id = static_cast<uint16_t>(words ? words->vlan_id : 0);
         if (kept_entries.contains(entry)) { // also what was mended after `links` was read
             left_since_.erase(entry);
-        } else if (port == nullptr || words->mark != place.mark || !port->vlans.contains(vlan_id)) {
-            journal_.forget(entry);
-            left_since_.erase(entry);
-        } else if (has_been_left(entry, now, LEFT_VLANS_KEPT_MS) && remove_left_vlan(place, *port, vlan_id)) {
+        } else if (port == nullptr || words->mark != place.mark || !port->vlans.contains(vlan_id) ||
+                   (has_been_left(entry, now, LEFT_VLANS_KEPT_MS) && remove_left_vlan(place, *port, vlan_id))) {
             journal_.forget(entry);
             left_since_.erase(entry);
         }
