@@ -1,6 +1,7 @@
 // The kernel's packet filter in a network namespace (nft_context.hpp).
 #include "kernel/nft_context.hpp"
 
+#include "kernel/netlink_socket.hpp"
 #include "name_space.hpp"
 
 #include <malloc.h>
@@ -40,8 +41,10 @@ kernel_refusal refusal(const char *output)
 
 void nft_context::closer::operator()(nft_ctx *open) const { nft_ctx_free(open); }
 
+// The library ends the program when it gets no socket: so one is tried before.
 nft_context::nft_context(const std::string &name_space)
 {
+    (void)netlink_socket(NETLINK_NETFILTER, name_space);
     const namespace_visit visit(name_space);
     context_.reset(nft_ctx_new(NFT_CTX_DEFAULT));
     if (!context_ || nft_ctx_buffer_output(context_.get()) != 0 || nft_ctx_buffer_error(context_.get()) != 0) {
