@@ -40,7 +40,10 @@ std::string start_everything(tour &t)
     demo_start(d);
     std::string tagged = wires_kernel_has_vlan_devices() ? "TN_A has an interface of its own for its VLAN"
                                                          : "this kernel has no VLAN devices: all tags are the sender's";
-    return std::to_string(d.stage.processes.size()) + " processes; " + tagged;
+    const std::string kept = d.stage.kernel_lacks.empty()
+                                 ? "rules and endpoints are in the kernel"
+                                 : "rules and endpoints stay in memory, the kernel lacks: " + d.stage.kernel_lacks;
+    return std::to_string(d.stage.processes.size()) + " processes; " + tagged + "; " + kept;
 }
 
 std::string create_first(tour &t) { return create(t.d, demo_first_wish(t.d)); }

@@ -46,6 +46,17 @@ std::vector<std::string> access_rules(const stage_port &port)
 // A static rule, and dynamic ones for supervision, applications, PTP and LLDP.
 constexpr size_t RULES_OF_A_PORT = 5;
 
+// How many frames on the port the kernel has dropped because no dynamic rule lets them in.
+uint64_t dropped_frames(const stage_port &port)
+{
+    const nlohmann::json shown = stage_control("fmi", {"show"})["kernel"]["ports"][port.fmi_name];
+    uint64_t dropped = shown["default_action"]["dropped"]["packets"];
+    for (const auto &rule : shown["static_rules"]) {
+        dropped += rule.contains("dropped") ? rule["dropped"]["packets"].get<uint64_t>() : 0;
+    }
+    return dropped;
+}
+
 bool has_no_endpoints(const stage_port &port)
 {
     return port_endpoint_users(port, PTP_MAC) == 0 && port_endpoint_users(port, LLDP_MAC) == 0;
@@ -124,4 +135,24 @@ std::string port_unlocked(tour &t)
     unlock(t.d, port);
     stage_wait(t.d.stage, "the access rules are as before", AT_ONCE, [&] { return access_rules(port) == t.rules; });
     return "\"enabled\" after " + demo_seconds(since(start)) + "; the endpoints and the same access rules are back";
+}
+
+// The rules let in supervision, applications, PTP and LLDP.
+std::string stranger_dropped(tour &t)
+{
+    constexpr uint64_t FRAMES = 5;
+    demo &d = t.d;
+    const stage_port &port = d.stage.ports[0];
+    if (d.stage.backend != "kernel") {
+        return "left out: the rules stay in memory";
+    }
+    const uint64_t before = dropped_frames(port);
+    send_experimental(FAR_NAMESPACE, port.wire.interface, port.wire.near_mac.byte, FRAMES);
+    stage_wait(d.stage, "the kernel drops and counts them", AT_ONCE,
+               [&] { return dropped_frames(port) >= before + FRAMES; });
+    hold(dropped_frames(port) == before + FRAMES, "more frames were dropped than were sent");
+    hold(d.links[0].status == IML_LINK_ENABLED, "the link was disabled");
+    return std::to_string(FRAMES) +
+           " frames of another EtherType from the far side: all dropped by the kernel's rules, "
+           "and counted; the link enabled as before";
 }

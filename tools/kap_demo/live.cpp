@@ -113,6 +113,9 @@ int live_run(demo &d)
     (void)signal(SIGHUP, ask_to_end);
     try {
         printf("starting the registry, the node's services, the far end and kap-vorn\n");
+        if (!d.stage.kernel_lacks.empty()) {
+            printf("rules and endpoints stay in memory, the kernel lacks: %s\n", d.stage.kernel_lacks.c_str());
+        }
         demo_start(d);
         demo_create(d, demo_first_wish(d));
         demo_create(d, demo_second_wish(d));

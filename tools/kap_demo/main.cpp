@@ -138,6 +138,7 @@ int run_demo(bool table, const std::string &log_dir)
     log_dir_check_visible(log_dir);
     demo d;
     d.stage = stage_make(log_dir);
+    stage_use_kernel(d.stage);
     return table ? live_run(d) : story_run(d);
 }
 

@@ -136,6 +136,21 @@ send_path send_path_measure(const std::string &name_space, const std::string &in
     return {took[took.size() / 2], took.back()};
 }
 
+void send_experimental(const std::string &name_space, const std::string &interface, const uint8_t (&to)[6], int count)
+{
+    const kap_node::namespace_visit visit(name_space);
+    const packet_socket sender(interface, 0);
+    frame f{};
+    memcpy(f.header.h_dest, to, ETH_ALEN);
+    memcpy(f.header.h_source, "\x02\x00\x00\x00\x00\x01", ETH_ALEN);
+    f.header.h_proto = htons(EXPERIMENTAL);
+    for (f.number = 0; f.number < count; f.number++) {
+        if (send(sender.fd, &f, sizeof f, 0) < 0) {
+            fail("the send path: sending");
+        }
+    }
+}
+
 rtt_tolerance rtt_tolerance_of(const send_path &path)
 {
     return {std::max(AVERAGE_NS, OF_THE_SEND_PATH * path.median), std::max(SINGLE_NS, OF_THE_SEND_PATH * path.most)};

@@ -14,6 +14,9 @@ struct send_path {
 // Half a second. Throws std::system_error, or std::runtime_error when the kernel shows none of the frames.
 send_path send_path_measure(const std::string &name_space, const std::string &interface);
 
+// Sends so many frames of that EtherType to the address, one right after the other. Throws std::system_error.
+void send_experimental(const std::string &name_space, const std::string &interface, const uint8_t (&to)[6], int count);
+
 // How far the round trips of the daemon may be from those of a capture, in nanoseconds.
 //
 // They end with the same stamp, the kernel's, and begin apart: the daemon's with its reading of the clock, the

@@ -34,6 +34,7 @@ constexpr step STEPS[] = {
     {"the interface comes up", interface_up},
     {"the port is locked", port_locked},
     {"the port is unlocked", port_unlocked},
+    {"frames that no access rule lets in", stranger_dropped},
     {"the agent's configuration changes", agent_config_update},
     {"one app link is exchanged for another", update_app_links},
     {"the agent leaves and comes back", agent_leaves_and_returns},

@@ -53,6 +53,7 @@ std::string interface_down(tour &t);
 std::string interface_up(tour &t);
 std::string port_locked(tour &t);
 std::string port_unlocked(tour &t);
+std::string stranger_dropped(tour &t);
 
 // ---- The link list (act_list.cpp) -----------------------------------------------------------------------------------
 

@@ -5,11 +5,16 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <system_error>
 
 #include <poll.h>
 #include <unistd.h>
 
 #include "control.hpp"
+#ifdef KAP_NODE_KERNEL
+#include "kernel/nft_context.hpp"
+#include "kernel/rule_layout.hpp"
+#endif
 #include "itc.h"
 #include "slowness.hpp"
 
@@ -216,6 +221,26 @@ stage stage_make(const std::string &log_dir)
     s.ports = stage_usual_ports();
     return s;
 }
+
+#ifdef KAP_NODE_KERNEL
+void stage_use_kernel(stage &s)
+{
+    try {
+        // What the flow manager itself does first: one of everything, and all of it away again.
+        if (const auto refused = kap_node::nft_context("").run(kap_node::rehearsal())) {
+            s.kernel_lacks = refused->words;
+        }
+    } catch (const std::system_error &problem) {
+        s.kernel_lacks = problem.what();
+    }
+    if (s.kernel_lacks.empty()) {
+        s.backend = "kernel";
+        s.vlan = "none";
+    }
+}
+#else
+void stage_use_kernel(stage &s) { s.kernel_lacks = "this build has no kernel backends"; }
+#endif
 
 void stage_start_process(stage &s, const std::string &name)
 {

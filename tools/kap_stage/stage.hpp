@@ -40,6 +40,7 @@ struct stage {
     std::map<std::string, child_process> processes; // by name; one that may end is taken out before it does
     std::string backend = "memory";                 // of the node's services, or "kernel"
     std::string vlan = "device";                    // what opening a VLAN does, where it does something
+    std::string kernel_lacks;                       // why the backend is "memory", in the kernel's words
 };
 
 inline constexpr const char *DAEMON = "kap-vorn";
@@ -52,6 +53,11 @@ std::vector<stage_port> stage_usual_ports();
 
 // A stage whose programs are where this one is. Nothing runs yet.
 stage stage_make(const std::string &log_dir);
+
+// Has the services do what they are asked in the kernel, where that has a packet filter at interfaces; else says in
+// kernel_lacks what it answers. VLANs stay the senders' to tag: wires and captures are laid for that. Needs the
+// sandbox.
+void stage_use_kernel(stage &s);
 
 // Lays the wires and starts everything; `mbox_name` is the calling process's own mailbox. Throws stage_failure.
 void stage_start(stage &s, const std::string &mbox_name);
