@@ -1,6 +1,8 @@
 // What became of the links (history.hpp).
 #include "history.hpp"
 
+#include "quiet_thread.hpp"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -101,7 +103,7 @@ link_history::link_history(options wanted) : options_(std::move(wanted)), path_(
     boot_base_us_ = now.boot_us;
     if (last.tick_us == 0) {
         tick_base_us_ = now.real_us;
-    } else if (last.boot == options_.boot && now.boot_us >= last.clocks.boot_us) {
+    } else if (!options_.boot.empty() && last.boot == options_.boot && now.boot_us >= last.clocks.boot_us) {
         tick_base_us_ = last.tick_us + now.boot_us - last.clocks.boot_us;
     } else {
         tick_base_us_ = last.tick_us + std::max<int64_t>(now.real_us - last.clocks.real_us, 0);
@@ -112,7 +114,7 @@ link_history::link_history(options wanted) : options_(std::move(wanted)), path_(
     (void)open_store(); // here, so that the first who asks hears of the time before; what fails is tried again
     reserved_ = last_ + NUMBERS;
     mark(true, false);
-    writer_ = std::thread([this] { write_loop(); });
+    writer_ = quiet_thread([this] { write_loop(); });
 }
 
 link_history::~link_history()
@@ -462,6 +464,22 @@ nlohmann::json link_history::samples(const std::string &link, int64_t from_us, i
                           {"valid", at.valid}});
     }
     return answer;
+}
+
+std::unordered_map<std::string, history_counters> link_history::lifetimes() const
+{
+    std::unordered_map<std::string, history_counters> all;
+    const std::lock_guard lock(mutex_);
+    for (const auto &[name, of] : records_) {
+        all[name] = of.row.counters;
+    }
+    return all;
+}
+
+uint64_t link_history::unwritten_changes() const
+{
+    const std::lock_guard lock(mutex_);
+    return writing_.changes.size() + open_.changes.size();
 }
 
 // ---- Written

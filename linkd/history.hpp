@@ -67,6 +67,10 @@ public:
     // What the daemon counts of a link since it was created there; a smaller number is a new beginning.
     void counted(const std::string &link, uint32_t link_ref, uint64_t results, uint64_t lost);
 
+    // The sums of all links, each up to its last change; and how many changes are not written yet.
+    std::unordered_map<std::string, history_counters> lifetimes() const;
+    uint64_t unwritten_changes() const;
+
     // Waits until what was told is written; not for longer than that.
     bool written(int64_t patience_ms);
 

@@ -21,6 +21,7 @@ namespace
 constexpr int64_t MOST_DAYS = 3650;
 constexpr int64_t MOST_MIB = 65536;
 constexpr int64_t MOST_HOLD_DOWN_S = 86400;
+constexpr int64_t MOST_FLAPS = 1000;
 constexpr int64_t MOST_SECONDS = 300;
 constexpr int64_t LAST_PORT = 65535;
 
@@ -107,6 +108,8 @@ settings read_settings_text(const std::string &text, const std::string &file, st
                   [&](const toml::node &node) {
                       r.table(node, "[notify]",
                               {{"directory", r.text(out.notify_directory, wrong_with_directory)},
+                               {"flap_changes", r.number(1, MOST_FLAPS, out.notify_flap_changes)},
+                               {"flap_seconds", r.number(1, MOST_HOLD_DOWN_S, out.notify_flap_seconds)},
                                {"hold_down_s", r.number(0, MOST_HOLD_DOWN_S, out.notify_hold_down_s)},
                                {"seconds", r.number(1, MOST_SECONDS, out.notify_seconds)}});
                   }},

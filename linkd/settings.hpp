@@ -5,7 +5,9 @@
 //   max_mib = 256                  the oldest are forgotten when the file is larger
 //   [notify]
 //   directory = "/etc/kap-vorn/notify.d"
-//   hold_down_s = 60               after a notice of a flapping link, so long none; then one that sums up
+//   flap_changes = 6               a link that changes more often than that ...
+//   flap_seconds = 60              ... within so long is flapping: no more notices ...
+//   hold_down_s = 60               ... until it has been calm for so long; then one that sums up; 0: never held down
 //   seconds = 10                   a program that runs longer is ended
 //   [http]
 //   address = "127.0.0.1"          only addresses of loopback; "": nobody is listened to
@@ -23,6 +25,8 @@ struct settings {
     uint32_t history_days = 30;
     uint32_t history_max_mib = 256;
     std::string notify_directory = "/etc/kap-vorn/notify.d";
+    uint32_t notify_flap_changes = 6;
+    uint32_t notify_flap_seconds = 60;
     uint32_t notify_hold_down_s = 60;
     uint32_t notify_seconds = 10;
     std::string http_address = "127.0.0.1";
