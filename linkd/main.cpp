@@ -1,10 +1,15 @@
 // kap-linkd: keeps the links that are declared. Here: options, signals, what begins and ends the program, and what a
 // service manager is told.
 #include "control.hpp"
+#include "history.hpp"
 #include "hub.hpp"
+#include "itc.h"
+#include "journal.hpp"
 #include "keeper.hpp"
 #include "link_book.hpp"
 #include "loop.hpp"
+#include "metrics.hpp"
+#include "notify.hpp"
 #include "page.hpp"
 #include "program_call.hpp"
 #include "service_manager.hpp"
@@ -51,6 +56,7 @@ constexpr int STATUS_ANEW = -1;
 constexpr int MANAGER_PATIENCE_MS = 1000;
 // So many requests wait in the daemon's queue at the most.
 constexpr size_t WINDOW = 8;
+constexpr int64_t BETWEEN_FIGURES_MS = 5000;
 
 struct call {
     paths where;
@@ -90,20 +96,57 @@ void tell_manager(const std::string &state)
     }
 }
 
+// What is wrong with the settings does not keep links from being kept: what is right counts.
+settings settings_of(const std::string &file)
+{
+    std::vector<std::string> mistakes;
+    const settings found = read_settings(file, mistakes);
+    say_all(mistakes);
+    return found;
+}
+
+link_history::options history_of(const settings &from, const paths &where)
+{
+    link_history::options wanted;
+    wanted.directory = where.state;
+    wanted.days = from.history_days;
+    wanted.max_mib = from.history_max_mib;
+    wanted.say = say;
+    return wanted;
+}
+
+notify_settings notices_of(const settings &from)
+{
+    notify_settings wanted;
+    wanted.directory = from.notify_directory;
+    wanted.seconds = from.notify_seconds;
+    wanted.flap_changes = from.notify_flap_changes;
+    wanted.flap_seconds = from.notify_flap_seconds;
+    wanted.hold_down_s = from.notify_hold_down_s;
+    wanted.say = say;
+    return wanted;
+}
+
 // Everything that runs, in the order of its making.
 class program
 {
 public:
     explicit program(const call &wanted)
-        : where_(wanted.where), book_(wanted.where), hub_(past_),
+        : settings_(settings_of(wanted.where.settings)), book_(wanted.where),
+          past_(history_of(settings_, wanted.where)), notices_(turns_, notices_of(settings_)), hub_(past_),
           session_(turns_, [this] { turns_.stop(STATUS_ANEW); }), keeper_(session_, hub_, WINDOW),
           control_(turns_, keeper_, book_, past_,
                    {[this] { return session_.has_registry(); }, [this] { return apply(); }})
     {
         session_.set_keeper(keeper_);
+        hub_.add(past_);
         hub_.add(control_);
+        hub_.add(journal_);
+        hub_.add(notices_);
+        hub_.add(metrics_);
         control_.listen(wanted.where.control, wanted.groups);
         add_page(web_.routes(), {.control = wanted.where.control});
+        add_metrics(web_.routes(), metrics_);
     }
     ~program()
     {
@@ -120,7 +163,8 @@ public:
         open_signals();
         say_all(book_.load());
         apply();
-        serve_page();
+        hand_over();
+        serve();
         session_.connect();
         tell_manager("READY=1");
         beat();
@@ -136,16 +180,13 @@ private:
     }
 
     // Links are kept whether somebody can look at them or not.
-    void serve_page()
+    void serve()
     {
-        std::vector<std::string> mistakes;
-        const settings wanted = read_settings(where_.settings, mistakes);
-        say_all(mistakes);
-        if (wanted.http_address.empty()) {
+        if (settings_.http_address.empty()) {
             return;
         }
         try {
-            web_.listen(wanted.http_address, wanted.http_port);
+            web_.listen(settings_.http_address, settings_.http_port);
         } catch (const std::runtime_error &problem) {
             say(problem.what());
         }
@@ -191,6 +232,38 @@ private:
         tell_manager("READY=1");
     }
 
+    // What other threads see, and what the daemon has counted for the history.
+    void hand_over()
+    {
+        metrics_input input;
+        input.links = keeper_.views(now());
+        for (const link_view &view : input.links) {
+            if (view.link_ref != 0) {
+                past_.counted(view.link.name, view.link_ref, view.results, view.lost);
+            }
+        }
+        input.lifetimes = past_.lifetimes();
+        input.node = keeper_.node();
+        input.registry = session_.has_registry();
+        input.notices = notices_.look();
+        if (input.registry) {
+            itc_statistics counted{};
+            itc_get_statistics(&counted);
+            input.messages = {counted.sent,
+                              counted.received,
+                              counted.dropped_full,
+                              counted.dropped_no_mailbox,
+                              counted.dropped_refused,
+                              counted.dropped_too_large};
+        }
+        input.newest_change = past_.newest();
+        input.unwritten = past_.unwritten_changes();
+        input.now_us = real_us();
+        input.started_us = started_us_;
+        metrics_.hand_over(std::move(input));
+        turns_.after(BETWEEN_FIGURES_MS, [this] { hand_over(); });
+    }
+
     void beat()
     {
         const auto at = pulse_.next_ms();
@@ -200,15 +273,19 @@ private:
         }
     }
 
-    const paths where_;
+    const settings settings_;
+    const int64_t started_us_ = real_us();
     loop turns_;
     link_book book_;
-    no_past past_;
+    link_history past_;
+    journal journal_;
+    notifier notices_;
+    metrics metrics_;
     hub hub_;
     session session_;
     keeper keeper_;
     control control_;
-    web web_;
+    web web_; // its threads see the metrics
     manager_pulse pulse_;
     int signals_ = -1;
 };

@@ -51,6 +51,11 @@ httplib::Server::HandlerResponse look_at(const httplib::Request &asked, httplib:
 web::web() : server_(std::make_unique<httplib::Server>())
 {
     server_->new_task_queue = [] { return new httplib::ThreadPool(THREADS); };
+    // What the library sets by itself would let another one have the same port.
+    server_->set_socket_options([](socket_t socket) {
+        const int on = 1;
+        (void)setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    });
     server_->set_read_timeout(PATIENCE_S);
     server_->set_write_timeout(PATIENCE_S);
     server_->set_payload_max_length(LARGEST_BODY);

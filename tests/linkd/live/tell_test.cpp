@@ -1,0 +1,339 @@
+// Those who are told of changes: programs of notify.d, a journal's socket, whoever asks the web server.
+#include "http.hpp"
+#include "journal.hpp"
+#include "notify.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <poll.h>
+#include <sched.h>
+#include <sstream>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace linkd
+{
+namespace
+{
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class NotifyTest : public testing::Test
+{
+protected:
+    static constexpr int64_t PATIENCE_MS = 20'000;
+
+    NotifyTest()
+    {
+        std::string name = std::filesystem::temp_directory_path() / "kap-notify-XXXXXX";
+        directory_ = mkdtemp(name.data());
+        std::filesystem::create_directory(directory_ + "/notify.d");
+        wanted_.directory = directory_ + "/notify.d";
+        wanted_.say = [this](const std::string &what) { said_.push_back(what); };
+    }
+    ~NotifyTest() override { std::filesystem::remove_all(directory_); }
+
+    void SetUp() override
+    {
+        if (getuid() != 0) {
+            GTEST_SKIP() << "only what is root's is run";
+        }
+    }
+
+    void program(const std::string &name, const std::string &text, mode_t mode = 0755)
+    {
+        const std::string path = wanted_.directory + "/" + name;
+        std::ofstream(path) << "#!/bin/sh\nO=" << directory_ << "\n" << text << "\n";
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    }
+    static link_change change(const std::string &link, uint64_t id)
+    {
+        return {id, 0, {link, "IDL_A1", 1, ""}, link_state::enabled, link_state::disabled, "down", 1, {}};
+    }
+    std::vector<std::string> lines(const std::string &name) const
+    {
+        std::ifstream file(directory_ + "/" + name);
+        std::vector<std::string> all;
+        for (std::string line; std::getline(file, line);) {
+            all.push_back(line);
+        }
+        return all;
+    }
+    // Turns the loop until that is so.
+    bool until(const std::function<bool()> &so)
+    {
+        const int64_t end = boot_ms() + PATIENCE_MS;
+        bool was = false;
+        std::function<void()> look = [&] {
+            was = so();
+            if (was || boot_ms() > end) {
+                turns_.stop(0);
+            } else {
+                turns_.after(5, look);
+            }
+        };
+        look();
+        if (!was) {
+            (void)turns_.run();
+        }
+        return was;
+    }
+
+    std::string directory_;
+    loop turns_;
+    notify_settings wanted_;
+    std::vector<std::string> said_;
+};
+
+TEST_F(NotifyTest, EachLinkIsToldInOrderByEachProgramInTurn)
+{
+    program("10-first", "echo \"first $KAP_ID\" >> $O/$KAP_LINK");
+    program("20-second", "read line; echo \"second $line\" >> $O/$KAP_LINK");
+    notifier told(turns_, wanted_);
+    for (uint64_t id = 1; id <= 5; id++) {
+        told.changed(change("a", id));
+        told.changed(change("b", 10 + id));
+    }
+    ASSERT_TRUE(until([&] { return lines("a").size() == 10 && lines("b").size() == 10; }));
+    const auto a = lines("a");
+    for (uint64_t id = 1; id <= 5; id++) {
+        EXPECT_EQ(a[2 * id - 2], "first " + std::to_string(id));
+        EXPECT_THAT(a[2 * id - 1], HasSubstr("\"id\":" + std::to_string(id)));
+    }
+    ASSERT_TRUE(until([&] { return told.look().running == 0; }));
+    EXPECT_EQ(told.look().started, 20U);
+    EXPECT_EQ(told.look().failed, 0U);
+}
+
+TEST_F(NotifyTest, OnlyWhatIsRootsAndNobodyElseMayWriteIsRun)
+{
+    program("fine", "echo fine >> $O/out");
+    program("writable", "echo writable >> $O/out", 0757);
+    program("others", "echo others >> $O/out");
+    ASSERT_EQ(chown((wanted_.directory + "/others").c_str(), 65534, 65534), 0);
+    program("plain", "echo plain >> $O/out", 0644);
+    program("fine.dpkg-old", "echo old >> $O/out");
+    std::filesystem::create_symlink(wanted_.directory + "/fine", wanted_.directory + "/link");
+    notifier told(turns_, wanted_);
+    told.changed(change("a", 1));
+    told.changed(change("a", 2));
+    ASSERT_TRUE(until([&] { return told.look().waiting == 0 && told.look().running == 0; }));
+    EXPECT_THAT(lines("out"), ElementsAre("fine", "fine"));
+    EXPECT_EQ(said_.size(), 3U) << "writable, others, link: once each";
+    ASSERT_EQ(chmod(wanted_.directory.c_str(), 0777), 0);
+    told.changed(change("a", 3));
+    ASSERT_TRUE(until([&] { return told.look().waiting == 0 && told.look().running == 0; }));
+    EXPECT_EQ(lines("out").size(), 2U) << "whoever may write the directory may put anything there";
+}
+
+TEST_F(NotifyTest, AProgramThatTakesTooLongIsEndedWithAllThatItStarted)
+{
+    wanted_.seconds = 1;
+    program("slow", "trap '' TERM; sleep 1000 & echo $! >> $O/pids; echo $$ >> $O/pids; wait; sleep 1000");
+    notifier told(turns_, wanted_);
+    told.changed(change("a", 1));
+    ASSERT_TRUE(until([&] { return told.look().failed == 1 && told.look().running == 0; }));
+    EXPECT_EQ(told.look().ended, 1U);
+    const auto pids = lines("pids");
+    ASSERT_EQ(pids.size(), 2U);
+    // A child of its own is gone, or dead and waited for by nobody here.
+    for (const std::string &pid : pids) {
+        EXPECT_TRUE(until([&] {
+            std::ifstream stat("/proc/" + pid + "/stat");
+            std::string text;
+            std::getline(stat, text);
+            return text.empty() || text.find(") Z ") != std::string::npos;
+        })) << pid;
+    }
+}
+
+TEST_F(NotifyTest, OneSlowLinkHoldsUpNoOtherAndOnlySoManyRun)
+{
+    wanted_.programs_at_once = 3;
+    program("one", "echo + >> $O/count; [ $KAP_LINK = fast ] || while [ ! -e $O/go ]; do sleep 0.01; done");
+    notifier told(turns_, wanted_);
+    told.changed(change("slow", 1));
+    told.changed(change("slow", 2));
+    told.changed(change("fast", 3));
+    ASSERT_TRUE(until([&] { return lines("count").size() == 2; })) << "slow's first and fast";
+    for (int i = 0; i < 10; i++) {
+        told.changed(change("more" + std::to_string(i), 10));
+    }
+    ASSERT_TRUE(until([&] { return told.look().running == 3; }));
+    EXPECT_EQ(told.look().waiting, 9U);
+    std::ofstream(directory_ + "/go") << "go";
+    ASSERT_TRUE(until([&] { return told.look().started == 13 && told.look().running == 0; }));
+}
+
+TEST_F(NotifyTest, AFlappingLinkIsHeldDownAndSummedUpOnce)
+{
+    wanted_.flap_changes = 3;
+    wanted_.hold_down_s = 1;
+    program("one", "echo $KAP_EVENT $KAP_ID $KAP_HELD >> $O/$KAP_LINK");
+    notifier told(turns_, wanted_);
+    for (uint64_t id = 1; id <= 1000; id++) {
+        told.changed(change("a", id));
+    }
+    told.changed(change("b", 2000));
+    ASSERT_TRUE(until([&] { return lines("a").size() == 5; }));
+    EXPECT_THAT(lines("a"), ElementsAre("change 1 0", "change 2 0", "change 3 0", "flapping 4 0", "summary 1000 996"));
+    EXPECT_THAT(lines("b"), ElementsAre("change 2000 0"));
+    told.changed(change("a", 3000));
+    ASSERT_TRUE(until([&] { return lines("a").size() == 6; }));
+    EXPECT_EQ(lines("a").back(), "change 3000 0") << "calm again";
+}
+
+TEST_F(NotifyTest, WhatCannotWaitIsDroppedFromTheOldestAndCounted)
+{
+    wanted_.hold_down_s = 0;
+    wanted_.waiting_of_a_link = 3;
+    program("one", "echo $KAP_ID $KAP_DROPPED >> $O/$KAP_LINK; while [ ! -e $O/go ]; do sleep 0.01; done");
+    notifier told(turns_, wanted_);
+    for (uint64_t id = 1; id <= 10; id++) {
+        told.changed(change("a", id));
+    }
+    std::ofstream(directory_ + "/go") << "go";
+    ASSERT_TRUE(until([&] { return lines("a").size() == 4 && told.look().running == 0; }));
+    EXPECT_THAT(lines("a"), ElementsAre("1 0", "8 6", "9 0", "10 0"));
+}
+
+// ---- The journal
+
+TEST(JournalSocket, GetsOneEntryForEveryChangeWithItsFields)
+{
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("run", "/run", "tmpfs", 0, nullptr) != 0) {
+        GTEST_SKIP() << "no mount namespace for " << getuid();
+    }
+    std::filesystem::create_directories("/run/systemd/journal");
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un at = {};
+    at.sun_family = AF_UNIX;
+    strcpy(at.sun_path, "/run/systemd/journal/socket");
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at), 0);
+    journal told;
+    const link_change change{7,
+                             0,
+                             {"to-north", "IDL_A1", 100, "02:00:00:00:00:02"},
+                             link_state::enabled,
+                             link_state::disabled,
+                             "no connectivity",
+                             5'000'000,
+                             {}};
+    told.changed(change);
+    pollfd ready = {fd, POLLIN, 0};
+    ASSERT_EQ(poll(&ready, 1, 20'000), 1);
+    std::string entry(65536, '\0');
+    const ssize_t size = recv(fd, entry.data(), entry.size(), 0);
+    ASSERT_GT(size, 0);
+    entry.resize(static_cast<size_t>(size));
+    std::string expected;
+    for (const std::string &field : journal_entry_of(change)) {
+        expected += field + "\n";
+    }
+    EXPECT_EQ(entry, expected);
+    close(fd);
+}
+
+TEST(JournalSocket, WithoutAJournalALineOnStderrSaysTheSame)
+{
+    testing::internal::CaptureStderr();
+    {
+        journal told("/nonexistent/socket");
+        told.changed(
+            {7, 0, {"to-north", "IDL_A1", 100, ""}, link_state::waiting, link_state::enabled, "", 5'000'000, {}});
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kap-linkd: to-north (IDL_A1, VLAN 100): enabled after 5 s waiting\n");
+}
+
+// ---- The web server
+
+std::string ask(uint16_t port, const std::string &request)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to = {};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::string answer;
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0 &&
+        send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+        char part[4096];
+        for (ssize_t got; (got = recv(fd, part, sizeof part, 0)) > 0;) {
+            answer.append(part, static_cast<size_t>(got));
+        }
+    }
+    close(fd);
+    return answer;
+}
+
+TEST(Http, AnswersOnlyWhoAsksForThisMachine)
+{
+    http_server server;
+    server.route("/metrics", [](const http_request &) { return http_response{200, "text/plain", "well 1\n"}; });
+    std::string error;
+    const uint16_t port = server.begin("127.0.0.1", 0, &error);
+    ASSERT_NE(port, 0) << error;
+    const auto get = [&](const std::string &path, const std::string &host) {
+        return ask(port, "GET " + path + " HTTP/1.1\r\nHost: " + host + "\r\nConnection: close\r\n\r\n");
+    };
+    const std::string good = get("/metrics", "127.0.0.1:" + std::to_string(port));
+    EXPECT_THAT(good, HasSubstr("HTTP/1.1 200"));
+    EXPECT_THAT(good, HasSubstr("\r\n\r\nwell 1\n"));
+    EXPECT_THAT(good, HasSubstr("Content-Security-Policy: default-src 'self'"));
+    EXPECT_THAT(get("/metrics", "localhost"), HasSubstr("HTTP/1.1 200"));
+    EXPECT_THAT(get("/metrics", "[::1]:9643"), HasSubstr("HTTP/1.1 200"));
+    for (const char *other : {"evil.example", "127.0.0.1.evil.example", "", "localhost.evil.example:9643"}) {
+        const std::string refused = get("/metrics", other);
+        EXPECT_THAT(refused, HasSubstr("HTTP/1.1 403")) << other;
+        EXPECT_EQ(refused.find("well"), std::string::npos);
+    }
+    EXPECT_THAT(get("/elsewhere", "localhost"), HasSubstr("HTTP/1.1 404"));
+    EXPECT_THAT(
+        ask(port, "POST /metrics HTTP/1.1\r\nHost: localhost\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"),
+        HasSubstr("HTTP/1.1 404"));
+    http_server second;
+    EXPECT_EQ(second.begin("127.0.0.1", port, &error), 0) << "somebody has it";
+    EXPECT_FALSE(error.empty());
+}
+
+TEST(Http, AStreamGoesOnUntilTheServerEnds)
+{
+    auto server = std::make_unique<http_server>();
+    std::atomic<int> parts{0};
+    server->route_stream("/events", [&](const http_request &) -> http_stream {
+        return [&](std::string &part) {
+            const int i = ++parts;
+            part = i <= 3 ? "data: " + std::to_string(i) + "\n\n" : "";
+            if (i > 3) {
+                usleep(10'000); // as one that waits for something to say
+            }
+            return true;
+        };
+    });
+    std::string error;
+    const uint16_t port = server->begin("127.0.0.1", 0, &error);
+    ASSERT_NE(port, 0) << error;
+    std::string got;
+    std::thread reader([&] { got = ask(port, "GET /events HTTP/1.1\r\nHost: localhost\r\n\r\n"); });
+    for (int i = 0; i < 2000 && parts < 5; i++) {
+        usleep(10'000);
+    }
+    server.reset();
+    reader.join();
+    EXPECT_THAT(got, HasSubstr("text/event-stream"));
+    EXPECT_THAT(got, HasSubstr("data: 3"));
+}
+
+} // namespace
+} // namespace linkd
