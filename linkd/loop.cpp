@@ -126,6 +126,7 @@ int loop::run()
             run_timers();
         }
     }
+    stopping_ = false; // it may turn again
     return status_;
 }
 

@@ -379,12 +379,14 @@ void notifier::end_slowly(const std::string &link, bool hard)
 void notifier::ended(const std::string &link)
 {
     line &of = lines_.at(link);
+    // As long as it is not waited for, no other group can have its number.
+    siginfo_t how = {};
+    if (waitid(P_PID, static_cast<id_t>(of.child), &how, WEXITED | WNOWAIT | WNOHANG) != 0 || how.si_pid == 0) {
+        return; // what was told was of a descriptor that had its number before
+    }
     turns_.forget(of.child_fd);
     turns_.cancel(of.timer);
     of.timer = 0;
-    // As long as it is not waited for, no other group can have its number.
-    siginfo_t how = {};
-    (void)waitid(P_PID, static_cast<id_t>(of.child), &how, WEXITED | WNOWAIT);
     (void)kill(-of.child, SIGKILL);
     (void)waitpid(of.child, nullptr, 0);
     close(of.child_fd);
