@@ -81,10 +81,11 @@ protected:
                 turns_.after(5, look);
             }
         };
-        look();
-        if (!was) {
-            (void)turns_.run();
+        if (so()) {
+            return true;
         }
+        turns_.after(0, look);
+        (void)turns_.run();
         return was;
     }
 
