@@ -427,6 +427,9 @@ nlohmann::json link_history::samples(const std::string &link, int64_t from_us, i
     {
         const clock_reading now = options_.clocks();
         const std::lock_guard lock(mutex_);
+        // No more than there can be: whoever asks for all gets points of that, and not of half a century.
+        from_us = std::max(from_us, now.real_us - options_.days * DAY);
+        to_us = std::min(to_us, now.real_us + SECOND);
         const auto at = records_.find(link);
         if (at == records_.end() || to_us <= from_us) {
             return answer;
