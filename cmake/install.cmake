@@ -79,6 +79,15 @@ endif()
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/wireshark/kap_vorn.lua
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins)
 
+# ---- What kap-linkd tells: to the journal, to Prometheus
+
+if(KAP_LINKD)
+  install(FILES ${CMAKE_SOURCE_DIR}/packaging/catalog/kap-linkd.catalog
+          DESTINATION ${CMAKE_INSTALL_PREFIX}/lib/systemd/catalog)
+  install(DIRECTORY ${CMAKE_SOURCE_DIR}/packaging/prometheus
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kap-linkd)
+endif()
+
 # ---- Manual
 
 foreach(section 1 5 8)
