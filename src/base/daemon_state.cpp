@@ -1,14 +1,21 @@
 // The daemon's state and its services, kept; nothing follows from them here: see daemon_state.hpp.
 #include "daemon_state.hpp"
 
+#include "itc.h"
+
 namespace
 {
 
 kap_vorn_state state = KAP_VORN_INIT;
 uint32_t services = KAP_VORN_NO_SERVICE;
 bool aasi_up;
+uint32_t own_mailbox = ITC_NO_MBOX;
 
 } // namespace
+
+uint32_t vorn_own_mailbox() { return own_mailbox; }
+
+void vorn_set_own_mailbox(uint32_t mailbox) { own_mailbox = mailbox; }
 
 void manager_state_reset()
 {

@@ -1,5 +1,5 @@
-// What is known of the daemon as a whole: its state, and which lower-layer services are up. What follows from a change
-// is the manager's business (manager_state.hpp), which is the only one that writes here.
+// What is known of the daemon as a whole: its mailbox, its state, and which lower-layer services are up. What follows
+// from a change is the manager's business (manager_state.hpp), which is the only one that writes here.
 #pragma once
 
 #include "vorn_types.hpp"
@@ -22,6 +22,11 @@ VORN_NAMED_ENUM(kap_vorn_state, KAP_VORN_STATES, manager_state_to_string, "UNKNO
     X(15, KAP_VORN_ALL_SERVICES_UP)
 
 VORN_NAMED_ENUM(kap_vorn_service, KAP_VORN_SERVICES, service_to_string, "UNKNOWN_SERVICE");
+
+// The daemon's only mailbox: what is sent to oneself goes there, also from another thread. Set once, before anybody
+// else runs.
+uint32_t vorn_own_mailbox();
+void vorn_set_own_mailbox(uint32_t mailbox);
 
 // State KAP_VORN_INIT, no service, no automation agent.
 void manager_state_reset();

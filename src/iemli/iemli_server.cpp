@@ -184,6 +184,16 @@ void serve(const request_rule *rule, const itc_msg *msg)
     }
 }
 
+// Null, and traced, when it is gone.
+const IemliSession *session_to_tell(uint32_t server_conn_ref)
+{
+    const IemliSession *session = iemli_session_find(server_conn_ref);
+    if (session == nullptr) {
+        VORN_TRACE(TRACE_WARNING, "WARNING:Unexisting session for connection-ref=%u", server_conn_ref);
+    }
+    return session;
+}
+
 iemli_return_code publish()
 {
     const uint32_t mbox = itc_current_mbox();
@@ -270,22 +280,19 @@ void iemli_link_procedure_rej(uint32_t reason, IemliPendingRequest **pending)
 
 void iemli_send_link_status_ind(uint32_t server_conn_ref, uint32_t link_ref, uint32_t status, uint32_t disabled_reason)
 {
-    const IemliSession *session = iemli_session_find(server_conn_ref);
-    if (session == nullptr) {
-        VORN_TRACE(TRACE_WARNING, "WARNING:Unexisting session for connection-ref=%u", server_conn_ref);
-        return;
+    const IemliSession *session = session_to_tell(server_conn_ref);
+    if (session != nullptr) {
+        send_link_status_ind(iemli_session_peer(session, session->last_procedure_ref), link_ref, status,
+                             disabled_reason);
     }
-    send_link_status_ind(iemli_session_peer(session, session->last_procedure_ref), link_ref, status, disabled_reason);
 }
 
 void iemli_send_link_rtt_ind(uint32_t server_conn_ref, uint32_t link_ref, const rtt_stats &stats)
 {
-    const IemliSession *session = iemli_session_find(server_conn_ref);
-    if (session == nullptr) {
-        VORN_TRACE(TRACE_WARNING, "WARNING:Unexisting session for connection-ref=%u", server_conn_ref);
-        return;
+    const IemliSession *session = session_to_tell(server_conn_ref);
+    if (session != nullptr) {
+        send_link_rtt_ind(iemli_session_peer(session, session->last_procedure_ref), link_ref, stats);
     }
-    send_link_rtt_ind(iemli_session_peer(session, session->last_procedure_ref), link_ref, stats);
 }
 
 const link_reports IEMLI_LINK_REPORTS = {iemli_link_procedure_cfm, iemli_link_procedure_rej, iemli_send_link_status_ind,

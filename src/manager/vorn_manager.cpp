@@ -7,7 +7,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "base/own_mailbox.hpp"
+#include "base/daemon_state.hpp"
 #include "clients/aasi_client.hpp"
 #include "clients/emi_client.hpp"
 #include "clients/fmi_client.hpp"

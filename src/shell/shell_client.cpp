@@ -13,17 +13,10 @@ namespace
 
 constexpr uint64_t NSEC_PER_SEC = 1000000000;
 
-bool is_shorter(const rtt_sample *a, const rtt_sample *b)
-{
-    return a->rtt_sec < b->rtt_sec || (a->rtt_sec == b->rtt_sec && a->rtt_nsec < b->rtt_nsec);
-}
-
-uint64_t nanoseconds(const rtt_sample *sample) { return sample->rtt_sec * NSEC_PER_SEC + sample->rtt_nsec; }
-
 // The list carries microseconds of the low 32 bits only: a round trip of 4.3 seconds or more is listed wrongly.
-shell_rtt to_microseconds(uint64_t nsec)
+shell_rtt to_microseconds(uint32_t sec, uint32_t nsec)
 {
-    const auto low = static_cast<uint32_t>(nsec);
+    const auto low = static_cast<uint32_t>(sec * NSEC_PER_SEC + nsec);
     shell_rtt rtt = {low / 1000, low / 10 % 100};
     for (; rtt.hundredths > 99; rtt.hundredths /= 10) { // two digits are all the list has room for
     }
@@ -73,27 +66,15 @@ uint32_t count_links(const iml_link *table)
 
 void compute_rtt_statistics(const rtt_sample_queue *samples, shell_rtt_statistics *out)
 {
-    const rtt_sample *shortest = nullptr;
-    const rtt_sample *longest = nullptr;
-    uint64_t sum = 0;
-    uint32_t count = 0;
-    for (const rtt_sample *sample = samples->oldest; sample != nullptr; sample = sample->newer) {
-        if (sample->valid == 0) {
-            continue;
-        }
-        shortest = shortest == nullptr || is_shorter(sample, shortest) ? sample : shortest;
-        longest = longest == nullptr || is_shorter(longest, sample) ? sample : longest;
-        sum += nanoseconds(sample);
-        ++count;
-    }
+    rtt_stats stats = {};
+    rtt_compute_stats(samples, UINT32_MAX, &stats);
     *out = {};
-    if (count == 0) {
-        return;
+    if (stats.rtt_validity != 0) {
+        out->present = true;
+        out->minimum = to_microseconds(stats.min_sec, stats.min_nsec);
+        out->average = to_microseconds(stats.avg_sec, stats.avg_nsec);
+        out->maximum = to_microseconds(stats.max_sec, stats.max_nsec);
     }
-    out->present = true;
-    out->minimum = to_microseconds(nanoseconds(shortest));
-    out->average = to_microseconds(sum / count);
-    out->maximum = to_microseconds(nanoseconds(longest));
 }
 
 void fill_link_list_entry(shell_link_record *record, const iml_link *link)

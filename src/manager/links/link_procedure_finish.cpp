@@ -24,12 +24,6 @@ iml_link *requested_link(const iml_link_proc *proc)
     return iml_link_find_owned(proc->request->link_ref, proc->request->server_conn_ref);
 }
 
-link_answer out_of_memory()
-{
-    VORN_TRACE(TRACE_ERROR, "Memory error");
-    return link_rejected(IEMLI_REJ_OTHER_REASON);
-}
-
 // ---- Create ----
 
 // A link with its own copy of the procedure's parameters; null when memory is out.
@@ -57,9 +51,7 @@ bool bring_up_link(const eth_port &port, iml_link *link)
     if (!find_link_place(port, link, &place)) {
         return true;
     }
-    const uint32_t result = start_link_supervision(place.if_name, port.mac, link, place.name_space);
-    if (result != 0) {
-        VORN_TRACE(TRACE_ERROR, "Supervision start failed for link: %u. Result: %u", link->link_ref, result);
+    if (!start_supervision_at(place, port, link)) {
         return false;
     }
     start_keep_alive(place.if_name, link, place.name_space);
@@ -145,11 +137,29 @@ void send_difference_back(iml_link_proc *proc, const IemliLinkData *old_data)
 
 } // namespace
 
+link_answer link_proc_out_of_memory()
+{
+    VORN_TRACE(TRACE_ERROR, "Memory error");
+    return link_rejected(IEMLI_REJ_OTHER_REASON);
+}
+
+void link_proc_trace_update(const iml_link *link)
+{
+    VORN_TRACE(TRACE_LINK, "Updated iml link with ref %u on port %s with remote cpm mac: %02X:%02X:%02X:%02X:%02X:%02X",
+               link->link_ref, link->link_data->imlPortName, MAC_ARGS(link->link_data->farEndCpmMac));
+}
+
+void link_proc_disable_vlan(iml_link_proc *proc)
+{
+    const IemliLinkData *data = proc->link_data;
+    link_proc_step_sent(proc, PROC_STEP_PMI, pmi_disable_port_vlan(data->imlPortName, data->vlanId));
+}
+
 link_answer link_proc_finish_create(iml_link_proc *proc)
 {
     iml_link *link = alloc_link(proc);
     if (link == nullptr) {
-        return out_of_memory();
+        return link_proc_out_of_memory();
     }
     eth_port port;
     if (!iepcsi_fetch_port_data(link->port->iepcsi, &port)) {
@@ -174,7 +184,7 @@ link_answer link_proc_unwind_create(iml_link_proc *proc)
                data->imlPortName, MAC_ARGS(data->farEndCpmMac), step_state(proc, PROC_STEP_PMI),
                step_state(proc, PROC_STEP_EMI_ADD), step_state(proc, PROC_STEP_EMI_DEL));
     if (step_state(proc, PROC_STEP_PMI) == PROC_STEP_OK) {
-        link_proc_step_sent(proc, PROC_STEP_PMI, pmi_disable_port_vlan(data->imlPortName, data->vlanId));
+        link_proc_disable_vlan(proc);
     }
     if (step_state(proc, PROC_STEP_EMI_ADD) == PROC_STEP_OK) {
         take_back_added_endpoints(proc);
@@ -194,7 +204,7 @@ link_answer link_proc_finish_update(iml_link_proc *proc)
     if (link->link_data->numberOfAppLinks != proc->link_data->numberOfAppLinks) {
         resized = iml_link_data_copy(link->link_data, proc->link_data->numberOfAppLinks);
         if (resized == nullptr) {
-            return out_of_memory();
+            return link_proc_out_of_memory();
         }
     }
     eth_port port;
@@ -204,9 +214,7 @@ link_answer link_proc_finish_update(iml_link_proc *proc)
         return link_rejected(IEMLI_REJ_OTHER_REASON);
     }
     exchange_app_links(port, link, proc->link_data, resized);
-    const mac_address &far = link->link_data->farEndCpmMac;
-    VORN_TRACE(TRACE_LINK, "Updated iml link with ref %u on port %s with remote cpm mac: %02X:%02X:%02X:%02X:%02X:%02X",
-               link_ref, link->link_data->imlPortName, MAC_ARGS(far));
+    link_proc_trace_update(link);
     return link_confirmed(link_ref);
 }
 

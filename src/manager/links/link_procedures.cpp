@@ -28,29 +28,10 @@ void take_request(iml_link_proc *proc, IemliPendingRequest **request)
     }
 }
 
-link_answer out_of_memory()
-{
-    VORN_TRACE(TRACE_ERROR, "Memory error");
-    return link_rejected(IEMLI_REJ_OTHER_REASON);
-}
-
-void trace_update(const iml_link *link)
-{
-    const mac_address &far = link->link_data->farEndCpmMac;
-    VORN_TRACE(TRACE_LINK, "Updated iml link with ref %u on port %s with remote cpm mac: %02X:%02X:%02X:%02X:%02X:%02X",
-               link->link_ref, link->link_data->imlPortName, MAC_ARGS(far));
-}
-
 void send_enable_vlan(iml_link_proc *proc)
 {
     const IemliLinkData *data = proc->link_data;
     link_proc_step_sent(proc, PROC_STEP_PMI, pmi_enable_port_vlan(data->imlPortName, data->vlanId));
-}
-
-void send_disable_vlan(iml_link_proc *proc)
-{
-    const IemliLinkData *data = proc->link_data;
-    link_proc_step_sent(proc, PROC_STEP_PMI, pmi_disable_port_vlan(data->imlPortName, data->vlanId));
 }
 
 // Asks for what the new link data has more, and takes back what it has less, than the link's.
@@ -128,7 +109,7 @@ iml_link_proc *start_delete(IemliLinkData **data)
     proc->link_data = *data;
     *data = nullptr;
     if (!is_tn_port(iemli_to_iepcsi_port_name(proc->link_data->imlPortName))) {
-        send_disable_vlan(proc);
+        link_proc_disable_vlan(proc);
     }
     link_proc_step_sent(proc, PROC_STEP_EMI_DEL, emi_remove_endpoint(endpoints, count));
     free(endpoints);
@@ -234,7 +215,7 @@ link_answer iml_link_create(const IemliLinkData *data, IemliPendingRequest **req
     }
     if (count == 0) {
         link_proc_free(proc);
-        return out_of_memory();
+        return link_proc_out_of_memory();
     }
     if (!is_tn_port(data->imlPortName)) {
         send_enable_vlan(proc);
@@ -250,7 +231,7 @@ link_answer iml_link_update(IemliPendingRequest **request, uint32_t number_of_ap
 {
     iml_link_proc *proc = link_proc_alloc();
     if (proc == nullptr) {
-        return out_of_memory();
+        return link_proc_out_of_memory();
     }
     const uint32_t link_ref = (*request)->link_ref;
     const iml_link *link = iml_link_find_owned(link_ref, (*request)->server_conn_ref);
@@ -262,13 +243,13 @@ link_answer iml_link_update(IemliPendingRequest **request, uint32_t number_of_ap
     proc->link_data = iml_link_data_copy(link->link_data, number_of_app_links);
     if (proc->link_data == nullptr) {
         link_proc_free(proc);
-        return out_of_memory();
+        return link_proc_out_of_memory();
     }
     memcpy(iemli_app_links(proc->link_data), app_links, number_of_app_links * sizeof(IemliAppLink));
     send_difference(proc, link->link_data);
     take_request(proc, request);
     link_proc_open(proc);
-    trace_update(link);
+    link_proc_trace_update(link);
     const link_answer answer = evaluate(proc, request); // waits, but for an update that had nothing to ask for
     close_when_done(proc);
     return answer;

@@ -2,7 +2,7 @@
 // links stands above them, and they do not know him.
 #pragma once
 
-#include "iemli/iemli_messages.hpp"
+#include "manager/table/link_table.hpp"
 
 enum iemli_pending_action : uint32_t {
     IEMLI_PENDING_CREATE = 0,
@@ -50,3 +50,6 @@ struct link_reports {
 // `reports` must stay, and be there before the first link.
 void links_report_to(const link_reports *reports);
 const link_reports *links_report();
+
+// Writes the status and tells the link's owner and the automation agent.
+void iml_link_change_status(iml_link *link, uint32_t status, uint32_t disabled_reason);

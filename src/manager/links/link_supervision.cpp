@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/own_mailbox.hpp"
-#include "link_status.hpp"
+#include "base/daemon_state.hpp"
+#include "link_reports.hpp"
 #include "manager/ports/port_mapping.hpp"
 #include "namespace.hpp"
 #include "vorn_trace.hpp"
@@ -107,6 +107,12 @@ void end_link_session_before_another(iml_link *link, const char *name_space)
     netns_visit_end(name_space, previous);
 }
 
+// What a session that could not be started is traced with.
+#define BYTES_ARGS(b) (b)[0], (b)[1], (b)[2], (b)[3], (b)[4], (b)[5]
+#define PARAMS_ARGS(params, link)                                                                                      \
+    BYTES_ARGS((params).src_mac), BYTES_ARGS((params).dest_mac), static_cast<int>((link)->link_ref),                   \
+        (params).frameSize, (params).sup_type, (params).if_name, (params).vlantag
+
 uint32_t begin_link_session(const supervision_params &params, iml_link *link)
 {
     const uint32_t previous = link->supervision_session_id;
@@ -126,10 +132,7 @@ uint32_t begin_link_session(const supervision_params &params, iml_link *link)
                "Start supervision for link (src = %02X:%02X:%02X:%02X:%02X:%02X, dest = "
                "%02X:%02X:%02X:%02X:%02X:%02X, link ref = %d, frameSize = %u, sup_type = %u, interface name = %s, "
                "vlantag = 0x%x) failed with result %u",
-               params.src_mac[0], params.src_mac[1], params.src_mac[2], params.src_mac[3], params.src_mac[4],
-               params.src_mac[5], params.dest_mac[0], params.dest_mac[1], params.dest_mac[2], params.dest_mac[3],
-               params.dest_mac[4], params.dest_mac[5], static_cast<int>(link->link_ref), params.frameSize,
-               params.sup_type, params.if_name, params.vlantag, result);
+               PARAMS_ARGS(params, link), result);
     return result;
 }
 
@@ -174,10 +177,7 @@ void begin_keep_alive_session(const supervision_params &params, iml_link *link, 
                "Start keep alive for app link (src = %02X:%02X:%02X:%02X:%02X:%02X, dest = "
                "%02X:%02X:%02X:%02X:%02X:%02X) link ref = %d, frameSize = %u, sup_type = %u, interface name = %s, "
                "vlantag = 0x%x) failed with result %u",
-               params.src_mac[0], params.src_mac[1], params.src_mac[2], params.src_mac[3], params.src_mac[4],
-               params.src_mac[5], params.dest_mac[0], params.dest_mac[1], params.dest_mac[2], params.dest_mac[3],
-               params.dest_mac[4], params.dest_mac[5], static_cast<int>(link->link_ref), params.frameSize,
-               params.sup_type, params.if_name, params.vlantag, result);
+               PARAMS_ARGS(params, link), result);
 }
 
 void begin_keep_alive_sessions(const char *if_name, iml_link *link)
@@ -200,6 +200,17 @@ void begin_keep_alive_sessions(const char *if_name, iml_link *link)
         end_replaced_session(previous.sessions[i].session_id);
     }
     keep_alive_array_free(&previous);
+}
+
+// The library needs no visit to stop a session: it is stopped wherever the thread is.
+void stop_in(const char *name_space, void (*end)(iml_link *), iml_link *link)
+{
+    int previous = -1;
+    const bool inside = netns_visit_begin(name_space, &previous);
+    end(link);
+    if (inside) {
+        netns_visit_end(name_space, previous);
+    }
 }
 
 void disable_after_port_event(iml_link *link, uint32_t disabled_reason)
@@ -282,25 +293,9 @@ void start_keep_alive(const char *if_name, iml_link *link, const char *name_spac
     netns_visit_end(name_space, previous);
 }
 
-void stop_link_supervision(iml_link *link, const char *name_space)
-{
-    int previous = -1;
-    const bool inside = netns_visit_begin(name_space, &previous);
-    end_link_session(link);
-    if (inside) {
-        netns_visit_end(name_space, previous);
-    }
-}
+void stop_link_supervision(iml_link *link, const char *name_space) { stop_in(name_space, end_link_session, link); }
 
-void stop_keep_alive(iml_link *link, const char *name_space)
-{
-    int previous = -1;
-    const bool inside = netns_visit_begin(name_space, &previous);
-    end_keep_alive_sessions(link);
-    if (inside) {
-        netns_visit_end(name_space, previous);
-    }
-}
+void stop_keep_alive(iml_link *link, const char *name_space) { stop_in(name_space, end_keep_alive_sessions, link); }
 
 void end_sessions_of_deleted_link(iml_link *link)
 {
@@ -319,16 +314,22 @@ bool find_link_place(const eth_port &port, const iml_link *link, link_place *pla
     return place->if_name != nullptr && place->name_space != nullptr;
 }
 
+bool start_supervision_at(const link_place &place, const eth_port &port, iml_link *link)
+{
+    const uint32_t result = start_link_supervision(place.if_name, port.mac, link, place.name_space);
+    if (result != 0) {
+        VORN_TRACE(TRACE_ERROR, "Supervision start failed for link: %u. Result: %u", link->link_ref, result);
+    }
+    return result == 0;
+}
+
 void start_link_sessions(const eth_port &port, iml_link *link)
 {
     link_place place;
     if (!find_link_place(port, link, &place)) {
         return;
     }
-    const uint32_t result = start_link_supervision(place.if_name, port.mac, link, place.name_space);
-    if (result != 0) {
-        VORN_TRACE(TRACE_ERROR, "Supervision start failed for link: %u. Result: %u", link->link_ref, result);
-    }
+    start_supervision_at(place, port, link);
     start_keep_alive(place.if_name, link, place.name_space);
 }
 
@@ -358,8 +359,5 @@ void restart_link_supervision(const eth_port &port, iml_link *link)
         return;
     }
     end_link_session_before_another(link, place.name_space);
-    const uint32_t result = start_link_supervision(place.if_name, port.mac, link, place.name_space);
-    if (result != 0) {
-        VORN_TRACE(TRACE_ERROR, "Supervision start failed for link: %u. Result: %u", link->link_ref, result);
-    }
+    start_supervision_at(place, port, link);
 }

@@ -47,6 +47,8 @@ struct link_place {
     const char *name_space;
 };
 bool find_link_place(const eth_port &port, const iml_link *link, link_place *place);
+// False, and traced, when it does not start.
+bool start_supervision_at(const link_place &place, const eth_port &port, iml_link *link);
 // Supervision, traced when it does not start, and keep-alive of a link whose place is known; else nothing.
 void start_link_sessions(const eth_port &port, iml_link *link);
 // Supervision and keep-alive of a link whose place is known; else nothing.

@@ -3,7 +3,7 @@
 // Nothing here answers a client's request, so a link in hand stays: indications and path messages are only sent.
 #include "supervision_results.hpp"
 
-#include "link_status.hpp"
+#include "link_reports.hpp"
 #include "rtt.hpp"
 #include "vorn_trace.hpp"
 

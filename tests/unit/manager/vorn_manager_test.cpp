@@ -4,7 +4,7 @@
 
 #include <gmock/gmock.h>
 
-#include "base/own_mailbox.hpp"
+#include "base/daemon_state.hpp"
 #include "support/daemon.hpp"
 
 namespace
