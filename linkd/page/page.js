@@ -38,6 +38,7 @@ function lasted(us) {
 const since = (us) => (us > 0 ? lasted(Date.now() * 1000 - us) : "–");
 const clock = (us) => new Date(us / 1000).toLocaleString(undefined, { dateStyle: "short", timeStyle: "medium" });
 const micros = (us) => (us >= 10000 ? `${(us / 1000).toFixed(1)} ms` : `${us.toFixed(us < 100 ? 1 : 0)} µs`);
+const spoken = (state) => (state === "gone" ? "not declared" : state);
 const share = (part) => (typeof part === "number" ? `${(Math.floor(part * 1e5) / 1e3).toFixed(3)} %` : "–");
 const count = (n, what) => `${n} ${what}${n === 1 ? "" : "s"}`;
 
@@ -319,7 +320,7 @@ function showTimeline(events, link, from, to) {
     box.setAttribute("width", String(Math.max(((piece.to - piece.from) / (to - from)) * 1000, 1)));
     box.setAttribute("height", "24");
     const title = document.createElementNS("http://www.w3.org/2000/svg", "title");
-    title.textContent = `${piece.state} for ${lasted(piece.to - piece.from)}`;
+    title.textContent = `${spoken(piece.state)} for ${lasted(piece.to - piece.from)}`;
     box.append(title);
     return box;
   });
@@ -330,7 +331,7 @@ function showTimeline(events, link, from, to) {
   for (const piece of pieces) {
     sums.set(piece.state, (sums.get(piece.state) || 0) + piece.to - piece.from);
   }
-  say(element("timeline-words"), [...sums].filter(([, sum]) => sum > 0).map(([name, sum]) => `${name} for ${lasted(sum)}`).join(", ") + ".");
+  say(element("timeline-words"), [...sums].filter(([, sum]) => sum > 0).map(([name, sum]) => `${spoken(name)} for ${lasted(sum)}`).join(", ") + ".");
 }
 
 // ---- Changes
@@ -342,7 +343,7 @@ function item(change, withName) {
   if (withName) {
     made.append(make("span", change.link));
   }
-  made.append(state, make("span", change.reason || ""), make("span", `after ${lasted(change.lasted_us)} ${change.from}`, { class: "why" }));
+  made.append(state, make("span", change.reason || ""), make("span", change.from === "gone" ? "taken up" : `after ${lasted(change.lasted_us)} ${change.from}`, { class: "why" }));
   return made;
 }
 

@@ -24,6 +24,7 @@ namespace
 
 constexpr const char *PROGRAM = "kap-linkd";
 constexpr const char *URL = "http://127.0.0.1:9643/";
+constexpr const char *LINKS = "/run/kap-linkd/links.toml";
 constexpr int WIDE = 1200;
 constexpr int PHONE = 360;
 
@@ -60,15 +61,14 @@ protected:
         page.tell({"shot", d.stage.log_dir + "/" + name + ".png"});
     }
 
-    void declare(const std::string &text) const { std::ofstream(d.stage.log_dir + "/links.toml") << text; }
+    void declare(const std::string &text) const { std::ofstream(LINKS) << text; }
 
     void run_linkd()
     {
-        d.stage.processes[PROGRAM] =
-            process_start(PROGRAM,
-                          {d.stage.bin_dir + "/" + PROGRAM, "--links", d.stage.log_dir + "/links.toml", "--state",
-                           d.stage.log_dir + "/state", "--settings", "/nowhere"},
-                          d.stage.log_dir + "/" + PROGRAM + ".log");
+        d.stage.processes[PROGRAM] = process_start(PROGRAM,
+                                                   {d.stage.bin_dir + "/" + PROGRAM, "--links", LINKS, "--state",
+                                                    d.stage.log_dir + "/state", "--settings", "/nowhere"},
+                                                   d.stage.log_dir + "/" + PROGRAM + ".log");
     }
 
     static void wait_sum(browser &page, const std::string &text, int seconds = 30)
