@@ -98,8 +98,12 @@ uint64_t connection::send(const std::string &op, json request, std::chrono::mill
 
 json connection::ask(const std::string &op, json request, std::chrono::milliseconds bound)
 {
+    return await(send(op, std::move(request), bound), bound);
+}
+
+json connection::await(uint64_t id, std::chrono::milliseconds bound)
+{
     const auto end = steady::now() + bound;
-    const uint64_t id = send(op, std::move(request), bound);
     for (;;) {
         std::optional<json> line = line_in_buffer();
         if (steady::now() >= end + std::chrono::seconds(1) ||

@@ -54,6 +54,8 @@ public:
 
     // The two halves, for who waits for more than this. send gives the request's id.
     uint64_t send(const std::string &op, nlohmann::json request, std::chrono::milliseconds bound);
+    // The answer to a request that was sent, as ask() gives it.
+    nlohmann::json await(uint64_t id, std::chrono::milliseconds bound);
     // The next line that is there; waits for one at most that long.
     std::optional<nlohmann::json> next_line(std::chrono::milliseconds bound);
 

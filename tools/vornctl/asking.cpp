@@ -72,11 +72,23 @@ nlohmann::json ask_linkd(const call &c, const std::string &op, nlohmann::json re
     }
 }
 
-std::optional<std::vector<nlohmann::json>> linkd_links_if_there(const call &c)
+linkd_links::linkd_links(const call &c)
 {
     try {
-        linkd_client::connection connection(c.linkd_socket);
-        const auto answer = connection.ask("links", nlohmann::json::object(), NAMES_BOUND);
+        connection_ = std::make_unique<linkd_client::connection>(c.linkd_socket);
+        question_ = connection_->send("links", nlohmann::json::object(), NAMES_BOUND);
+    } catch (const linkd_client::failure &) {
+        connection_.reset();
+    }
+}
+
+std::optional<std::vector<nlohmann::json>> linkd_links::take()
+{
+    if (!connection_) {
+        return std::nullopt;
+    }
+    try {
+        auto answer = connection_->await(question_, NAMES_BOUND);
         return answer.value("links", nlohmann::json::array()).get<std::vector<nlohmann::json>>();
     } catch (const linkd_client::failure &) {
         return std::nullopt;

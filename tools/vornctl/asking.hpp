@@ -36,8 +36,19 @@ std::vector<link_list::link> ask_daemon_for_links();
 std::unique_ptr<linkd_client::connection> open_linkd(const call &c);
 // One request, one answer, on a connection of its own. Throws failure.
 nlohmann::json ask_linkd(const call &c, const std::string &op, nlohmann::json request = nlohmann::json::object());
-// The links that kap-linkd knows; nothing where it is not there or may not be asked, for whom that is no failure.
-std::optional<std::vector<nlohmann::json>> linkd_links_if_there(const call &c);
+// The links that kap-linkd knows, for whom it is no failure that it is not there or may not be asked. The question is
+// put when this is made, so that something else can be done until the answer is wanted.
+class linkd_links
+{
+public:
+    explicit linkd_links(const call &c);
+    // Nothing: nobody told.
+    std::optional<std::vector<nlohmann::json>> take();
+
+private:
+    std::unique_ptr<linkd_client::connection> connection_;
+    uint64_t question_ = 0;
+};
 
 failure as_failure(const linkd_client::failure &problem);
 

@@ -150,7 +150,7 @@ int print_candidates(const CLI::App &app, const std::vector<std::string> &words)
     const living_names names = {[&] {
                                     std::vector<std::string> all;
                                     for (const auto &link :
-                                         linkd_links_if_there(c).value_or(std::vector<nlohmann::json>())) {
+                                         linkd_links(c).take().value_or(std::vector<nlohmann::json>())) {
                                         all.push_back(text_in(link, "name"));
                                     }
                                     return all;

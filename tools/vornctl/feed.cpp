@@ -10,19 +10,19 @@ feed::feed(std::string socket_path, std::optional<uint64_t> since, std::string l
 {
 }
 
-void feed::open()
+void feed::open(std::chrono::milliseconds bound)
 {
     answers_.clear();
     auto fresh = std::make_unique<linkd_client::connection>(socket_path_);
     if (!last_) {
-        const auto status = fresh->ask("status", nlohmann::json::object(), LINKD_BOUND);
+        const auto status = fresh->ask("status", nlohmann::json::object(), bound);
         last_ = static_cast<uint64_t>(number_in(status, "newest_event"));
     }
     nlohmann::json request = {{"since", *last_}, {"follow", true}};
     if (!link_.empty()) {
         request["link"] = link_;
     }
-    const auto answer = fresh->ask("events", request, LINKD_BOUND);
+    const auto answer = fresh->ask("events", request, bound);
     connection_ = std::move(fresh);
     for (const nlohmann::json &change : answer.value("events", nlohmann::json::array())) {
         take_change(change);
@@ -32,7 +32,7 @@ void feed::open()
 bool feed::reopen()
 {
     try {
-        open();
+        open(std::chrono::milliseconds(1000));
         trouble_.clear();
         return true;
     } catch (const linkd_client::failure &problem) {

@@ -22,8 +22,8 @@ public:
     feed(std::string socket_path, std::optional<uint64_t> since, std::string link, taker changed);
 
     // The first connection. Throws linkd_client::failure.
-    void open();
-    // The same after a loss; false: not yet, and trouble() says why.
+    void open(std::chrono::milliseconds bound = LINKD_BOUND);
+    // The same after a loss, without much patience; false: not yet, and trouble() says why.
     bool reopen();
     bool is_open() const { return connection_ != nullptr; }
     const std::string &trouble() const { return trouble_; }

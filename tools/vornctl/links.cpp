@@ -81,12 +81,13 @@ void print_as_json(const std::vector<link_list::link> &links, const missing_link
 
 exits print_links(const call &c)
 {
+    linkd_links names(c); // they are put together while the daemon is asked
     std::vector<link_list::link> links;
     {
         const registry connected;
         links = ask_daemon_for_links();
     }
-    const auto known = linkd_links_if_there(c);
+    const auto known = names.take();
     missing_links missing = known ? take_names(links, *known) : missing_links();
     std::erase_if(links, [](const link_list::link &l) {
         return !chosen.takes(l.port, l.enabled ? "enabled" : "disabled", l.reason);

@@ -155,13 +155,22 @@ private:
     void ask()
     {
         const auto now = steady::now();
-        if (!feed_.is_open() || now < next_question_ || feed_.awaited() > 0) {
+        if (!feed_.is_open() || now < next_question_) {
             return;
         }
         next_question_ = now + BETWEEN_QUESTIONS;
+        if (feed_.awaited() > 0) {
+            if (now > asked_ + LINKD_BOUND) {
+                view_.set_connected(false, "it does not answer");
+                stale_ = true;
+            }
+            return;
+        }
+        asked_ = now;
         try {
             feed_.ask("links", nlohmann::json::object(), [this](const nlohmann::json &answer) {
                 view_.take_links(answer.value("links", nlohmann::json::array()));
+                view_.set_connected(true, "");
                 stale_ = true;
             });
             const bool all_again = now >= next_samples_;
@@ -253,7 +262,7 @@ private:
     watch_view view_;
     feed feed_;
     std::vector<std::string> sampled_;
-    steady::time_point next_draw_, next_question_, next_samples_, next_try_;
+    steady::time_point next_draw_, next_question_, next_samples_, next_try_, asked_;
     bool stale_ = true;
     bool quit_ = false;
     int ended_by_ = 0;
