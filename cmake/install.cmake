@@ -62,6 +62,11 @@ install(DIRECTORY ${CMAKE_SOURCE_DIR}/packaging/policy.d
 if(EXISTS ${CMAKE_SOURCE_DIR}/packaging/kap-node.toml)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/kap-node.toml DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/kap-node)
 endif()
+if(KAP_LINKD)
+  install(DIRECTORY ${CMAKE_SOURCE_DIR}/packaging/kap-vorn DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR})
+  install(FILES ${CMAKE_SOURCE_DIR}/docs/schema/kap-linkd-control.json
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/kap-vorn/schema)
+endif()
 
 # ---- What shells and programs need to know of the programs
 
@@ -90,7 +95,7 @@ endif()
 
 # ---- Manual
 
-foreach(section 1 5 8)
+foreach(section 1 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/man/*.${section})
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()

@@ -132,7 +132,9 @@ control::control(loop &turns, keeper &keeps, link_book &book, past &before, cont
 {
 }
 
-control::~control()
+control::~control() { stop(); }
+
+void control::stop()
 {
     while (!clients_.empty()) {
         drop(clients_.begin());
@@ -141,6 +143,7 @@ control::~control()
         turns_.forget(listening_);
         close(listening_);
         (void)unlink(path_.c_str());
+        listening_ = -1;
     }
 }
 

@@ -40,6 +40,9 @@ public:
     // Throws std::runtime_error.
     void listen(const std::string &path, const control_groups &groups);
 
+    // Lets everybody go; the socket is taken away.
+    void stop();
+
     void changed(const link_change &change) override;
 
 private:

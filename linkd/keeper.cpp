@@ -104,7 +104,7 @@ std::optional<request_kind> keeper::plan(const entry &e, int64_t now_ms)
     if (e.link_ref == 0) {
         return request_kind::create;
     }
-    if (e.app_links != e.wanted->app_links) {
+    if (e.app_links != e.wanted->app_links || e.doubted) {
         return request_kind::update;
     }
     if (e.rtt != e.wanted->rtt) {
@@ -256,16 +256,16 @@ void keeper::forget_entries(const declarations &links, const instant &now)
     }
 }
 
-keeper::difference keeper::declare(const declarations &links, const instant &now)
+keeper::difference keeper::declare(declarations links, const instant &now)
 {
     difference made;
-    const declarations before = std::exchange(declared_, links);
+    const declarations before = std::exchange(declared_, std::move(links));
     for (const auto &[name, link] : before) {
-        made.removed += links.contains(name) ? 0 : 1;
+        made.removed += declared_.contains(name) ? 0 : 1;
     }
-    forget_names(links, now);
-    forget_entries(links, now);
-    for (const auto &[name, link] : links) {
+    forget_names(declared_, now);
+    forget_entries(declared_, now);
+    for (const auto &[name, link] : declared_) {
         const auto was = before.find(name);
         const bool same_key = was != before.end() && was->second.key == link.key;
         const bool same = same_key && was->second.app_links == link.app_links && was->second.rtt == link.rtt;
@@ -287,7 +287,7 @@ keeper::difference keeper::declare(const declarations &links, const instant &now
             set_state(known, link_state::waiting, "changed", now);
         }
     }
-    for (const auto &[name, link] : links) {
+    for (const auto &[name, link] : declared_) {
         show(link.key, now);
         refresh(link.key, now);
         ask_for_mac(link.key);
@@ -322,6 +322,7 @@ void keeper::mark_gone_sessions(const std::string &why, const instant &now)
     missing_ = why;
     waits_.clear();
     short_.clear();
+    stale_.clear();
     by_ref_.clear();
     todo_.clear();
     todo_rank_.clear();
@@ -435,14 +436,15 @@ std::optional<int64_t> keeper::stall_ms() const
     return progress_ms_ + doubled(first, stalls_ + 1, LONGEST_STALL_MS);
 }
 
-// The oldest, since what was sent after it waits behind it.
+// The oldest, since what was sent after it waits behind it. Its twin stands for it from here on: whatever the first one
+// is answered, and when, is only taken for what it says of the daemon's links.
 void keeper::send_again(const instant &now)
 {
-    const sent oldest = waits_.begin()->second;
+    auto oldest = waits_.extract(waits_.begin());
     stalls_++;
     progress_ms_ = now.ms();
-    waits_[out_.send(oldest.what)] = oldest;
-    entries_.at(oldest.key).under_way++;
+    waits_[out_.send(oldest.mapped().what)] = oldest.mapped();
+    stale_.insert(std::move(oldest));
 }
 
 void keeper::tick(const instant &now)
@@ -480,6 +482,14 @@ void keeper::answered(const answer &what, const instant &now)
             opened(what, now);
             pump(now);
         }
+        return;
+    }
+    if (const auto stale = stale_.find(what.number); stale != stale_.end()) {
+        const sent was = stale->second;
+        stale_.erase(stale);
+        progress_ms_ = now.ms();
+        settle_stale(was, what, now);
+        pump(now);
         return;
     }
     for (auto *list : {&waits_, &short_}) {
@@ -530,6 +540,30 @@ void keeper::settle(const sent &was, const answer &what, const instant &now)
     refresh(was.key, now);
 }
 
+// A refusal is its twin's matter.
+void keeper::settle_stale(const sent &was, const answer &what, const instant &now)
+{
+    if (!what.confirmed) {
+        return;
+    }
+    link_key key = was.key;
+    if (was.what.kind != request_kind::create) {
+        const auto found = by_ref_.find(was.what.link_ref); // the reference may be another link's by now
+        if (found == by_ref_.end()) {
+            return;
+        }
+        key = found->second;
+    }
+    entry &e = entries_[key];
+    if (was.what.kind == request_kind::create || was.what.kind == request_kind::update) {
+        confirmed({was.what, key}, what, e, now);
+    } else {
+        e.doubted = true;
+    }
+    show(key, now);
+    refresh(key, now);
+}
+
 void keeper::confirmed(const sent &was, const answer &what, entry &e, const instant &now)
 {
     if (was.what.kind == request_kind::remove) {
@@ -540,12 +574,14 @@ void keeper::confirmed(const sent &was, const answer &what, entry &e, const inst
         e.link_ref = what.link_ref;
         by_ref_[e.link_ref] = was.key;
         e.app_links = was.what.app_links;
+        e.doubted = false;
         e.rtt.reset();
         e.told.reset();
         e.results = 0;
         e.lost_pings = 0;
     } else if (was.what.kind == request_kind::update) {
         e.app_links = was.what.app_links;
+        e.doubted = false;
         retry_what_may_go_now(now);
     } else if (was.what.kind == request_kind::enable_rtt) {
         e.rtt = was.what.rtt;
@@ -557,8 +593,6 @@ void keeper::confirmed(const sent &was, const answer &what, entry &e, const inst
     e.refusal = "";
 }
 
-// A delete is always confirmed. One that was sent twice may have met a link that came after: its reference is used
-// again.
 void keeper::removed(const sent &was, entry &e, const instant &now)
 {
     if (e.link_ref == was.what.link_ref) {
@@ -566,12 +600,6 @@ void keeper::removed(const sent &was, entry &e, const instant &now)
         e.anew = false;
         try_at(was.key, e, 0);
         retry_what_may_go_now(now);
-        return;
-    }
-    const auto other = by_ref_.find(was.what.link_ref);
-    if (other != by_ref_.end()) {
-        entries_.at(other->second).anew = true;
-        refresh(link_key(other->second), now);
     }
 }
 
@@ -579,6 +607,7 @@ void keeper::forget_link(entry &e)
 {
     by_ref_.erase(e.link_ref);
     e.link_ref = 0;
+    e.doubted = false;
     e.app_links.clear();
     e.rtt.reset();
     e.told.reset();
@@ -588,10 +617,11 @@ void keeper::refused(const sent &was, const answer &what, entry &e, const instan
 {
     const request_kind kind = was.what.kind;
     if (kind == request_kind::create && e.link_ref != 0) {
-        return; // the twin of one that was confirmed
+        return; // the twin of one that was confirmed after all
     }
     if (kind == request_kind::update && what.reason == IEMLI_REJ_LINK_DATA_NO_CHANGE) {
         e.app_links = was.what.app_links;
+        e.doubted = false;
         return;
     }
     if (what.reason == IEMLI_REJ_UNKNOWN_LINK_REF && kind != request_kind::create) {

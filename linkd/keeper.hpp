@@ -74,7 +74,7 @@ public:
     keeper(sender &out, listener &told, size_t window);
 
     // All links that there shall be. What was refused is tried again at once.
-    difference declare(const declarations &links, const instant &now);
+    difference declare(declarations links, const instant &now);
     const declarations &declared() const { return declared_; }
 
     void published(const instant &now);
@@ -103,6 +103,7 @@ private:
         std::vector<app_pair> app_links;   // that the daemon has
         std::optional<rtt_wish> rtt;       // that the daemon has
         bool anew = false;                 // it shall go, and then be created again
+        bool doubted = false;              // it may have gone untold: an update that changes nothing tells
         size_t under_way = 0;
         uint32_t failures = 0; // since the last success
         uint32_t reason = 0;   // of the last one
@@ -149,6 +150,7 @@ private:
 
     void opened(const answer &what, const instant &now);
     void settle(const sent &was, const answer &what, const instant &now);
+    void settle_stale(const sent &was, const answer &what, const instant &now);
     void confirmed(const sent &was, const answer &what, entry &e, const instant &now);
     void refused(const sent &was, const answer &what, entry &e, const instant &now);
     void removed(const sent &was, entry &e, const instant &now);
@@ -185,6 +187,7 @@ private:
     int64_t session_since_us_ = 0;
 
     std::map<uint32_t, sent> waits_; // for the daemon: creates, updates, deletes
+    std::map<uint32_t, sent> stale_; // of those, what was sent again and is unanswered
     std::map<uint32_t, sent> short_; // the others
     std::set<link_key> macs_asked_;  // port and processor alone
     std::map<link_key, mac_bytes> macs_;

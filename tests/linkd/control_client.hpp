@@ -63,7 +63,7 @@ public:
         const auto line = read_line();
         return line ? *line : nlohmann::json();
     }
-    nlohmann::json ask(const std::string &op) { return ask(nlohmann::json{{"op", op}}); }
+    nlohmann::json ask(const char *op) { return ask(nlohmann::json{{"op", op}}); }
 
 private:
     int fd_;
