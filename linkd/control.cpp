@@ -198,18 +198,18 @@ void control::on_listen()
     who->writes = writes;
     turns_.watch(fd, EPOLLIN, [this, who](uint32_t events) { on_client(who, events); });
     if (!writes && !is_in(groups, readers_)) {
-        answer(*who,
-               line_of({{"v", VERSION},
-                        {"id", nullptr},
-                        {"ok", false},
-                        {"error", {{"code", "not_allowed"}, {"text", "only for the groups kap-read and kap-admin"}}}}));
+        who->out +=
+            line_of({{"v", VERSION},
+                     {"id", nullptr},
+                     {"ok", false},
+                     {"error", {{"code", "not_allowed"}, {"text", "only for the groups kap-read and kap-admin"}}}});
         who->ending = true;
     } else if (clients_.size() > MOST_CLIENTS ||
                (peer.uid != 0 && of_user >= static_cast<ptrdiff_t>(MOST_CLIENTS_OF_A_USER))) {
-        answer(*who, line_of({{"v", VERSION},
-                              {"id", nullptr},
-                              {"ok", false},
-                              {"error", {{"code", "busy"}, {"text", "too many are connected"}}}}));
+        who->out += line_of({{"v", VERSION},
+                             {"id", nullptr},
+                             {"ok", false},
+                             {"error", {{"code", "busy"}, {"text", "too many are connected"}}}});
         who->ending = true;
     }
     if (who->ending) {

@@ -647,7 +647,7 @@ private:
 
 TEST(KeeperWalk, EndsInWhatIsDeclaredWhateverHappenedOnTheWay)
 {
-    for (uint32_t seed = 0; seed < 400 && !testing::Test::HasFailure(); seed++) {
+    for (uint32_t seed = 0; seed < 150 && !testing::Test::HasFailure(); seed++) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         walk w(seed);
         for (int i = 0; i < 400; i++) {
