@@ -3,7 +3,7 @@
 // them. Beside it, when asked for, Debian's BFD daemon with as many sessions, until all are up. Real processes and
 // frames.
 //
-//     bench_linkd [--rival] [LINKS]      1000
+//     bench_linkd [LINKS]      1000
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -12,16 +12,13 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <thread>
 
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include "demo.hpp"
 #include "linkd/control_client.hpp"
 #include "program_call.hpp"
-#include "rival.hpp"
 #include "sandbox.hpp"
 
 namespace
@@ -31,9 +28,8 @@ using namespace std::chrono_literals;
 using clock_type = std::chrono::steady_clock;
 
 constexpr program_call PROGRAM = {"bench_linkd",
-                                  "usage: bench_linkd [--rival] [LINKS]\n"
+                                  "usage: bench_linkd [LINKS]\n"
                                   "Keeps LINKS (1000; at most 4094) declared links and prints what it takes.\n"
-                                  "  --rival    beside it Debian's BFD daemon (package frr) with as many sessions\n"
                                   "  --help     print this\n"
                                   "  --version  print the version\n"};
 constexpr const char *LINKD = "kap-linkd";
@@ -119,27 +115,7 @@ void start_linkd(demo &d)
                                              d.stage.log_dir + "/kap-linkd.log");
 }
 
-void print_rival(const std::string &directory, uint32_t sessions)
-{
-    if (mount("none", "/var/tmp", "tmpfs", 0, nullptr) != 0) { // it leaves a directory there
-        throw stage_failure("no place for the other daemon's directory");
-    }
-    const auto start = clock_type::now();
-    rival other = rival_start(directory, sessions, 1000, 6);
-    std::map<uint32_t, bool> up;
-    size_t count = 0;
-    while (count < sessions && clock_type::now() - start < BOUND) {
-        std::this_thread::sleep_for(100ms);
-        for (const rival_event &event : rival_events(other)) {
-            up[event.session] = event.up;
-        }
-        count = static_cast<size_t>(std::count_if(up.begin(), up.end(), [](const auto &each) { return each.second; }));
-    }
-    printf("bfdd with %u sessions, from its start to all up: %.1f s (%zu up)\n", sessions, seconds_since(start), count);
-    rival_stop(other);
-}
-
-void measure(demo &d, int links, bool with_rival)
+void measure(demo &d, int links)
 {
     std::filesystem::create_directories("/run/kap-linkd");
     std::filesystem::create_directories(d.stage.log_dir);
@@ -160,13 +136,10 @@ void measure(demo &d, int links, bool with_rival)
     printf("... kap-linkd takes then, of a core: %.2f %%\n", (process_cpu_seconds(linkd) - before) / AT_REST_S * 100);
     printf("... and of memory (proportional set size): %.1f MiB\n", static_cast<double>(pss_kib(linkd)) / 1024);
     printf("... all links over the control socket, median of 21: %.1f ms\n", median_ms_of_list());
-    if (with_rival) {
-        print_rival(d.stage.log_dir, static_cast<uint32_t>(links));
-    }
     stage_stop(d.stage);
 }
 
-int run(int links, bool with_rival)
+int run(int links)
 {
     std::string error;
     if (!sandbox_enter(error)) {
@@ -180,7 +153,7 @@ int run(int links, bool with_rival)
     demo d;
     d.stage = stage_make(std::string(directory) + "/logs");
     try {
-        measure(d, links, with_rival);
+        measure(d, links);
     } catch (const std::exception &failure) {
         (void)fprintf(stderr, "bench_linkd: %s\n", failure.what());
         return 1;
@@ -197,16 +170,11 @@ int main(int argc, char **argv)
         return *answered;
     }
     int links = 1000;
-    bool with_rival = false;
     for (int i = 1; i < argc; i++) {
-        if (strcmp(argv[i], "--rival") == 0) {
-            with_rival = true;
-        } else {
-            links = atoi(argv[i]);
-            if (links < 1 || links > MOST_LINKS) {
-                return program_refuse(PROGRAM, "not a number from 1 to 4094");
-            }
+        links = atoi(argv[i]);
+        if (links < 1 || links > MOST_LINKS) {
+            return program_refuse(PROGRAM, "not a number from 1 to 4094");
         }
     }
-    return run(links, with_rival);
+    return run(links);
 }
