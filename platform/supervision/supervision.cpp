@@ -459,6 +459,10 @@ void *run(void *)
     return nullptr;
 }
 
+// The usual stack is large enough for the kernel to back it with one page of 2 MiB, by chance of where it lies: of a
+// process that takes 1 MiB that would be most.
+constexpr size_t STACK_BYTES = size_t{512} << 10;
+
 bool make_thread()
 {
     sigset_t all;
@@ -467,7 +471,13 @@ bool make_thread()
     // Signals are for the process's own threads; a new thread starts with the mask of its creator.
     pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_t thread{};
-    const bool made = pthread_create(&thread, nullptr, run, nullptr) == 0;
+    pthread_attr_t attributes;
+    bool made = pthread_attr_init(&attributes) == 0;
+    if (made) {
+        made = pthread_attr_setstacksize(&attributes, STACK_BYTES) == 0 &&
+               pthread_create(&thread, &attributes, run, nullptr) == 0;
+        pthread_attr_destroy(&attributes);
+    }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return made && pthread_detach(thread) == 0;
 }
