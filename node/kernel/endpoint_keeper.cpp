@@ -611,10 +611,9 @@ void endpoint_keeper::remove_left_entries(const std::string &name_space, kernel_
         } else if (!is_there(place, words->port, words->entry, there)) {
             journal_.forget(line);
             left_since_.erase(line);
-        } else if (is_without_vlan(words->entry, *on)) {
-            continue; // refused until the VLAN is back
         } else if (const auto since = left_since_.try_emplace(line, now).first->second;
-                   now - since >= LEFTOVERS_KEPT_MS) {
+                   now - since >= LEFTOVERS_KEPT_MS &&
+                   !is_without_vlan(words->entry, *on)) { // refused until it is back
             remove_left_entry(place, *on, words->entry, line);
         }
     }

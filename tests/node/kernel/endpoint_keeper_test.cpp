@@ -533,6 +533,23 @@ TEST_F(EndpointBridge, ConfirmsTheRemovalOfAnEntryWhoseVlanWentFirstAndTakesItAw
     EXPECT_EQ(entries("eth2"), lines{"02:00:00:00:00:06 master 100"});
 }
 
+// The ten seconds are over when the VLAN comes back: nobody waits ten more.
+TEST_F(EndpointBridge, TakesAwayWhatAnEarlierRunHasLeftInAVlanThatIsAwayAsSoonAsItIsBack)
+{
+    if (!bridge(true)) {
+        GTEST_SKIP() << "this kernel's bridges know no VLANs";
+    }
+    near("bridge vlan add vid 100 dev eth1");
+    start();
+    expect_added({far_end(5)});
+    near("bridge vlan del vid 100 dev eth1");
+    start();
+    settle(LEFTOVERS_KEPT_MS);
+    near("bridge vlan add vid 100 dev eth1");
+    take_news();
+    EXPECT_EQ(entries(), lines{});
+}
+
 TEST_F(EndpointBridge, TakesAwayWhatAnEarlierRunHasLeftAfterTenSecondsAndNothingElse)
 {
     if (!bridge(false)) {
