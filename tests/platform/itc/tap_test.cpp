@@ -236,10 +236,16 @@ TEST_F(Tap, TheEndIsSaidWithWhatWasMissedWhenTheReaderHasMadeRoom)
         ASSERT_TRUE(next(tap).has_value());
     }
     EXPECT_EQ(shutdown(tap, SHUT_WR), 0);
-    const auto last = next(tap);
+    auto last = next(tap);
+    if (last && last->record.what != itc_wire::tap_ends) { // what the process tells itself after its last answer
+        told++;
+        last = next(tap);
+    }
     ASSERT_TRUE(last.has_value());
     EXPECT_EQ(last->record.what, itc_wire::tap_ends);
-    EXPECT_EQ(told + last->record.lost, 3 * QUESTIONS);
+    // That one may also come when nobody looks any more.
+    EXPECT_GE(told + last->record.lost, 3 * QUESTIONS - 1);
+    EXPECT_LE(told + last->record.lost, 3 * QUESTIONS);
     EXPECT_FALSE(next(tap).has_value());
     close(tap);
     end_it();
