@@ -364,7 +364,8 @@ std::vector<std::string> files_beside(const std::string &file, std::vector<std::
     std::vector<std::string> files;
     std::error_code error;
     for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end; at.increment(error)) {
-        if (at->path().extension() == ".toml") {
+        // Not what an editor leaves beside a file: ".#name.toml".
+        if (at->path().extension() == ".toml" && !at->path().filename().string().starts_with('.')) {
             files.push_back(at->path().string());
         }
     }

@@ -74,9 +74,12 @@ void link_book::load_kept(std::vector<std::string> &told)
     }
     std::ifstream stream(file(), std::ios::binary);
     std::stringstream text;
-    text << stream.rdbuf();
     std::vector<std::string> wrong;
-    read_links(text.str(), file(), false, kept_, wrong);
+    if (!stream || (stream.peek() != std::ifstream::traits_type::eof() && !(text << stream.rdbuf()))) {
+        wrong.push_back(file() + ": cannot be read: " + strerror(errno));
+    } else {
+        read_links(text.str(), file(), false, kept_, wrong);
+    }
     if (wrong.empty()) {
         return;
     }
@@ -84,6 +87,10 @@ void link_book::load_kept(std::vector<std::string> &told)
     std::filesystem::rename(file(), aside, error);
     told.insert(told.end(), wrong.begin(), wrong.end());
     told.push_back(file() + ": set aside as " + aside);
+    // What was right in it is kept from now on, too.
+    if (const std::string failed = keep(kept_); !failed.empty()) {
+        told.push_back(failed);
+    }
 }
 
 std::vector<std::string> link_book::load()

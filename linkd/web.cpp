@@ -38,6 +38,12 @@ httplib::Server::HandlerResponse look_at(const httplib::Request &asked, httplib:
     answer.set_header("X-Content-Type-Options", "nosniff");
     answer.set_header("Referrer-Policy", "no-referrer");
     answer.set_header("Cross-Origin-Resource-Policy", "same-origin");
+    // Nobody sends anything here; a body of any length would be taken into memory.
+    if ((asked.method != "GET" && asked.method != "HEAD") || asked.has_header("Transfer-Encoding")) {
+        answer.status = 405;
+        answer.set_header("Connection", "close");
+        return httplib::Server::HandlerResponse::Handled;
+    }
     if (is_loopback_name(asked.get_header_value("Host"))) {
         return httplib::Server::HandlerResponse::Unhandled;
     }
