@@ -271,7 +271,7 @@ TEST_F(LiveView, FitsEveryScreen)
         view.take_change({{"id", i}, {"at_us", NOW}, {"link", "x"}, {"from", "enabled"}, {"to", "disabled"}});
     }
     for (size_t columns = 1; columns < 200; ++columns) {
-        for (size_t rows : {1, 2, 3, 5, 12, 13, 24, 60}) {
+        for (const size_t rows : std::initializer_list<size_t>{1, 2, 3, 5, 12, 13, 24, 60}) {
             const std::string drawn = view.draw({columns, rows}, NOW);
             EXPECT_LE(longest_line(drawn), columns) << columns << " by " << rows;
             EXPECT_LE(std::count(drawn.begin(), drawn.end(), '\n'), std::max<long>(1, static_cast<long>(rows) - 1));
