@@ -257,6 +257,8 @@ Capture::~Capture()
     }
 }
 
+std::vector<std::vector<uint8_t>> Capture::frames() const { return frames_of(file_); }
+
 std::vector<std::vector<uint8_t>> Capture::stop(size_t at_least)
 {
     EXPECT_TRUE(wait_for([&] { return frames_of(file_).size() >= at_least; }));

@@ -81,6 +81,8 @@ public:
     Capture &operator=(const Capture &) = delete;
     // Ends the capture as soon as it has that many frames, and returns them all, tags included.
     std::vector<std::vector<uint8_t>> stop(size_t at_least);
+    // What it has by now.
+    [[nodiscard]] std::vector<std::vector<uint8_t>> frames() const;
     [[nodiscard]] const std::string &file() const { return file_; }
 
 private:
