@@ -5,17 +5,12 @@
                               before and run, and every link is enabled; says after how long, and how often each unit
                               was started
     settled SECONDS           the units that are others after that time
-    told LINK ID              what kap-linkd tells of the link: its changes after that one, its history, the number of the newest
-                              change; and the links as the daemon has them
-    figure NAME               one of kap-linkd's figures for Prometheus
-    fill, empty               takes all room of the disk, and gives it back
     send COUNT FAR NEAR TAG TYPE    that many frames out of eth1, to NEAR, in the VLAN, with the ethertype (hexadecimal)
     pss                       proportional set size of each unit's processes, KiB
     files                     what is on the disk, but for what is logged and what apt and the kernel keep for themselves
     yardstick                 seconds that some fixed work takes from its begin to its end
 """
 
-import errno
 import json
 import os
 import pathlib
@@ -23,16 +18,13 @@ import socket
 import subprocess
 import sys
 import time
-import urllib.request
 
 UNITS = ["kap-itcd", "kap-node-iepcsi", "kap-node-pmi", "kap-node-emi", "kap-node-fmi", "kap-node-aasi", "kap-vorn",
-         "kap-linkd", "kap-responder@eth1"]
+         "my-link", "kap-responder@eth1"]
 BOUND_S = 180
 NOT_LOOKED_AT = ("/proc", "/sys", "/dev", "/tmp", "/root", "/run/systemd", "/run/udev", "/run/log", "/run/lab-command",
                  "/run/lock", "/run/user", "/var/log", "/var/cache", "/var/lib/dpkg", "/var/lib/apt", "/var/lib/systemd",
                  "/var/backups", "/run/utmp", "/etc/ld.so.cache")
-FILLER = "/var/tmp/filler"
-FIGURES = "http://127.0.0.1:9643/metrics"
 
 
 def units():
@@ -87,49 +79,6 @@ def settled(seconds):
     time.sleep(float(seconds))
     now = units()
     return sorted(name for name in {*before, *now} if now.get(name) != before.get(name))
-
-
-def vornctl(*words):
-    done = subprocess.run(["vornctl", *words, "--json"], check=True, stdout=subprocess.PIPE, text=True)
-    return json.loads(done.stdout)
-
-
-def told(link, number):
-    return {"events": vornctl("events", "--link", link, "--since", number, "--limit", "100000")["events"],
-            "history": vornctl("history", link, "--limit", "1"),
-            "newest": max(change["id"] for change in vornctl("events", "--limit", "1")["events"]),
-            "links": links()}
-
-
-def figure(name):
-    with urllib.request.urlopen(FIGURES, timeout=30) as answer:
-        lines = answer.read().decode().splitlines()
-    return next(float(line.split()[1]) for line in lines if line.split()[:1] == [name])
-
-
-def fill():
-    """Blocks first, since that takes no time; then to the last byte."""
-    size = 1 << 30
-    with open(FILLER, "wb", buffering=0) as filler:
-        while size >= 4096:
-            try:
-                os.posix_fallocate(filler.fileno(), os.fstat(filler.fileno()).st_size, size)
-            except OSError as failure:
-                if failure.errno != errno.ENOSPC:
-                    raise
-                size //= 2
-        try:
-            filler.seek(0, os.SEEK_END)
-            while True:
-                filler.write(bytes(64))
-        except OSError as failure:
-            if failure.errno != errno.ENOSPC:
-                raise
-        return os.fstat(filler.fileno()).st_size
-
-
-def empty():
-    os.unlink(FILLER)
 
 
 def send(count, source, target, tag, ethertype):
