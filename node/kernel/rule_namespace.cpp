@@ -270,11 +270,24 @@ void rule_namespace::read_news()
         if (!is_filter_message(message, NFT_MSG_NEWGEN)) {
             return;
         }
+        std::string name;
+        uint32_t generation = 0;
         each_filter_attribute(message, [&](const nlattr *attribute) {
-            if (mnl_attr_get_type(attribute) == NFTA_GEN_PROC_NAME && text_in(attribute) != own) {
-                disturbers_.insert(text_in(attribute));
+            if (mnl_attr_get_type(attribute) == NFTA_GEN_PROC_NAME) {
+                name = text_in(attribute);
+            } else if (mnl_attr_get_type(attribute) == NFTA_GEN_ID) {
+                generation = ntohl(number_in<uint32_t>(attribute).value_or(0));
             }
         });
+        if (name.empty() || name == own) {
+            return;
+        }
+        if (generation == unnamed_generation_) {
+            unnamed_generation_.reset();
+            ++report_.disturbed_by[name];
+        } else {
+            disturbers_.insert(name);
+        }
     });
     // News of interfaces only wake: what has become of those of the ports is asked for.
     (void)kernel_->link_news.read_news([](const nlmsghdr * /*message*/) {});
@@ -557,19 +570,27 @@ bool rule_namespace::is_asleep()
     return asleep;
 }
 
+// The kernel shows a change before it tells whose it was: the name of the newest may still be on its way.
+void rule_namespace::count_disturbance(uint32_t generation)
+{
+    ++report_.mended;
+    unnamed_generation_ = disturbers_.empty() ? std::optional(generation) : std::nullopt;
+    for (const std::string &name : std::exchange(disturbers_, {})) {
+        ++report_.disturbed_by[name];
+    }
+}
+
 // By itself: a kernel may refuse to change chains in the same transaction.
 std::optional<kernel_refusal> rule_namespace::wake()
 {
     if (!is_asleep()) {
         return std::nullopt;
     }
+    const uint32_t found = generation().value_or(0);
     auto refused = run(json::array({{{"add", whole_table()}}}));
     if (!refused) {
         say("all rules were put to sleep by somebody else; they are in force again");
-        ++report_.mended;
-        for (const std::string &name : std::exchange(disturbers_, {})) {
-            ++report_.disturbed_by[name];
-        }
+        count_disturbance(found);
     }
     return refused;
 }
@@ -700,7 +721,7 @@ bool rule_namespace::mend_once()
         return false;
     }
     read_news(); // who it was may have been told meanwhile
-    tell_mended(wrong);
+    tell_mended(wrong, now.value_or(0));
     if (refused = make_anew(picture, wrong); refused) {
         if (wrong.empty()) {
             note_refusal(*refused);
@@ -745,7 +766,7 @@ void rule_namespace::note_interface(kept_port &port, int index)
     port.had_interface = true;
 }
 
-void rule_namespace::tell_mended(const std::vector<kept_port *> &wrong)
+void rule_namespace::tell_mended(const std::vector<kept_port *> &wrong, uint32_t generation)
 {
     bool disturbed = wrong.empty() && !std::exchange(tidying_, false);
     for (kept_port *port : wrong) {
@@ -757,12 +778,8 @@ void rule_namespace::tell_mended(const std::vector<kept_port *> &wrong)
             say(port->layout.chain + ": its rules were changed by somebody else; mended");
         }
     }
-    if (!disturbed) {
-        return;
-    }
-    ++report_.mended;
-    for (const std::string &name : std::exchange(disturbers_, {})) {
-        ++report_.disturbed_by[name];
+    if (disturbed) {
+        count_disturbance(generation);
     }
 }
 

@@ -113,7 +113,8 @@ private:
     void give_up_lost(const table_picture &picture);
     void note_interfaces();
     void note_interface(kept_port &port, int index);
-    void tell_mended(const std::vector<kept_port *> &wrong);
+    void tell_mended(const std::vector<kept_port *> &wrong, uint32_t generation);
+    void count_disturbance(uint32_t generation);
     void count_refusal(const kernel_refusal &refusal);
     void note_refusal(const kernel_refusal &refusal);
 
@@ -132,6 +133,7 @@ private:
     bool tidying_ = false;                     // what nobody expects any more is no disturbance
     std::string refusal_told_;
     std::set<std::string> disturbers_;
+    std::optional<uint32_t> unnamed_generation_; // of a change that was mended before the kernel had told whose it was
     std::map<std::string, frame_count> counted_; // as last read
 };
 
