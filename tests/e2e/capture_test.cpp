@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -51,6 +52,18 @@ protected:
         all.insert(all.end(), words.begin(), words.end());
         d.stage.processes[CAPTURE] = process_start(CAPTURE, command(all), d.stage.log_dir + "/capture.log");
         wait_log(CAPTURE, "looking at");
+    }
+
+    // Waits until a message with this number is in the file: what nobody waits for comes in its own time.
+    void wait_captured(uint32_t msgno)
+    {
+        std::string sought(sizeof msgno, '\0');
+        memcpy(sought.data(), &msgno, sizeof msgno); // a message begins with its number, in this machine's order
+        stage_wait(d.stage, "the capture has message " + std::to_string(msgno), 10s, [&] {
+            std::ifstream in(file(), std::ios::binary);
+            const std::string all{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+            return all.find(sought) != std::string::npos;
+        });
     }
 
     std::string stop_capture()
@@ -112,6 +125,7 @@ TEST_F(Capture, MessagesOfAWholeCreateAreReadWithoutAMalformedField)
     start();
     start_capture({"--messages"});
     enabled_link();
+    wait_captured(0x1A004C4); // AUTOMATIONAGENTSI_VORN_PATH_CREATE_CFM
     const std::string said = stop_capture();
     EXPECT_THAT(said, testing::ContainsRegex("[0-9]+ messages, 0 dropped"));
     expect_no_complaint();
