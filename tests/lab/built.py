@@ -10,7 +10,7 @@ BUILT = image.PROJECT / "build"
 
 def programs(build="test"):
     """Pairs for image.make_tree_disk: programs and libraries, under the paths they have here below the project."""
-    return below_project(p for d in ("bin", "lib", "namelinks") for p in sorted((BUILT / build / d).iterdir()) if p.is_file())
+    return below_project(p for d in ("bin", "lib") for p in sorted((BUILT / build / d).iterdir()) if p.is_file())
 
 
 def tests(build="test"):
