@@ -193,16 +193,16 @@ const char *received_name(uint32_t msgno)
     return aasi_msg_to_string(msgno);
 }
 
-constexpr client_protocol PROTOCOL = {AASI_SERVICE_NAME,
-                                      0,
-                                      reset,
-                                      AASI_SERVICE_FAULTY,
-                                      AASI_CLIENT_FAULTY,
-                                      true,
-                                      aasi_client_state_to_string,
-                                      received_name,
-                                      STEPS,
-                                      std::size(STEPS)};
+constexpr client_protocol PROTOCOL = {
+    .server_name = AASI_SERVICE_NAME,
+    .faulty_event = AASI_SERVICE_FAULTY,
+    .faulty_state = AASI_CLIENT_FAULTY,
+    .faulty_without_mailbox = true,
+    .state_name = aasi_client_state_to_string,
+    .message_name = received_name,
+    .steps = STEPS,
+    .step_count = std::size(STEPS),
+};
 
 } // namespace
 

@@ -60,14 +60,53 @@ bool is_whole(const client_step &step, const client_input &in, const char *name)
            client_is_long_enough(in.msg, step.min_size + static_cast<uint64_t>(step.entry_size) * in.word, name);
 }
 
-void follow(client_record *client, const client_protocol &protocol, const client_step &step, client_verdict verdict)
+// The server is the sender of the server-up indication.
+void watch_server(client_record *client, const itc_msg *server_up, uint32_t server_down_ind)
+{
+    client->server_mbox = itc_sender(server_up);
+    auto *down = static_cast<itc_msg *>(client_alloc_msg(client, sizeof(client_plain_msg), server_down_ind));
+    client->monitor_id = itc_monitor(client->server_mbox, &down);
+}
+
+void reset(client_record *client, const client_protocol &protocol)
+{
+    if (protocol.forget_own != nullptr) {
+        protocol.forget_own();
+    }
+    client_reset(client);
+}
+
+// Everything but the event raised last, so that a second notice of the same death is swallowed.
+void forget_server(client_record *client, const client_protocol &protocol)
+{
+    itc_unmonitor(client->monitor_id);
+    const uint32_t last_raised = client->service_event.service.id;
+    reset(client, protocol);
+    client->service_event.service.id = last_raised;
+}
+
+client_verdict act(client_record *client, const client_protocol &protocol, const client_step &step,
+                   const client_input &in)
+{
+    if (step.msgno == protocol.server_up_ind) {
+        watch_server(client, in.msg, protocol.server_down_ind);
+    } else if (step.msgno == protocol.server_down_ind) {
+        forget_server(client, protocol);
+    }
+    return step.act != nullptr ? step.act(in) : CLIENT_TAKEN;
+}
+
+void follow(client_record *client, const client_protocol &protocol, const client_step &step, const client_input &in,
+            client_verdict verdict)
 {
     switch (verdict) {
     case CLIENT_TAKEN:
         client_enter(client, step.outcome.next, step.outcome.event, STATE_THEN_EVENT);
+        raise_result(client, step.outcome.result, in.procedure_ref);
         break;
     case CLIENT_TAKEN_EVENT_FIRST:
         client_enter(client, step.outcome.next, step.outcome.event, EVENT_THEN_STATE);
+        raise_result(client, step.outcome.result, in.procedure_ref);
         break;
     case CLIENT_IGNORED:
         break;
@@ -87,10 +126,9 @@ void take(client_record *client, const client_protocol &protocol, const client_s
     }
     if (step.need.state != CLIENT_ANY_STATE && step.need.state != client->state) {
         step.need.notice(protocol.state_name(client->state));
-        follow(client, protocol, step, step.need.misfit);
+        follow(client, protocol, step, in, step.need.misfit);
     } else {
-        follow(client, protocol, step, step.act != nullptr ? step.act(in) : CLIENT_TAKEN);
-        raise_result(client, step.outcome.result, in.procedure_ref);
+        follow(client, protocol, step, in, act(client, protocol, step, in));
     }
     if (step.afterwards != nullptr) {
         step.afterwards();
@@ -158,7 +196,7 @@ bool client_begin(client_record *client, client_event_handler handler, const cli
         if (protocol.server_up_ind != 0) {
             itc_unmonitor(client->monitor_id);
         }
-        protocol.reset();
+        reset(client, protocol);
         client_enter(client, 0, 0, STATE_THEN_EVENT);
     }
     client->own_mbox = itc_current_mbox();
@@ -178,22 +216,6 @@ void client_init(client_record *client, client_event_handler handler, const clie
         auto *up = static_cast<itc_msg *>(client_alloc_msg(client, sizeof(client_plain_msg), protocol.server_up_ind));
         itc_locate_async(protocol.server_name, &up, client->own_mbox);
     }
-}
-
-void client_watch_server(client_record *client, const itc_msg *server_up, uint32_t server_down_ind)
-{
-    client->server_mbox = itc_sender(server_up);
-    auto *down = static_cast<itc_msg *>(client_alloc_msg(client, sizeof(client_plain_msg), server_down_ind));
-    client->monitor_id = itc_monitor(client->server_mbox, &down);
-}
-
-client_verdict client_forget_server(client_record *client, void (*reset)())
-{
-    itc_unmonitor(client->monitor_id);
-    const uint32_t last_raised = client->service_event.service.id;
-    reset();
-    client->service_event.service.id = last_raised;
-    return CLIENT_TAKEN;
 }
 
 void client_reset(client_record *client)

@@ -90,18 +90,22 @@ struct client_step {
     void (*trace)(const client_input &in); // in every state; null: `act` traces
     client_need need;
     client_outcome outcome;
-    client_verdict (*act)(const client_input &in) = nullptr; // before the state is left; null: CLIENT_TAKEN
+    // Before the state is left, behind what the framework does itself; null: CLIENT_TAKEN.
+    client_verdict (*act)(const client_input &in) = nullptr;
     size_t entry_size = 0;          // of the entries behind min_size, counted by `word`; 0: no list
     void (*afterwards)() = nullptr; // in every state
 };
 
 struct client_protocol {
     const char *server_name;
-    uint32_t server_up_ind; // 0: the server is found in another way, and not watched
-    void (*reset)();        // frees what a module keeps beside its record, and resets the record
+    // The framework's own part of these two is to watch the server, and to forget it. 0: the server is found in another
+    // way, and not watched.
+    uint32_t server_up_ind = 0;
+    uint32_t server_down_ind = 0;
+    void (*forget_own)() = nullptr; // what a module keeps of its server beside its record; null: nothing
     uint32_t faulty_event;
     client_state faulty_state;
-    bool faulty_without_mailbox; // else it stays in INIT
+    bool faulty_without_mailbox = false; // else it stays in INIT
     const char *(*state_name)(uint32_t state);
     const char *(*message_name)(uint32_t msgno);
     const client_step *steps;
@@ -136,12 +140,6 @@ bool client_lists(const client_input &in, size_t entry_size, uint32_t value);
 bool client_begin(client_record *client, client_event_handler handler, const client_protocol &protocol);
 // The same, and looks for the server by its name; the server-up indication tells when it is there.
 void client_init(client_record *client, client_event_handler handler, const client_protocol &protocol);
-
-// The server is the sender of the server-up indication; its death is asked for as `server_down_ind`.
-void client_watch_server(client_record *client, const itc_msg *server_up, uint32_t server_down_ind);
-// The server is gone: everything is forgotten but the event raised last, so that a second notice of the same death is
-// swallowed.
-client_verdict client_forget_server(client_record *client, void (*reset)());
 
 // Everything but state and handler.
 void client_reset(client_record *client);

@@ -10,8 +10,6 @@ namespace
 
 client_record client; // NOLINT
 
-void reset() { client_reset(&client); }
-
 emi_endpoint_req *alloc_endpoint_req(uint32_t msgno, const EmiEndpoint *endpoints, uint32_t n)
 {
     const size_t list_size = sizeof(EmiEndpoint) * static_cast<size_t>(n);
@@ -23,9 +21,8 @@ emi_endpoint_req *alloc_endpoint_req(uint32_t msgno, const EmiEndpoint *endpoint
     return req;
 }
 
-client_verdict connect(const client_input &in)
+client_verdict connect(const client_input &)
 {
-    client_watch_server(&client, in.msg, EMI_SERVER_DOWN);
     auto *req = client_alloc_conn_req(&client, EMI_CONN_ESTABLISH_REQ, EMI_PROPOSED_CONNECTION_REF);
     VORN_TRACE_SEND(EMI_CONN_ESTABLISH_REQ, client.server_mbox,
                     "EMI_CONN_ESTABLISH_REQ: connection_ref=%u, procedure_ref=0x%x, num_pvs=%u, pv[0]=%u",
@@ -56,11 +53,9 @@ client_verdict ask_for_capabilities(const client_input &)
 // The monitor is left running: the server's death still takes the client out of FAULTY.
 client_verdict forget_connection(const client_input &)
 {
-    reset();
+    client_reset(&client);
     return CLIENT_TAKEN;
 }
-
-client_verdict forget_server(const client_input &) { return client_forget_server(&client, reset); }
 
 client_verdict check_capabilities(const client_input &in)
 {
@@ -83,7 +78,7 @@ constexpr client_step STEPS[] = {
      only_in(EMI_CLIENT_INIT, CLIENT_NOTICE(TRACE_ERROR, "EMI_SERVER_UP received in wrong state, state_=%s")),
      goes_to(EMI_CLIENT_INITIATING), connect},
     {EMI_SERVER_DOWN, sizeof(client_plain_msg), CLIENT_RECEIVED_AS("EMI_SERVER_DOWN"), IN_ANY_STATE,
-     goes_to(EMI_CLIENT_INIT, EMI_SERVICE_DOWN), forget_server},
+     goes_to(EMI_CLIENT_INIT, EMI_SERVICE_DOWN)},
     {EMI_CONN_ESTABLISH_CFM, sizeof(client_conn_establish_cfm), keep_connection_ref,
      only_in(EMI_CLIENT_INITIATING,
              CLIENT_NOTICE(TRACE_ERROR, "EMI_CONN_ESTABLISH_CFM received in wrong state, state_=%s")),
@@ -117,16 +112,17 @@ constexpr client_step STEPS[] = {
      IN_ANY_STATE, reports(EMI_REMOVE_ENDPOINT_FAILED)},
 };
 
-constexpr client_protocol PROTOCOL = {EMI_SERVER_NAME,
-                                      EMI_SERVER_UP,
-                                      reset,
-                                      EMI_SERVICE_FAULTY,
-                                      EMI_CLIENT_FAULTY,
-                                      false,
-                                      emi_client_state_to_string,
-                                      emi_msg_to_string,
-                                      STEPS,
-                                      std::size(STEPS)};
+constexpr client_protocol PROTOCOL = {
+    .server_name = EMI_SERVER_NAME,
+    .server_up_ind = EMI_SERVER_UP,
+    .server_down_ind = EMI_SERVER_DOWN,
+    .faulty_event = EMI_SERVICE_FAULTY,
+    .faulty_state = EMI_CLIENT_FAULTY,
+    .state_name = emi_client_state_to_string,
+    .message_name = emi_msg_to_string,
+    .steps = STEPS,
+    .step_count = std::size(STEPS),
+};
 
 } // namespace
 

@@ -7,15 +7,8 @@ namespace
 
 client_record &client = *fmi_client_record(); // NOLINT
 
-void reset()
+client_verdict connect(const client_input &)
 {
-    fmi_acl_free();
-    client_reset(&client);
-}
-
-client_verdict connect(const client_input &in)
-{
-    client_watch_server(&client, in.msg, FMI_SERVER_DOWN);
     auto *req = client_alloc_conn_req(&client, FMI_CONN_ESTABLISH_REQ, FMI_PROPOSED_CONNECTION_REF);
     VORN_TRACE_SEND(
         FMI_CONN_ESTABLISH_REQ, client.server_mbox,
@@ -34,8 +27,6 @@ client_verdict ask_for_capabilities(const client_input &in)
     client_send(&client, req);
     return CLIENT_TAKEN;
 }
-
-client_verdict forget_server(const client_input &) { return client_forget_server(&client, reset); }
 
 // Names every capability that is missing, not only the first.
 client_verdict check_capabilities(const client_input &in)
@@ -61,7 +52,7 @@ constexpr client_step STEPS[] = {
      only_in(FMI_CLIENT_INIT, CLIENT_NOTICE(TRACE_ERROR, "FMI_SERVER_UP_IND received in wrong state, state_%s")),
      goes_to(FMI_CLIENT_INITIATING), connect},
     {FMI_SERVER_DOWN, sizeof(client_plain_msg), CLIENT_RECEIVED_AS("FMI_SERVER_DOWN"), IN_ANY_STATE,
-     goes_to(FMI_CLIENT_INIT, FMI_SERVICE_DOWN), forget_server},
+     goes_to(FMI_CLIENT_INIT, FMI_SERVICE_DOWN)},
     // Its trace has the connection_ref kept so far.
     {FMI_CONN_ESTABLISH_CFM, sizeof(client_conn_establish_cfm),
      CLIENT_RECEIVED_AS("FMI_CONN_ESTABLISH_CFM: connection_ref =%u, procedure_ref=0x%x, protocol_rev=%u",
@@ -84,16 +75,19 @@ constexpr client_step STEPS[] = {
      IN_ANY_STATE, goes_to(FMI_CLIENT_FAULTY, FMI_SERVICE_FAULTY)},
 };
 
-constexpr client_protocol PROTOCOL = {FMI_SERVER_NAME,
-                                      FMI_SERVER_UP,
-                                      reset,
-                                      FMI_SERVICE_FAULTY,
-                                      FMI_CLIENT_FAULTY,
-                                      true,
-                                      fmi_client_state_to_string,
-                                      fmi_msg_to_string,
-                                      STEPS,
-                                      std::size(STEPS)};
+constexpr client_protocol PROTOCOL = {
+    .server_name = FMI_SERVER_NAME,
+    .server_up_ind = FMI_SERVER_UP,
+    .server_down_ind = FMI_SERVER_DOWN,
+    .forget_own = fmi_acl_free,
+    .faulty_event = FMI_SERVICE_FAULTY,
+    .faulty_state = FMI_CLIENT_FAULTY,
+    .faulty_without_mailbox = true,
+    .state_name = fmi_client_state_to_string,
+    .message_name = fmi_msg_to_string,
+    .steps = STEPS,
+    .step_count = std::size(STEPS),
+};
 
 } // namespace
 

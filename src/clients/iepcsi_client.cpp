@@ -11,12 +11,6 @@ constexpr client_record AT_START = {.result = {IEPCSI_EVENT, {}}};
 
 client_record client = AT_START; // NOLINT
 
-void reset()
-{
-    iepcsi_ports_free();
-    client_reset(&client);
-}
-
 // ---- What the messages say ----
 
 struct port_status {
@@ -72,9 +66,8 @@ supported_port read_supported_port(const itc_msg *msg, uint32_t i)
 
 // ---- Set-up ----
 
-client_verdict connect(const client_input &in)
+client_verdict connect(const client_input &)
 {
-    client_watch_server(&client, in.msg, IEPCSI_SERVER_DOWN_IND);
     auto *req = static_cast<iepcsi_init_service_req *>(
         client_alloc_msg(&client, sizeof(iepcsi_init_service_req), IEPCSI_INIT_SERVICE_REQ));
     req->header.connection_ref = to_be32(IEPCSI_PROPOSED_CONNECTION_REF);
@@ -96,8 +89,6 @@ void note_server_down(const client_input &in)
                    in.connection_ref, in.procedure_ref);
     VORN_TRACE(TRACE_WARNING, "IEPCSI service down received, state_=%s", iepcsi_client_state_to_string(client.state));
 }
-
-client_verdict forget_server(const client_input &) { return client_forget_server(&client, reset); }
 
 client_verdict ask_for_ports(const client_input &in)
 {
@@ -258,7 +249,7 @@ constexpr client_step STEPS[] = {
      only_in(IEPCSI_CLIENT_INIT, CLIENT_NOTICE(TRACE_ERROR, "IEPCSI_SERVER_UP_IND received in wrong state, state_=%s")),
      goes_to(IEPCSI_CLIENT_INITIATING), connect},
     {IEPCSI_SERVER_DOWN_IND, sizeof(client_plain_msg), note_server_down, IN_ANY_STATE,
-     goes_to(IEPCSI_CLIENT_INIT, IEPCSI_SERVICE_DOWN), forget_server},
+     goes_to(IEPCSI_CLIENT_INIT, IEPCSI_SERVICE_DOWN)},
     // Its trace has the connection_ref kept so far.
     {IEPCSI_INIT_SERVICE_CFM, sizeof(client_conn_establish_cfm),
      CLIENT_RECEIVED_AS("IEPCSI_INIT_SERVICE_CFM: connection_ref =%u, procedure_ref=0x%x, pv_selected=%u",
@@ -312,16 +303,18 @@ constexpr client_step STEPS[] = {
      STAYS, update_vlan},
 };
 
-constexpr client_protocol PROTOCOL = {IEPCSI_SERVER_NAME,
-                                      IEPCSI_SERVER_UP_IND,
-                                      reset,
-                                      IEPCSI_SERVICE_FAULTY,
-                                      IEPCSI_CLIENT_FAULTY,
-                                      false,
-                                      iepcsi_client_state_to_string,
-                                      iepcsi_msg_to_string,
-                                      STEPS,
-                                      std::size(STEPS)};
+constexpr client_protocol PROTOCOL = {
+    .server_name = IEPCSI_SERVER_NAME,
+    .server_up_ind = IEPCSI_SERVER_UP_IND,
+    .server_down_ind = IEPCSI_SERVER_DOWN_IND,
+    .forget_own = iepcsi_ports_free,
+    .faulty_event = IEPCSI_SERVICE_FAULTY,
+    .faulty_state = IEPCSI_CLIENT_FAULTY,
+    .state_name = iepcsi_client_state_to_string,
+    .message_name = iepcsi_msg_to_string,
+    .steps = STEPS,
+    .step_count = std::size(STEPS),
+};
 
 bool can_raise(const char *port_name)
 {

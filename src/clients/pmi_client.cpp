@@ -9,8 +9,6 @@ namespace
 
 client_record client; // NOLINT
 
-void reset() { client_reset(&client); }
-
 // A port that the server does not know goes out without a name.
 pmi_port_vlan_req *alloc_vlan_req(uint32_t msgno, const char *port_name, uint32_t vlan_id)
 {
@@ -24,9 +22,8 @@ pmi_port_vlan_req *alloc_vlan_req(uint32_t msgno, const char *port_name, uint32_
     return req;
 }
 
-client_verdict connect(const client_input &in)
+client_verdict connect(const client_input &)
 {
-    client_watch_server(&client, in.msg, PMI_SERVER_DOWN_IND);
     auto *req = client_alloc_conn_req(&client, PMI_CONN_ESTABLISH_REQ, PMI_PROPOSED_CONNECTION_REF);
     VORN_TRACE_SEND(PMI_CONN_ESTABLISH_REQ, client.server_mbox,
                     "PMI_CONN_ESTABLISH_REQ: connection_ref =%u, procedure_ref=0x%x, num_pvs=%u, pv[0]=%u",
@@ -45,8 +42,6 @@ client_verdict ask_for_capabilities(const client_input &in)
     return CLIENT_TAKEN;
 }
 
-client_verdict forget_server(const client_input &) { return client_forget_server(&client, reset); }
-
 constexpr client_step STEPS[] = {
     {PMI_SERVER_UP_IND, sizeof(client_plain_msg),
      CLIENT_RECEIVED("PMI_SERVER_UP_IND: connection_ref=%u, procedure_ref=%u"),
@@ -54,7 +49,7 @@ constexpr client_step STEPS[] = {
      goes_to(PMI_CLIENT_INITIATING), connect},
     {PMI_SERVER_DOWN_IND, sizeof(client_plain_msg),
      CLIENT_RECEIVED("PMI_SERVER_DOWN_IND: connection_ref=%u, procedure_ref=%u"), IN_ANY_STATE,
-     goes_to(PMI_CLIENT_INIT, PMI_SERVICE_DOWN), forget_server},
+     goes_to(PMI_CLIENT_INIT, PMI_SERVICE_DOWN)},
     // Its trace has the connection_ref kept so far.
     {PMI_CONN_ESTABLISH_CFM, sizeof(client_conn_establish_cfm),
      CLIENT_RECEIVED_AS("PMI_CONN_ESTABLISH_CFM: connection_ref =%u, procedure_ref=0x%x, pv_selected=%u",
@@ -99,16 +94,17 @@ constexpr client_step STEPS[] = {
      reports(PMI_DISABLE_PORT_VLAN_FAILED)},
 };
 
-constexpr client_protocol PROTOCOL = {PMI_SERVER_NAME,
-                                      PMI_SERVER_UP_IND,
-                                      reset,
-                                      PMI_SERVICE_FAULTY,
-                                      PMI_CLIENT_FAULTY,
-                                      false,
-                                      pmi_client_state_to_string,
-                                      pmi_msg_to_string,
-                                      STEPS,
-                                      std::size(STEPS)};
+constexpr client_protocol PROTOCOL = {
+    .server_name = PMI_SERVER_NAME,
+    .server_up_ind = PMI_SERVER_UP_IND,
+    .server_down_ind = PMI_SERVER_DOWN_IND,
+    .faulty_event = PMI_SERVICE_FAULTY,
+    .faulty_state = PMI_CLIENT_FAULTY,
+    .state_name = pmi_client_state_to_string,
+    .message_name = pmi_msg_to_string,
+    .steps = STEPS,
+    .step_count = std::size(STEPS),
+};
 
 } // namespace
 

@@ -112,8 +112,13 @@ TEST_F(ClientFramework, MeasuresACountThatWouldOverflow32Bits)
     static client_record client;
     static constexpr client_step STEPS[] = {
         {7, 16, [](const client_input &) { ++handled; }, IN_ANY_STATE, STAYS, nullptr, 48}};
-    static constexpr client_protocol PROTOCOL = {
-        "seven", 1, nullptr, 0, 1, false, nullptr, [](uint32_t) { return "SEVEN"; }, STEPS, 1};
+    static constexpr client_protocol PROTOCOL = {.server_name = "seven",
+                                                 .faulty_event = 0,
+                                                 .faulty_state = 1,
+                                                 .state_name = nullptr,
+                                                 .message_name = [](uint32_t) { return "SEVEN"; },
+                                                 .steps = STEPS,
+                                                 .step_count = std::size(STEPS)};
     const auto dispatch = [](const itc_msg *msg) { return client_dispatch(&client, PROTOCOL, msg); };
     // 48 times this count is 0 in 32 bits.
     EXPECT_TRUE(fake::dispatch(dispatch, SERVER, Builder().u32(7).zeros(8).n32(0x10000000)));
@@ -122,6 +127,35 @@ TEST_F(ClientFramework, MeasuresACountThatWouldOverflow32Bits)
     EXPECT_TRUE(fake::dispatch(dispatch, SERVER, Builder().u32(7).zeros(8).n32(1).zeros(48)));
     EXPECT_EQ(handled, 1);
     EXPECT_FALSE(fake::dispatch(dispatch, SERVER, Builder().u32(8)));
+}
+
+TEST_F(ClientFramework, ReportsNoResultForAMessageThatIsRefusedOrIgnored)
+{
+    static client_verdict verdict;
+    static client_record client;
+    static constexpr client_step STEPS[] = {{7, 16, nullptr, IN_ANY_STATE, reports(PMI_ENABLE_PORT_VLAN_DONE),
+                                             [](const client_input &) { return verdict; }}};
+    static constexpr client_protocol PROTOCOL = {.server_name = "seven",
+                                                 .faulty_event = 0,
+                                                 .faulty_state = 1,
+                                                 .state_name = nullptr,
+                                                 .message_name = nullptr,
+                                                 .steps = STEPS,
+                                                 .step_count = std::size(STEPS)};
+    const auto raised_by = [](client_verdict wanted) {
+        verdict = wanted;
+        events().clear();
+        client = {.handler = record_event};
+        EXPECT_TRUE(fake::dispatch([](const itc_msg *msg) { return client_dispatch(&client, PROTOCOL, msg); }, SERVER,
+                                   Builder().u32(7).zeros(12)));
+        return raised();
+    };
+    const std::vector<uint32_t> reported = {100 + PMI_ENABLE_PORT_VLAN_DONE};
+    EXPECT_EQ(raised_by(CLIENT_TAKEN), reported);
+    EXPECT_EQ(raised_by(CLIENT_TAKEN_EVENT_FIRST), reported);
+    for (const client_verdict wanted : {CLIENT_IGNORED, CLIENT_REFUSED, CLIENT_REFUSED_AT_ONCE}) {
+        EXPECT_TRUE(raised_by(wanted).empty()) << wanted;
+    }
 }
 
 } // namespace
