@@ -41,20 +41,6 @@ std::vector<IemliAppLink> app_links_for(const std::vector<app_pair> &pairs)
     return out;
 }
 
-const char *disabled_text(uint32_t reason)
-{
-    switch (reason) {
-    case IML_LINK_REASON_DOWN:
-        return "down";
-    case IML_LINK_REASON_LOCKED:
-        return "locked";
-    case IML_LINK_REASON_NO_CONNECTIVITY:
-        return "no connectivity";
-    default:
-        return "an unknown reason";
-    }
-}
-
 } // namespace
 
 instant now() { return {boot_us(), real_us()}; }
@@ -173,7 +159,8 @@ void session::handle(const iemli_event &event)
         keeper_->lost("no daemon", now());
         break;
     case iemli_event_kind::link_status:
-        keeper_->status(event.link_ref, event.status == IML_LINK_ENABLED, disabled_text(event.disabled_reason), now());
+        keeper_->status(event.link_ref, event.status == IML_LINK_ENABLED,
+                        iml_link_reason_text(event.disabled_reason, "an unknown reason"), now());
         break;
     case iemli_event_kind::link_rtt: {
         rtt_sample sample;

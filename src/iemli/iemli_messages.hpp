@@ -86,30 +86,51 @@ enum iml_link_status : uint32_t {
     IML_LINK_ENABLED = 1,
 };
 
+// Value, name, the reason in a word or two, the status of a link that is disabled for it.
+#define IML_LINK_DISABLED_REASONS(X)                                                                                   \
+    X(2, IML_LINK_REASON_DOWN, "down", "disabled with reason down")                                                    \
+    X(3, IML_LINK_REASON_LOCKED, "locked", "disabled with reason locked")                                              \
+    X(4, IML_LINK_REASON_NO_CONNECTIVITY, "no connectivity", "disabled with reason no connectivity")
+
 enum iml_link_disabled_reason : uint32_t {
-    IML_LINK_REASON_DOWN = 2,
-    IML_LINK_REASON_LOCKED = 3,
-    IML_LINK_REASON_NO_CONNECTIVITY = 4,
+    IML_LINK_DISABLED_REASONS(VORN_ENUMERATOR)
 };
+
+// What a reason that is none of them is called is the caller's business.
+inline const char *iml_link_reason_text(uint32_t disabled_reason, const char *unknown)
+{
+#define VORN_REASON_OF(value, name, reason, status)                                                                    \
+    case value:                                                                                                        \
+        return reason;
+    switch (disabled_reason) {
+        IML_LINK_DISABLED_REASONS(VORN_REASON_OF)
+    }
+    return unknown;
+#undef VORN_REASON_OF
+}
+
+inline const char *iml_link_disabled_text(uint32_t disabled_reason, const char *unknown)
+{
+#define VORN_STATUS_OF(value, name, reason, status)                                                                    \
+    case value:                                                                                                        \
+        return status;
+    switch (disabled_reason) {
+        IML_LINK_DISABLED_REASONS(VORN_STATUS_OF)
+    }
+    return unknown;
+#undef VORN_STATUS_OF
+}
 
 // The reason counts only while disabled.
 inline const char *iml_link_status_text(uint32_t status, uint32_t disabled_reason)
 {
-    if (status == IML_LINK_ENABLED) {
+    switch (status) {
+    case IML_LINK_ENABLED:
         return "enabled";
+    case IML_LINK_DISABLED:
+        return iml_link_disabled_text(disabled_reason, "disabled with invalid reason");
     }
-    if (status != IML_LINK_DISABLED) {
-        return "unknown";
-    }
-    switch (disabled_reason) {
-    case IML_LINK_REASON_DOWN:
-        return "disabled with reason down";
-    case IML_LINK_REASON_LOCKED:
-        return "disabled with reason locked";
-    case IML_LINK_REASON_NO_CONNECTIVITY:
-        return "disabled with reason no connectivity";
-    }
-    return "disabled with invalid reason";
+    return "unknown";
 }
 
 struct iemli_header {

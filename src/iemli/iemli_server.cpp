@@ -278,7 +278,8 @@ void iemli_link_procedure_rej(uint32_t reason, IemliPendingRequest **pending)
     iemli_handle_next_queued_request();
 }
 
-void iemli_send_link_status_ind(uint32_t server_conn_ref, uint32_t link_ref, uint32_t status, uint32_t disabled_reason)
+void iemli_send_link_status_ind(uint32_t server_conn_ref, uint32_t link_ref, iml_link_status status,
+                                iml_link_disabled_reason disabled_reason)
 {
     const IemliSession *session = session_to_tell(server_conn_ref);
     if (session != nullptr) {

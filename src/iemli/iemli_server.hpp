@@ -22,7 +22,8 @@ void iemli_link_procedure_cfm(uint32_t link_ref, IemliPendingRequest **pending);
 // The procedure failed with an IEMLI_REJ_* reason. Frees *pending, nulls it, takes the next queued request.
 void iemli_link_procedure_rej(uint32_t reason, IemliPendingRequest **pending);
 
-void iemli_send_link_status_ind(uint32_t server_conn_ref, uint32_t link_ref, uint32_t status, uint32_t disabled_reason);
+void iemli_send_link_status_ind(uint32_t server_conn_ref, uint32_t link_ref, iml_link_status status,
+                                iml_link_disabled_reason disabled_reason);
 void iemli_send_link_rtt_ind(uint32_t server_conn_ref, uint32_t link_ref, const rtt_stats &stats);
 
 // The four above, for the links.

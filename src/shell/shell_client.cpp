@@ -27,9 +27,15 @@ uint32_t rtt_state(const iml_link *link) { return link->rtt_enabled <= 1 ? link-
 
 uint32_t supervision_state(const iml_link *link)
 {
-    const bool is_known =
-        link->supervision_state == SUPERVISION_RUNNING || link->supervision_state == SUPERVISION_FAILED;
-    return is_known ? link->supervision_state : 0;
+    switch (link->supervision_state) {
+    case SUPERVISION_RUNNING:
+        return 1;
+    case SUPERVISION_FAILED:
+        return 2;
+    case SUPERVISION_NOT_RUNNING:
+        break;
+    }
+    return 0;
 }
 
 void fill_near_end_mac(shell_link_record *record, const iml_link *link)

@@ -237,8 +237,8 @@ TEST_F(UntracedRefusals, StayRefusals)
     iml_link_create_path(99);
     iml_link_update_path(99);
     set_aasi_service_up(false);
-    iml_link_set_status(99, IML_LINK_ENABLED, 0);
-    iemli_send_link_status_ind(99, 1, IML_LINK_ENABLED, 0);
+    iml_link_set_status(99, IML_LINK_ENABLED, IML_LINK_REASON_DOWN);
+    iemli_send_link_status_ind(99, 1, IML_LINK_ENABLED, IML_LINK_REASON_DOWN);
     iemli_send_link_rtt_ind(99, 1, stats);
     for (const auto init : {fmi_client_init, iepcsi_client_init, pmi_client_init, emi_client_init, aasi_client_init}) {
         init(nullptr);

@@ -539,17 +539,6 @@ const char *iemli_client_reason_name(uint32_t reason)
 
 const char *iemli_client_status_text(uint32_t status, uint32_t disabled_reason)
 {
-    if (status == IML_LINK_ENABLED) {
-        return "enabled";
-    }
-    switch (disabled_reason) {
-    case IML_LINK_REASON_DOWN:
-        return "disabled with reason down";
-    case IML_LINK_REASON_LOCKED:
-        return "disabled with reason locked";
-    case IML_LINK_REASON_NO_CONNECTIVITY:
-        return "disabled with reason no connectivity";
-    default:
-        return "disabled with an unknown reason";
-    }
+    return status == IML_LINK_ENABLED ? "enabled"
+                                      : iml_link_disabled_text(disabled_reason, "disabled with an unknown reason");
 }

@@ -31,33 +31,14 @@ std::string mac_text(const mac_address &mac) { return format(MAC_FMT, MAC_ARGS(m
 
 std::string status_text(const shell_link_record &record)
 {
-    if (record.status == IML_LINK_ENABLED) {
-        return "enabled";
-    }
-    switch (record.disabled_reason) {
-    case IML_LINK_REASON_DOWN:
-        return "disabled with reason down";
-    case IML_LINK_REASON_LOCKED:
-        return "disabled with reason locked";
-    case IML_LINK_REASON_NO_CONNECTIVITY:
-        return "disabled with reason no connectivity";
-    default:
-        return "disabled with invalid reason";
-    }
+    return record.status == IML_LINK_ENABLED
+               ? "enabled"
+               : iml_link_disabled_text(record.disabled_reason, "disabled with invalid reason");
 }
 
 const char *reason_of(const shell_link_record &record)
 {
-    switch (record.status == IML_LINK_ENABLED ? 0U : static_cast<uint32_t>(record.disabled_reason)) {
-    case IML_LINK_REASON_DOWN:
-        return "down";
-    case IML_LINK_REASON_LOCKED:
-        return "locked";
-    case IML_LINK_REASON_NO_CONNECTIVITY:
-        return "no connectivity";
-    default:
-        return "";
-    }
+    return record.status == IML_LINK_ENABLED ? "" : iml_link_reason_text(record.disabled_reason, "");
 }
 
 std::string name_of(uint32_t value, const char *zero, const char *one, const char *other)

@@ -66,7 +66,7 @@ void iml_link_create_all_paths()
 }
 
 void iml_link_path_info(uint32_t link_ref, uint32_t min_latency, uint32_t max_latency, uint32_t avg_latency,
-                        uint32_t status)
+                        iml_link_status status)
 {
     if (is_aasi_service_up()) {
         aasi_send_path_info(link_ref, min_latency, max_latency, avg_latency, status);

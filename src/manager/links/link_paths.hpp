@@ -14,5 +14,8 @@ void iml_link_create_all_paths();
 
 // Latencies in nanoseconds; all 0 when only the status changed.
 void iml_link_path_info(uint32_t link_ref, uint32_t min_latency, uint32_t max_latency, uint32_t avg_latency,
-                        uint32_t status);
-inline void iml_link_path_status(uint32_t link_ref, uint32_t status) { iml_link_path_info(link_ref, 0, 0, 0, status); }
+                        iml_link_status status);
+inline void iml_link_path_status(uint32_t link_ref, iml_link_status status)
+{
+    iml_link_path_info(link_ref, 0, 0, 0, status);
+}

@@ -162,11 +162,10 @@ void tell_create(const iml_link *link, IemliPendingRequest **request)
 {
     const uint32_t owner = link->connection_ref;
     const uint32_t link_ref = link->link_ref;
-    const uint32_t status = link->status;
-    const uint32_t disabled_reason = link->disabled_reason;
+    const iml_link_status status = link->status;
+    const iml_link_disabled_reason disabled_reason = link->disabled_reason;
     links_report()->confirmed(link_ref, request);
-    links_report()->status(owner, link_ref, status, disabled_reason);
-    iml_link_path_status(link_ref, status);
+    link_tell_status(owner, link_ref, status, disabled_reason);
 }
 
 void tell_delete(uint32_t link_ref, const IemliLinkData *data, IemliPendingRequest **request)

@@ -14,9 +14,9 @@ void links_report_to(const link_reports *reports) { current = reports; }
 
 const link_reports *links_report() { return current; }
 
-void iml_link_change_status(iml_link *link, uint32_t status, uint32_t disabled_reason)
+void link_tell_status(uint32_t server_conn_ref, uint32_t link_ref, iml_link_status status,
+                      iml_link_disabled_reason disabled_reason)
 {
-    iml_link_write_status(link, status, disabled_reason);
-    current->status(link->connection_ref, link->link_ref, status, disabled_reason);
-    iml_link_path_status(link->link_ref, status);
+    current->status(server_conn_ref, link_ref, status, disabled_reason);
+    iml_link_path_status(link_ref, status);
 }

@@ -43,7 +43,8 @@ struct link_reports {
     // The procedure failed with an IEMLI_REJ_* reason. Frees *pending and nulls it.
     void (*rejected)(uint32_t reason, IemliPendingRequest **pending);
     // To the link's owner.
-    void (*status)(uint32_t server_conn_ref, uint32_t link_ref, uint32_t status, uint32_t disabled_reason);
+    void (*status)(uint32_t server_conn_ref, uint32_t link_ref, iml_link_status status,
+                   iml_link_disabled_reason disabled_reason);
     void (*rtt)(uint32_t server_conn_ref, uint32_t link_ref, const rtt_stats &stats);
 };
 
@@ -51,5 +52,6 @@ struct link_reports {
 void links_report_to(const link_reports *reports);
 const link_reports *links_report();
 
-// Writes the status and tells the link's owner and the automation agent.
-void iml_link_change_status(iml_link *link, uint32_t status, uint32_t disabled_reason);
+// The link's owner, and then the automation agent.
+void link_tell_status(uint32_t server_conn_ref, uint32_t link_ref, iml_link_status status,
+                      iml_link_disabled_reason disabled_reason);

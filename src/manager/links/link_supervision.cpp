@@ -213,12 +213,13 @@ void stop_in(const char *name_space, void (*end)(iml_link *), iml_link *link)
     }
 }
 
-void disable_after_port_event(iml_link *link, uint32_t disabled_reason)
+void disable_after_port_event(iml_link *link, iml_link_disabled_reason disabled_reason)
 {
     VORN_TRACE(TRACE_LINK, "Updated iml link status on link: %u, with port name %s. Old status %s, new status %s",
                link->link_ref, link->link_data->imlPortName, iml_link_status_text(link->status, link->disabled_reason),
                iml_link_status_text(IML_LINK_DISABLED, disabled_reason));
-    iml_link_change_status(link, IML_LINK_DISABLED, disabled_reason);
+    iml_link_write_status(link, IML_LINK_DISABLED, disabled_reason);
+    link_tell_status(link->connection_ref, link->link_ref, IML_LINK_DISABLED, disabled_reason);
 }
 
 void start_after_port_up(const eth_port &port, iml_link *link)

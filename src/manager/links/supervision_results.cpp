@@ -12,6 +12,12 @@ namespace
 
 constexpr uint32_t TOLERATED_LOSSES = 5; // the next one in a row disables the link
 
+void change_status(iml_link *link, iml_link_status status, iml_link_disabled_reason disabled_reason)
+{
+    iml_link_write_status(link, status, disabled_reason);
+    link_tell_status(link->connection_ref, link->link_ref, status, disabled_reason);
+}
+
 void link_answered(iml_link *link)
 {
     link->supervision_last_ok = link->supervision_results;
@@ -20,7 +26,7 @@ void link_answered(iml_link *link)
     }
     VORN_TRACE(TRACE_WARNING, "Link status change, from: %s, to: enabled. Link ref: %u",
                iml_link_status_text(link->status, link->disabled_reason), link->link_ref);
-    iml_link_change_status(link, IML_LINK_ENABLED, link->disabled_reason);
+    change_status(link, IML_LINK_ENABLED, link->disabled_reason);
 }
 
 void link_lost_frame(iml_link *link)
@@ -31,7 +37,7 @@ void link_lost_frame(iml_link *link)
     }
     VORN_TRACE(TRACE_WARNING, "Max pings lost, link status change: %s. Link ref: %u",
                iml_link_status_text(IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY), link->link_ref);
-    iml_link_change_status(link, IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY);
+    change_status(link, IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY);
 }
 
 void trace_unknown(uint32_t result)

@@ -295,13 +295,13 @@ bool iml_link_is_rtt_enabled(uint32_t link_ref)
     return link != nullptr && link->rtt_enabled == 1;
 }
 
-void iml_link_write_status(iml_link *link, uint32_t status, uint32_t disabled_reason)
+void iml_link_write_status(iml_link *link, iml_link_status status, iml_link_disabled_reason disabled_reason)
 {
     link->status = status;
     link->disabled_reason = disabled_reason;
 }
 
-void iml_link_set_status(uint32_t link_ref, uint32_t status, uint32_t disabled_reason)
+void iml_link_set_status(uint32_t link_ref, iml_link_status status, iml_link_disabled_reason disabled_reason)
 {
     iml_link *link = iml_link_look_up(link_ref);
     if (link == nullptr) {

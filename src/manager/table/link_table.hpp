@@ -41,13 +41,13 @@ struct iml_link {
     uint32_t connection_ref; // the owner: server_conn_ref of the IEMLI session that created it
     uint32_t samples_since_report;
     uint32_t link_ref;
-    uint32_t status;          // iml_link_status
-    uint32_t disabled_reason; // iml_link_disabled_reason, meaningful while disabled
-    IemliLinkData *link_data; // owned, with room for at least one app link
-    const port_names *port;   // of link_data's port; its names are looked up once, when the link is made
-    rtt_settings rtt;         // batchSize, measureInterval, frameSize
+    iml_link_status status;
+    iml_link_disabled_reason disabled_reason; // meaningful while disabled; 0 before the first one
+    IemliLinkData *link_data;                 // owned, with room for at least one app link
+    const port_names *port; // of link_data's port; its names are looked up once, when the link is made
+    rtt_settings rtt;       // batchSize, measureInterval, frameSize
     uint32_t rtt_enabled;
-    uint32_t supervision_state; // supervision_run_state
+    supervision_run_state supervision_state;
     uint32_t supervision_session_id;
     uint32_t supervision_results;
     uint32_t supervision_lost;
@@ -111,5 +111,5 @@ bool iml_link_is_on_port_vlan(const iml_link *link, const char *iepcsi_port_name
 
 bool iml_link_is_rtt_enabled(uint32_t link_ref);
 // The one writer of a link's status. Tells nobody.
-void iml_link_write_status(iml_link *link, uint32_t status, uint32_t disabled_reason);
-void iml_link_set_status(uint32_t link_ref, uint32_t status, uint32_t disabled_reason);
+void iml_link_write_status(iml_link *link, iml_link_status status, iml_link_disabled_reason disabled_reason);
+void iml_link_set_status(uint32_t link_ref, iml_link_status status, iml_link_disabled_reason disabled_reason);

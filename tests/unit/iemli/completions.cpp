@@ -207,7 +207,7 @@ TEST_F(IemliCompletions, OfAClientThatDiedMeanwhileAnswerItAndThenEndItsSession)
     EXPECT_EQ(iemli_session_find(1), nullptr);
     EXPECT_THAT(calls(), ElementsAre("itc_unmonitor(1)", "delete 1 of 1 unasked"));
     // What the procedure still reports finds nobody.
-    iemli_send_link_status_ind(1, 12, 0, 4);
+    iemli_send_link_status_ind(1, 12, IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY);
     expect_nothing_sent();
     EXPECT_THAT(traces_of(4), ElementsAre("WARNING:Unexisting session for connection-ref=1"));
 }
@@ -231,7 +231,7 @@ TEST_F(IemliCompletions, OfAClientWhoseDeleteWaitsHandTheLinkToTheDelete)
     expect_sent(CLIENT_A, with_u32(header(0x1B0E0C, 0x61, A_REF), 12));
     EXPECT_THAT(calls(), ElementsAre("delete 12 of 1"));
     // The indication that follows a create's confirm carries what is being taken up by then.
-    iemli_send_link_status_ind(1, 12, 0, 4);
+    iemli_send_link_status_ind(1, 12, IML_LINK_DISABLED, IML_LINK_REASON_NO_CONNECTIVITY);
     expect_sent(CLIENT_A, Builder{header(0x1B0E13, 0x62, A_REF)}.u32(12).u32(0).u32(4));
 }
 
@@ -244,7 +244,7 @@ TEST_F(IemliIndications, GoToTheOwnerUnderItsLastRequest)
     open_both();
     EXPECT_TRUE(offer(CLIENT_B, update_req(0x71, 2, 5, {})));
     fake::take_sent();
-    iemli_send_link_status_ind(2, 5, 1, 0);
+    iemli_send_link_status_ind(2, 5, IML_LINK_ENABLED, iml_link_disabled_reason{});
     expect_sent(CLIENT_B, Builder().u32(0x1B0E13).u32(0x71).u32(B_REF).u32(5).u32(1).u32(0));
     iemli_send_link_rtt_ind(2, 5, {0, 100, 0, 150, 0, 200, 1, {}});
     expect_sent(
@@ -255,7 +255,7 @@ TEST_F(IemliIndications, GoToTheOwnerUnderItsLastRequest)
 
 TEST_F(IemliIndications, WithoutAnOwnerGoNowhere)
 {
-    iemli_send_link_status_ind(2, 5, 1, 0);
+    iemli_send_link_status_ind(2, 5, IML_LINK_ENABLED, iml_link_disabled_reason{});
     iemli_send_link_rtt_ind(3, 5, {});
     expect_nothing_sent();
     expect_traces({{4, "WARNING:Unexisting session for connection-ref=2"},

@@ -145,7 +145,7 @@ TEST_F(IemliDispatch, AnswersTheRestAtOnceWhileARequestIsInProgress)
 // The last_procedure_ref of a session shows in its indications.
 void expect_last_procedure_ref(uint32_t expected)
 {
-    iemli_send_link_status_ind(1, 0, 0, 2);
+    iemli_send_link_status_ind(1, 0, IML_LINK_DISABLED, IML_LINK_REASON_DOWN);
     const fake::Sent indication = fake::take_sent();
     EXPECT_EQ(fake::to_hex(indication.bytes),
               fake::to_hex(Builder{header(0x1B0E13, expected, A_REF)}.u32(0).u32(0).u32(2)));

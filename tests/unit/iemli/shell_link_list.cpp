@@ -76,10 +76,10 @@ TEST_F(ShellLinkList, HasEveryFieldInItsPlace)
 {
     iml_link *link = only_link({.apps = {APP_1, APP_2}});
     link->connection_ref = 0x01020304;
-    link->status = 1;
-    link->disabled_reason = 4;
+    link->status = IML_LINK_ENABLED;
+    link->disabled_reason = IML_LINK_REASON_NO_CONNECTIVITY;
     link->rtt_enabled = 1;
-    link->supervision_state = 2;
+    link->supervision_state = SUPERVISION_FAILED;
     link->rtt = {0x1112, 0x2122, 0x3132};
     link->supervision_results = 0x41424344;
     link->supervision_lost = 0x51525354;
@@ -206,7 +206,7 @@ TEST_F(ShellLinkList, MapsStatesItDoesNotKnow)
     }
     const uint32_t supervision_states[][2] = {{0, 0}, {1, 1}, {2, 2}, {3, 0}};
     for (const auto &[stored, listed] : supervision_states) {
-        link->supervision_state = stored;
+        link->supervision_state = static_cast<supervision_run_state>(stored);
         EXPECT_EQ(field(reply(), 248, 4), words({listed}));
     }
 }

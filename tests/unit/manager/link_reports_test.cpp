@@ -36,7 +36,7 @@ void rejected(uint32_t reason, IemliPendingRequest **request)
     let_go(request);
 }
 
-void status(uint32_t owner, uint32_t link_ref, uint32_t status, uint32_t)
+void status(uint32_t owner, uint32_t link_ref, iml_link_status status, iml_link_disabled_reason)
 {
     note("status of " + std::to_string(owner), link_ref, status);
 }

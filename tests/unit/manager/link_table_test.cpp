@@ -305,9 +305,9 @@ TEST_F(LinkTable, TellsWhetherRttIsEnabled)
 TEST_F(LinkTable, StoresAStatusAndTracesTheOldAndTheNewOne)
 {
     const iml_link *link = add();
-    iml_link_set_status(1, 1, 4);
-    iml_link_set_status(1, 0, 2);
-    iml_link_set_status(1, 0, 3);
+    iml_link_set_status(1, IML_LINK_ENABLED, IML_LINK_REASON_NO_CONNECTIVITY);
+    iml_link_set_status(1, IML_LINK_DISABLED, IML_LINK_REASON_DOWN);
+    iml_link_set_status(1, IML_LINK_DISABLED, IML_LINK_REASON_LOCKED);
     EXPECT_EQ(link->status, 0u);
     EXPECT_EQ(link->disabled_reason, 3u);
     EXPECT_THAT(fake::traces(),
@@ -322,7 +322,7 @@ TEST_F(LinkTable, StoresAStatusAndTracesTheOldAndTheNewOne)
 TEST_F(LinkTable, ChangesNothingForAnUnknownReference)
 {
     const iml_link *link = add();
-    iml_link_set_status(9, 1, 0);
+    iml_link_set_status(9, IML_LINK_ENABLED, IML_LINK_REASON_DOWN);
     EXPECT_EQ(link->status, 0u);
     EXPECT_THAT(fake::traces(),
                 ElementsAre(Trace{6, "Tried to update link status on link with ref 9 that doesn't exist anymore."}));
