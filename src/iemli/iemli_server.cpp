@@ -4,7 +4,6 @@
 // end sessions meanwhile waits in the queues.
 #include "iemli_server.hpp"
 
-#include "iemli_answers.hpp"
 #include "iemli_handlers.hpp"
 #include "iemli_queue.hpp"
 #include "iemli_send.hpp"

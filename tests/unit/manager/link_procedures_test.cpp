@@ -4,7 +4,7 @@
 
 #include <gmock/gmock.h>
 
-#include "iemli/iemli_answers.hpp"
+#include "iemli/iemli_handlers.hpp"
 #include "manager/links/link_paths.hpp"
 #include "manager/links/procedure_record.hpp"
 #include "support/daemon.hpp"
