@@ -12,7 +12,7 @@
 #define TOML_ENABLE_FORMATTERS 0
 #include <toml++/toml.h>
 
-#include "port_names.hpp"
+#include "port_name_list.hpp"
 
 namespace linkd
 {
@@ -83,8 +83,7 @@ std::string take_port(const std::string &text, std::string &port)
 {
     std::string name = port_name_of(text);
     if (name.empty()) {
-        return "there is no port " + in_quotes(text) +
-               "; there are IDL_A1, IDL_A2, IDL_B1, IDL_B2, TN_A, TN_B, TN_C and TN_D";
+        return "there is no port " + in_quotes(text) + "; there are " + port_name_list();
     }
     port = std::move(name);
     return "";

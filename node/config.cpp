@@ -12,7 +12,7 @@
 #define TOML_ENABLE_FORMATTERS 0
 #include <toml++/toml.h>
 
-#include "port_names.hpp"
+#include "port_name_list.hpp"
 
 namespace kap_node
 {
@@ -293,8 +293,7 @@ std::vector<port_config> read_ports(file &f, const toml::node &node)
         const auto *names = std::find_if(std::begin(PORT_NAMES), std::end(PORT_NAMES),
                                          [&](const port_names &each) { return name == each.iemli; });
         if (names == std::end(PORT_NAMES)) {
-            f.refuse(key.source(), "there is no port \"" + std::string(name) +
-                                       "\"; there are IDL_A1, IDL_A2, IDL_B1, IDL_B2, TN_A, TN_B, TN_C and TN_D");
+            f.refuse(key.source(), "there is no port \"" + std::string(name) + "\"; there are " + port_name_list());
         } else {
             entries.push_back(read_port(f, *names, key, value));
         }

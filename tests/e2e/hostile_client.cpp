@@ -14,29 +14,14 @@
 #include <random>
 #include <vector>
 
-#include "clients/aasi_messages.hpp"
-#include "clients/emi_messages.hpp"
-#include "clients/fmi_messages.hpp"
-#include "clients/iepcsi_messages.hpp"
-#include "clients/pmi_messages.hpp"
-#include "iemli/iemli_messages.hpp"
 #include "itc.h"
-#include "shell/shell_messages.hpp"
+#include "support/message_windows.hpp"
 
 namespace
 {
 
-constexpr uint32_t SUPERVISION_IND = 0x1B0CE6;
 constexpr size_t LONGEST = 700;
 constexpr uint32_t PACE = 64; // messages between two answers that are waited for
-
-struct range {
-    uint32_t first;
-    uint32_t last;
-};
-
-constexpr range EVERY[] = {{0x1B0E00, 0x1B0E19}, {0x1B1041, 0x1B1068}, {0x1B1001, 0x1B100E},   {0x1B10C0, 0x1B10CB},
-                           {0x1B0F50, 0x1B0F69}, {0x1B0CE2, 0x1B0CE6}, {0x1900000, 0x1900002}, {0x1A004C0, 0x1A004C7}};
 
 // Believed from whoever sends them.
 constexpr uint32_t BELIEVED[] = {IEPCSI_SERVER_UP_IND,
@@ -90,8 +75,8 @@ void open_session(uint32_t to)
 
 void send_one(generator &random, uint32_t to)
 {
-    const range &protocol = EVERY[below(random, std::size(EVERY))];
-    const uint32_t number = protocol.first + below(random, protocol.last - protocol.first + 1);
+    using message_windows::EVERY;
+    const uint32_t number = EVERY[below(random, std::size(EVERY))].number(below(random, 256));
     const bool believed = std::find(std::begin(BELIEVED), std::end(BELIEVED), number) != std::end(BELIEVED);
     const size_t size = 4 + below(random, believed ? CUT_OFF - 3 : LONGEST);
     itc_msg *msg = itc_alloc(size, number);
@@ -101,7 +86,7 @@ void send_one(generator &random, uint32_t to)
     for (size_t i = sizeof number; i < size; i++) {
         bytes[i] = static_cast<uint8_t>(small ? below(random, 4) == 0 ? below(random, 3) : 0 : below(random, 256));
     }
-    if (number >= EVERY[0].first && number <= EVERY[0].last && size >= sizeof(iemli_header) && below(random, 2) == 0) {
+    if (message_windows::iemli.has(number) && size >= sizeof(iemli_header) && below(random, 2) == 0) {
         reinterpret_cast<iemli_header *>(msg)->connection_ref = SECOND_SESSION;
     }
     itc_send(&msg, to, ITC_MY_MBOX);

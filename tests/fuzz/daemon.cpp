@@ -1,48 +1,34 @@
 // The whole core, connected to its services, with two clients and two links, is given messages of one protocol (or of
-// all) made from the input. A message is: its sender (1 byte), its number (1 byte, an index into the protocol's), how
-// long it is (1 byte; 255: two more bytes), its bytes. Nothing of it may be read behind its end, leak or crash, and the
-// platform's own bookkeeping (double frees, messages nobody freed) must hold.
+// all) made from the input. A message is: its sender (1 byte), of all protocols one (1 byte), its number (1 byte,
+// counted from the protocol's first), how long it is (1 byte; 255: two more bytes), its bytes. Nothing of it may be
+// read behind its end, leak or crash, and the platform's own bookkeeping (double frees, messages nobody freed) must
+// hold.
 #include <cstdlib>
 
 #include "input.hpp"
 #include "support/daemon.hpp"
+#include "support/message_windows.hpp"
 
 namespace
 {
 
 using namespace daemon_test;
 using fuzz::Input;
+using message_windows::window;
 
-struct numbers {
-    uint32_t first;
-    uint32_t last;
-};
+#ifdef FUZZ_PROTOCOL
+constexpr window PROTOCOL[] = {message_windows::FUZZ_PROTOCOL};
+#else
+constexpr auto &PROTOCOL = message_windows::EVERY;
+#endif
 
-namespace protocol
-{
-[[maybe_unused]] constexpr numbers iemli = {0x1B0E00, 0x1B0E19};
-[[maybe_unused]] constexpr numbers iepcsi = {0x1B1041, 0x1B1068};
-[[maybe_unused]] constexpr numbers pmi = {0x1B1001, 0x1B100E};
-[[maybe_unused]] constexpr numbers emi = {0x1B10C0, 0x1B10CB};
-[[maybe_unused]] constexpr numbers fmi = {0x1B0F50, 0x1B0F69};
-[[maybe_unused]] constexpr numbers aasi = {0x1A004C0, 0x1A004C7};
-[[maybe_unused]] constexpr numbers shell = {0x1B0CE2, 0x1B0CE6};
-[[maybe_unused]] constexpr numbers supervision = {0x1B0CE6, 0x1B0CE6};
-[[maybe_unused]] constexpr numbers ns = {0x1900000, 0x1900002};
-[[maybe_unused]] constexpr numbers all = {0, 0};
-} // namespace protocol
-
-constexpr numbers EVERY[] = {protocol::iemli, protocol::iepcsi, protocol::pmi,   protocol::emi,
-                             protocol::fmi,   protocol::aasi,   protocol::shell, protocol::ns};
 constexpr uint32_t SENDERS[] = {CLIENT, OTHER_CLIENT, STRANGER, IEPCSI, PMI, EMI, FMI, AASI, ITC_NO_MBOX};
 
-uint32_t number_of(const numbers &protocol, uint8_t index)
+// A number of the target's protocol; of any, when it has none.
+uint32_t take_number(Input *input)
 {
-    if (protocol.last == 0) {
-        const numbers &one = EVERY[index % std::size(EVERY)];
-        return one.first + index % (one.last - one.first + 1);
-    }
-    return protocol.first + index % (protocol.last - protocol.first + 1);
+    const window &protocol = std::size(PROTOCOL) == 1 ? PROTOCOL[0] : PROTOCOL[input->byte() % std::size(PROTOCOL)];
+    return protocol.number(input->byte());
 }
 
 class Rig : public DaemonTest
@@ -78,7 +64,7 @@ private:
     static void message(Input *input)
     {
         const uint32_t sender = SENDERS[input->byte() % std::size(SENDERS)];
-        const uint32_t number = number_of(protocol::FUZZ_PROTOCOL, input->byte());
+        const uint32_t number = take_number(input);
         size_t length = input->byte();
         if (length == 255) {
             length += input->byte() + 256u * (input->byte() % 16);

@@ -6,6 +6,8 @@
 
 #include "input.hpp"
 #include "support/ledger.hpp"
+#include "support/message_windows.hpp"
+#include "support/nobody.hpp"
 
 namespace
 {
@@ -16,13 +18,8 @@ using fuzz::require;
 
 constexpr uint32_t CLIENTS[] = {CLIENT, OTHER_CLIENT, STRANGER};
 constexpr uint32_t SENDERS[] = {CLIENT, OTHER_CLIENT, STRANGER, IEPCSI, PMI, EMI, FMI, AASI, ITC_NO_MBOX};
-constexpr const char *PORTS[] = {"IDL_A1", "IDL_B1", "TN_A", "TN_D", "IDL_C1", ""};
+constexpr const char *PORTS[] = {"IDL_A1", "IDL_B1", "TN_A", "TN_D", nobody::PORT, ""};
 constexpr const char *CPMS[] = {"02:00:00:00:0C:01", "02:00:00:00:0C:02", "02:00:00:00:00:A1"};
-
-// The first number of each protocol, and how many there are.
-constexpr std::pair<uint32_t, uint32_t> NUMBERS[] = {{0x1B0E00, 0x1A}, {0x1B1041, 0x28}, {0x1B1001, 0x0E},
-                                                     {0x1B10C0, 0x0C}, {0x1B0F50, 0x1A}, {0x1A004C0, 0x08},
-                                                     {0x1B0CE2, 0x05}, {0x1900000, 0x03}};
 
 class Story : public DaemonTest
 {
@@ -218,9 +215,10 @@ private:
 
     void anything()
     {
-        const auto &[first, count] = NUMBERS[input_.pick(std::size(NUMBERS))];
+        const message_windows::window &protocol =
+            message_windows::EVERY[input_.pick(std::size(message_windows::EVERY))];
         Builder b;
-        b.u32(first + static_cast<uint32_t>(input_.pick(count)));
+        b.u32(protocol.number(input_.byte()));
         const Bytes rest = input_.bytes(input_.byte());
         b.bytes.insert(b.bytes.end(), rest.begin(), rest.end());
         request(b, SENDERS[input_.pick(std::size(SENDERS))]);

@@ -14,6 +14,7 @@
 #include <random>
 
 #include "support/ledger.hpp"
+#include "support/nobody.hpp"
 
 namespace
 {
@@ -267,7 +268,7 @@ protected:
 
     std::string some_port()
     {
-        static const char *const PORTS[] = {"IDL_A1", "IDL_B1", "TN_A", "TN_D", "IDL_C1"};
+        static const char *const PORTS[] = {"IDL_A1", "IDL_B1", "TN_A", "TN_D", nobody::PORT};
         return PORTS[chance(92) ? pick(3) : pick(5)];
     }
     static uint32_t highest_ref()

@@ -8,6 +8,8 @@
 #include "iemli/iemli_session.hpp"
 #include "manager/links/link_paths.hpp"
 #include "manager/links/rtt.hpp"
+#include "support/message_windows.hpp"
+#include "support/nobody.hpp"
 #include "transcript.hpp"
 
 namespace
@@ -15,14 +17,6 @@ namespace
 
 using namespace transcript;
 
-struct numbers {
-    uint32_t first;
-    uint32_t last;
-};
-
-constexpr numbers PROTOCOLS[] = {{0x1B0E00, 0x1B0E19}, {0x1B1041, 0x1B1068},   {0x1B1001, 0x1B100E},
-                                 {0x1B10C0, 0x1B10CB}, {0x1B0F50, 0x1B0F69},   {0x1A004C0, 0x1A004C7},
-                                 {0x1B0CE2, 0x1B0CE6}, {0x1900000, 0x1900002}, {0x1A00440, 0x1A00446}};
 constexpr uint32_t MAILBOXES[] = {CLIENT, OTHER_CLIENT, STRANGER, IEPCSI, PMI, EMI, FMI, AASI};
 
 class TracingOff : public Story, public ::testing::WithParamInterface<unsigned>
@@ -40,9 +34,9 @@ protected:
     // Every word is small, or that of a message before, so that it may well mean something.
     void anything_from_anybody()
     {
-        const numbers &protocol = PROTOCOLS[pick(std::size(PROTOCOLS))];
+        const message_windows::window &protocol = message_windows::EVERY[pick(std::size(message_windows::EVERY))];
         Builder b;
-        b.u32(protocol.first + pick(protocol.last - protocol.first + 1));
+        b.u32(protocol.number(pick(protocol.room)));
         for (uint32_t words = pick(40); words > 0; --words) {
             const uint32_t word = pick(8) == 0 ? 100 * (1 + pick(5)) : pick(4);
             pick(2) == 0 ? b.n32(word) : b.u32(word);
@@ -53,7 +47,7 @@ protected:
 
     void client_asks()
     {
-        static const std::vector<std::string> PORTS = {"IDL_A1", "IDL_B1", "TN_A", "IDL_C1"};
+        static const std::vector<std::string> PORTS = {"IDL_A1", "IDL_B1", "TN_A", nobody::PORT};
         const uint32_t session = 1 + pick(3);
         const uint32_t client = pick(8) == 0 ? STRANGER : session == 2 ? OTHER_CLIENT : CLIENT;
         const uint32_t ref = next_ref++;

@@ -4,6 +4,8 @@
 #include <cctype>
 #include <cstdlib>
 
+#include "port_names.hpp"
+
 namespace vornctl
 {
 
@@ -55,8 +57,13 @@ unsigned number_word(const std::string &word, unsigned least, unsigned most, con
 
 const std::vector<std::string> &port_names()
 {
-    static const std::vector<std::string> names = {"IDL_A1", "IDL_A2", "IDL_B1", "IDL_B2",
-                                                   "TN_A",   "TN_B",   "TN_C",   "TN_D"};
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> all;
+        for (const auto &port : PORT_NAMES) {
+            all.emplace_back(port.iemli);
+        }
+        return all;
+    }();
     return names;
 }
 

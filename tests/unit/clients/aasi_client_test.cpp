@@ -338,8 +338,10 @@ TEST_F(AasiClient, IsFaultyWhenItSaysSoOnlyAfterAForeignSid)
     }
 }
 
+// With the one reason that there is, and with one that there is not.
 TEST_F(AasiClient, UnsubscribesAtAReject)
 {
+    ASSERT_EQ(CLIENT_TEST_ENTRIES(AASI_REJECT_REASONS), 1U);
     client_.enter(1);
     EXPECT_TRUE(client_.receive(message(0x1A004C1).n32(0)));
     EXPECT_EQ(fake::calls(), (std::vector<std::string>{"ns_unsubscribe(4,65537)"}));

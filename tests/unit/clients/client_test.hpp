@@ -81,8 +81,10 @@ inline std::string with_state(const std::string &format, const char *state)
     return at == std::string::npos ? format : format.substr(0, at) + state + format.substr(at + 2);
 }
 
-// Of a list of messages the numbers.
+// Of a list of messages the numbers, and of any list how many entries it has.
 #define CLIENT_TEST_NUMBER(number, ...) number,
+#define CLIENT_TEST_ONE_MORE(...) +1
+#define CLIENT_TEST_ENTRIES(LIST) (size_t{0} LIST(CLIENT_TEST_ONE_MORE))
 
 struct Client {
     void (*init)(client_event_handler);

@@ -266,7 +266,8 @@ TEST_F(EmiClient, TracesWithEveryRejectItsReason)
                            "EMI_REJ_UNKNOWN_PORT_NAME",
                            "EMI_REJ_MAX_NUM_ENDPOINTS_REACHED",
                            "UNKNOWN_REJECT_REASON"};
-    for (uint32_t reason = 0; reason < 8; ++reason) {
+    ASSERT_EQ(std::size(texts), 2 + CLIENT_TEST_ENTRIES(EMI_REJECT_REASONS));
+    for (uint32_t reason = 0; reason < std::size(texts); ++reason) {
         client_.enter(3);
         EXPECT_TRUE(client_.receive(message(0x1B10C8).n32(reason)));
         EXPECT_TRUE(client_.receive(message(0x1B10CB).n32(reason)));

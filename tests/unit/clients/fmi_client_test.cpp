@@ -168,8 +168,9 @@ TEST_F(FmiClient, TracesWithEveryRejectItsErrorCode)
                            "FMI_ERROR_ACL_UNKNOWN_ACTION", "FMI_ERROR_ACL_UNKNOWN_STATIC_RULE",
                            "FMI_ERROR_ACL_INVALID_ARGS",   "FMI_ERROR_ACL_NOT_READY",
                            "FMI_ERROR_MAX_NO_OF_CLIENTS",  "UNKNOWN_REJECT_REASON"};
+    ASSERT_EQ(std::size(texts), 2 + CLIENT_TEST_ENTRIES(FMI_REJECT_REASONS));
     client_.enter(3);
-    for (uint32_t code = 0; code < 10; ++code) {
+    for (uint32_t code = 0; code < std::size(texts); ++code) {
         EXPECT_TRUE(client_.receive(message(0x1B0F52).n32(code)));
         EXPECT_TRUE(client_.receive(message(0x1B0F55).n32(code)));
         EXPECT_TRUE(fake::traced(17, std::string("FMI_CONN_ESTABLISH_REJ: connection_ref =85, procedure_ref=0x21, "

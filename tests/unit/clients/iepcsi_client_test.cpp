@@ -219,9 +219,10 @@ TEST_F(IepcsiClient, TracesWithEveryRejectItsReason)
     const std::vector<std::pair<uint32_t, std::string>> rejects = {{0x1B1045, "IEPCSI_INIT_SERVICE_REJ"},
                                                                    {0x1B104A, "IEPCSI_GET_ETH_PORT_SUPPORT_REJ"},
                                                                    {0x1B1052, "IEPCSI_SUBSCRIBE_ETH_PORT_STATUS_REJ"}};
+    ASSERT_EQ(std::size(texts), 1 + CLIENT_TEST_ENTRIES(IEPCSI_REJECT_REASONS));
     client_.enter(3);
     for (const auto &[number, name] : rejects) {
-        for (uint32_t reason = 0; reason < 9; ++reason) {
+        for (uint32_t reason = 0; reason < std::size(texts); ++reason) {
             EXPECT_TRUE(client_.receive(message(number, 0x1F, 9).n32(reason)));
             EXPECT_TRUE(fake::traced(17, name + ": connection_ref =9, procedure_ref=0x1f, reason=" + texts[reason]));
         }

@@ -224,6 +224,7 @@ TEST_F(PmiClient, TracesWithEveryRejectItsReason)
     const std::vector<std::pair<uint32_t, std::string>> reasons = {
         {0, "PMI_REJ_INTERNAL_REASON"},   {1, "PMI_REJ_SERVICE_INVALID_PV"}, {2, "PMI_REJ_INVALID_RESOURCE"},
         {3, "PMI_REJ_INVALID_PORTSTATE"}, {4, "PMI_REJ_NOT_ALLOWED"},        {5, "UNKNOWN_REJECT_REASON"}};
+    ASSERT_EQ(reasons.size(), 1 + CLIENT_TEST_ENTRIES(PMI_REJECT_REASONS));
     const std::vector<std::pair<uint32_t, std::string>> rejects = {{0x1B1005, "PMI_CONN_ESTABLISH_REJ"},
                                                                    {0x1B1008, "PMI_GET_CAPABILITY_REJ"},
                                                                    {0x1B100B, "PMI_ENABLE_PORT_VLAN_REJ"},

@@ -1,4 +1,6 @@
 // Names, sizes, and what goes out for every answer: the exact bytes and the exact trace.
+#include <map>
+
 #include <gmock/gmock.h>
 
 #include "iemli/iemli_send.hpp"
@@ -55,37 +57,33 @@ TEST_F(IemliMessages, AreUnknownOutsideTheRange)
     }
 }
 
-TEST_F(IemliMessages, RejectReasonsAreTheirNames)
+TEST_F(IemliMessages, RejectReasonsAreTheirNamesAndAllOthersAreUnknown)
 {
-    const std::vector<std::pair<uint32_t, const char *>> names = {{0, "IEMLI_REJ_SERVICE_NOT_INITIATED"},
-                                                                  {1, "IEMLI_REJ_SERVICE_INITIATED"},
-                                                                  {2, "IEMLI_REJ_SERVICE_INVALID_PV"},
-                                                                  {3, "IEMLI_REJ_UNKNOWN_LINK_REF"},
-                                                                  {4, "IEMLI_REJ_UNKNOWN_PORT_NAME"},
-                                                                  {5, "IEMLI_REJ_PORT_ALREADY_USED"},
-                                                                  {6, "IEMLI_REJ_LINK_ALREADY_CREATED"},
-                                                                  {7, "IEMLI_REJ_INVALID_VLAN_ID"},
-                                                                  {8, "IEMLI_REJ_LINK_DATA_NO_CHANGE"},
-                                                                  {9, "IEMLI_REJ_MP_ID_NOT_READY"},
-                                                                  {11, "IEMLI_REJ_REMOTE_CPM_MAC_CONFLICT"},
-                                                                  {12, "IEMLI_REJ_SAME_CPM_APP_MAC"},
-                                                                  {13, "IEMLI_REJ_SAME_SRC_DST_APP_MAC"},
-                                                                  {14, "IEMLI_REJ_APP_LINK_ALREADY_USED"},
-                                                                  {15, "IEMLI_REJ_DUPLICATE_APP_LINKS"},
-                                                                  {16, "IEMLI_REJ_PORT_NOT_RESERVED"},
-                                                                  {17, "IEMLI_REJ_INVALID_RTT_CONFIG_PARAM"},
-                                                                  {18, "IEMLI_REJ_RTT_ALREADY_ENABLED"},
-                                                                  {99, "IEMLI_REJ_OTHER_REASON"}};
-    for (const auto &[reason, name] : names) {
-        EXPECT_STREQ(iemli_rej_reason_to_string(reason), name);
+    const std::map<uint32_t, const char *> names = {{0, "IEMLI_REJ_SERVICE_NOT_INITIATED"},
+                                                    {1, "IEMLI_REJ_SERVICE_INITIATED"},
+                                                    {2, "IEMLI_REJ_SERVICE_INVALID_PV"},
+                                                    {3, "IEMLI_REJ_UNKNOWN_LINK_REF"},
+                                                    {4, "IEMLI_REJ_UNKNOWN_PORT_NAME"},
+                                                    {5, "IEMLI_REJ_PORT_ALREADY_USED"},
+                                                    {6, "IEMLI_REJ_LINK_ALREADY_CREATED"},
+                                                    {7, "IEMLI_REJ_INVALID_VLAN_ID"},
+                                                    {8, "IEMLI_REJ_LINK_DATA_NO_CHANGE"},
+                                                    {9, "IEMLI_REJ_MP_ID_NOT_READY"},
+                                                    {11, "IEMLI_REJ_REMOTE_CPM_MAC_CONFLICT"},
+                                                    {12, "IEMLI_REJ_SAME_CPM_APP_MAC"},
+                                                    {13, "IEMLI_REJ_SAME_SRC_DST_APP_MAC"},
+                                                    {14, "IEMLI_REJ_APP_LINK_ALREADY_USED"},
+                                                    {15, "IEMLI_REJ_DUPLICATE_APP_LINKS"},
+                                                    {16, "IEMLI_REJ_PORT_NOT_RESERVED"},
+                                                    {17, "IEMLI_REJ_INVALID_RTT_CONFIG_PARAM"},
+                                                    {18, "IEMLI_REJ_RTT_ALREADY_ENABLED"},
+                                                    {99, "IEMLI_REJ_OTHER_REASON"}};
+    for (uint32_t reason = 0; reason < 1000; ++reason) {
+        const auto found = names.find(reason);
+        EXPECT_STREQ(iemli_rej_reason_to_string(reason),
+                     found != names.end() ? found->second : "UNKNOWN REJECT REASON");
     }
-}
-
-TEST_F(IemliMessages, RejectReasonsWithoutANameAreUnknown)
-{
-    for (const uint32_t reason : {10U, 19U, 98U, 100U, 0xFFFFFFFFU}) {
-        EXPECT_STREQ(iemli_rej_reason_to_string(reason), "UNKNOWN REJECT REASON");
-    }
+    EXPECT_STREQ(iemli_rej_reason_to_string(0xFFFFFFFF), "UNKNOWN REJECT REASON");
 }
 
 TEST_F(IemliMessages, ReturnCodesAreTheirNames)

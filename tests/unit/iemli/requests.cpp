@@ -4,6 +4,7 @@
 #include "iemli/iemli_checks.hpp"
 #include "iemli/iemli_handlers.hpp"
 #include "neighbours.hpp"
+#include "support/nobody.hpp"
 
 namespace
 {
@@ -210,7 +211,7 @@ TEST_F(IemliCreate, ChecksAppLinksInOrder)
 
 TEST_F(IemliCreate, NeedsAKnownPort)
 {
-    expect_rejected({.port = "IDL_C1"}, 4, "IEMLI_REJ_UNKNOWN_PORT_NAME");
+    expect_rejected({.port = nobody::PORT}, 4, "IEMLI_REJ_UNKNOWN_PORT_NAME");
     expect_rejected({.port = "IDLA1"}, 4, "IEMLI_REJ_UNKNOWN_PORT_NAME");
     expect_rejected({.port = ""}, 4, "IEMLI_REJ_UNKNOWN_PORT_NAME");
     expect_accepted({.port = "TN_D"});

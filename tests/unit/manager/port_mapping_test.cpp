@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include "support/daemon.hpp"
+#include "support/nobody.hpp"
 
 namespace
 {
@@ -40,7 +41,7 @@ TEST_F(PortMapping, KnowsEveryPortUnderItsThreeNames)
 
 TEST_F(PortMapping, MapsAnUnknownNameToNoPort)
 {
-    for (const char *name : {"IDL_C1", "idl_a1", "", "IDL_A1 ", "TN_E", "eth0"}) {
+    for (const char *name : {nobody::PORT, "idl_a1", "", "IDL_A1 ", "TN_E", "eth0"}) {
         EXPECT_STREQ(iemli_to_iepcsi_port_name(name), "INVALID_PORT") << name;
         EXPECT_STREQ(iepcsi_to_iemli_port_name(name), "INVALID_PORT") << name;
     }

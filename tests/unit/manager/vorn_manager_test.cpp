@@ -6,6 +6,7 @@
 
 #include "base/daemon_state.hpp"
 #include "support/daemon.hpp"
+#include "support/message_windows.hpp"
 
 namespace
 {
@@ -137,7 +138,8 @@ TEST_F(VornManager, OffersAMessageToEveryDispatcherInOrderAlsoWhenOneHasTakenIt)
     itc_free(&msg);
 }
 
-// Every number of a protocol's range, and those beside it: too short for anything else than to be claimed or not.
+// Every number where those of a protocol lie, and those beside it: too short for anything else than to be claimed or
+// not.
 TEST_F(VornManager, ClaimsTheNumbersOfItsProtocolsAndNoOther)
 {
     const std::set<uint32_t> claimed = {
@@ -148,13 +150,9 @@ TEST_F(VornManager, ClaimsTheNumbersOfItsProtocolsAndNoOther)
         0x1B10C8,  0x1B10CA,  0x1B10CB,  0x1B0F51,  0x1B0F52,  0x1B0F54,  0x1B0F55,  0x1B0F56,  0x1B0F57, 0x1900000,
         0x1900001, 0x1900002, 0x1A004C0, 0x1A004C1, 0x1A004C4, 0x1A004C5, 0x1A004C6, 0x1A004C7, 0x1B0CE6,
     };
-    const std::pair<uint32_t, uint32_t> ranges[] = {
-        {0x1B0CE0, 0x1B0CE8}, {0x1B0DFF, 0x1B0E1A},   {0x1B0F4F, 0x1B0F6A},   {0x1B1000, 0x1B1069},
-        {0x1B10BF, 0x1B10CC}, {0x18FFFFF, 0x1900003}, {0x1A0043F, 0x1A004C8},
-    };
     std::set<uint32_t> found;
-    for (const auto &[first, last] : ranges) {
-        for (uint32_t msgno = first; msgno <= last; ++msgno) {
+    for (const message_windows::window &window : message_windows::EVERY) {
+        for (uint32_t msgno = window.first - 1; msgno <= window.first + window.room; ++msgno) {
             fake::traces().clear();
             fake::push(daemon_test::STRANGER, fake::Builder().u32(msgno));
             run();
