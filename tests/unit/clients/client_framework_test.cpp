@@ -139,7 +139,7 @@ TEST_F(ClientFramework, ReportsNoResultForAMessageThatIsRefusedOrIgnored)
                                                  .faulty_event = 0,
                                                  .faulty_state = 1,
                                                  .state_name = nullptr,
-                                                 .message_name = nullptr,
+                                                 .message_name = [](uint32_t) { return "SEVEN"; },
                                                  .steps = STEPS,
                                                  .step_count = std::size(STEPS)};
     const auto raised_by = [](client_verdict wanted) {
