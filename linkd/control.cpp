@@ -25,8 +25,14 @@ using nlohmann::json;
 
 constexpr int VERSION = 1;
 constexpr size_t LONGEST_LINE = size_t{512} * 1024;
+constexpr size_t LONGEST_ID = 128; // a follower's is kept, and told with each event
 constexpr size_t MOST_CLIENTS = 64;
+constexpr size_t MOST_CLIENTS_BUT_OWN = 56;   // the others are for root and this program's user
+constexpr size_t MOST_READERS = 48;           // and of these the others for those who may change something
 constexpr size_t MOST_CLIENTS_OF_A_USER = 24; // but root's
+// So much is done before the loop goes on with other things: lines, and about how long.
+constexpr size_t LINES_IN_A_TURN = 64;
+constexpr int64_t TURN_US = 5000;
 // A client with so much to take is not read.
 constexpr size_t MUCH_TO_TAKE = size_t{256} * 1024;
 constexpr size_t EVENTS_AT_ONCE = 500;
@@ -106,6 +112,36 @@ uint64_t number_in(const json &request, const char *member, uint64_t otherwise, 
     return std::min(found->get<uint64_t>(), most);
 }
 
+// Ids are the history's, which has room for half of all numbers.
+uint64_t id_in(const json &request, const char *member, uint64_t otherwise)
+{
+    const uint64_t id = number_in(request, member, otherwise, UINT64_MAX);
+    if (id > INT64_MAX) {
+        refuse("bad_request", std::string("\"") + member + "\" is above all ids (9223372036854775807)");
+    }
+    return id;
+}
+
+// Which members of links are asked for: all, where nothing is said of it.
+link_members members_in(const json &request)
+{
+    const auto found = request.find("members");
+    if (found == request.end()) {
+        return ALL_MEMBERS;
+    }
+    link_members wanted = 0;
+    if (!found->is_array()) {
+        refuse("bad_request", "\"members\" must be an array of names");
+    }
+    for (const json &name : *found) {
+        if (!name.is_string()) {
+            refuse("bad_request", "\"members\" must be an array of names");
+        }
+        wanted |= member_bit(name.get_ref<const std::string &>());
+    }
+    return wanted;
+}
+
 bool flag_in(const json &request, const char *member)
 {
     const auto found = request.find(member);
@@ -139,6 +175,8 @@ void control::stop()
     while (!clients_.empty()) {
         drop(clients_.begin());
     }
+    turns_.cancel(std::exchange(turn_, 0));
+    turns_.cancel(std::exchange(pause_, 0));
     if (listening_ >= 0) {
         turns_.forget(listening_);
         close(listening_);
@@ -147,9 +185,11 @@ void control::stop()
     }
 }
 
-// Whoever can reach the socket may connect; what he may is told by who he is.
+// Whoever can reach the socket may connect; what he may is told by who he is. The mode is the file's own: the mask of
+// this process is that of its other threads, too.
 void control::listen(const std::string &path, const control_groups &groups)
 {
+    constexpr mode_t FOR_ALL = 0666;
     readers_ = group_of(groups.readers);
     writers_ = group_of(groups.writers);
     sockaddr_un address{};
@@ -160,12 +200,10 @@ void control::listen(const std::string &path, const control_groups &groups)
     memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     (void)unlink(path.c_str());
-    const mode_t mask = umask(0);
     const bool bound = fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-                       ::listen(fd, SOMAXCONN) == 0;
-    const int error = errno;
-    umask(mask);
+                       chmod(path.c_str(), FOR_ALL) == 0 && ::listen(fd, SOMAXCONN) == 0;
     if (!bound) {
+        const int error = errno;
         if (fd >= 0) {
             close(fd);
         }
@@ -182,6 +220,9 @@ void control::on_listen()
 {
     const int fd = accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            pause_listening(); // whoever wants in stays in the queue, of which epoll would tell again and again
+        }
         return;
     }
     ucred peer{};
@@ -189,32 +230,58 @@ void control::on_listen()
     (void)getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
     const auto groups = groups_of_peer(fd, peer.gid);
     const bool own = peer.uid == 0 || peer.uid == geteuid();
-    const bool writes = own || is_in(groups, writers_);
-    const auto of_user =
-        std::count_if(clients_.begin(), clients_.end(), [&](const client &each) { return each.user == peer.uid; });
     const auto who = clients_.insert(clients_.end(), client{});
     who->fd = fd;
     who->user = peer.uid;
-    who->writes = writes;
-    turns_.watch(fd, EPOLLIN, [this, who](uint32_t events) { on_client(who, events); });
-    if (!writes && !is_in(groups, readers_)) {
-        who->out +=
-            line_of({{"v", VERSION},
-                     {"id", nullptr},
-                     {"ok", false},
-                     {"error", {{"code", "not_allowed"}, {"text", "only for the groups kap-read and kap-admin"}}}});
-        who->ending = true;
-    } else if (clients_.size() > MOST_CLIENTS ||
-               (peer.uid != 0 && of_user >= static_cast<ptrdiff_t>(MOST_CLIENTS_OF_A_USER))) {
-        who->out += line_of({{"v", VERSION},
-                             {"id", nullptr},
-                             {"ok", false},
-                             {"error", {{"code", "busy"}, {"text", "too many are connected"}}}});
-        who->ending = true;
+    who->writes = own || is_in(groups, writers_);
+    try {
+        turns_.watch(fd, EPOLLIN, [this, who](uint32_t events) { on_client(who, events); });
+    } catch (const std::runtime_error &) {
+        close(fd);
+        clients_.erase(who);
+        return;
     }
-    if (who->ending) {
-        (void)write(*who);
-        drop(who);
+    take_place(who, own, is_in(groups, readers_));
+}
+
+void control::take_place(client_at who, bool own, bool reads)
+{
+    const size_t most = own ? MOST_CLIENTS : who->writes ? MOST_CLIENTS_BUT_OWN : MOST_READERS;
+    const auto of_user =
+        std::count_if(clients_.begin(), clients_.end(), [&](const client &each) { return each.user == who->user; });
+    json error;
+    if (!who->writes && !reads) {
+        error = error_of("not_allowed", "only for the groups kap-read and kap-admin");
+    } else if (clients_.size() > most || (who->user != 0 && of_user > static_cast<ptrdiff_t>(MOST_CLIENTS_OF_A_USER))) {
+        error = error_of("busy", "too many are connected");
+    } else {
+        return;
+    }
+    error["v"] = VERSION;
+    error["id"] = nullptr;
+    who->out += line_of(error);
+    (void)write(*who);
+    drop(who);
+}
+
+void control::pause_listening()
+{
+    constexpr int64_t PAUSE_MS = 1000;
+    turns_.change(listening_, 0);
+    if (pause_ == 0) {
+        pause_ = turns_.after(PAUSE_MS, [this] {
+            pause_ = 0;
+            turns_.change(listening_, EPOLLIN);
+        });
+    }
+}
+
+void control::listen_again()
+{
+    if (pause_ != 0) {
+        turns_.cancel(pause_);
+        pause_ = 0;
+        turns_.change(listening_, EPOLLIN);
     }
 }
 
@@ -222,7 +289,11 @@ void control::drop(client_at who)
 {
     turns_.forget(who->fd);
     close(who->fd);
+    if (who->queued) {
+        queue_.erase(std::find(queue_.begin(), queue_.end(), who));
+    }
     clients_.erase(who);
+    listen_again();
 }
 
 // False: nothing more will come, or it broke.
@@ -234,6 +305,9 @@ bool control::read(client &who)
         return errno == EAGAIN || errno == EINTR;
     }
     who.reads_closed = n == 0;
+    who.in.erase(0, who.taken);
+    who.looked -= who.taken;
+    who.taken = 0;
     who.in.append(room.data(), static_cast<size_t>(n));
     return true;
 }
@@ -254,68 +328,116 @@ bool control::write(client &who)
     return true;
 }
 
+// It is not read while a line of it waits: what it has in memory is one line and what came with it.
 void control::watch(client &who)
 {
     const bool has_output = who.sent < who.out.size();
-    const bool reads = !who.reads_closed && !who.ending && who.out.size() - who.sent < MUCH_TO_TAKE;
+    const bool reads = !who.reads_closed && !who.ending && has_room(who) && !has_line(who);
     turns_.change(who.fd, (reads ? uint32_t{EPOLLIN} : 0U) | (has_output ? uint32_t{EPOLLOUT} : 0U));
 }
 
 void control::on_client(client_at who, uint32_t events)
 {
-    bool alive = (events & EPOLLERR) == 0;
+    bool alive = (events & (EPOLLERR | EPOLLHUP)) == 0;
     if (alive && (events & EPOLLIN) != 0) {
         alive = read(*who);
-    }
-    if (alive) {
-        take_lines(*who);
-        alive = write(*who);
-        if (alive) {
-            tell_past(*who);
-            alive = write(*who);
-        }
-        // What was held back while much was to be taken is taken up when it was.
-        if (alive && who->out.empty()) {
-            take_lines(*who);
-            alive = write(*who);
+        if (alive && !has_line(*who) && who->in.size() > LONGEST_LINE) {
+            refuse_long_line(*who);
         }
     }
-    const bool hung_up = (events & EPOLLHUP) != 0;
-    const bool over = who->out.empty() && (who->ending || (who->reads_closed && !who->follows));
-    if (!alive || hung_up || over) {
+    if (!alive) {
         drop(who);
         return;
     }
+    settle(who);
+}
+
+// ---- Turns ---------------------------------------------------------------------------------------------------------
+
+bool control::has_room(const client &who) { return who.out.size() - who.sent < MUCH_TO_TAKE; }
+
+bool control::has_line(client &who)
+{
+    const size_t end = who.in.find('\n', who.looked);
+    who.looked = end == std::string::npos ? who.in.size() : end;
+    return end != std::string::npos;
+}
+
+// What is not done for want of room is done when the client has taken what there is: epoll tells of that.
+bool control::has_work(client &who)
+{
+    return !who.ending && has_room(who) && (has_line(who) || (who.follows && !who.follows->live));
+}
+
+void control::go_on(client_at who)
+{
+    if (who->queued || !has_work(*who)) {
+        return;
+    }
+    who->queued = true;
+    queue_.push_back(who);
+    if (turn_ == 0) {
+        turn_ = turns_.after(0, [this] { serve_queue(); });
+    }
+}
+
+void control::serve_queue()
+{
+    const int64_t end = boot_us() + TURN_US;
+    for (size_t done = 0; !queue_.empty() && done < LINES_IN_A_TURN && (done == 0 || boot_us() < end); done++) {
+        const client_at who = queue_.front();
+        queue_.pop_front();
+        who->queued = false;
+        do_next(*who);
+        settle(who);
+    }
+    turn_ = queue_.empty() ? 0 : turns_.after(0, [this] { serve_queue(); });
+}
+
+void control::do_next(client &who)
+{
+    if (!has_line(who)) {
+        tell_past(who);
+        return;
+    }
+    const std::string line = who.in.substr(who.taken, who.looked - who.taken);
+    who.looked++;
+    who.taken = who.looked;
+    if (line.size() > LONGEST_LINE) {
+        refuse_long_line(who);
+    } else {
+        answer(who, line);
+    }
+}
+
+// Hands on what can be handed on, and sees to what comes next: its turn, its end, or what epoll tells.
+void control::settle(client_at who)
+{
+    if (!write(*who)) {
+        drop(who);
+        return;
+    }
+    // One that has closed its side while it follows has gone: nobody tells otherwise.
+    if (who->reads_closed && !has_line(*who)) {
+        who->follows.reset();
+    }
+    if (who->out.empty() && (who->ending || (who->reads_closed && !has_line(*who)))) {
+        drop(who);
+        return;
+    }
+    go_on(who);
     watch(*who);
 }
 
-// One that has closed its side while it follows has gone: nobody tells otherwise.
-void control::take_lines(client &who)
+void control::refuse_long_line(client &who)
 {
-    size_t taken = 0;
-    while (!who.ending && who.out.size() - who.sent < MUCH_TO_TAKE) {
-        const size_t end = who.in.find('\n', std::max(taken, who.looked));
-        if (end == std::string::npos) {
-            who.looked = who.in.size();
-            break;
-        }
-        answer(who, who.in.substr(taken, end - taken));
-        taken = end + 1;
-    }
-    who.in.erase(0, taken);
-    who.looked = who.looked > taken ? who.looked - taken : 0;
-    if (who.in.size() > LONGEST_LINE && who.looked == who.in.size()) {
-        json error = error_of("bad_request", "a line is longer than " + std::to_string(LONGEST_LINE) + " bytes");
-        error["v"] = VERSION;
-        error["id"] = nullptr;
-        who.out += line_of(error);
-        who.ending = true;
-        who.in.clear();
-        who.looked = 0;
-    }
-    if (who.reads_closed) {
-        who.follows.reset();
-    }
+    json error = error_of("bad_request", "a line is longer than " + std::to_string(LONGEST_LINE) + " bytes");
+    error["v"] = VERSION;
+    error["id"] = nullptr;
+    who.out += line_of(error);
+    who.ending = true;
+    who.in.clear();
+    who.taken = who.looked = 0;
 }
 
 void control::answer(client &who, const std::string &line)
@@ -331,12 +453,16 @@ void control::answer(client &who, const std::string &line)
             refuse("bad_request", "a line must be a JSON object");
         }
         id = request.value("id", json());
-        if (id.is_structured()) {
+        if (id.is_structured() || (id.is_string() && id.get_ref<const std::string &>().size() > LONGEST_ID)) {
             id = nullptr;
-            refuse("bad_request", "\"id\" must be a number or a text");
+            refuse("bad_request", "\"id\" must be a number or a text of at most 128 bytes");
         }
         if (request.contains("v") && request["v"] != VERSION) {
             refuse("bad_request", "version 1 is spoken here");
+        }
+        if (text_in(request, "op", true) == "links") { // the one answer that is large: written, not built
+            who.out += links_line(request, id);
+            return;
         }
         out = respond(who, request);
         out["ok"] = true;
@@ -356,17 +482,12 @@ json control::respond(client &who, const json &request)
     if (is_writing(op) && !who.writes) {
         refuse("not_allowed", "\"" + op + "\" is for root and the group kap-admin");
     }
-    const std::pair<const char *, std::function<json()>> ops[] = {{"links", [&] { return links(); }},
-                                                                  {"link", [&] { return one_link(request); }},
-                                                                  {"status", [&] { return status(); }},
-                                                                  {"add", [&] { return add(request); }},
-                                                                  {"set", [&] { return set(request); }},
-                                                                  {"delete", [&] { return remove(request); }},
-                                                                  {"reload", [&] { return reload(); }},
-                                                                  {"rtt", [&] { return measure(request); }},
-                                                                  {"events", [&] { return events(who, request); }},
-                                                                  {"history", [&] { return history(request); }},
-                                                                  {"samples", [&] { return samples(request); }}};
+    const std::pair<const char *, std::function<json()>> ops[] = {
+        {"link", [&] { return one_link(request); }},   {"status", [&] { return status(); }},
+        {"add", [&] { return add(request); }},         {"set", [&] { return set(request); }},
+        {"delete", [&] { return remove(request); }},   {"reload", [&] { return reload(); }},
+        {"rtt", [&] { return measure(request); }},     {"events", [&] { return events(who, request); }},
+        {"history", [&] { return history(request); }}, {"samples", [&] { return samples(request); }}};
     for (const auto &[name, run] : ops) {
         if (op == name) {
             return run();
@@ -383,13 +504,19 @@ link_view control::full(link_view view)
     return view;
 }
 
-json control::links()
+std::string control::links_line(const json &request, const json &id)
 {
-    json all = json::array();
+    const link_members wanted = members_in(request);
+    std::string line = R"({"id":)" + id.dump(-1, ' ', false, json::error_handler_t::replace) + R"(,"links":[)";
+    const char *separator = "";
     for (link_view &view : keeper_.views({boot_us(), real_us()})) {
-        all.push_back(json_of(full(std::move(view))));
+        line += std::exchange(separator, ",");
+        if ((wanted & member_bit("flaps_today")) != 0) {
+            view = full(std::move(view));
+        }
+        append_json(line, view, wanted);
     }
-    return {{"links", std::move(all)}};
+    return line + R"(],"ok":true,"v":)" + std::to_string(VERSION) + "}\n";
 }
 
 json control::one_link(const json &request)
@@ -528,28 +655,55 @@ json control::measure(const json &request)
 
 // ---- The past ------------------------------------------------------------------------------------------------------
 
+// Of a name that was never heard of there is no past; of a link that is gone there is.
+void control::expect_known(const std::string &link)
+{
+    if (!keeper_.declared().contains(link) && !past_.knows(link)) {
+        refuse("unknown_link", "there is no link \"" + link + "\", and nothing is known of one");
+    }
+}
+
 json control::events(client &who, const json &request)
 {
-    const uint64_t since = number_in(request, "since", 0, UINT64_MAX);
-    const uint64_t limit = number_in(request, "limit", MOST_EVENTS, MOST_EVENTS);
+    uint64_t since = id_in(request, "since", 0);
+    const uint64_t before = id_in(request, "before", INT64_MAX);
+    const bool newest = request.contains("newest");
+    const uint64_t limit = std::min(number_in(request, "limit", MOST_EVENTS, MOST_EVENTS),
+                                    number_in(request, "newest", MOST_EVENTS, MOST_EVENTS));
     const std::string link = text_in(request, "link", false);
     const bool follow = flag_in(request, "follow");
+    if (!link.empty()) {
+        expect_known(link);
+    }
+    if (follow && request.contains("before")) {
+        refuse("bad_request", "\"before\" does not go with \"follow\"");
+    }
+    if (request.contains("since_us")) {
+        since = std::max(since, past_.last_before(static_cast<int64_t>(number_in(request, "since_us", 0, INT64_MAX))));
+    }
+    // One more than is told says whether there is one.
+    auto found = newest ? past_.latest(since, before, link, limit + 1) : past_.since(since, link, limit + 1);
+    std::erase_if(found, [&](const link_change &change) { return change.id >= before; });
+    const bool more = found.size() > limit;
+    if (more) {
+        found.erase(newest ? found.begin() : found.end() - 1);
+    }
     json list = json::array();
-    uint64_t last = since;
-    for (const link_change &change : past_.since(since, link, limit)) {
-        last = change.id;
+    for (const link_change &change : found) {
         list.push_back(json_of(change));
     }
     if (follow) {
         // Whatever came after those is told out of the past first; of one that follows nothing yet, all is.
+        const uint64_t last = newest ? std::max(since, past_.newest()) : found.empty() ? since : found.back().id;
         who.follows = follower{request.value("id", json()), link, last, false};
     }
-    return {{"events", std::move(list)}};
+    return {{"events", std::move(list)}, {"more", more}};
 }
 
 json control::history(const json &request)
 {
     const std::string name = text_in(request, "name", true);
+    expect_known(name);
     const auto from = static_cast<int64_t>(number_in(request, "from_us", 0, INT64_MAX));
     const auto to = static_cast<int64_t>(number_in(request, "to_us", INT64_MAX, INT64_MAX));
     return past_.history(name, from, to, number_in(request, "limit", MOST_EVENTS, MOST_EVENTS));
@@ -558,6 +712,7 @@ json control::history(const json &request)
 json control::samples(const json &request)
 {
     const std::string name = text_in(request, "name", true);
+    expect_known(name);
     const auto from = static_cast<int64_t>(number_in(request, "from_us", 0, INT64_MAX));
     const auto to = static_cast<int64_t>(number_in(request, "to_us", INT64_MAX, INT64_MAX));
     return {{"samples", past_.samples(name, from, to, number_in(request, "points", 1000, MOST_POINTS))}};
@@ -566,15 +721,16 @@ json control::samples(const json &request)
 // Out of the past as long as the client takes it; from the newest on what comes is told as it comes.
 void control::tell_past(client &who)
 {
-    while (who.follows && !who.follows->live && who.out.size() - who.sent < MUCH_TO_TAKE) {
-        follower &at = *who.follows;
-        const auto more = past_.since(at.told, at.link, EVENTS_AT_ONCE);
-        for (const link_change &change : more) {
-            at.told = change.id;
-            who.out += line_of({{"v", VERSION}, {"id", at.id}, {"event", json_of(change)}});
-        }
-        at.live = more.empty();
+    if (!who.follows || who.follows->live) {
+        return;
     }
+    follower &at = *who.follows;
+    const auto more = past_.since(at.told, at.link, EVENTS_AT_ONCE);
+    for (const link_change &change : more) {
+        at.told = change.id;
+        who.out += line_of({{"v", VERSION}, {"id", at.id}, {"event", json_of(change)}});
+    }
+    at.live = more.empty();
 }
 
 void control::changed(const link_change &change)
@@ -587,7 +743,7 @@ void control::changed(const link_change &change)
         if (!at.link.empty() && at.link != change.link.name) {
             continue;
         }
-        if (who.out.size() - who.sent >= MUCH_TO_TAKE) {
+        if (!has_room(who)) {
             at.live = false;
             continue;
         }

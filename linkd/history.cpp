@@ -278,24 +278,31 @@ std::vector<change_row> link_history::unwritten(int64_t key) const
     return rows;
 }
 
+std::optional<int64_t> link_history::take_unwritten(const std::string &link, std::vector<change_row> &rows) const
+{
+    const std::lock_guard lock(mutex_);
+    int64_t key = 0;
+    if (!link.empty()) {
+        const auto at = records_.find(link);
+        if (at == records_.end()) {
+            return std::nullopt;
+        }
+        key = at->second.row.key;
+    }
+    rows = unwritten(key);
+    return key;
+}
+
 std::vector<link_change> link_history::since(uint64_t since, const std::string &link, size_t limit)
 {
     limit = std::min(limit, CHANGES_AT_MOST);
-    int64_t key = 0;
     std::vector<change_row> newest;
-    {
-        const std::lock_guard lock(mutex_);
-        if (!link.empty()) {
-            const auto at = records_.find(link);
-            if (at == records_.end()) {
-                return {};
-            }
-            key = at->second.row.key;
-        }
-        newest = unwritten(key);
+    const auto key = take_unwritten(link, newest);
+    if (!key) {
+        return {};
     }
     // First what is not written yet was copied: what is written meanwhile is seen twice, not missed.
-    auto found = ask([&](history_store &store) { return store.since(since, key, limit); });
+    auto found = ask([&](history_store &store) { return store.since(since, *key, limit); });
     const uint64_t last = found.empty() ? since : found.back().id;
     for (change_row &row : newest) {
         if (row.change.id > last && found.size() < limit) {
@@ -305,10 +312,49 @@ std::vector<link_change> link_history::since(uint64_t since, const std::string &
     return found;
 }
 
+std::vector<link_change> link_history::latest(uint64_t since, uint64_t before, const std::string &link, size_t limit)
+{
+    limit = std::min(limit, CHANGES_AT_MOST);
+    std::vector<change_row> newest;
+    const auto key = take_unwritten(link, newest);
+    if (!key) {
+        return {};
+    }
+    auto found = ask([&](history_store &store) { return store.latest(since, before, *key, limit); });
+    const uint64_t last = found.empty() ? since : found.back().id;
+    for (change_row &row : newest) {
+        if (row.change.id > last && row.change.id < before) {
+            found.push_back(std::move(row.change));
+        }
+    }
+    (void)keep_newest(found, limit);
+    return found;
+}
+
 uint64_t link_history::newest()
 {
     const std::lock_guard lock(mutex_);
     return last_;
+}
+
+uint64_t link_history::last_before(int64_t at_us)
+{
+    std::vector<change_row> newest;
+    (void)take_unwritten("", newest);
+    uint64_t last = this->newest();
+    for (const change_row &row : newest) {
+        if (row.change.at_us >= at_us) {
+            last = std::min(last, row.change.id - 1);
+        }
+    }
+    const auto written = ask([&](history_store &store) { return store.first_from(at_us); });
+    return written ? std::min(last, *written - 1) : last;
+}
+
+bool link_history::knows(const std::string &link)
+{
+    const std::lock_guard lock(mutex_);
+    return records_.find(link) != records_.end();
 }
 
 uint64_t link_history::flaps_today(const std::string &link)

@@ -57,7 +57,10 @@ public:
 
     void number(link_change &change) override;
     std::vector<link_change> since(uint64_t since, const std::string &link, size_t limit) override;
+    std::vector<link_change> latest(uint64_t since, uint64_t before, const std::string &link, size_t limit) override;
     uint64_t newest() override;
+    uint64_t last_before(int64_t at_us) override;
+    bool knows(const std::string &link) override;
     nlohmann::json history(const std::string &link, int64_t from_us, int64_t to_us, size_t limit) override;
     nlohmann::json samples(const std::string &link, int64_t from_us, int64_t to_us, size_t points) override;
     uint64_t flaps_today(const std::string &link) override;
@@ -93,6 +96,8 @@ private:
     sums sums_now(const record &of, int64_t now_us) const;
     nlohmann::json availability(const record &of, const std::vector<span_row> &unwritten, int64_t now_us);
     std::vector<change_row> unwritten(int64_t key) const;
+    // Of that link, or of all (""), what is not written yet. Gives its key, 0 for all; nothing: there is no such link.
+    std::optional<int64_t> take_unwritten(const std::string &link, std::vector<change_row> &rows) const;
 
     // The writer's.
     void write_loop();

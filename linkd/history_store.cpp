@@ -30,6 +30,7 @@ CREATE TABLE IF NOT EXISTS changes(id INTEGER PRIMARY KEY, link INTEGER NOT NULL
   known TEXT NOT NULL, flap INTEGER NOT NULL);
 CREATE INDEX IF NOT EXISTS changes_of_link ON changes(link);
 CREATE INDEX IF NOT EXISTS changes_by_time ON changes(link, at_us);
+CREATE INDEX IF NOT EXISTS changes_by_clock ON changes(at_us);
 CREATE INDEX IF NOT EXISTS flaps_by_time ON changes(link, at_us) WHERE flap;
 CREATE TABLE IF NOT EXISTS spans(link INTEGER NOT NULL, until_us INTEGER NOT NULL, since_us INTEGER NOT NULL,
   state INTEGER NOT NULL, enabled_us INTEGER NOT NULL, watched_us INTEGER NOT NULL,
@@ -337,6 +338,9 @@ uint64_t history_store::newest_change() { return static_cast<uint64_t>(number("S
 namespace
 {
 
+// Ids are SQLite's numbers; above them there is none.
+int64_t id_of(uint64_t id) { return static_cast<int64_t>(std::min<uint64_t>(id, INT64_MAX)); }
+
 template <typename STATEMENT> std::vector<link_change> changes_of(STATEMENT &from)
 {
     std::vector<link_change> found;
@@ -371,8 +375,45 @@ std::vector<link_change> history_store::since(uint64_t since, int64_t key, size_
     if (key != 0) {
         from.bind(key);
     }
-    from.bind(static_cast<int64_t>(since)).bind(static_cast<int64_t>(limit));
+    from.bind(id_of(since)).bind(static_cast<int64_t>(limit));
     return changes_of(from);
+}
+
+std::vector<link_change> history_store::latest(uint64_t since, uint64_t before, int64_t key, size_t limit)
+{
+    static const std::string all = std::string(CHANGE_COLUMNS) + "WHERE id > ? AND id < ? ORDER BY id DESC LIMIT ?";
+    static const std::string one =
+        std::string(CHANGE_COLUMNS) + "WHERE link = ? AND id > ? AND id < ? ORDER BY id DESC LIMIT ?";
+    statement &from = prepared(key == 0 ? all.c_str() : one.c_str());
+    if (key != 0) {
+        from.bind(key);
+    }
+    from.bind(id_of(since)).bind(id_of(before)).bind(static_cast<int64_t>(limit));
+    auto found = changes_of(from);
+    std::reverse(found.begin(), found.end());
+    return found;
+}
+
+std::optional<uint64_t> history_store::first_from(int64_t at_us)
+{
+    statement &first = prepared("SELECT id, at_us FROM changes ORDER BY id LIMIT 1");
+    if (first.step()) {
+        const auto id = static_cast<uint64_t>(first.number());
+        const bool all = first.number() >= at_us;
+        (void)first.begin();
+        if (all) {
+            return id;
+        }
+    }
+    // Not by min(id), for which the whole table would be walked: the index has only what is asked for.
+    statement &from = prepared("SELECT id FROM changes WHERE at_us >= ?");
+    from.bind(at_us);
+    std::optional<uint64_t> least;
+    while (from.step()) {
+        const auto id = static_cast<uint64_t>(from.number());
+        least = std::min(least.value_or(id), id);
+    }
+    return least;
 }
 
 history_store::part history_store::between(int64_t key, int64_t from_us, int64_t to_us, size_t limit)

@@ -102,6 +102,10 @@ public:
     std::vector<link_row> links();
     uint64_t newest_change();
     std::vector<link_change> since(uint64_t since, int64_t key, size_t limit); // key 0: all links
+    // The newest of those between two ids, ascending.
+    std::vector<link_change> latest(uint64_t since, uint64_t before, int64_t key, size_t limit);
+    // The least id of the changes from that moment of the clock on.
+    std::optional<uint64_t> first_from(int64_t at_us);
     struct part {
         std::vector<link_change> changes; // the newest `limit` of that time, ascending
         uint64_t flaps = 0;               // of that time

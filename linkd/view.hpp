@@ -5,6 +5,7 @@
 
 #include <array>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 namespace linkd
@@ -48,6 +49,12 @@ struct link_view {
 
 // The member LINK of the control protocol.
 nlohmann::json json_of(const link_view &view);
+
+// The same as text, with those of its members that are wanted: of many links it is written, not built.
+using link_members = uint32_t;
+inline constexpr link_members ALL_MEMBERS = UINT32_MAX;
+link_members member_bit(std::string_view name); // 0: LINK has no such member
+void append_json(std::string &to, const link_view &view, link_members wanted = ALL_MEMBERS);
 
 // What the daemon and its surroundings look like: the answer to "status".
 struct node_view {

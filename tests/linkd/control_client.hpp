@@ -8,7 +8,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -32,18 +34,38 @@ public:
     {
         return send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
     }
+    void send_end() { (void)shutdown(fd_, SHUT_WR); }
+    // Takes lines as quickly as they come, up to so many; gives how many came, each within the patience.
+    uint64_t count_lines(uint64_t most, int patience_ms = 10'000)
+    {
+        static constexpr size_t MUCH = 1 << 20;
+        const auto room = std::make_unique<char[]>(MUCH);
+        uint64_t lines = 0;
+        pollfd wait{fd_, POLLIN, 0};
+        while (lines < most && poll(&wait, 1, patience_ms) == 1) {
+            const ssize_t n = read(fd_, room.get(), MUCH);
+            if (n <= 0) {
+                break;
+            }
+            lines += static_cast<uint64_t>(std::count(room.get(), room.get() + n, '\n'));
+        }
+        return lines;
+    }
     // Nothing: none came in time, or the other side has closed.
     std::optional<nlohmann::json> read_line(int patience_ms = 10'000)
     {
         for (;;) {
-            const size_t end = in_.find('\n');
+            const size_t end = in_.find('\n', looked_);
             if (end != std::string::npos) {
-                const auto line = nlohmann::json::parse(in_.substr(0, end), nullptr, false);
+                auto line =
+                    nlohmann::json::parse(in_.begin(), in_.begin() + static_cast<ptrdiff_t>(end), nullptr, false);
                 in_.erase(0, end + 1);
+                looked_ = 0;
                 return line;
             }
+            looked_ = in_.size();
             pollfd wait{fd_, POLLIN, 0};
-            char room[4096];
+            char room[65536];
             const ssize_t n = poll(&wait, 1, patience_ms) == 1 ? read(fd_, room, sizeof room) : -1;
             if (n <= 0) {
                 closed_ = n == 0;
@@ -70,5 +92,6 @@ private:
     bool connected_ = false;
     bool closed_ = false;
     std::string in_;
+    size_t looked_ = 0; // of in_: there is no end of a line so far
     uint64_t id_ = 0;
 };

@@ -56,6 +56,41 @@ TEST_F(HistoryTest, GivesBackWhatItWasToldWhetherItIsWrittenOrNot)
     }
 }
 
+TEST_F(HistoryTest, FindsTheNewestAndThoseFromAMomentOnWhetherTheyAreWrittenOrNot)
+{
+    auto slow = options();
+    slow.write_every_ms = 3'600'000;
+    for (const int written : {6, 3, 0}) {
+        std::filesystem::remove_all(directory_);
+        std::filesystem::create_directory(directory_);
+        const int64_t start = now().real_us;
+        if (written > 0) {
+            link_history before(options());
+            for (int i = 0; i < written; i++) {
+                pass(SECOND);
+                tell(before, i % 2 == 0 ? "a" : "b", WAITING, ENABLED, SECOND);
+            }
+        }
+        link_history history(slow);
+        for (int i = written; i < 6; i++) {
+            pass(SECOND);
+            tell(history, i % 2 == 0 ? "a" : "b", WAITING, ENABLED, SECOND);
+        }
+        EXPECT_THAT(ids(history.latest(0, INT64_MAX, "", 2)), ElementsAre(5, 6));
+        EXPECT_THAT(ids(history.latest(0, 5, "", 3)), ElementsAre(2, 3, 4));
+        EXPECT_THAT(ids(history.latest(2, 5, "", 3)), ElementsAre(3, 4));
+        EXPECT_THAT(ids(history.latest(0, INT64_MAX, "a", 2)), ElementsAre(3, 5));
+        EXPECT_THAT(ids(history.latest(0, INT64_MAX, "", 100)), ElementsAre(1, 2, 3, 4, 5, 6));
+        EXPECT_TRUE(history.latest(0, INT64_MAX, "no such", 100).empty());
+        EXPECT_EQ(history.last_before(0), 0U);
+        EXPECT_EQ(history.last_before(start + 3 * SECOND), 2U);
+        EXPECT_EQ(history.last_before(start + 3 * SECOND + 1), 3U);
+        EXPECT_EQ(history.last_before(start + HOUR), 6U) << "the newest, where there is none from then on";
+        EXPECT_TRUE(history.knows("a"));
+        EXPECT_FALSE(history.knows("no such"));
+    }
+}
+
 TEST_F(HistoryTest, RemembersEverythingOverARestart)
 {
     {
