@@ -12,7 +12,8 @@ AT_US = 1_795_000_000_000_000
 def link(name, **other):
     facts = {
         "name": name, "port": "IDL_A1", "vlan": 100, "far": "02:00:00:00:00:02", "near_mp": 1, "app_links": [],
-        "rtt": True, "source": "runtime", "file": "", "state": "enabled", "reason": "", "since_us": AT_US,
+        "rtt": {"batch": 5, "interval": 1, "frame_bytes": 64}, "source": "runtime", "file": "",
+        "state": "enabled", "reason": "", "since_us": AT_US,
         "flaps_today": 0, "link_ref": 1, "near_mac": "02:00:00:00:00:01",
         "rtt_us": {"min": 40.12, "avg": 51.5, "max": 60.33}, "results": 10, "lost": 0, "next_try_us": 0,
     }
@@ -117,18 +118,30 @@ class Lines:
     def _result(self, request):
         op = request["op"]
         if op == "links":
-            return {"links": self.links}
+            wanted = request.get("members")
+            return {"links": [{name: value for name, value in one.items() if wanted is None or name in wanted}
+                              for one in self.links]}
         if op == "link":
             return {"link": next(one for one in self.links if one["name"] == request["name"])}
         if op == "status":
             return {"newest_event": max((one["id"] for one in self.changes), default=0), "missing": ""}
         if op == "events":
+            from_us = request.get("since_us", 0)
+            first = next((one["id"] for one in self.changes if one["at_us"] >= from_us), 1 << 62)
             past = [one for one in self.changes
-                    if one["id"] > request.get("since", 0) and request.get("link", one["link"]) == one["link"]]
-            return {"events": past[:request.get("limit", 10000)]}
+                    if request.get("since", 0) < one["id"] < request.get("before", 1 << 62) and one["id"] >= first
+                    and request.get("link", one["link"]) == one["link"]]
+            most = min(request.get("limit", 10000), request.get("newest", 10000))
+            told = past[max(len(past) - most, 0):] if "newest" in request else past[:most]
+            return {"events": told, "more": len(told) < len(past)}
         if op == "history":
-            return {"events": self.changes, "availability": {"hour": 0.99, "day": 1, "month": 0.5}, "flaps": 1,
-                    "counters": {"sent": 10, "lost": 1}}
+            past = [one for one in self.changes if request["from_us"] <= one["at_us"] <= request["to_us"]]
+            return {"events": past[-min(request["limit"], 10000):],
+                    "availability": {"hour": 0.99, "day": 1, "month": 0.5,
+                                     "watched_us": {"hour": 3600000000, "day": 86400000000, "month": 86400000000}},
+                    "flaps": 1,
+                    "counters": {"changes": 2, "flaps": 1, "watched_us": 9, "enabled_us": 8, "disabled_us": 1,
+                                 "waiting_us": 0, "rejected_us": 0, "results": 10, "lost": 1, "rtt_samples": 3}}
         if op == "samples":
             return {"samples": self.samples}
         return {"added": 1, "changed": 0, "removed": 0}

@@ -79,6 +79,67 @@ link link_of(const shell_link_record &record)
     return out;
 }
 
+// ---- JSON, two blanks for each level: written, not built, because there may be a thousand links
+
+// A port's name is whatever the daemon was told: bytes that are no text are replaced.
+std::string quoted(const std::string &text)
+{
+    const bool plain =
+        std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; });
+    return plain ? '"' + text + '"'
+                 : nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string app_links_text(const std::vector<app_link> &apps)
+{
+    std::string text = "[";
+    for (const app_link &app : apps) {
+        text += text.size() == 1 ? "\n" : ",\n";
+        text += "        {\n          \"near_end_mac\": " + quoted(app.near_end_mac) +
+                ",\n          \"far_end_mac\": " + quoted(app.far_end_mac) + "\n        }";
+    }
+    return text + (apps.empty() ? "]" : "\n      ]");
+}
+
+std::string rtt_text(const std::optional<round_trip> &rtt)
+{
+    const auto number = [](double value) { return nlohmann::json(value).dump(); };
+    return !rtt ? "null"
+                : "{\n        \"min\": " + number(rtt->minimum_us) + ",\n        \"avg\": " + number(rtt->average_us) +
+                      ",\n        \"max\": " + number(rtt->maximum_us) + "\n      }";
+}
+
+void append_link(std::string &to, const link &l)
+{
+    const char *before = "    {\n      \"";
+    const auto member = [&](const char *name, const std::string &value) {
+        to.append(before).append(name).append("\": ").append(value);
+        before = ",\n      \"";
+    };
+    member("link_ref", std::to_string(l.link_ref));
+    member("connection_ref", std::to_string(l.connection_ref));
+    member("port", quoted(l.port));
+    member("vlan", std::to_string(l.vlan));
+    member("mp_id", std::to_string(l.mp_id));
+    member("near_end_cpm_mac", quoted(l.near_end_cpm_mac));
+    member("far_end_cpm_mac", quoted(l.far_end_cpm_mac));
+    member("app_links", app_links_text(l.app_links));
+    member("enabled", l.enabled ? "true" : "false");
+    member("status", quoted(l.status));
+    member("supervision", quoted(l.supervision));
+    member("results", std::to_string(l.results));
+    member("lost", std::to_string(l.lost));
+    member("rtt", quoted(l.rtt));
+    member("batch_size", std::to_string(l.batch_size));
+    member("interval_s", std::to_string(l.interval_s));
+    member("frame_size", std::to_string(l.frame_size));
+    member("rtt_us", rtt_text(l.rtt_us));
+    if (!l.name.empty()) {
+        member("name", quoted(l.name));
+    }
+    to += "\n    }";
+}
+
 text_table::row cells_of(const link &l)
 {
     using text_table::colour;
@@ -99,40 +160,6 @@ text_table::row cells_of(const link &l)
 }
 
 } // namespace
-
-nlohmann::ordered_json json_of(const link &l)
-{
-    nlohmann::ordered_json apps = nlohmann::ordered_json::array();
-    for (const app_link &app : l.app_links) {
-        apps.push_back({{"near_end_mac", app.near_end_mac}, {"far_end_mac", app.far_end_mac}});
-    }
-    nlohmann::ordered_json rtt = nullptr;
-    if (l.rtt_us) {
-        rtt = {{"min", l.rtt_us->minimum_us}, {"avg", l.rtt_us->average_us}, {"max", l.rtt_us->maximum_us}};
-    }
-    nlohmann::ordered_json all = {{"link_ref", l.link_ref},
-                                  {"connection_ref", l.connection_ref},
-                                  {"port", l.port},
-                                  {"vlan", l.vlan},
-                                  {"mp_id", l.mp_id},
-                                  {"near_end_cpm_mac", l.near_end_cpm_mac},
-                                  {"far_end_cpm_mac", l.far_end_cpm_mac},
-                                  {"app_links", apps},
-                                  {"enabled", l.enabled},
-                                  {"status", l.status},
-                                  {"supervision", l.supervision},
-                                  {"results", l.results},
-                                  {"lost", l.lost},
-                                  {"rtt", l.rtt},
-                                  {"batch_size", l.batch_size},
-                                  {"interval_s", l.interval_s},
-                                  {"frame_size", l.frame_size},
-                                  {"rtt_us", rtt}};
-    if (!l.name.empty()) {
-        all["name"] = l.name;
-    }
-    return all;
-}
 
 std::optional<std::vector<link>> decode(const uint8_t *bytes, size_t size, std::string *error)
 {
@@ -203,15 +230,15 @@ std::string to_table(const std::vector<link> &links, size_t columns)
 
 std::string to_table(const std::vector<link> &links) { return to_table(links, SIZE_MAX); }
 
-std::string to_json(const std::vector<link> &links)
+std::string to_json_array(const std::vector<link> &links)
 {
-    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    std::string text = "[";
     for (const link &l : links) {
-        list.push_back(json_of(l));
+        append_link(text += text.size() == 1 ? "\n" : ",\n", l);
     }
-    // A port's name is whatever the daemon was told: bytes that are no text must not end the program.
-    constexpr auto replace = nlohmann::ordered_json::error_handler_t::replace;
-    return nlohmann::ordered_json{{"links", list}}.dump(2, ' ', false, replace) + "\n";
+    return text + (links.empty() ? "]" : "\n  ]");
 }
+
+std::string to_json(const std::vector<link> &links) { return "{\n  \"links\": " + to_json_array(links) + "\n}\n"; }
 
 } // namespace link_list

@@ -9,8 +9,6 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json_fwd.hpp>
-
 #include "itc.h"
 #include "shell/shell_messages.hpp"
 #include "text_table.hpp"
@@ -65,8 +63,8 @@ std::vector<text_table::row> to_rows(const std::vector<link> &links);
 std::string to_table(const std::vector<link> &links);
 // The same with no line longer than `columns`, as text_table::draw does it.
 std::string to_table(const std::vector<link> &links, size_t columns);
-// One link, and all of them.
-nlohmann::ordered_json json_of(const link &l);
+// All of them as one object of JSON; and the array alone, as it stands there.
 std::string to_json(const std::vector<link> &links);
+std::string to_json_array(const std::vector<link> &links);
 
 } // namespace link_list

@@ -72,27 +72,35 @@ nlohmann::json ask_linkd(const call &c, const std::string &op, nlohmann::json re
     }
 }
 
-linkd_links::linkd_links(const call &c)
+linkd_links::linkd_links(const call &c, const std::vector<std::string> &members)
 {
     try {
         connection_ = std::make_unique<linkd_client::connection>(c.linkd_socket);
-        question_ = connection_->send("links", nlohmann::json::object(), NAMES_BOUND);
+    } catch (const linkd_client::failure &) {
+        return;
+    }
+    ask(members);
+}
+
+void linkd_links::ask(const std::vector<std::string> &members)
+{
+    try {
+        question_ = connection_ ? connection_->send("links", {{"members", members}}, NAMES_BOUND) : 0;
     } catch (const linkd_client::failure &) {
         connection_.reset();
     }
 }
 
-std::optional<std::vector<nlohmann::json>> linkd_links::take()
+std::optional<nlohmann::json> linkd_links::take()
 {
     if (!connection_) {
         return std::nullopt;
     }
     try {
         auto answer = connection_->await(question_, NAMES_BOUND);
-        return answer.value("links", nlohmann::json::array()).get<std::vector<nlohmann::json>>();
+        const auto links = answer.find("links");
+        return links != answer.end() && links->is_array() ? std::optional(std::move(*links)) : std::nullopt;
     } catch (const linkd_client::failure &) {
-        return std::nullopt;
-    } catch (const nlohmann::json::exception &) {
         return std::nullopt;
     }
 }

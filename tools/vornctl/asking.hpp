@@ -37,13 +37,16 @@ std::unique_ptr<linkd_client::connection> open_linkd(const call &c);
 // One request, one answer, on a connection of its own. Throws failure.
 nlohmann::json ask_linkd(const call &c, const std::string &op, nlohmann::json request = nlohmann::json::object());
 // The links that kap-linkd knows, for whom it is no failure that it is not there or may not be asked. The question is
-// put when this is made, so that something else can be done until the answer is wanted.
+// put when this is made, so that something else can be done until the answer is wanted. Only the named members of each
+// link are asked for: there may be a thousand.
 class linkd_links
 {
 public:
-    explicit linkd_links(const call &c);
-    // Nothing: nobody told.
-    std::optional<std::vector<nlohmann::json>> take();
+    linkd_links(const call &c, const std::vector<std::string> &members);
+    // The answer, an array. Nothing: nobody told.
+    std::optional<nlohmann::json> take();
+    // The next question.
+    void ask(const std::vector<std::string> &members);
 
 private:
     std::unique_ptr<linkd_client::connection> connection_;

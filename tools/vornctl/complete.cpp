@@ -149,8 +149,8 @@ int print_candidates(const CLI::App &app, const std::vector<std::string> &words)
     }
     const living_names names = {[&] {
                                     std::vector<std::string> all;
-                                    for (const auto &link :
-                                         linkd_links(c).take().value_or(std::vector<nlohmann::json>())) {
+                                    const auto links = linkd_links(c, {"name"}).take();
+                                    for (const auto &link : links.value_or(nlohmann::json::array())) {
                                         all.push_back(text_in(link, "name"));
                                     }
                                     return all;

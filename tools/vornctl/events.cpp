@@ -1,6 +1,4 @@
 // vornctl events: what became of the links, change by change.
-#include <deque>
-
 #include "asking.hpp"
 #include "link_facts.hpp"
 #include "output.hpp"
@@ -20,34 +18,19 @@ std::string from_word;
 std::string link_name;
 size_t limit = USUAL_LIMIT;
 
-// The newest of those that were chosen, as many as are wanted.
-std::deque<nlohmann::json> newest(linkd_client::connection &linkd, const since &from)
-{
-    std::deque<nlohmann::json> kept;
-    each_change(linkd, from.id.value_or(0), link_name, [&](const nlohmann::json &change) {
-        const bool late_enough = !from.at_us || number_in(change, "at_us") >= *from.at_us;
-        if (late_enough && chosen.takes(text_in(change, "port"), text_in(change, "to"), text_in(change, "reason"))) {
-            kept.push_back(change);
-            if (kept.size() > limit) {
-                kept.pop_front();
-            }
-        }
-        return true;
-    });
-    return kept;
-}
-
 exits print_events(const call &c)
 {
     const since from = from_word.empty() ? since() : read_since(from_word);
     const auto linkd = open_linkd(c);
-    const auto changes = newest(*linkd, from);
+    const auto changes = newest_changes(*linkd, from, link_name, limit, [](const nlohmann::json &change) {
+        return chosen.takes(text_in(change, "port"), text_in(change, "to"), text_in(change, "reason"));
+    });
     if (c.json) {
         json list = json::array();
         for (const nlohmann::json &change : changes) {
             list.push_back(json(change));
         }
-        print_json(json{{"events", list}});
+        print_json(json{{"events", std::move(list)}});
         return exits::well;
     }
     std::vector<text_table::row> rows = {change_head()};

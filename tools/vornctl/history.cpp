@@ -1,5 +1,7 @@
 // vornctl history: one link's past, how much of it the link was there, and its counters.
+#include <algorithm>
 #include <cstdio>
+#include <map>
 
 #include "asking.hpp"
 #include "link_facts.hpp"
@@ -17,7 +19,7 @@ namespace
 std::string name;
 std::string from_word = "1d";
 std::string to_word = "now";
-int limit = 200;
+size_t limit = 200;
 
 int64_t moment(const std::string &word)
 {
@@ -63,10 +65,44 @@ void print_people(const nlohmann::json &answer)
     print_facts(facts);
 }
 
+// An answer has the newest changes by the clock. What is before them is asked for by the moment of the oldest, which is
+// then told again.
+nlohmann::json ask_history(const call &c, int64_t from_us, int64_t to_us)
+{
+    constexpr size_t PAGE = 10'000;
+    const auto linkd = open_linkd(c);
+    const auto ask = [&](int64_t up_to_us, size_t most) {
+        return linkd->ask("history", {{"name", name}, {"from_us", from_us}, {"to_us", up_to_us}, {"limit", most}},
+                          LINKD_BOUND);
+    };
+    auto answer = ask(to_us, std::min(limit, PAGE));
+    std::map<int64_t, nlohmann::json> changes; // by id
+    for (auto page = answer.value("events", nlohmann::json::array()); changes.size() < limit;) {
+        const size_t before = changes.size();
+        int64_t oldest = to_us;
+        for (auto &change : page) {
+            oldest = std::min(oldest, number_in(change, "at_us"));
+            changes.emplace(number_in(change, "id"), std::move(change));
+        }
+        if (page.size() < PAGE || changes.size() == before || changes.size() >= limit) {
+            break;
+        }
+        page = ask(oldest, PAGE).value("events", nlohmann::json::array());
+    }
+    auto events = nlohmann::json::array();
+    for (auto &[id, change] : changes) {
+        events.push_back(std::move(change));
+    }
+    if (events.size() > limit) {
+        events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(limit));
+    }
+    answer["events"] = std::move(events);
+    return answer;
+}
+
 exits print_history(const call &c, int64_t from_us, int64_t to_us)
 {
-    const auto answer =
-        ask_linkd(c, "history", {{"name", name}, {"from_us", from_us}, {"to_us", to_us}, {"limit", limit}});
+    const auto answer = ask_history(c, from_us, to_us);
     if (!c.json) {
         print_people(answer);
         return exits::well;

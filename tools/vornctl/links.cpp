@@ -1,7 +1,9 @@
 // vornctl links: the links that the daemon has, asked over ITC; kap-linkd, where it is there, adds their names and
 // those that are not with the daemon.
 #include <algorithm>
-#include <map>
+#include <cstdio>
+#include <iterator>
+#include <unordered_map>
 
 #include "asking.hpp"
 #include "output.hpp"
@@ -20,20 +22,30 @@ selection chosen;
 // Declared links that the daemon does not have.
 using missing_links = std::vector<nlohmann::json>;
 
-missing_links take_names(std::vector<link_list::link> &links, const std::vector<nlohmann::json> &known)
+// Gives links their names; false: there are some that the daemon does not have.
+bool take_names(std::vector<link_list::link> &links, const nlohmann::json &known)
 {
-    std::map<int64_t, std::string> names;
-    missing_links missing;
+    std::unordered_map<int64_t, std::string> names;
+    bool all = true;
     for (const nlohmann::json &one : known) {
-        if (number_in(one, "link_ref") > 0) {
-            names[number_in(one, "link_ref")] = text_in(one, "name");
-        } else {
-            missing.push_back(one);
-        }
+        const int64_t link_ref = number_in(one, "link_ref");
+        all = all && link_ref > 0;
+        names[link_ref] = text_in(one, "name");
     }
     for (link_list::link &l : links) {
         const auto found = names.find(l.link_ref);
         l.name = found == names.end() ? "" : found->second;
+    }
+    return all;
+}
+
+missing_links ask_for_missing(linkd_links &linkd)
+{
+    linkd.ask({"name", "link_ref", "port", "vlan", "far", "state", "reason"});
+    missing_links missing;
+    if (const auto known = linkd.take()) {
+        std::copy_if(known->begin(), known->end(), std::back_inserter(missing),
+                     [](const nlohmann::json &one) { return number_in(one, "link_ref") == 0; });
     }
     return missing;
 }
@@ -59,36 +71,35 @@ void print_missing(const missing_links &missing)
 
 void print_as_json(const std::vector<link_list::link> &links, const missing_links *missing)
 {
-    json list = json::array();
-    for (const link_list::link &l : links) {
-        list.push_back(link_list::json_of(l));
+    if (missing == nullptr) {
+        (void)fputs(link_list::to_json(links).c_str(), stdout);
+        return;
     }
-    json all = {{"links", list}};
-    if (missing != nullptr) {
-        json absent = json::array();
-        for (const nlohmann::json &one : *missing) {
-            absent.push_back({{"name", text_in(one, "name")},
-                              {"port", text_in(one, "port")},
-                              {"vlan", number_in(one, "vlan")},
-                              {"far", text_in(one, "far")},
-                              {"state", text_in(one, "state")},
-                              {"reason", text_in(one, "reason")}});
-        }
-        all["missing"] = absent;
+    json absent = json::array();
+    for (const nlohmann::json &one : *missing) {
+        absent.push_back({{"name", text_in(one, "name")},
+                          {"port", text_in(one, "port")},
+                          {"vlan", number_in(one, "vlan")},
+                          {"far", text_in(one, "far")},
+                          {"state", text_in(one, "state")},
+                          {"reason", text_in(one, "reason")}});
     }
-    print_json(all);
+    print_json_members({{"links", link_list::to_json_array(links)}, {"missing", inner_json(absent)}});
 }
 
 exits print_links(const call &c)
 {
-    linkd_links names(c); // they are put together while the daemon is asked
+    linkd_links names(c, {"name", "link_ref"}); // they are put together while the daemon is asked
     std::vector<link_list::link> links;
     {
         const registry connected;
         links = ask_daemon_for_links();
     }
     const auto known = names.take();
-    missing_links missing = known ? take_names(links, *known) : missing_links();
+    missing_links missing;
+    if (known && !take_names(links, *known)) {
+        missing = ask_for_missing(names);
+    }
     std::erase_if(links, [](const link_list::link &l) {
         return !chosen.takes(l.port, l.enabled ? "enabled" : "disabled", l.reason);
     });

@@ -44,6 +44,28 @@ void print_facts(const std::vector<std::pair<std::string, text_table::cell>> &fa
 
 void print_json(const json &value) { (void)fputs((value.dump(2, ' ', false, REPLACE) + "\n").c_str(), stdout); }
 
+void print_json_members(const std::vector<std::pair<std::string, std::string>> &members)
+{
+    const char *before = "{\n  \"";
+    for (const auto &[name, text] : members) {
+        (void)fputs((before + name + "\": ").c_str(), stdout);
+        (void)fputs(text.c_str(), stdout);
+        before = ",\n  \"";
+    }
+    (void)fputs("\n}\n", stdout);
+}
+
+// Ends of lines are only between the parts: in a text they are escaped.
+std::string inner_json(const json &value)
+{
+    std::string text;
+    for (const char c : value.dump(2, ' ', false, REPLACE)) {
+        text += c;
+        text += c == '\n' ? "  " : "";
+    }
+    return text;
+}
+
 void print_json_line(const nlohmann::json &value)
 {
     (void)fputs((value.dump(-1, ' ', false, REPLACE) + "\n").c_str(), stdout);

@@ -22,6 +22,9 @@ void print_table(const std::vector<text_table::row> &rows);
 // A line for each: what, and its value, below each other.
 void print_facts(const std::vector<std::pair<std::string, text_table::cell>> &facts);
 void print_json(const json &value);
+// An object of members that are texts of JSON already, as they stand there; and such a text.
+void print_json_members(const std::vector<std::pair<std::string, std::string>> &members);
+std::string inner_json(const json &value);
 // In one line, at once.
 void print_json_line(const nlohmann::json &value);
 

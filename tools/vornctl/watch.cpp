@@ -47,33 +47,47 @@ std::optional<uint64_t> first_id(const call &c)
     if (from.id) {
         return from.id;
     }
-    const auto linkd = open_linkd(c);
-    uint64_t before = 0;
-    each_change(*linkd, 0, "", [&](const nlohmann::json &change) {
-        const bool earlier = number_in(change, "at_us") < *from.at_us;
-        before = earlier ? static_cast<uint64_t>(number_in(change, "id")) : before;
-        return earlier;
-    });
-    return before;
+    return id_before(*open_linkd(c), *from.at_us);
+}
+
+// Whoever reads the lines has gone, as "head" does when it has enough.
+bool nobody_reads()
+{
+    pollfd out{STDOUT_FILENO, 0, 0};
+    return poll(&out, 1, 0) == 1 && (out.revents & POLLERR) != 0;
+}
+
+// Until there is something to take, or nobody who reads it.
+void wait_for_either(int descriptor)
+{
+    pollfd waits[2] = {{descriptor, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+    (void)poll(waits, 2, -1);
 }
 
 exits watch_as_json(const call &c)
 {
+    (void)signal(SIGPIPE, SIG_IGN);
     feed changes(c.linkd_socket, first_id(c), link_name, [](const nlohmann::json &change) {
         if (chosen.takes(text_in(change, "port"), text_in(change, "to"), text_in(change, "reason"))) {
             print_json_line(change);
         }
     });
     changes.open();
-    while (ferror(stdout) == 0) {
-        if (changes.take(milliseconds(3'600'000))) {
+    while (!nobody_reads() && ferror(stdout) == 0) {
+        if (changes.take(milliseconds(0))) {
+            wait_for_either(changes.descriptor());
             continue;
         }
         (void)fprintf(stderr, "vornctl: %s; trying again\n", changes.trouble().c_str());
-        while (!changes.reopen()) {
+        while (!changes.reopen() && !nobody_reads()) {
             poll(nullptr, 0, static_cast<int>(BETWEEN_TRIES.count()));
         }
-        (void)fprintf(stderr, "vornctl: kap-linkd is there again\n");
+        if (changes.is_open()) {
+            (void)fprintf(stderr, "vornctl: kap-linkd is there again\n");
+        }
+    }
+    if (nobody_reads()) {
+        return freopen("/dev/null", "w", stdout) != nullptr ? exits::well : exits::failed; // what is left goes nowhere
     }
     return exits::failed; // the end of the program says that the output could not be written
 }
