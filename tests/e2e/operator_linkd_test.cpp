@@ -7,6 +7,7 @@
 #include <regex>
 
 #include "e2e.hpp"
+#include "linkd/control_client.hpp"
 
 using namespace std::chrono_literals;
 using nlohmann::json;
@@ -51,6 +52,18 @@ protected:
         EXPECT_FALSE(value.is_discarded()) << line << ": " << result.output;
         return value;
     }
+    // Whether JSON is as a schema says, or a part of it, and has nothing that is not named there.
+    bool holds(const json &value, const std::string &schema, const std::string &part = "") const
+    {
+        const std::string file = d.stage.log_dir + "/value.json";
+        std::ofstream(file) << value;
+        const command_result result =
+            command_run({"/bin/bash", "-c",
+                         KAP_SOURCE_DIR "/tests/support/holds_schema " KAP_SOURCE_DIR "/docs/schema/" + schema +
+                             ".json " + part + " < " + file});
+        said_ = result.output;
+        return result.status == 0;
+    }
     void add(const std::string &name, const std::string &port, const std::string &vlan)
     {
         const command_result added = shell("vornctl link add " + name + " --port " + port + " --vlan " + vlan +
@@ -61,6 +74,8 @@ protected:
     {
         stage_wait(d.stage, name + " is enabled", 20s, [&] { return shell("vornctl link " + name).status == 0; });
     }
+
+    mutable std::string said_; // by the last check of a schema
 };
 
 // What the section has between .nf and .fi, a command a line.
@@ -87,7 +102,7 @@ std::vector<std::string> examples()
 TEST_F(OperatorOfLinkd, RunsEveryExampleOfTheManualAsItIsPrinted)
 {
     const auto lines = examples();
-    ASSERT_GE(lines.size(), 13u);
+    ASSERT_GE(lines.size(), 14u);
     for (const std::string &line : lines) {
         const command_result result = shell("set -o pipefail; " + line);
         EXPECT_EQ(result.status, 0) << line << "\n" << result.output;
@@ -118,6 +133,83 @@ TEST_F(OperatorOfLinkd, SeesNamesAndWhatIsNotWithTheDaemon)
     const json status = shown("vornctl status --json");
     EXPECT_EQ(status["next"][0]["command"], "vornctl link nowhere");
     EXPECT_EQ(status["components"].back()["pid"], d.stage.processes.at(LINKD).pid);
+}
+
+// With round trips and a past, so that no list is empty.
+TEST_F(OperatorOfLinkd, AnswersAndPrintsWhatTheSchemasSayAndNothingElse)
+{
+    add("to-north", "IDL_A1", "100");
+    wait_enabled("to-north");
+    stage_wait(d.stage, "round trips are measured", 20s,
+               [&] { return !shown("vornctl rtt to-north --json")["samples"].empty(); });
+    stage_control(FAR_END, {"silent", "on"});
+    stage_wait(d.stage, "the link is lost", 20s, [&] { return shell("vornctl link to-north").status == 1; });
+    const json wish = {{"op", "add"}, {"name", "more"}, {"port", "TN_A"}, {"vlan", 9}, {"far", "02:00:00:00:00:09"}};
+    const std::pair<json, const char *> requests[] = {
+        {{{"op", "links"}}, "answer_links"},
+        {{{"op", "links"}, {"members", {"name", "link_ref"}}}, "answer_links"},
+        {{{"op", "link"}, {"name", "to-north"}}, "answer_link"},
+        {{{"op", "status"}}, "answer_status"},
+        {{{"op", "events"}, {"since_us", 0}, {"link", "to-north"}, {"limit", 10}}, "answer_events"},
+        {{{"op", "events"}, {"newest", 3}, {"before", 1'000'000'000'000'000}}, "answer_events"},
+        {{{"op", "history"}, {"name", "to-north"}, {"from_us", 0}}, "answer_history"},
+        {{{"op", "samples"}, {"name", "to-north"}, {"points", 100}}, "answer_samples"},
+        {wish, "answer_change"},
+        {{{"op", "history"}, {"name", "more"}}, "answer_history"},
+        {{{"op", "set"}, {"name", "more"}, {"vlan", 10}}, "answer_change"},
+        {{{"op", "rtt"}, {"name", "more"}, {"on", {{"batch", 5}}}}, "answer_change"},
+        {{{"op", "reload"}}, "answer_change"},
+        {{{"op", "delete"}, {"name", "more"}}, "answer_change"},
+        {{{"op", "link"}, {"name", "more"}}, "refusal"},
+        {{{"op", "history"}, {"name", "never"}}, "refusal"},
+        {{{"op", "events"}, {"follow", true}, {"limit", 0}}, "answer_events"},
+    };
+    control_client client("/run/kap-linkd/control.sock");
+    json answer;
+    for (const auto &[request, part] : requests) {
+        EXPECT_TRUE(holds(request, "kap-linkd-control", "request")) << request << said_;
+        answer = client.ask(request);
+        EXPECT_TRUE(holds(answer, "kap-linkd-control", part)) << request << answer << said_;
+        EXPECT_TRUE(holds(answer, "kap-linkd-control")) << request << answer << said_;
+        for (const char *list : {"links", "events", "samples"}) {
+            const bool expected = answer.contains(list) && !request.contains("follow");
+            EXPECT_TRUE(!expected || !answer[list].empty()) << request << answer;
+        }
+    }
+    EXPECT_TRUE(holds(*client.read_line(), "kap-linkd-control", "event_line")) << said_;
+    for (const char *words : {"links", "link", "events", "history", "rtt", "status", "ports"}) {
+        const bool named =
+            std::string("link history rtt").find(words) != std::string::npos && std::string(words) != "links";
+        EXPECT_TRUE(holds(shown("vornctl " + std::string(words) + (named ? " to-north" : "") + " --json"),
+                          "vornctl-" + std::string(words)))
+            << words << said_;
+    }
+    EXPECT_TRUE(holds(shown("vornctl watch --json --since 0 | head -n 1"), "vornctl-watch")) << said_;
+    // What the schemas do not name is found, and what is missing is.
+    answer["unheard_of"] = 1;
+    EXPECT_FALSE(holds(answer, "kap-linkd-control", "answer_events"));
+    answer.erase("unheard_of");
+    answer.erase("more");
+    EXPECT_FALSE(holds(answer, "kap-linkd-control", "answer_events"));
+}
+
+TEST_F(OperatorOfLinkd, TellsThePastOfALinkThatIsGoneAndOfNoOther)
+{
+    add("to-north", "IDL_A1", "100");
+    wait_enabled("to-north");
+    ASSERT_EQ(shell("vornctl link delete to-north").status, 0);
+    const json history = shown("vornctl history to-north --json");
+    ASSERT_FALSE(history["events"].empty());
+    EXPECT_EQ(history["events"].back()["to"], "gone");
+    EXPECT_EQ(shown("vornctl events --link to-north --limit 1 --json")["events"],
+              json::array({history["events"].back()}));
+    EXPECT_EQ(shell("vornctl rtt to-north").status, 0);
+    for (const char *line : {"vornctl history never", "vornctl rtt never", "vornctl events --link never",
+                             "vornctl watch --json --link never"}) {
+        const command_result result = shell(line);
+        EXPECT_EQ(result.status, 1) << line;
+        EXPECT_THAT(result.output, HasSubstr("there is no link \"never\"")) << line;
+    }
 }
 
 TEST_F(OperatorOfLinkd, CompletesTheNamesOfLinks)
