@@ -61,29 +61,47 @@ bool waits_in_line(request_kind kind)
 
 std::string reason_text(uint32_t reason)
 {
-    static const std::map<uint32_t, const char *> TEXTS = {
-        {IEMLI_REJ_SERVICE_NOT_INITIATED, "there is no session"},
-        {IEMLI_REJ_SERVICE_INITIATED, "there is a session already"},
-        {IEMLI_REJ_SERVICE_INVALID_PV, "the daemon does not speak this version of the protocol"},
-        {IEMLI_REJ_UNKNOWN_LINK_REF, "no such link"},
-        {IEMLI_REJ_UNKNOWN_PORT_NAME, "no such port"},
-        {IEMLI_REJ_PORT_ALREADY_USED, "the port is used already"},
-        {IEMLI_REJ_LINK_ALREADY_CREATED, "somebody else has this link"},
-        {IEMLI_REJ_INVALID_VLAN_ID, "no such VLAN"},
-        {IEMLI_REJ_LINK_DATA_NO_CHANGE, "nothing would change"},
-        {IEMLI_REJ_MP_ID_NOT_READY, "no such processor"},
-        {IEMLI_REJ_REMOTE_CPM_MAC_CONFLICT, "the far end's address is one of this node's own"},
-        {IEMLI_REJ_SAME_CPM_APP_MAC, "an application has the far end's address"},
-        {IEMLI_REJ_SAME_SRC_DST_APP_MAC, "both applications of a pair have the same address"},
-        {IEMLI_REJ_APP_LINK_ALREADY_USED, "another port has a link to that application in this VLAN"},
-        {IEMLI_REJ_DUPLICATE_APP_LINKS, "a pair of applications stands there twice"},
-        {IEMLI_REJ_PORT_NOT_RESERVED, "the port is not reserved"},
-        {IEMLI_REJ_INVALID_RTT_CONFIG_PARAM, "round trips cannot be measured like that"},
-        {IEMLI_REJ_RTT_ALREADY_ENABLED, "round trips are measured already"},
-        {IEMLI_REJ_OTHER_REASON, "another reason, which the daemon's trace says"},
-    };
-    const auto found = TEXTS.find(reason);
-    return found == TEXTS.end() ? "an unknown reason" : found->second;
+    switch (static_cast<iemli_reject_reason>(reason)) {
+    case IEMLI_REJ_SERVICE_NOT_INITIATED:
+        return "there is no session";
+    case IEMLI_REJ_SERVICE_INITIATED:
+        return "there is a session already";
+    case IEMLI_REJ_SERVICE_INVALID_PV:
+        return "the daemon does not speak this version of the protocol";
+    case IEMLI_REJ_UNKNOWN_LINK_REF:
+        return "no such link";
+    case IEMLI_REJ_UNKNOWN_PORT_NAME:
+        return "no such port";
+    case IEMLI_REJ_PORT_ALREADY_USED:
+        return "the port is used already";
+    case IEMLI_REJ_LINK_ALREADY_CREATED:
+        return "somebody else has this link";
+    case IEMLI_REJ_INVALID_VLAN_ID:
+        return "no such VLAN";
+    case IEMLI_REJ_LINK_DATA_NO_CHANGE:
+        return "nothing would change";
+    case IEMLI_REJ_MP_ID_NOT_READY:
+        return "no such processor";
+    case IEMLI_REJ_REMOTE_CPM_MAC_CONFLICT:
+        return "the far end's address is one of this node's own";
+    case IEMLI_REJ_SAME_CPM_APP_MAC:
+        return "an application has the far end's address";
+    case IEMLI_REJ_SAME_SRC_DST_APP_MAC:
+        return "both applications of a pair have the same address";
+    case IEMLI_REJ_APP_LINK_ALREADY_USED:
+        return "another port has a link to that application in this VLAN";
+    case IEMLI_REJ_DUPLICATE_APP_LINKS:
+        return "a pair of applications stands there twice";
+    case IEMLI_REJ_PORT_NOT_RESERVED:
+        return "the port is not reserved";
+    case IEMLI_REJ_INVALID_RTT_CONFIG_PARAM:
+        return "round trips cannot be measured like that";
+    case IEMLI_REJ_RTT_ALREADY_ENABLED:
+        return "round trips are measured already";
+    case IEMLI_REJ_OTHER_REASON:
+        return "another reason, which the daemon's trace says";
+    }
+    return "an unknown reason";
 }
 
 keeper::keeper(sender &out, listener &told, size_t window) : out_(out), told_(told), window_(window) {}

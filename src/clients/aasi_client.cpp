@@ -54,7 +54,7 @@ struct announcement {
 
 announcement read_announcement(const itc_msg *msg)
 {
-    const auto *ind = reinterpret_cast<const ns_service_ind *>(msg);
+    const auto *ind = client_message<ns_service_ind>(msg);
     announcement read = {ind->sid, {}};
     client_copy_text(read.path, sizeof read.path, ind->path, client_tail_size(msg, sizeof *ind));
     return read;
@@ -62,7 +62,7 @@ announcement read_announcement(const itc_msg *msg)
 
 client_verdict keep_subscription(const client_input &in)
 {
-    subscribe_sid = reinterpret_cast<const ns_subscribe_rsp *>(in.msg)->sid;
+    subscribe_sid = client_message<ns_subscribe_rsp>(in.msg)->sid;
     VORN_TRACE_REC(in.msg->msgno, itc_sender(in.msg), "NGNS_SUBSCRIBE_RSP: sid=%u", subscribe_sid);
     return CLIENT_TAKEN;
 }

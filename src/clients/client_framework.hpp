@@ -153,6 +153,12 @@ void client_raise_event(const client_record *client, const client_event &event);
 
 // ---- Messages ----
 
+// A received message as its layout; that it is as long was checked before.
+template <typename Layout> const Layout *client_message(const itc_msg *msg)
+{
+    return reinterpret_cast<const Layout *>(msg);
+}
+
 // A zero-filled message that carries its number and the next procedure_ref.
 void *client_alloc_msg(client_record *client, size_t size, uint32_t msgno);
 // The same with the server's connection_ref.

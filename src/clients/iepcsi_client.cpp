@@ -22,7 +22,7 @@ struct port_status {
 
 port_status read_port_status(const itc_msg *msg)
 {
-    const auto *ind = reinterpret_cast<const iepcsi_eth_port_status_ind *>(msg);
+    const auto *ind = client_message<iepcsi_eth_port_status_ind>(msg);
     port_status status = {from_be32(ind->port_adm_state), from_be32(ind->port_oper_state), {}, {}};
     client_copy_field(status.port_name, ind->port_name);
     client_copy_text(status.name_space, sizeof status.name_space, ind->name_space, client_tail_size(msg, sizeof *ind));
@@ -40,7 +40,7 @@ struct vlan_status {
 
 vlan_status read_vlan_status(const itc_msg *msg)
 {
-    const auto *ind = reinterpret_cast<const iepcsi_port_vlan_status_ind *>(msg);
+    const auto *ind = client_message<iepcsi_port_vlan_status_ind>(msg);
     vlan_status status = {from_be16(ind->vlan_id), from_be32(ind->vlan_action), from_be32(ind->port_role), {}, {}, {}};
     client_copy_field(status.if_name, ind->if_name);
     client_copy_field(status.port_name, ind->port_name);
@@ -57,7 +57,7 @@ struct supported_port {
 
 supported_port read_supported_port(const itc_msg *msg, uint32_t i)
 {
-    const iepcsi_port_entry &entry = reinterpret_cast<const iepcsi_get_eth_port_support_cfm *>(msg)->ports[i];
+    const iepcsi_port_entry &entry = client_message<iepcsi_get_eth_port_support_cfm>(msg)->ports[i];
     supported_port port = {from_be32(entry.capability), entry.mac, {}, {}};
     client_copy_field(port.port_name, entry.port_name);
     client_copy_field(port.if_name, entry.if_name);

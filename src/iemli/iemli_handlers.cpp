@@ -185,7 +185,7 @@ void iemli_trace_request(const IemliSession *session, const itc_msg *msg)
 
 bool handle_create_iml_link_req(IemliSession *session, const itc_msg *msg)
 {
-    const IemliLinkData *requested = &reinterpret_cast<const iemli_create_link_req *>(msg)->link;
+    const IemliLinkData *requested = &iemli_message<iemli_create_link_req>(msg)->link;
     const iemli_peer client = client_of(session, msg);
     iemli_trace_request(session, msg);
     trace_create(requested);
@@ -206,7 +206,7 @@ bool handle_create_iml_link_req(IemliSession *session, const itc_msg *msg)
 
 bool handle_update_iml_link_req(IemliSession *session, const itc_msg *msg)
 {
-    const auto *request = reinterpret_cast<const iemli_update_link_req *>(msg);
+    const auto *request = iemli_message<iemli_update_link_req>(msg);
     const iemli_peer client = client_of(session, msg);
     iemli_trace_request(session, msg);
     trace_update(request);
@@ -232,7 +232,7 @@ bool handle_update_iml_link_req(IemliSession *session, const itc_msg *msg)
 
 bool handle_delete_iml_link_req(IemliSession *session, const itc_msg *msg)
 {
-    const uint32_t link_ref = reinterpret_cast<const iemli_link_ref_req *>(msg)->link_ref;
+    const uint32_t link_ref = iemli_message<iemli_link_ref_req>(msg)->link_ref;
     const iemli_peer client = client_of(session, msg);
     iemli_trace_request(session, msg);
     VORN_TRACE(TRACE_REQUEST, "handle_delete_iml_link_req(): link_ref = %u", link_ref);
@@ -254,7 +254,7 @@ bool handle_delete_iml_link_req(IemliSession *session, const itc_msg *msg)
 
 bool handle_get_local_supervision_mac_req(IemliSession *session, const itc_msg *msg)
 {
-    const auto *request = reinterpret_cast<const iemli_get_mac_req *>(msg);
+    const auto *request = iemli_message<iemli_get_mac_req>(msg);
     const iemli_peer client = client_of(session, msg);
     const traced_name port = port_name_of_get_mac(msg);
     iemli_trace_request(session, msg);
@@ -272,7 +272,7 @@ bool handle_get_local_supervision_mac_req(IemliSession *session, const itc_msg *
 
 bool handle_enable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *msg)
 {
-    const auto *request = reinterpret_cast<const iemli_enable_rtt_req *>(msg);
+    const auto *request = iemli_message<iemli_enable_rtt_req>(msg);
     const iemli_peer client = client_of(session, msg);
     iemli_trace_request(session, msg);
     VORN_TRACE(TRACE_REQUEST,
@@ -295,7 +295,7 @@ bool handle_enable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *m
 
 bool handle_disable_inter_me_link_rtt_req(IemliSession *session, const itc_msg *msg)
 {
-    const uint32_t link_ref = reinterpret_cast<const iemli_link_ref_req *>(msg)->link_ref;
+    const uint32_t link_ref = iemli_message<iemli_link_ref_req>(msg)->link_ref;
     const iemli_peer client = client_of(session, msg);
     iemli_trace_request(session, msg);
     VORN_TRACE(TRACE_REQUEST, "handle_disable_inter_me_link_rtt_req(): link_reference = %u", link_ref);

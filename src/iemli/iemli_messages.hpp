@@ -142,7 +142,13 @@ static_assert(sizeof(iemli_header) == 12);
 static_assert(offsetof(iemli_header, procedure_ref) == 4);
 static_assert(offsetof(iemli_header, connection_ref) == 8);
 
-inline const iemli_header *iemli_header_of(const itc_msg *msg) { return reinterpret_cast<const iemli_header *>(msg); }
+// A received message as its layout; that it is as long was checked before.
+template <typename Layout> const Layout *iemli_message(const itc_msg *msg)
+{
+    return reinterpret_cast<const Layout *>(msg);
+}
+
+inline const iemli_header *iemli_header_of(const itc_msg *msg) { return iemli_message<iemli_header>(msg); }
 
 // Messages without further fields: client down, term request and confirm, the confirms of update, delete and RTT.
 struct iemli_plain_msg {
@@ -374,11 +380,11 @@ inline uint64_t iemli_message_min_size(const itc_msg *msg)
         return size;
     }
     if (msg->msgno == IEMLI_CREATE_INTER_ME_LINK_REQ) {
-        const auto *request = reinterpret_cast<const iemli_create_link_req *>(msg);
+        const auto *request = iemli_message<iemli_create_link_req>(msg);
         return size + iemli_size_of_further_app_links(request->link.numberOfAppLinks);
     }
     if (msg->msgno == IEMLI_UPDATE_INTER_ME_LINK_REQ) {
-        const auto *request = reinterpret_cast<const iemli_update_link_req *>(msg);
+        const auto *request = iemli_message<iemli_update_link_req>(msg);
         return size + iemli_size_of_further_app_links(request->numberOfAppLinks);
     }
     return size;

@@ -115,7 +115,7 @@ iemli_peer iemli_session_peer(const IemliSession *session, uint32_t procedure_re
 
 void iemli_session_handle_init(const itc_msg *msg)
 {
-    const auto *request = reinterpret_cast<const iemli_init_service_req *>(msg);
+    const auto *request = iemli_message<iemli_init_service_req>(msg);
     const iemli_peer sender = iemli_sender_of(msg);
     if (iemli_session_find_by_init(msg) != nullptr) {
         send_init_rej(sender, IEMLI_REJ_SERVICE_INITIATED);

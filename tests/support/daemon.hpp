@@ -497,7 +497,8 @@ private:
         } else if (message.msgno() == 0x1B1006) {
             fake::push(PMI, reply(message, 0x1B1007, 200).n32(0));
         } else if (pmi_answers != answer::never && (message.msgno() == 0x1B1009 || message.msgno() == 0x1B100C)) {
-            answer_to(message, pmi_answers == answer::confirm);
+            const bool names_a_port = message.bytes[offsetof(pmi_port_vlan_req, port_name)] != 0;
+            answer_to(message, names_a_port && pmi_answers == answer::confirm);
         }
     }
 

@@ -61,6 +61,20 @@ constexpr reason_words REASONS[] = {
     {KAP_IEMLI_OTHER_REASON, "another reason, which the daemon's trace says"},
 };
 
+constexpr bool has_words(uint32_t reason)
+{
+    for (const reason_words &words : REASONS) {
+        if (words.reason == reason) {
+            return true;
+        }
+    }
+    return false;
+}
+
+#define HAS_WORDS(value, name) static_assert(has_words(value), #name " has no words here");
+IEMLI_REJECT_REASONS(HAS_WORDS)
+#undef HAS_WORDS
+
 mac_address inside(const kap_iemli_mac &mac)
 {
     mac_address copy{};
