@@ -78,20 +78,23 @@ protected:
     mutable std::string said_; // by the last check of a schema
 };
 
-// What the section has between .nf and .fi, a command a line.
-std::vector<std::string> examples()
+// What the page's section has between .nf and .fi, as it is read.
+std::vector<std::string> examples(const std::string &name, const std::string &section)
 {
-    std::ifstream page(KAP_SOURCE_DIR "/docs/man/vornctl.1");
+    std::ifstream page(KAP_SOURCE_DIR "/docs/man/" + name);
     std::vector<std::string> found;
     bool in_section = false;
     bool in_block = false;
     for (std::string line; std::getline(page, line);) {
         if (line.starts_with(".SH ")) {
-            in_section = line == ".SH EXAMPLES";
+            in_section = line == ".SH " + section;
         } else if (line == ".nf" || line == ".fi") {
             in_block = in_section && line == ".nf";
         } else if (in_block) {
-            found.push_back(std::regex_replace(line, std::regex(R"(\\-)"), "-"));
+            for (const auto &[written, read] : {std::pair(R"(\\-)", "-"), {R"(\\\(dq)", "\""}, {R"(\\\(aq)", "'"}}) {
+                line = std::regex_replace(line, std::regex(written), read);
+            }
+            found.push_back(line);
         }
     }
     return found;
@@ -101,7 +104,7 @@ std::vector<std::string> examples()
 
 TEST_F(OperatorOfLinkd, RunsEveryExampleOfTheManualAsItIsPrinted)
 {
-    const auto lines = examples();
+    const auto lines = examples("vornctl.1", "EXAMPLES");
     ASSERT_GE(lines.size(), 14u);
     for (const std::string &line : lines) {
         const command_result result = shell("set -o pipefail; " + line);
@@ -114,6 +117,23 @@ TEST_F(OperatorOfLinkd, RunsEveryExampleOfTheManualAsItIsPrinted)
         }
     }
     EXPECT_EQ(shell("vornctl link to-north").status, 1);
+}
+
+TEST_F(OperatorOfLinkd, TheExamplesOfTheOtherPagesAreRight)
+{
+    const std::string declared = d.stage.log_dir + "/example.toml";
+    {
+        std::ofstream file(declared);
+        for (const std::string &line : examples("kap-linkd-links.toml.5", "EXAMPLE")) {
+            file << line << "\n";
+        }
+    }
+    EXPECT_NE(std::filesystem::file_size(declared), 0u);
+    EXPECT_EQ(shell("kap-linkd --check " + declared).output, "");
+    add("to-north", "IDL_A1", "100");
+    const auto asked = examples("kap-linkd-control.7", "EXAMPLE");
+    ASSERT_EQ(asked.size(), 1u);
+    EXPECT_EQ(shown(asked[0])["links"][0]["name"], "to-north");
 }
 
 TEST_F(OperatorOfLinkd, SeesNamesAndWhatIsNotWithTheDaemon)
