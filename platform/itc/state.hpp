@@ -332,7 +332,8 @@ struct state {
 
     std::array<drop_kind, DROP_KINDS> drops{};
 
-    int tap = -1; // where messages are told
+    int tap = -1;        // where messages are told
+    uint32_t tap_id = 0; // tells it from those before
     uint64_t tap_lost = 0;
 };
 
@@ -497,7 +498,7 @@ int registry_command(hold &lock, itc_wire::writer &frame, uint32_t opens_box = i
 
 void tap_begin(int fd); // takes it over; whoever looked before looks no more
 void tap_end(bool say_so);
-void tap_event(); // the reader has gone, or wants to
+void tap_event(uint32_t id); // the reader of that tap has gone, or wants to
 __attribute__((cold)) void tap_received(const block *b);
 __attribute__((cold)) void tap_sent(const block *b, uint32_t to);
 

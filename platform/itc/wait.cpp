@@ -105,7 +105,7 @@ void on_event(hold &lock, const epoll_event &event)
         half_timer_event();
         break;
     case source_tap:
-        tap_event();
+        tap_event(id);
         break;
     }
 }

@@ -9,10 +9,13 @@
 #include <sstream>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "capture/frames.hpp"
 #include "e2e.hpp"
+#include "send_path.hpp"
 #include "support/private_etc.hpp"
 
 using namespace std::chrono_literals;
@@ -207,6 +210,24 @@ TEST_F(Capture, OneLinkOfAPortIsToldFromTheOthers)
     const auto vlans = fields("eth", {"vlan.id", "eth.type"});
     EXPECT_EQ(vlans.size(), 4u);
     EXPECT_THAT(vlans, testing::Each("100 0x8100"));
+}
+
+// Else a flood of them would keep the command from the signal that ends it.
+TEST_F(Capture, FramesThatNobodyWantsDoNotHoldUpWhoLooks)
+{
+    start();
+    const uint8_t nobody[6] = {2, 0, 0, 0, 0, 9};
+    const uint8_t wanted[6] = {2, 0, 0, 0, 0, 2};
+    capture::frame_source source("near", "idl_a1", {true, {}, {{2, 0, 0, 0, 0, 2}}}, 96);
+    send_experimental("near", "idl_a1", nobody, 200);
+    send_experimental("near", "idl_a1", wanted, 1);
+    pollfd readable{source.fd(), POLLIN, 0};
+    ASSERT_EQ(poll(&readable, 1, 10000), 1);
+    EXPECT_FALSE(source.next().has_value()) << "so many looks, and no more";
+    ASSERT_EQ(poll(&readable, 1, 10000), 1) << "there is more";
+    const auto seen = source.next();
+    ASSERT_TRUE(seen.has_value());
+    EXPECT_TRUE(std::equal(wanted, wanted + 6, seen->bytes.begin()));
 }
 
 TEST_F(Capture, TheFileSaysWhereAndHowMuchWasSeen)

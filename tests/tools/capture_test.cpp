@@ -3,13 +3,19 @@
 
 #include <bit>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "itc_wire.hpp"
 #include "messages.hpp"
 #include "pcapng.hpp"
+#include "target.hpp"
 
 using namespace capture;
 
@@ -153,6 +159,156 @@ TEST(Pcapng, AFileThatTakesNoMoreIsToldOfAndStaysSo)
     writer.counts(0, 0, {});
     EXPECT_FALSE(writer.flush());
     EXPECT_EQ(errno, ENOSPC);
+}
+
+TEST(Pcapng, APipeThatNobodyReadsHoldsNobodyUpWhoWantsToEnd)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const int end = eventfd(1, EFD_CLOEXEC);
+    pcapng_writer writer(ends[1], "p");
+    writer.ends_with(end);
+    writer.packet(0, 0, bytes(1000), 1000, direction::inbound);
+    EXPECT_TRUE(writer.flush()) << "there is room";
+    writer.packet(0, 0, bytes(1 << 20), 1 << 20, direction::inbound);
+    EXPECT_FALSE(writer.flush());
+    EXPECT_EQ(errno, ECANCELED);
+    close(end);
+    close(ends[0]);
+}
+
+class Target : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        char pattern[] = "/tmp/capture_test.XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        directory = pattern;
+        std::ofstream(file()) << "as it was";
+    }
+    void TearDown() override { std::filesystem::remove_all(directory); }
+    std::string file(const char *name = "/file") const { return directory + name; }
+    std::string content() const
+    {
+        std::ifstream stream(file());
+        return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    }
+    void expect_refused(const std::string &name, const std::string &why) const
+    {
+        try {
+            close(open_target(name));
+            ADD_FAILURE() << name << " is taken";
+        } catch (const std::runtime_error &refused) {
+            EXPECT_EQ(refused.what(), name + ": " + why);
+        }
+        EXPECT_EQ(content(), "as it was");
+    }
+    std::string directory;
+};
+
+TEST_F(Target, AFileIsForItsOwnerAloneAndEmptyBeforeAnythingIsInIt)
+{
+    ASSERT_EQ(chmod(file().c_str(), 0644), 0);
+    for (const char *name : {"/file", "/new"}) {
+        const int fd = open_target(file(name));
+        struct stat facts {
+        };
+        EXPECT_EQ(fstat(fd, &facts), 0);
+        EXPECT_EQ(facts.st_mode & 07777, 0600u) << name;
+        EXPECT_EQ(facts.st_size, 0) << name;
+        close(fd);
+    }
+}
+
+TEST_F(Target, ALinkIsNotFollowedAndAFileWithTwoNamesNotTaken)
+{
+    ASSERT_EQ(symlink(file().c_str(), file("/link").c_str()), 0);
+    expect_refused(file("/link"), "is a symbolic link; say where it leads");
+    ASSERT_EQ(link(file().c_str(), file("/second").c_str()), 0);
+    expect_refused(file("/second"), "has another name as well; remove it first");
+}
+
+TEST_F(Target, ADirectoryIsNoPlaceForACapture)
+{
+    ASSERT_EQ(mkdir(file("/directory").c_str(), 0700), 0);
+    expect_refused(file("/directory"), "Is a directory");
+}
+
+TEST_F(Target, AFileOfSomebodyElseIsNotTaken)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can give a file away";
+    }
+    if (chown(file().c_str(), 65534, 65534) != 0) {
+        GTEST_SKIP() << "there is nobody else in this namespace of users";
+    }
+    expect_refused(file(), "belongs to another user; remove it first");
+}
+
+TEST_F(Target, APipeIsTakenAsItIs)
+{
+    ASSERT_EQ(mkfifo(file("/pipe").c_str(), 0644), 0);
+    const int reader = open(file("/pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = open_target(file("/pipe"));
+    struct stat facts {
+    };
+    EXPECT_EQ(fstat(fd, &facts), 0);
+    EXPECT_TRUE(S_ISFIFO(facts.st_mode));
+    EXPECT_EQ(facts.st_mode & 0777, 0644u);
+    close(fd);
+    close(reader);
+}
+
+namespace
+{
+
+bytes record_bytes(const itc_wire::tap_record &record, size_t of_the_message)
+{
+    bytes packet(sizeof record + of_the_message);
+    memcpy(packet.data(), &record, sizeof record);
+    return packet;
+}
+
+const itc_wire::tap_record RECEIVED = {itc_wire::tap_version, itc_wire::tap_received, 1, 2, 3, 4, 5, 0};
+
+} // namespace
+
+TEST(TapRecord, OfAMessageSaysWhoSentItToWhom)
+{
+    itc_wire::tap_record record = RECEIVED;
+    auto told = read_record(record_bytes(record, 5));
+    ASSERT_TRUE(told.has_value());
+    EXPECT_FALSE(told->is_end);
+    EXPECT_EQ(told->lost, 4u);
+    EXPECT_EQ(told->message.sender, 2u);
+    EXPECT_EQ(told->message.receiver, 1u);
+    EXPECT_EQ(told->message.way, direction::inbound);
+    EXPECT_EQ(told->message.bytes.size(), 5u);
+    record.what = itc_wire::tap_sent;
+    told = read_record(record_bytes(record, 4));
+    ASSERT_TRUE(told.has_value());
+    EXPECT_EQ(told->message.sender, 1u);
+    EXPECT_EQ(told->message.receiver, 2u);
+    EXPECT_EQ(told->message.length, 5u) << "it was longer than what was told of it";
+}
+
+TEST(TapRecord, ThatMakesNoSenseIsNotTaken)
+{
+    EXPECT_TRUE(read_record(record_bytes(RECEIVED, 5)).has_value());
+    EXPECT_FALSE(read_record(record_bytes(RECEIVED, 6)).has_value()) << "more bytes than the message has";
+    bytes cut = record_bytes(RECEIVED, 0);
+    cut.pop_back();
+    EXPECT_FALSE(read_record(cut).has_value());
+    itc_wire::tap_record other = RECEIVED;
+    other.version++;
+    EXPECT_FALSE(read_record(record_bytes(other, 5)).has_value());
+    other = RECEIVED;
+    other.length = itc_wire::message_limit + 1;
+    EXPECT_FALSE(read_record(record_bytes(other, 5)).has_value()) << "no message is so long";
+    other = RECEIVED;
+    other.what = itc_wire::tap_ends + 1;
+    EXPECT_FALSE(read_record(record_bytes(other, 5)).has_value());
 }
 
 TEST(MessageHead, HasTheMailboxesAndTheirNamesInNetworkOrder)

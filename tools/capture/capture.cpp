@@ -11,7 +11,6 @@
 #include <memory>
 #include <system_error>
 
-#include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
 #include <poll.h>
@@ -25,6 +24,7 @@
 #include "link_list/link_list.hpp"
 #include "messages.hpp"
 #include "pcapng.hpp"
+#include "target.hpp"
 #include "where.hpp"
 
 namespace capture
@@ -186,15 +186,10 @@ void look_at_messages(session &s)
     say("looking at the messages of " + s.options.process);
 }
 
+// A signal ends the command as any other up to here: a FIFO that nobody reads holds it up.
 void open_file(session &s)
 {
-    const bool standard = s.options.file == "-";
-    const int fd = standard ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)
-                            : open(s.options.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        throw failure{STATUS_FAILED, (standard ? "standard output" : s.options.file) + ": " + strerror(errno)};
-    }
-    s.file = std::make_unique<pcapng_writer>(fd, "vornctl capture (kap-vorn)");
+    s.file = std::make_unique<pcapng_writer>(open_target(s.options.file), "vornctl capture (kap-vorn)");
 }
 
 void open_signals(session &s)
@@ -230,7 +225,6 @@ void give_rights_up()
 void open_everything(session &s)
 {
     const capture_options &o = s.options;
-    open_signals(s);
     if (o.messages || o.link_ref || !o.ports.empty()) {
         try {
             join_registry();
@@ -250,6 +244,8 @@ void open_everything(session &s)
         places.push_back({"", o.interface, o.name_space});
     }
     open_file(s);
+    open_signals(s);
+    s.file->ends_with(s.signals);
     for (const port_place &where : places) {
         look_at_interface(s, where, filter);
     }
@@ -282,9 +278,7 @@ void take_messages(const session &s, std::vector<packet> &round)
         packet p{s.messages_where, next->stamp, {}, 0, next->way};
         p.bytes = message_packet(*next, s.messages->name_of(next->sender), s.messages->name_of(next->receiver),
                                  s.options.snap_length);
-        // On the wire, so to speak, it had its head and all of itself.
-        p.length = static_cast<uint32_t>(p.bytes.size() - std::min<size_t>(next->bytes.size(), s.options.snap_length) +
-                                         next->length);
+        p.length = whole_length(*next, p.bytes.size(), s.options.snap_length);
         round.push_back(std::move(p));
     }
 }
@@ -304,7 +298,9 @@ void write_packet(session &s, const packet &p)
 void flush(session &s)
 {
     if (!s.file->flush()) {
-        throw failure{STATUS_FAILED, std::string("the capture cannot be written: ") + strerror(errno)};
+        throw failure{STATUS_FAILED, errno == ECANCELED
+                                         ? "nobody reads the capture; its end is lost"
+                                         : std::string("the capture cannot be written: ") + strerror(errno)};
     }
 }
 

@@ -26,6 +26,7 @@ constexpr uint16_t ETHER_TYPE_ECPRI = 0xAEFE;
 constexpr size_t TYPE_AT = 12;
 constexpr size_t TAG_SIZE = 4;
 constexpr size_t LONGEST_FRAME = 256 * 1024; // more than an interface merges into one
+constexpr size_t LOOKS = 128;                // so that what nobody wants does not keep the caller from all else
 constexpr int RECEIVE_BUFFER = 16 * 1024 * 1024;
 
 void must(int result, const std::string &what)
@@ -150,7 +151,7 @@ frame_source::~frame_source() { close(fd_); }
 
 std::optional<frame> frame_source::next()
 {
-    for (;;) {
+    for (size_t looked_at = 0; looked_at < LOOKS; looked_at++) {
         alignas(cmsghdr) uint8_t control[256];
         sockaddr_ll from{};
         iovec vector = {buffer_.data(), buffer_.size()};
@@ -183,6 +184,7 @@ std::optional<frame> frame_source::next()
             return f;
         }
     }
+    return std::nullopt;
 }
 
 uint64_t frame_source::dropped()

@@ -41,7 +41,8 @@ public:
     frame_source &operator=(const frame_source &) = delete;
 
     int fd() const { return fd_; }
-    // The next that is wanted; nothing when no more is there. Throws std::system_error when the interface is gone.
+    // The next that is wanted; nothing when no more is there, or among the many that are there none is wanted so far:
+    // then fd() can still be read. Throws std::system_error when the interface is gone.
     std::optional<frame> next();
     uint64_t dropped(); // by the kernel, for want of room, since the beginning
 

@@ -74,6 +74,35 @@ std::vector<uint8_t> message_packet(const told_message &m, const std::string &se
     return packet;
 }
 
+uint32_t whole_length(const told_message &m, size_t packet_length, uint32_t snap_length)
+{
+    return static_cast<uint32_t>(packet_length - std::min<size_t>(m.bytes.size(), snap_length) + m.length);
+}
+
+std::optional<told_record> read_record(std::span<const uint8_t> packet)
+{
+    itc_wire::tap_record record{};
+    if (packet.size() < sizeof record) {
+        return std::nullopt;
+    }
+    memcpy(&record, packet.data(), sizeof record);
+    const std::span<const uint8_t> bytes = packet.subspan(sizeof record);
+    const bool received = record.what == itc_wire::tap_received;
+    const bool is_end = record.what == itc_wire::tap_ends;
+    if (record.version != itc_wire::tap_version || (!received && !is_end && record.what != itc_wire::tap_sent) ||
+        bytes.size() > record.length || record.length > itc_wire::message_limit) {
+        return std::nullopt;
+    }
+    return told_record{record.lost,
+                       is_end,
+                       {record.stamp,
+                        received ? direction::inbound : direction::outbound,
+                        received ? record.other : record.own,
+                        received ? record.own : record.other,
+                        record.length,
+                        {bytes.begin(), bytes.end()}}};
+}
+
 message_source::message_source(const std::string &process) : buffer_(65536)
 {
     const auto end = clock::now() + PATIENCE;
@@ -116,30 +145,19 @@ std::optional<told_message> message_source::next()
     if (ended_) {
         return std::nullopt;
     }
-    itc_wire::tap_record record{};
     const ssize_t got = recv(fd_, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
     if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
         return std::nullopt;
     }
-    if (got < static_cast<ssize_t>(sizeof record)) {
+    auto told = read_record({buffer_.data(), static_cast<size_t>(std::max<ssize_t>(got, 0))});
+    if (!told || told->is_end) { // nothing comes behind it
         ended_ = true;
+        replaced_ = told && !stopped_;
+        lost_ = told ? told->lost : lost_;
         return std::nullopt;
     }
-    memcpy(&record, buffer_.data(), sizeof record);
-    lost_ = record.lost;
-    if (record.what != itc_wire::tap_received && record.what != itc_wire::tap_sent) {
-        replaced_ = record.what == itc_wire::tap_ends && !stopped_;
-        return next();
-    }
-    const bool received = record.what == itc_wire::tap_received;
-    told_message m{record.stamp,
-                   received ? direction::inbound : direction::outbound,
-                   received ? record.other : record.own,
-                   received ? record.own : record.other,
-                   record.length,
-                   {}};
-    m.bytes.assign(buffer_.begin() + sizeof record, buffer_.begin() + got);
-    return m;
+    lost_ = told->lost;
+    return std::move(told->message);
 }
 
 const std::string &message_source::name_of(uint32_t mailbox)

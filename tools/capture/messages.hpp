@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -38,9 +39,22 @@ struct told_message {
     std::vector<uint8_t> bytes; // of them those that were told
 };
 
+// A record behind the first, as the process tells it: a message, or that none follows.
+struct told_record {
+    uint64_t lost; // messages up to here
+    bool is_end;
+    told_message message;
+};
+
+// Nothing where the process tells what makes no sense: no more of it is read.
+std::optional<told_record> read_record(std::span<const uint8_t> packet);
+
 // The head and the message; at most `snap_length` bytes of the message.
 std::vector<uint8_t> message_packet(const told_message &m, const std::string &sender, const std::string &receiver,
                                     uint32_t snap_length);
+
+// How long that would be with all of the message: on the wire, so to speak.
+uint32_t whole_length(const told_message &m, size_t packet_length, uint32_t snap_length);
 
 // Why a process's messages cannot be looked at; `error` is the errno value.
 struct tap_refused {

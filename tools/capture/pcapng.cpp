@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace capture
@@ -34,6 +37,7 @@ constexpr uint16_t STATISTICS_DROPPED = 5;
 constexpr uint8_t NANOSECONDS = 9; // 10^-9
 constexpr uint8_t FILTER_IS_TEXT = 0;
 constexpr size_t LONGEST_OPTION = UINT16_MAX;
+constexpr int LAST_ROOM_MS = 1000;
 
 } // namespace
 
@@ -63,6 +67,9 @@ private:
 
 pcapng_writer::pcapng_writer(int fd, const std::string &program) : fd_(fd)
 {
+    struct stat facts {
+    };
+    at_once_ = fstat(fd, &facts) == 0 && S_ISREG(facts.st_mode);
     const block b(*this, SECTION);
     number(ORDER_MARK);
     const uint16_t version[] = {MAJOR, MINOR};
@@ -117,14 +124,34 @@ void pcapng_writer::counts(uint32_t where, uint64_t stamp_ns, const place_counts
     option(END_OF_OPTIONS, nullptr, 0);
 }
 
+// 0 when something can be written, else an errno value.
+int pcapng_writer::await_room() const
+{
+    if (at_once_) {
+        return 0;
+    }
+    pollfd wanted[] = {{fd_, POLLOUT, 0}, {signals_, POLLIN, 0}};
+    while (poll(wanted, 2, -1) < 0) {
+        if (errno != EINTR) {
+            return errno;
+        }
+    }
+    if (wanted[0].revents != 0) {
+        return 0; // there is room, or the writing says what is the matter
+    }
+    return poll(wanted, 1, LAST_ROOM_MS) > 0 ? 0 : ECANCELED;
+}
+
 bool pcapng_writer::flush()
 {
     size_t at = 0;
     while (error_ == 0 && at < out_.size()) {
-        const ssize_t put = write(fd_, out_.data() + at, out_.size() - at);
+        error_ = await_room();
+        const size_t most = at_once_ ? out_.size() : PIPE_BUF; // what a pipe with room takes without waiting
+        const ssize_t put = error_ != 0 ? 0 : write(fd_, out_.data() + at, std::min(most, out_.size() - at));
         if (put > 0) {
             at += static_cast<size_t>(put);
-        } else if (errno != EINTR) {
+        } else if (put < 0 && errno != EINTR && errno != EAGAIN) {
             error_ = errno;
         }
     }

@@ -44,11 +44,13 @@ public:
     pcapng_writer(const pcapng_writer &) = delete;
     pcapng_writer &operator=(const pcapng_writer &) = delete;
 
+    // A pipe that nobody reads holds nobody up for more than a second from when this descriptor can be read.
+    void ends_with(int signals) { signals_ = signals; }
     uint32_t add_place(const place &p); // its number in the file
     // `bytes` of a packet that was `length` long; the stamp in nanoseconds since 1970.
     void packet(uint32_t where, uint64_t stamp, std::span<const uint8_t> bytes, uint32_t length, direction way);
     void counts(uint32_t where, uint64_t stamp, const place_counts &c);
-    bool flush(); // false, with errno, when the file takes no more
+    bool flush(); // false, with errno, when the file takes no more; ECANCELED: it was to end, and nobody reads
     size_t waiting() const { return out_.size(); }
 
 private:
@@ -59,7 +61,11 @@ private:
     void option(uint16_t code, const void *bytes, size_t size);
     void text_option(uint16_t code, const std::string &text);
 
+    int await_room() const;
+
     int fd_;
+    bool at_once_ = false; // a file takes all that it is given
+    int signals_ = -1;
     int error_ = 0;
     uint32_t places_ = 0;
     std::vector<uint8_t> out_;

@@ -11,6 +11,7 @@
 #include <optional>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace itc_test;
@@ -283,6 +284,28 @@ TEST_F(Tap, WhoeverLooksLastLooksAlone)
     EXPECT_EQ(last->record.what, itc_wire::tap_ends);
     EXPECT_FALSE(next(first).has_value());
     close(first);
+    close(tap);
+    end_it();
+    EXPECT_EQ(child.finish(), 0);
+}
+
+TEST_F(Tap, TheEndOfOneReaderThatComesTogetherWithTheNextReaderEndsTheOneAlone)
+{
+    Child child(answer_questions);
+    look();
+    const int first = tap;
+    ASSERT_EQ(kill(child.pid, SIGSTOP), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(child.pid, &status, WUNTRACED), child.pid);
+    // Both wait for the process, in this order: that another looks, and that the first is gone.
+    const int error = itc_internal_tap(NAME, &tap);
+    close(first);
+    ASSERT_EQ(kill(child.pid, SIGCONT), 0);
+    ASSERT_EQ(error, 0);
+    expect_what(itc_wire::tap_begins);
+    ask(8);
+    expect_message(itc_wire::tap_received, QUESTION, itc_current_mbox(), 8);
+    expect_message(itc_wire::tap_sent, ANSWER, itc_current_mbox(), 8);
     close(tap);
     end_it();
     EXPECT_EQ(child.finish(), 0);
