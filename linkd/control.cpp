@@ -86,6 +86,29 @@ bool is_in(const std::vector<gid_t> &groups, const std::optional<gid_t> &group)
     return group && std::find(groups.begin(), groups.end(), *group) != groups.end();
 }
 
+// No request goes deeper. A value that does is not kept: whoever copies one goes down as deep as it is, and a line has
+// room for more of that than a stack.
+constexpr int DEEPEST = 8;
+
+json request_in(const std::string &line)
+{
+    bool too_deep = false;
+    json request = json::parse(
+        line,
+        [&](int depth, json::parse_event_t, const json &) {
+            too_deep = too_deep || depth > DEEPEST;
+            return !too_deep;
+        },
+        false);
+    if (too_deep) {
+        refuse("bad_request", "nothing is nested so deep");
+    }
+    if (!request.is_object()) {
+        refuse("bad_request", "a line must be a JSON object");
+    }
+    return request;
+}
+
 // ---- Members of a request ------------------------------------------------------------------------------------------
 
 std::string text_in(const json &request, const char *member, bool needed)
@@ -447,11 +470,8 @@ void control::answer(client &who, const std::string &line)
     }
     json id;
     json out;
-    const json request = json::parse(line, nullptr, false);
     try {
-        if (!request.is_object()) {
-            refuse("bad_request", "a line must be a JSON object");
-        }
+        const json request = request_in(line);
         id = request.value("id", json());
         if (id.is_structured() || (id.is_string() && id.get_ref<const std::string &>().size() > LONGEST_ID)) {
             id = nullptr;

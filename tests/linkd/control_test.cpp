@@ -339,6 +339,25 @@ std::string answer_to(const std::string &socket_path, gid_t group, const std::ve
     return WIFEXITED(status) && WEXITSTATUS(status) == 9 ? "cannot be another" : text;
 }
 
+// Whoever copies or prints a value goes down as deep as it is nested, and a line has room for more than a stack has.
+TEST_F(Control, TakesNothingThatIsNestedDeeperThanAnyRequest)
+{
+    const auto nested = [](size_t levels) { return std::string(levels, '[') + std::string(levels, ']'); };
+    control_client client(socket_path);
+    for (const std::string &line : {R"({"op":"status","id":)" + nested(200'000) + "}\n",
+                                    R"({"op":"rtt","name":"declared","on":{"a":)" + nested(200'000) + "}}\n",
+                                    R"({"op":"status","other":)" + nested(9) + "}\n"}) {
+        ASSERT_TRUE(client.send_text(line));
+        auto answer = client.read_line();
+        ASSERT_TRUE(answer);
+        EXPECT_EQ((*answer)["error"]["code"], "bad_request");
+        EXPECT_EQ((*answer)["error"]["text"], "nothing is nested so deep");
+    }
+    json request = {{"op", "status"}};
+    request["other"] = json::parse(nested(8));
+    EXPECT_EQ(client.ask(request)["ok"], true);
+}
+
 TEST_F(Control, LetsReadersLookAndOnlyWritersChangeSomething)
 {
     constexpr gid_t READERS = 65534; // "nogroup"
