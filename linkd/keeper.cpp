@@ -355,6 +355,7 @@ void keeper::mark_gone_sessions(const std::string &why, const instant &now)
         fresh.wanted = std::move(e.wanted);
         fresh.last_rtt = e.last_rtt;
         fresh.last_rtt_boot_us = e.last_rtt_boot_us;
+        fresh.last_answer_boot_us = e.last_answer_boot_us;
         e = std::move(fresh);
     }
 }
@@ -728,14 +729,22 @@ void keeper::measured(uint32_t link_ref, rtt_sample sample, const instant &now)
     sample.at_us = now.real_us;
     e.last_rtt = sample;
     e.last_rtt_boot_us = now.boot_us;
+    if (sample.valid != 0) {
+        e.last_answer_boot_us = now.boot_us;
+    }
     told_.measured(sample);
 }
 
-void keeper::counted(uint32_t link_ref, uint64_t results, uint64_t lost_pings)
+// More answers than before: the last of them came after the counts before these were taken.
+void keeper::counted(uint32_t link_ref, uint64_t results, uint64_t lost_pings, const instant &now)
 {
     const auto found = by_ref_.find(link_ref);
     if (found != by_ref_.end()) {
         entry &e = entries_.at(found->second);
+        const bool anew = results < e.results;
+        if (results - lost_pings > (anew ? 0 : e.results - e.lost_pings)) {
+            e.last_answer_boot_us = now.boot_us;
+        }
         e.results = results;
         e.lost_pings = lost_pings;
     }
@@ -766,6 +775,9 @@ link_view keeper::view_of(const named &link, const declaration &wanted, const in
     view.last_rtt = e.last_rtt;
     view.results = e.results;
     view.lost = e.lost_pings;
+    if (e.last_answer_boot_us) {
+        view.last_answer_age_us = now.boot_us - *e.last_answer_boot_us;
+    }
     if (e.failures > 0 && e.next_try_ms > now.ms()) {
         view.next_try_us = now.real_us + (e.next_try_ms - now.ms()) * US_PER_MS;
     }
@@ -796,6 +808,8 @@ node_view keeper::node() const
     seen.missing = missing_;
     seen.since_us = session_ ? session_since_us_ : 0;
     seen.sessions = sessions_;
+    seen.requests_sent = waits_.size() + stale_.size() + short_.size();
+    seen.requests_due = todo_.size();
     for (const auto &[name, link] : names_) {
         seen.waiting += link.state == link_state::waiting ? 1 : 0;
         seen.rejected += link.state == link_state::rejected ? 1 : 0;

@@ -84,7 +84,7 @@ public:
     void status(uint32_t link_ref, bool enabled, const std::string &reason, const instant &now);
     void measured(uint32_t link_ref, rtt_sample sample, const instant &now);
     // Of a link's pings since it was created.
-    void counted(uint32_t link_ref, uint64_t results, uint64_t lost_pings);
+    void counted(uint32_t link_ref, uint64_t results, uint64_t lost_pings, const instant &now);
 
     // Does what is due; and when there is something next.
     void tick(const instant &now);
@@ -115,6 +115,7 @@ private:
         int64_t last_rtt_boot_us = 0;
         uint64_t results = 0;
         uint64_t lost_pings = 0;
+        std::optional<int64_t> last_answer_boot_us; // of the far end, as far as it is known
     };
 
     // What people know of a link.

@@ -4,6 +4,7 @@
 #include "history.hpp"
 #include "hub.hpp"
 #include "itc.h"
+#include "itc_internal.h"
 #include "journal.hpp"
 #include "keeper.hpp"
 #include "link_book.hpp"
@@ -245,6 +246,7 @@ private:
         input.lifetimes = past_.lifetimes();
         input.node = keeper_.node();
         input.registry = session_.has_registry();
+        input.services = session_.services();
         input.notices = notices_.look();
         if (input.registry) {
             itc_statistics counted{};
@@ -255,6 +257,9 @@ private:
                               counted.dropped_no_mailbox,
                               counted.dropped_refused,
                               counted.dropped_too_large};
+            itc_internal_waiting waiting{};
+            itc_internal_get_waiting(&waiting);
+            input.waiting = {waiting.messages_in, waiting.messages_out, waiting.bytes_in, waiting.bytes_out};
         }
         input.newest_change = past_.newest();
         input.unwritten = past_.unwritten_changes();

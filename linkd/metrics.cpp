@@ -122,8 +122,6 @@ void add_last_round_trips(std::vector<MetricFamily> &all, const metrics_input &i
     family least(all, "kap_link_rtt_min_seconds", MetricType::Gauge, "shortest round trip of the last batch");
     family average(all, "kap_link_rtt_avg_seconds", MetricType::Gauge, "average round trip of the last batch");
     family most(all, "kap_link_rtt_max_seconds", MetricType::Gauge, "longest round trip of the last batch");
-    family age(all, "kap_link_last_answer_age_seconds", MetricType::Gauge,
-               "how long ago the last measured answer of the far end came");
     for (const link_view &view : input.links) {
         if (!view.last_rtt || view.last_rtt->valid == 0) {
             continue;
@@ -131,19 +129,52 @@ void add_last_round_trips(std::vector<MetricFamily> &all, const metrics_input &i
         least.add(of_link(view), static_cast<double>(view.last_rtt->shortest_ns) / NANOSECONDS);
         average.add(of_link(view), static_cast<double>(view.last_rtt->average_ns) / NANOSECONDS);
         most.add(of_link(view), static_cast<double>(view.last_rtt->longest_ns) / NANOSECONDS);
-        age.add(of_link(view),
-                static_cast<double>(std::max<int64_t>(input.now_us - view.last_rtt->at_us, 0)) / MICROSECONDS);
     }
+}
+
+void add_answers(std::vector<MetricFamily> &all, const std::vector<link_view> &links)
+{
+    family age(all, "kap_link_last_answer_age_seconds", MetricType::Gauge,
+               "how long ago it was seen last that the far end had answered");
+    for (const link_view &view : links) {
+        if (view.last_answer_age_us) {
+            age.add(of_link(view), static_cast<double>(*view.last_answer_age_us) / MICROSECONDS);
+        }
+    }
+}
+
+void add_services(std::vector<MetricFamily> &all, const metrics_input &input)
+{
+    family up(all, "kap_service_up", MetricType::Gauge, "whether the service is there, as kap-linkd sees it");
+    family starts(all, "kap_service_starts_total", MetricType::Counter,
+                  "how often the service has come since kap-linkd was started; each but the first is a restart");
+    up.add({{"service", "registry"}}, input.registry ? 1 : 0);
+    up.add({{"service", "daemon"}}, input.node.daemon ? 1 : 0);
+    up.add({{"service", "session"}}, input.node.session ? 1 : 0);
+    for (const service_view &each : input.services) {
+        up.add({{"service", each.name}}, each.up ? 1 : 0);
+        starts.add({{"service", each.name}}, static_cast<double>(each.starts));
+    }
+}
+
+void add_queues(std::vector<MetricFamily> &all, const metrics_input &input)
+{
+    family messages(all, "kap_itc_waiting_messages", MetricType::Gauge,
+                    "messages that wait in kap-linkd: taken in and not looked at, or not sent for want of room");
+    messages.add({{"direction", "in"}}, static_cast<double>(input.waiting.messages_in));
+    messages.add({{"direction", "out"}}, static_cast<double>(input.waiting.messages_out));
+    family bytes(all, "kap_itc_waiting_bytes", MetricType::Gauge,
+                 "what lies in the sockets: for kap-linkd to read, or from it and unread by the others");
+    bytes.add({{"direction", "in"}}, static_cast<double>(input.waiting.bytes_in));
+    bytes.add({{"direction", "out"}}, static_cast<double>(input.waiting.bytes_out));
+    family requests(all, "kap_requests", MetricType::Gauge,
+                    "requests to the daemon: sent and not answered, or held back until those are");
+    requests.add({{"state", "sent"}}, static_cast<double>(input.node.requests_sent));
+    requests.add({{"state", "due"}}, static_cast<double>(input.node.requests_due));
 }
 
 void add_program(std::vector<MetricFamily> &all, const metrics_input &input)
 {
-    {
-        family up(all, "kap_service_up", MetricType::Gauge, "whether the service is there, as kap-linkd sees it");
-        up.add({{"service", "registry"}}, input.registry ? 1 : 0);
-        up.add({{"service", "daemon"}}, input.node.daemon ? 1 : 0);
-        up.add({{"service", "session"}}, input.node.session ? 1 : 0);
-    }
     {
         family links(all, "kap_links", MetricType::Gauge, "links by state");
         const size_t counts[] = {input.node.waiting, input.node.rejected, input.node.disabled, input.node.enabled};
@@ -226,6 +257,8 @@ std::vector<MetricFamily> metrics::families() const
     std::vector<MetricFamily> all;
     const std::lock_guard lock(mutex_);
     metrics_input input = input_;
+    add_services(all, input);
+    add_queues(all, input);
     add_program(all, input);
     if (input.links.size() > LINKS_SHOWN) {
         input.links.resize(LINKS_SHOWN);
@@ -233,6 +266,7 @@ std::vector<MetricFamily> metrics::families() const
     add_states(all, input.links);
     add_counters(all, input);
     add_last_round_trips(all, input);
+    add_answers(all, input.links);
     add_round_trips(all, input.links);
     return all;
 }

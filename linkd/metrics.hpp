@@ -8,6 +8,7 @@
 
 #include "history_store.hpp"
 #include "notify.hpp"
+#include "services.hpp"
 #include "view.hpp"
 
 #include <prometheus/metric_family.h>
@@ -29,6 +30,11 @@ struct message_figures {
              dropped_too_large = 0;
 };
 
+// What waits over ITC at this moment, as this process sees it.
+struct waiting_figures {
+    uint64_t messages_in = 0, messages_out = 0, bytes_in = 0, bytes_out = 0;
+};
+
 struct metrics_input {
     std::vector<link_view> links;
     std::unordered_map<std::string, history_counters> lifetimes;
@@ -36,6 +42,8 @@ struct metrics_input {
     bool registry = false;
     notifier::figures notices;
     message_figures messages;
+    waiting_figures waiting;
+    std::vector<service_view> services;
     uint64_t newest_change = 0;
     uint64_t unwritten = 0; // changes that are not on the disk yet
     int64_t now_us = 0, started_us = 0;

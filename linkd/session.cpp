@@ -89,12 +89,14 @@ void session::start_client()
         return;
     }
     keeper_->lost("no daemon", now());
+    services_.begin();
     turns_.after(BETWEEN_LISTS_MS, [this] { ask_for_list(); });
     read(); // what came while the name service was asked
 }
 
 void session::on_registry_lost()
 {
+    services_.registry_lost();
     keeper_->lost("no registry", now());
     lost_();
 }
@@ -111,7 +113,7 @@ void session::read()
         }
         if (msg->msgno == IECTM_COLI_IML_LINK_LIST_RSP) {
             read_list(msg);
-        } else {
+        } else if (!services_.take(msg)) {
             iemli_client_handle(client_, msg);
             hand_over();
         }
@@ -217,7 +219,7 @@ void session::read_list(const itc_msg *msg)
     }
     for (const link_list::link &link : *links) {
         if (link.connection_ref == client_.server_ref) {
-            keeper_->counted(link.link_ref, link.results, link.lost);
+            keeper_->counted(link.link_ref, link.results, link.lost, now());
         }
     }
 }

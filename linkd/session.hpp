@@ -6,6 +6,7 @@
 
 #include "keeper.hpp"
 #include "loop.hpp"
+#include "services.hpp"
 
 #include "iemli_client.hpp"
 
@@ -31,6 +32,7 @@ public:
     // Has the keeper do what is due, now and when it says so. To be called when it was told something by others.
     void settle();
     bool has_registry() const { return connected_; }
+    std::vector<service_view> services() const { return services_.look(); }
 
     uint32_t send(const request &what) override;
 
@@ -48,6 +50,7 @@ private:
     std::function<void()> lost_;
     keeper *keeper_ = nullptr;
     iemli_client client_;
+    node_services services_;
     bool connected_ = false;
     bool said_ = false; // that the registry is waited for
     uint64_t timer_ = 0;

@@ -43,6 +43,7 @@ struct link_view {
     std::optional<rtt_sample> last_rtt;
     uint64_t results = 0; // pings of which it is known what became of them, since the link was created
     uint64_t lost = 0;
+    std::optional<int64_t> last_answer_age_us; // of the far end, as far as it is known
     uint64_t flaps_today = 0;
     int64_t next_try_us = 0; // CLOCK_REALTIME; 0: none
 };
@@ -63,7 +64,9 @@ struct node_view {
     bool session = false;
     std::string missing; // in words; "": nothing
     int64_t since_us = 0;
-    uint64_t sessions = 0; // opened since the start
+    uint64_t sessions = 0;    // opened since the start
+    size_t requests_sent = 0; // that the daemon has not answered
+    size_t requests_due = 0;  // that wait for those
     size_t waiting = 0, rejected = 0, disabled = 0, enabled = 0;
 };
 

@@ -25,6 +25,19 @@ int itc_internal_tap(const char *name, int *fd);
 /* For root: the name that a mailbox was created with; `name` has room for 256 bytes. */
 int itc_internal_name_of(uint32_t mbox, char *name);
 
+/*
+ * What waits now: messages of this process's mailboxes that nobody has taken, messages to other processes for which
+ * their sockets have no room yet, what lies in the sockets for this process to read (bytes), and what lies in them that
+ * the others have not read (bytes of the kernel's memory, which is more than the messages have).
+ */
+struct itc_internal_waiting {
+    uint64_t messages_in;
+    uint64_t messages_out;
+    uint64_t bytes_in;
+    uint64_t bytes_out;
+};
+void itc_internal_get_waiting(struct itc_internal_waiting *out);
+
 /* For tests: how many writes to other processes' sockets took something, since the process began. */
 uint64_t itc_internal_channel_writes(void);
 /* For tests: how long a half-sent message may stand still while others need the room, in place of 30 s. */

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <utility>
 
 namespace itc
@@ -396,6 +398,31 @@ void itc_get_statistics(itc_statistics *out)
 {
     const hold lock = call_lock();
     *out = g().statistics;
+}
+
+void itc_internal_get_waiting(itc_internal_waiting *out)
+{
+    const auto count = [](const block *b) {
+        uint64_t sum = 0;
+        for (; b != nullptr; b = b->next) {
+            sum++;
+        }
+        return sum;
+    };
+    const auto bytes_of = [](int fd, unsigned long request) {
+        int bytes = 0;
+        return fd >= 0 && ioctl(fd, request, &bytes) == 0 ? static_cast<uint64_t>(bytes) : 0;
+    };
+    const hold lock = call_lock();
+    *out = {};
+    for (const thread *t : g().threads) {
+        out->messages_in += count(t->queue.head);
+    }
+    for (const auto &[process, p] : g().peers) {
+        out->messages_out += count(p->outbox.head);
+        out->bytes_in += bytes_of(p->fd, SIOCINQ);
+        out->bytes_out += bytes_of(p->fd, SIOCOUTQ);
+    }
 }
 
 uint64_t itc_internal_channel_writes(void)

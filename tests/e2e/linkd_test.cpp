@@ -3,10 +3,13 @@
 #include <gmock/gmock.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <utility>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "e2e.hpp"
@@ -67,6 +70,31 @@ protected:
         return answer.is_object() && answer.contains("link") ? answer["link"] : json::object();
     }
     static std::string state_of(const std::string &name) { return link(name).value("state", "unknown"); }
+    // What Prometheus would get.
+    static std::string figures()
+    {
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(9643);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const std::string request = "GET /metrics HTTP/1.0\r\nHost: 127.0.0.1:9643\r\n\r\n";
+        std::string text;
+        if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
+            send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+            char room[4096];
+            for (ssize_t got = 0; (got = recv(fd, room, sizeof room, 0)) > 0;) {
+                text.append(room, static_cast<size_t>(got));
+            }
+        }
+        close(fd);
+        return text;
+    }
+    void wait_figure(const std::string &line)
+    {
+        stage_wait(d.stage, line, 20s, [&] { return figures().find("\n" + line + "\n") != std::string::npos; });
+    }
+
     void wait_state(const std::string &name, const std::string &state)
     {
         stage_wait(d.stage, name + " is " + state, 20s, [&] { return state_of(name) == state; });
@@ -144,6 +172,47 @@ TEST_F(Linkd, AsksAgainWhenAServiceWasLostAndTheDaemonFoundItAgain)
     stage_start_process(d.stage, DAEMON);
     wait_state("north", "enabled");
     wait_state("south", "enabled");
+}
+
+TEST_F(Linkd, TellsWhichServicesAreThereHowOftenTheyCameAndWhatWaits)
+{
+    command_must({"ip", "link", "set", "lo", "up"}); // of this test's own namespace
+    declare(TWO_LINKS);
+    start();
+    run_linkd();
+    for (const std::string service : {"registry", "daemon", "session", "vorn", "iepcsi", "pmi", "emi", "fmi", "aasi"}) {
+        wait_figure("kap_service_up{service=\"" + service + "\"} 1");
+    }
+    wait_figure("kap_service_starts_total{service=\"pmi\"} 1");
+    wait_figure("kap_requests{state=\"sent\"} 0");
+    wait_figure("kap_itc_waiting_bytes{direction=\"out\"} 0");
+    // Of a link whose round trips nobody measures, too.
+    stage_wait(d.stage, "an answer of the far end was seen", 20s, [] {
+        return figures().find("kap_link_last_answer_age_seconds{link=\"north\",port=\"IDL_A1\"} ") != std::string::npos;
+    });
+    kill_process("pmi");
+    wait_figure("kap_service_up{service=\"pmi\"} 0");
+    wait_figure("kap_service_up{service=\"emi\"} 1");
+    kill_process(DAEMON);
+    wait_figure("kap_service_up{service=\"vorn\"} 0");
+    stage_start_process(d.stage, "pmi");
+    stage_start_process(d.stage, DAEMON);
+    for (const std::string service : {"pmi", "vorn"}) {
+        wait_figure("kap_service_up{service=\"" + service + "\"} 1");
+        wait_figure("kap_service_starts_total{service=\"" + service + "\"} 2");
+    }
+    wait_figure("kap_service_starts_total{service=\"emi\"} 1");
+    wait_state("north", "enabled");
+    // A daemon that does nothing: what it was told lies in the socket.
+    kill(daemon().pid, SIGSTOP);
+    stage_wait(d.stage, "something waits for the daemon", 20s, [] {
+        const std::string text = figures();
+        const std::string name = "kap_itc_waiting_bytes{direction=\"out\"} ";
+        const size_t at = text.find(name);
+        return at != std::string::npos && atoi(text.c_str() + at + name.size()) > 0;
+    });
+    kill(daemon().pid, SIGCONT);
+    wait_figure("kap_itc_waiting_bytes{direction=\"out\"} 0");
 }
 
 TEST_F(Linkd, WaitsForEverythingThatIsNotThereYet)

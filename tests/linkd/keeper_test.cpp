@@ -419,6 +419,36 @@ TEST(Keeper, MeasuresAsItIsDeclared)
     EXPECT_FALSE(s.daemon.links.begin()->second.rtt);
 }
 
+TEST(Keeper, KnowsSinceWhenTheFarEndWasNotSeenToAnswer)
+{
+    scene s;
+    s.declare({link_to("a", "IDL_A1", 100, 1)});
+    s.publish();
+    s.quiet();
+    const auto age_ms = [&]() -> std::optional<int64_t> {
+        const auto age = s.keeps.view("a", s.daemon.now)->last_answer_age_us;
+        return age ? std::optional(*age / MS) : std::nullopt;
+    };
+    const uint32_t link_ref = s.daemon.links.begin()->first;
+    s.keeps.counted(link_ref, 6, 6, s.daemon.now);
+    EXPECT_FALSE(age_ms()) << "lost pings are no answers";
+    s.keeps.counted(link_ref, 10, 6, s.daemon.now);
+    EXPECT_EQ(age_ms(), 0);
+    s.pass(3000);
+    s.keeps.counted(link_ref, 12, 8, s.daemon.now);
+    EXPECT_EQ(age_ms(), 3000) << "no more of them than before";
+    s.keeps.counted(link_ref, 2, 1, s.daemon.now);
+    EXPECT_EQ(age_ms(), 0) << "the daemon counts from 0 again";
+    s.pass(1000);
+    s.keeps.measured(link_ref, {"a", 0, 0, 0, 0, 0}, s.daemon.now);
+    EXPECT_EQ(age_ms(), 1000) << "a batch without an answer";
+    s.keeps.measured(link_ref, {"a", 0, 1, 1, 1, 1}, s.daemon.now);
+    EXPECT_EQ(age_ms(), 0);
+    s.pass(500);
+    s.keeps.lost("no daemon", s.daemon.now);
+    EXPECT_EQ(age_ms(), 500) << "that the daemon has gone does not make it forgotten";
+}
+
 TEST(Keeper, AsksLaterAndLaterForWhatIsRefused)
 {
     scene s;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <set>
 #include <sstream>
 
 namespace linkd
@@ -126,6 +127,7 @@ metrics_input two_links()
     up.state = link_state::enabled;
     up.since_us = 1'000'000;
     up.last_rtt = rtt_sample{"to-north", 4'000'000, 1000, 2000, 3000, 5};
+    up.last_answer_age_us = 2'000'000;
     link_view down;
     down.link = {"to \"south\"", "IDL_A2", 200, "02:00:00:00:00:03"};
     down.state = link_state::disabled;
@@ -137,6 +139,10 @@ metrics_input two_links()
     input.node.enabled = 1;
     input.node.disabled = 1;
     input.node.daemon = true;
+    input.node.requests_sent = 4;
+    input.node.requests_due = 5;
+    input.waiting = {6, 7, 8, 9};
+    input.services = {{"vorn", true, 2}, {"aasi", false, 0}};
     input.now_us = 6'000'000;
     return input;
 }
@@ -163,11 +169,23 @@ TEST(Metrics, TellStateReasonCountersAndRoundTripsOfEveryLink)
           "kap_link_rtt_seconds_bucket{link=\"to-north\",port=\"IDL_A1\",le=\"2.5e-05\"} 2\n",
           "kap_link_rtt_seconds_bucket{link=\"to-north\",port=\"IDL_A1\",le=\"0.25\"} 2\n",
           "kap_link_rtt_seconds_bucket{link=\"to-north\",port=\"IDL_A1\",le=\"+Inf\"} 3\n",
-          "kap_links{state=\"enabled\"} 1\n", "kap_service_up{service=\"daemon\"} 1\n",
-          "kap_service_up{service=\"session\"} 0\n", "kap_links_not_shown 0\n"}) {
+          "kap_service_up{service=\"vorn\"} 1\n",
+          "kap_service_up{service=\"aasi\"} 0\n",
+          "kap_service_starts_total{service=\"vorn\"} 2\n",
+          "kap_requests{state=\"sent\"} 4\n",
+          "kap_requests{state=\"due\"} 5\n",
+          "kap_itc_waiting_messages{direction=\"in\"} 6\n",
+          "kap_itc_waiting_messages{direction=\"out\"} 7\n",
+          "kap_itc_waiting_bytes{direction=\"in\"} 8\n",
+          "kap_itc_waiting_bytes{direction=\"out\"} 9\n",
+          "kap_links{state=\"enabled\"} 1\n",
+          "kap_service_up{service=\"daemon\"} 1\n",
+          "kap_service_up{service=\"session\"} 0\n",
+          "kap_links_not_shown 0\n"}) {
         EXPECT_THAT(text, HasSubstr(line));
     }
     EXPECT_THAT(text, Not(HasSubstr("kap_link_reason{link=\"to-north\"")));
+    EXPECT_THAT(text, Not(HasSubstr("kap_link_last_answer_age_seconds{link=\"to \\\"south")));
 }
 
 TEST(Metrics, AreBoundedInLinksAndForgetWhoIsGone)
@@ -186,6 +204,28 @@ TEST(Metrics, AreBoundedInLinksAndForgetWhoIsGone)
     EXPECT_THAT(text, HasSubstr("link=\"link" + std::to_string(metrics::LINKS_SHOWN - 1) + "\""));
     EXPECT_THAT(text, Not(HasSubstr("link=\"link" + std::to_string(metrics::LINKS_SHOWN) + "\"")));
     EXPECT_THAT(text, Not(HasSubstr("to-north")));
+}
+
+TEST(Metrics, TheManualHasEveryFigureAndNoOther)
+{
+    metrics all;
+    all.hand_over(two_links());
+    all.measured({"to-north", 0, 1, 1, 1, 1});
+    const std::string told = all.text();
+    std::set<std::string> names;
+    const std::string head = "# TYPE ";
+    for (size_t at = 0; (at = told.find(head, at)) != std::string::npos;) {
+        at += head.size();
+        names.insert(told.substr(at, told.find(' ', at) - at));
+    }
+    std::set<std::string> described;
+    std::istringstream page(text_of_file("docs/man/kap-linkd-metrics.7"));
+    for (std::string line; std::getline(page, line);) {
+        if (line.starts_with("kap_")) {
+            described.insert(line.substr(0, line.find('\t')));
+        }
+    }
+    EXPECT_EQ(described, names);
 }
 
 TEST(Metrics, TheSampleOfAlertRulesUsesOnlyWhatIsTold)
