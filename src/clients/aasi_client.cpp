@@ -8,8 +8,8 @@
 namespace
 {
 
-client_record client;       // NOLINT
-uint32_t subscribe_sid = 0; // NOLINT
+client_record client;
+uint32_t subscribe_sid = 0;
 
 // A service path is an ITC name; no mailbox has a longer one.
 constexpr size_t SERVICE_PATH_SIZE = 256;

@@ -8,7 +8,7 @@
 namespace
 {
 
-client_record client; // NOLINT
+client_record client;
 
 emi_endpoint_req *alloc_endpoint_req(uint32_t msgno, const EmiEndpoint *endpoints, uint32_t n)
 {

@@ -50,8 +50,8 @@ struct policer {
     policer *next;
 };
 
-port_acl *acls = nullptr;    // NOLINT; newest first
-policer *policers = nullptr; // NOLINT; newest first
+port_acl *acls = nullptr;    // newest first
+policer *policers = nullptr; // newest first
 
 bool is_initiated(void (*complain)(const char *state))
 {

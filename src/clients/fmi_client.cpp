@@ -5,7 +5,7 @@
 namespace
 {
 
-client_record &client = *fmi_client_record(); // NOLINT
+client_record &client = *fmi_client_record();
 
 client_verdict connect(const client_input &)
 {

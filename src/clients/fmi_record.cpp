@@ -6,7 +6,7 @@
 namespace
 {
 
-client_record client; // NOLINT
+client_record client;
 
 } // namespace
 

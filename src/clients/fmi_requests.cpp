@@ -12,7 +12,7 @@ namespace
 
 constexpr uint32_t ANSWER_TIMEOUT_MS = 500;
 
-client_record &client = *fmi_client_record(); // NOLINT
+client_record &client = *fmi_client_record();
 
 // A string of an answer, which ends at its field's or the message's end at the latest.
 template <size_t N> void read_text(char (&text)[N], const itc_msg *msg, size_t offset)

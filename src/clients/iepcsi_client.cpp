@@ -9,7 +9,7 @@ namespace
 
 constexpr client_record AT_START = {.result = {IEPCSI_EVENT, {}}};
 
-client_record client = AT_START; // NOLINT
+client_record client = AT_START;
 
 // ---- What the messages say ----
 

@@ -13,7 +13,7 @@
 namespace
 {
 
-eth_port *ports = nullptr; // NOLINT
+eth_port *ports = nullptr;
 
 // The namespace of a VLAN interface is kept with the bound of an interface name, though its field has room for more.
 constexpr size_t VLAN_NAMESPACE_BOUND = 16;

@@ -7,7 +7,7 @@
 namespace
 {
 
-client_record client; // NOLINT
+client_record client;
 
 // A port that the server does not know goes out without a name.
 pmi_port_vlan_req *alloc_vlan_req(uint32_t msgno, const char *port_name, uint32_t vlan_id)

@@ -20,7 +20,7 @@ struct State {
     bool rtt_enable_result = true;
     std::deque<eth_port> ports;
 };
-State state; // NOLINT
+State state;
 
 void note(const std::string &call) { fake::calls().push_back(call); }
 

@@ -11,7 +11,7 @@ using namespace daemon_test;
 namespace
 {
 
-std::vector<std::string> told; // NOLINT
+std::vector<std::string> told;
 
 void note(const std::string &what, uint32_t a, uint32_t b)
 {

@@ -92,7 +92,7 @@ TEST_F(LinkTable, GivesReferenceOneAtTheHead)
 
 TEST_F(LinkTable, AgreesWithANaiveListOverManyRandomSteps)
 {
-    std::mt19937 random(20); // NOLINT: the same walk every time
+    std::mt19937 random(20); // NOLINT(cert-msc32-c,cert-msc51-cpp): the same walk every time
     std::set<uint32_t> model;
     for (int step = 0; step < 5000; ++step) {
         const bool grow = model.empty() || random() % 100 < (step < 2500 ? 60 : 40);
