@@ -29,6 +29,16 @@ struct mac_address {
 
 inline bool mac_equal(const mac_address &a, const mac_address &b) { return memcmp(a.byte, b.byte, sizeof a.byte) == 0; }
 
+// The address as a number, for keys and orders.
+inline uint64_t mac_bits(const mac_address &mac)
+{
+    uint64_t bits = 0;
+    for (const uint8_t byte : mac.byte) {
+        bits = bits << 8 | byte;
+    }
+    return bits;
+}
+
 // The text form of a MAC address, for format strings.
 #define MAC_FMT "%02X:%02X:%02X:%02X:%02X:%02X"
 #define MAC_ARGS(m) (m).byte[0], (m).byte[1], (m).byte[2], (m).byte[3], (m).byte[4], (m).byte[5]

@@ -56,15 +56,42 @@ uint32_t check_against_link(const IemliLinkData *link, const app_link_index &app
     return IEMLI_NO_REJECT;
 }
 
+const iml_link *first_in_table(const iml_link *a, const iml_link *b)
+{
+    if (a == nullptr || b == nullptr) {
+        return a != nullptr ? a : b;
+    }
+    return a->link_ref <= b->link_ref ? a : b;
+}
+
+// The first link of the VLAN on another port that has one of these far-end app MACs.
+const iml_link *first_sharing_far_end_app(const IemliLinkData *link, const app_link_index &app_links)
+{
+    const port_names &port = port_of_iemli_name(link->imlPortName);
+    const iml_link *found = nullptr;
+    for (uint32_t i = 0; i < app_links.count; ++i) {
+        const mac_address &far_end = app_links.app_links[i].farEndAppMac;
+        found = first_in_table(found, iml_link_with_far_end_app_elsewhere(link->vlanId, far_end, port));
+    }
+    return found;
+}
+
+// The first link to the same far end that stands in the way. Those that do not are on the same port, with other MP ids.
+const iml_link *first_to_same_far_end(const IemliLinkData *link, const app_link_index &app_links)
+{
+    const iml_link *existing = iml_link_first_to_far_end(link->vlanId, link->farEndCpmMac);
+    while (existing != nullptr && check_against_link(link, app_links, existing->link_data) == IEMLI_NO_REJECT) {
+        existing = iml_link_next_to_far_end(existing);
+    }
+    return existing;
+}
+
+// The first link of the table that stands in the way decides; such a link shares the far end or an app link's.
 uint32_t check_against_links(const IemliLinkData *link, const app_link_index &app_links)
 {
-    for (const iml_link *existing = iml_link_first(); existing != nullptr; existing = existing->next) {
-        const uint32_t reason = check_against_link(link, app_links, existing->link_data);
-        if (reason != IEMLI_NO_REJECT) {
-            return reason;
-        }
-    }
-    return IEMLI_NO_REJECT;
+    const iml_link *existing =
+        first_in_table(first_to_same_far_end(link, app_links), first_sharing_far_end_app(link, app_links));
+    return existing != nullptr ? check_against_link(link, app_links, existing->link_data) : IEMLI_NO_REJECT;
 }
 
 uint32_t check_app_link(const mac_address &far_end_cpm, const IemliAppLink &app_link)
@@ -124,18 +151,7 @@ bool changes_nothing(const IemliLinkData *link, const app_link_index &app_links)
     return true;
 }
 
-bool collides_with_other_link(uint32_t link_ref, const IemliLinkData *candidate, const app_link_index &app_links)
-{
-    for (const iml_link *other = iml_link_first(); other != nullptr; other = other->next) {
-        if (other->link_ref != link_ref && is_same_vlan_on_other_port(candidate, other->link_data) &&
-            shares_far_end_app(app_links, other->link_data)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// The link as it would be with the new app links, held against all others.
+// The link as it would be with the new app links, held against all others; its own are on the port that is left out.
 uint32_t check_candidate(const iml_link *link, const app_link_index &app_links)
 {
     IemliLinkData *candidate = iml_link_data_copy(link->link_data, app_links.count);
@@ -144,7 +160,7 @@ uint32_t check_candidate(const iml_link *link, const app_link_index &app_links)
         return IEMLI_REJ_OTHER_REASON;
     }
     memcpy(iemli_app_links(candidate), app_links.app_links, app_links.count * sizeof(IemliAppLink));
-    const bool collides = collides_with_other_link(link->link_ref, candidate, app_links);
+    const bool collides = first_sharing_far_end_app(candidate, app_links) != nullptr;
     free(candidate);
     return collides ? IEMLI_REJ_APP_LINK_ALREADY_USED : IEMLI_NO_REJECT;
 }

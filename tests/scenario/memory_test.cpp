@@ -294,7 +294,8 @@ TEST_F(MemoryRunsOut, AndACreateIsRejectedOrItsLinkLacksKeepAlivesOrItsRule)
                                    "supervision 3 began: keep-alive every 5 s on eth_a1 in ns_a1\n";
     const std::string rule = "fmi <- append rule of 3 entries on DiPort_A1\n";
     const std::string no_rule = "fmi <- append rule of 1 entries on DiPort_A1\n";
-    lasting = {{7, {NO_KEEP_ALIVES, "Out of memory"}, asked + no_rule + CREATED + began}};
+    lasting = {{8, {NO_KEEP_ALIVES, "Out of memory"}, asked + no_rule + CREATED + began},
+               {9, {"Out of memory"}, asked + no_rule + CREATED + began + kept_alive}};
     const Bytes create = create_request(1, 5, {.port = "IDL_A1", .vlan = 100, .app_links = TWO});
     expect([&] { request(create); },
            {
@@ -304,7 +305,9 @@ TEST_F(MemoryRunsOut, AndACreateIsRejectedOrItsLinkLacksKeepAlivesOrItsRule)
                {"its endpoints", {"Out of memory", "Memory error"}, REJECTED},
                {"the link's data", {"Memory error"}, asked + REJECTED},
                {"the link", {"Memory error"}, asked + REJECTED},
+               {"the places of its app links", {"Memory error"}, asked + REJECTED},
                {"the keep-alives", {NO_KEEP_ALIVES}, asked + rule + CREATED + began},
+               {"the MACs of the port", {}, asked + rule + CREATED + began + kept_alive}, // they are collected instead
                {"the first MAC of the rule", {"Out of memory"}, asked + no_rule + CREATED + began + kept_alive},
                {"the second MAC of the rule", {"Out of memory"}, asked + no_rule + CREATED + began + kept_alive},
            });
@@ -321,7 +324,8 @@ TEST_F(MemoryRunsOut, AndACreateOnATnPortIsRejectedOrItsLinkLacksKeepAlivesOrIts
     const std::string kept_alive = "supervision 2 began: keep-alive every 5 s on eth_tna.200 in ns_200\n";
     const std::string rule = "fmi <- append rule of 2 entries on TNA\n";
     const std::string no_rule = "fmi <- append rule of 1 entries on TNA\n";
-    lasting = {{7, {NO_KEEP_ALIVES, "Out of memory"}, asked + no_rule + CREATED + began}};
+    lasting = {{8, {NO_KEEP_ALIVES, "Out of memory"}, asked + no_rule + CREATED + began},
+               {9, {"Out of memory"}, asked + no_rule + CREATED + began + kept_alive}};
     const Bytes create = create_request(1, 5, {.port = "TN_A", .vlan = 200, .app_links = {APP_1}});
     expect([&] { request(create); },
            {
@@ -331,7 +335,9 @@ TEST_F(MemoryRunsOut, AndACreateOnATnPortIsRejectedOrItsLinkLacksKeepAlivesOrIts
                {"its endpoints", {"Out of memory", "Memory error"}, REJECTED},
                {"the link's data", {"Memory error"}, asked + REJECTED},
                {"the link", {"Memory error"}, asked + REJECTED},
+               {"the places of its app links", {"Memory error"}, asked + REJECTED},
                {"the keep-alives", {NO_KEEP_ALIVES}, asked + rule + CREATED + began},
+               {"the MACs of the port", {}, asked + rule + CREATED + began + kept_alive}, // they are collected instead
                {"the MAC of the rule", {"Out of memory"}, asked + no_rule + CREATED + began + kept_alive},
            });
 }
@@ -351,24 +357,28 @@ TEST_F(MemoryRunsOut, AndAnUpdateIsRejectedOrGoesOnWithoutTheDifferenceTheRuleOr
         {5, {"Memory realloc failed", "Memory realloc failed", "Memory error"}, NOT_UPDATED},
         {6, {"Memory realloc failed", "Memory error"}, remove + NOT_UPDATED},
         {7, {"Memory realloc failed", "Memory error"}, remove + NOT_UPDATED},
-        {9, {"Out of memory", NO_KEEP_ALIVES}, remove + add + no_rule + UPDATED + ended},
         {10, {"Out of memory", NO_KEEP_ALIVES}, remove + add + no_rule + UPDATED + ended},
+        {11, {"Out of memory", NO_KEEP_ALIVES}, remove + add + no_rule + UPDATED + ended},
+        {12, {"Out of memory", NO_KEEP_ALIVES}, remove + add + no_rule + UPDATED + ended},
     };
     const Bytes update = update_request(1, 6, 1, {APP_2, APP_3});
-    expect([&] { request(update); },
-           {
-               {"the link as it would be", {"Memory allocation failed"}, NOT_UPDATED},
-               {"what is pending", {"Memory allocation failed"}, NOT_UPDATED},
-               {"the procedure", {"Memory error"}, NOT_UPDATED},
-               {"its parameters", {"Memory error"}, NOT_UPDATED},
-               {"what is to go", {"Memory realloc failed"}, add + rule + UPDATED + ended + began},
-               {"what is to come", {"Memory realloc failed"}, remove + rule + UPDATED + ended + began},
-               {"more that is to come", {"Memory realloc failed"}, remove + rule + UPDATED + ended + began},
-               {"more app links in the link", {"Memory error"}, remove + add + NOT_UPDATED},
-               {"the first MAC of the rule", {"Out of memory"}, remove + add + no_rule + UPDATED + ended + began},
-               {"the second MAC of the rule", {"Out of memory"}, remove + add + no_rule + UPDATED + ended + began},
-               {"the keep-alives", {NO_KEEP_ALIVES}, remove + add + rule + UPDATED + ended},
-           });
+    expect(
+        [&] { request(update); },
+        {
+            {"the link as it would be", {"Memory allocation failed"}, NOT_UPDATED},
+            {"what is pending", {"Memory allocation failed"}, NOT_UPDATED},
+            {"the procedure", {"Memory error"}, NOT_UPDATED},
+            {"its parameters", {"Memory error"}, NOT_UPDATED},
+            {"what is to go", {"Memory realloc failed"}, add + rule + UPDATED + ended + began},
+            {"what is to come", {"Memory realloc failed"}, remove + rule + UPDATED + ended + began},
+            {"more that is to come", {"Memory realloc failed"}, remove + rule + UPDATED + ended + began},
+            {"more app links in the link", {"Memory error"}, remove + add + NOT_UPDATED},
+            {"their places", {"Memory error"}, remove + add + NOT_UPDATED},
+            {"the MACs of the port", {}, remove + add + rule + UPDATED + ended + began}, // they are collected instead
+            {"the first MAC of the rule", {"Out of memory"}, remove + add + no_rule + UPDATED + ended + began},
+            {"the second MAC of the rule", {"Out of memory"}, remove + add + no_rule + UPDATED + ended + began},
+            {"the keep-alives", {NO_KEEP_ALIVES}, remove + add + rule + UPDATED + ended},
+        });
 }
 
 TEST_F(MemoryRunsOut, AndADeleteIsConfirmedAllTheSame)
@@ -699,7 +709,8 @@ TEST_F(MemoryRunsOut, AndManyAppLinksAreComparedOneByOne)
     std::vector<AppLink> more = many_app_links();
     more.push_back(APP_1);
     const Bytes update = update_request(1, 6, 1, more);
-    expect_unseen([&] { request(update); }, {1, 6, 7}); // the check, what is to go, what is to come
+    expect_unseen([&] { request(update); },
+                  {1, 6, 7, 11}); // the check, what is to go, what is to come, the MACs of the port
 }
 
 TEST_F(MemoryRunsOut, AndManyLinksAreFoundMoreSlowly)
@@ -712,7 +723,8 @@ TEST_F(MemoryRunsOut, AndManyLinksAreFoundMoreSlowly)
     };
     grown_tables = 5;
     const Bytes create = create_request(1, 5, {.vlan = 17, .app_links = {APP_2}});
-    expect_unseen([&] { request(create); }, {8, 9, 10}); // the indices of links, of sessions and of keep-alives
+    expect_unseen([&] { request(create); }, {9, 10, 11, 12}); // the index of links, the MACs of the port, the
+                                                              // indices of sessions and of keep-alives
 }
 
 } // namespace

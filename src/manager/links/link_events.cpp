@@ -125,7 +125,9 @@ void for_links_on_port_vlan(const char *port_name, uint16_t vlan, void (*action)
     if (port.oper_state != ETH_PORT_OPERATIONAL) {
         return;
     }
-    for (iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
+    const port_names &names = port_of_iepcsi_name(port_name);
+    for (iml_link *link = iml_link_first_on_port_vlan(names, vlan); link != nullptr;
+         link = iml_link_next_on_port_vlan(link)) {
         if (iml_link_is_on_port_vlan(link, port_name, vlan)) {
             action(port, link);
         }

@@ -87,19 +87,9 @@ void take_back_added_endpoints(iml_link_proc *proc)
 
 // ---- Update ----
 
-// Of the procedure's parameters only the app links are taken over. `resized`, when there is one, is a copy of the
-// link's own data with room for them and becomes the link's; else they fit where the old ones are.
-void store_app_links(iml_link *link, const IemliLinkData *data, IemliLinkData *resized)
-{
-    if (resized != nullptr) {
-        free(link->link_data);
-        link->link_data = resized;
-    }
-    memcpy(iemli_app_links(link->link_data), iemli_app_links(data), data->numberOfAppLinks * sizeof(IemliAppLink));
-}
-
-// Puts the new app links in place of the old ones, with their sessions and rules where the port carries links.
-void exchange_app_links(const eth_port &port, iml_link *link, const IemliLinkData *data, IemliLinkData *resized)
+// Puts the new app links in place of the old ones, with their sessions and rules where the port carries links. Nothing
+// else of the procedure's parameters is taken over.
+void exchange_app_links(const eth_port &port, iml_link *link, const IemliLinkData *data, app_link_room *room)
 {
     link_place place;
     const bool unlocked = port.adm_state == ETH_PORT_UNLOCKED;
@@ -107,7 +97,7 @@ void exchange_app_links(const eth_port &port, iml_link *link, const IemliLinkDat
     if (watched) {
         stop_keep_alive(link, place.name_space);
     }
-    store_app_links(link, data, resized);
+    iml_link_store_app_links(link, data, room);
     if (unlocked) {
         set_emca_acl_rule_on_port(link->link_data->imlPortName);
     }
@@ -200,20 +190,17 @@ link_answer link_proc_finish_update(iml_link_proc *proc)
         VORN_TRACE(TRACE_ERROR, "Update finished for non-existing IML link, link_ref=%u", link_ref);
         return link_rejected(IEMLI_REJ_UNKNOWN_LINK_REF);
     }
-    IemliLinkData *resized = nullptr;
-    if (link->link_data->numberOfAppLinks != proc->link_data->numberOfAppLinks) {
-        resized = iml_link_data_copy(link->link_data, proc->link_data->numberOfAppLinks);
-        if (resized == nullptr) {
-            return link_proc_out_of_memory();
-        }
+    app_link_room room;
+    if (!iml_link_make_room(link, proc->link_data->numberOfAppLinks, &room)) {
+        return link_proc_out_of_memory();
     }
     eth_port port;
     if (!iepcsi_fetch_port_data(link->port->iepcsi, &port)) {
         VORN_TRACE(TRACE_ERROR, "Failed to fetch port data. App supervision not stoped.");
-        free(resized);
+        app_link_room_free(&room);
         return link_rejected(IEMLI_REJ_OTHER_REASON);
     }
-    exchange_app_links(port, link, proc->link_data, resized);
+    exchange_app_links(port, link, proc->link_data, &room);
     link_proc_trace_update(link);
     return link_confirmed(link_ref);
 }

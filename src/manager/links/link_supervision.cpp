@@ -250,7 +250,8 @@ void for_links_on_port(const char *iepcsi_port_name, void (*action)(const eth_po
         VORN_TRACE(TRACE_ERROR, "Failed to fetch port data");
         return;
     }
-    for (iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
+    const port_names &names = port_of_iepcsi_name(iepcsi_port_name);
+    for (iml_link *link = iml_link_first_on_port(names); link != nullptr; link = iml_link_next_on_port(link)) {
         if (iml_link_is_on_port(link, iepcsi_port_name)) {
             action(port, link);
         }

@@ -29,6 +29,11 @@ const port_names &port_of_iepcsi_name(const char *iepcsi_name) { return find_por
 
 bool is_known_port(const port_names &port) { return &port != &UNKNOWN_PORT; }
 
+uint32_t port_number(const port_names &port)
+{
+    return is_known_port(port) ? static_cast<uint32_t>(&port - PORT_NAMES) : PORT_NUMBERS - 1;
+}
+
 const char *iemli_to_iepcsi_port_name(const char *iemli_name) { return port_of_iemli_name(iemli_name).iepcsi; }
 
 const char *iepcsi_to_iemli_port_name(const char *iepcsi_name) { return port_of_iepcsi_name(iepcsi_name).iemli; }

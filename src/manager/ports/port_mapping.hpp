@@ -14,6 +14,9 @@ inline constexpr uint32_t ETH_PORT_OPERATIONAL = 1;
 const port_names &port_of_iemli_name(const char *iemli_name);
 const port_names &port_of_iepcsi_name(const char *iepcsi_name);
 bool is_known_port(const port_names &port);
+// Counts the rows of the table from 0; all that is not in it shares the last number.
+inline constexpr uint32_t PORT_NUMBERS = sizeof PORT_NAMES / sizeof *PORT_NAMES + 1;
+uint32_t port_number(const port_names &port);
 const char *iemli_to_iepcsi_port_name(const char *iemli_name);
 const char *iepcsi_to_iemli_port_name(const char *iepcsi_name);
 

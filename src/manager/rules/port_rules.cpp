@@ -11,6 +11,7 @@
 #include "clients/iepcsi_client.hpp"
 #include "manager/ports/port_mapping.hpp"
 #include "manager/table/link_table.hpp"
+#include "manager/table/near_end_macs.hpp"
 #include "vorn_trace.hpp"
 
 namespace
@@ -21,7 +22,7 @@ constexpr uint32_t EMCA_INDEX_MASK = 0xFF;
 constexpr uint32_t MAC_CHAINS = EMCA_INDEX_MASK + 1;
 
 struct mac_list {
-    mac_address *macs;
+    mac_address *macs; // with room for as many as the next power of two
     uint32_t count;
     // Chains of the places that a duplicate is looked for in, by the MACs' last bytes: a place and 1, 0 ends a chain.
     uint16_t first[MAC_CHAINS];
@@ -61,9 +62,9 @@ void enter_in_chain(mac_list *list, uint32_t place)
 }
 
 // On failure the list is empty.
-bool mac_list_append(mac_list *list, const mac_address &mac)
+bool mac_list_grow(mac_list *list, uint32_t room)
 {
-    void *grown = realloc(list->macs, (static_cast<size_t>(list->count) + 1) * sizeof(mac_address));
+    void *grown = realloc(list->macs, size_t{room} * sizeof(mac_address));
     if (grown == nullptr) {
         VORN_TRACE(TRACE_ERROR, "Out of memory");
         free(list->macs);
@@ -71,6 +72,15 @@ bool mac_list_append(mac_list *list, const mac_address &mac)
         return false;
     }
     list->macs = static_cast<mac_address *>(grown);
+    return true;
+}
+
+bool mac_list_append(mac_list *list, const mac_address &mac)
+{
+    const bool is_full = (list->count & (list->count - 1)) == 0;
+    if (is_full && !mac_list_grow(list, list->count != 0 ? 2 * list->count : 1)) {
+        return false;
+    }
     list->macs[list->count] = {};
     const uint32_t place = mac_list_index(*list);
     list->macs[place] = mac;
@@ -88,6 +98,43 @@ bool append_emca_macs_of_link(mac_list *list, const IemliLinkData *data)
         }
     }
     return true;
+}
+
+// Of a port that has lost its MACs for want of memory, and of what is no port.
+void append_macs_of_links(mac_list *list, const char *iemli_port_name)
+{
+    for (const iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
+        if (port_name_equal(link->link_data->imlPortName, iemli_port_name) &&
+            !append_emca_macs_of_link(list, link->link_data)) {
+            return;
+        }
+    }
+}
+
+// Where no MAC occurs twice all of them are listed, and the last that came to a place stands there.
+void list_distinct_macs(mac_list *list, const near_end_macs &kept)
+{
+    if (!mac_list_grow(list, kept.count)) {
+        return;
+    }
+    memset(list->macs, 0, size_t{kept.count} * sizeof(mac_address));
+    list->count = kept.count;
+    for (uint32_t i = kept.count > MAC_CHAINS ? kept.count - MAC_CHAINS : 0; i < kept.count; ++i) {
+        list->macs[i & EMCA_INDEX_MASK] = kept.macs[i].mac;
+    }
+}
+
+// What the index of 8 bits tells apart is listed once, so that with the last of it the list is whole.
+void append_kept_macs(mac_list *list, const near_end_macs &kept)
+{
+    for (uint32_t i = 0; i < kept.count; ++i) {
+        if (list->count == kept.distinct && kept.distinct <= EMCA_INDEX_MASK) {
+            return;
+        }
+        if (!mac_list_has(list, kept.macs[i].mac) && !mac_list_append(list, kept.macs[i].mac)) {
+            return;
+        }
+    }
 }
 
 void fill_rule(EmiEndpoint *rule, const char *fmi_name, const mac_address &mac, uint16_t vlan, uint32_t match_on_port)
@@ -131,11 +178,14 @@ mac_address *collect_local_port_macs(uint32_t *count)
 mac_address *collect_emca_macs_for_port(uint32_t *count, const char *iemli_port_name)
 {
     mac_list list = {};
-    for (const iml_link *link = iml_link_first(); link != nullptr; link = link->next) {
-        if (port_name_equal(link->link_data->imlPortName, iemli_port_name) &&
-            !append_emca_macs_of_link(&list, link->link_data)) {
-            break;
-        }
+    const port_names &port = port_of_iemli_name(iemli_port_name);
+    near_end_macs kept = {};
+    if (!is_known_port(port) || !near_end_macs_of_port(port_number(port), &kept)) {
+        append_macs_of_links(&list, iemli_port_name);
+    } else if (kept.count == kept.distinct && kept.count > MAC_CHAINS) {
+        list_distinct_macs(&list, kept);
+    } else {
+        append_kept_macs(&list, kept);
     }
     *count = list.count;
     return list.macs;

@@ -1,6 +1,6 @@
 // The table of IML links: which exist, who owns them, their status, their sessions and their RTT samples. Iteration is
-// in ascending link_ref; a new link takes the lowest free reference. Lookups by reference and by session id do not grow
-// with the number of links.
+// in ascending link_ref; a new link takes the lowest free reference. No lookup walks the links: those by reference and
+// by session id do not grow with their number, those by port, VLAN and far end with its logarithm.
 //
 // The table owns its records, a record its link data, keep-alive array and samples. Only link procedures insert and
 // remove.
@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#include "base/ordered_index.hpp"
 #include "base/ref_index.hpp"
 #include "base/rtt_samples.hpp"
 #include "iemli/iemli_messages.hpp"
@@ -62,13 +63,25 @@ struct iml_link {
     // The table's own. A link is in the table while it is in the index of references.
     ref_index_node by_ref;
     ref_index_node by_session;
+    ordered_node by_port;
+    ordered_node by_port_vlan;
+    ordered_node by_far_end;
+    ordered_node before_gap;       // entered while the reference behind its own is free and a higher one is not
+    ordered_node *app_link_places; // owned; two for each app link
+    uint32_t places_entered;       // of app links
+};
+
+// Room for other app links than a link has.
+struct app_link_room {
+    IemliLinkData *data;  // null: what the link has is large enough
+    ordered_node *places; // likewise
 };
 
 // Empties the table. Frees every record; sessions are not stopped.
 void iml_link_table_clear();
 
 // A zeroed record with default RTT settings that takes over `data`; null when memory is out (`data` stays the
-// caller's).
+// caller's). What the link is known by does not change afterwards, but for its app links.
 iml_link *iml_link_alloc(IemliLinkData *data);
 // A copy of link data (calloc), with room for max(1, n) app links, of which min(n, its own) are copied; null when
 // memory is out. numberOfAppLinks becomes n.
@@ -81,8 +94,24 @@ void iml_link_remove(iml_link *link);
 // Frees a record that is not in the table, with everything it owns.
 void iml_link_free(iml_link *link);
 
+// Exchanging the app links of a link: first the room for as many as `n`, false when memory is out; then, unless the
+// room is freed again, the app links of `data`, of which the room has as many. The room is used up.
+bool iml_link_make_room(const iml_link *link, uint32_t n, app_link_room *room);
+void iml_link_store_app_links(iml_link *link, const IemliLinkData *data, app_link_room *room);
+void app_link_room_free(app_link_room *room);
+
 iml_link *iml_link_first();
 uint32_t iml_link_count();
+
+// In ascending link_ref; null at the end. `next` takes what the same kind of call has returned.
+iml_link *iml_link_first_on_port(const port_names &port);
+iml_link *iml_link_next_on_port(const iml_link *link);
+iml_link *iml_link_first_on_port_vlan(const port_names &port, uint16_t vlan);
+iml_link *iml_link_next_on_port_vlan(const iml_link *link);
+iml_link *iml_link_first_to_far_end(uint16_t vlan, const mac_address &far_end_cpm);
+iml_link *iml_link_next_to_far_end(const iml_link *link);
+// The first in table order that has this far-end app MAC in the VLAN on another port than this one; null when none has.
+iml_link *iml_link_with_far_end_app_elsewhere(uint16_t vlan, const mac_address &far_end_app, const port_names &port);
 
 // Traces and returns null when there is none.
 iml_link *iml_link_find_by_ref(uint32_t link_ref);
