@@ -518,9 +518,14 @@ TEST_F(MemoryRunsOut, AndASampleIsNotRecorded)
     before = [this] {
         begin_with_link({.app_links = {}});
         request(enable_rtt_request(a, 7, 1, 2, 1, 100));
-        supervision(2, SUPERVISION_ANSWERED, 0, 3000);
     };
-    expect([&] { supervision(2, SUPERVISION_ANSWERED, 0, 5000); }, {{"the sample", {"Memory error"}, ""}});
+    const auto answered_twice = [&] {
+        supervision(2, SUPERVISION_ANSWERED, 0, 3000);
+        supervision(2, SUPERVISION_ANSWERED, 0, 5000);
+    };
+    const std::string enabled = "A <- IEMLI_INTER_ME_LINK_STATUS_IND 1000 link 1 enabled\n";
+    lasting = {{1, {"Memory error", "Memory error"}, enabled}};
+    expect(answered_twice, {{"the samples", {"Memory error"}, enabled}}); // the second has its memory, and is alone
 }
 
 TEST_F(MemoryRunsOut, AndAPortThatComesUpStartsItsLinksWithoutKeepAlives)

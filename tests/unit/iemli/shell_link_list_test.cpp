@@ -34,14 +34,8 @@ protected:
 
     static void add_sample(iml_link *link, uint8_t valid, uint32_t sec, uint32_t nsec)
     {
-        auto *sample = static_cast<rtt_sample *>(calloc(1, sizeof(rtt_sample)));
-        sample->valid = valid;
-        sample->rtt_sec = sec;
-        sample->rtt_nsec = nsec;
-        sample->older = link->rtt_samples.newest;
-        (sample->older != nullptr ? sample->older->newer : link->rtt_samples.oldest) = sample;
-        link->rtt_samples.newest = sample;
-        ++link->rtt_samples.count;
+        const supervision_rtt rtt = {sec, nsec};
+        rtt_samples_append(&link->rtt_samples, valid == 1 ? SUPERVISION_ANSWERED : SUPERVISION_LOST, &rtt);
     }
 
     static std::string words(const std::vector<uint32_t> &values)

@@ -3,6 +3,9 @@
 
 #include <gmock/gmock.h>
 
+#include <deque>
+#include <random>
+
 #include "support/daemon.hpp"
 
 namespace
@@ -40,8 +43,8 @@ protected:
     [[nodiscard]] std::vector<uint32_t> nsecs() const
     {
         std::vector<uint32_t> found;
-        for (const rtt_sample *s = link->rtt_samples.oldest; s != nullptr; s = s->newer) {
-            found.push_back(s->rtt_nsec);
+        for (uint32_t i = 0; i < link->rtt_samples.count; ++i) {
+            found.push_back(rtt_sample_at(link->rtt_samples, i).rtt_nsec);
         }
         return found;
     }
@@ -70,10 +73,10 @@ TEST_F(RttSamples, AreKeptOfResults0And1And3Only)
         record(result, result, 10 + result);
     }
     EXPECT_THAT(nsecs(), ElementsAre(10, 11, 13));
-    EXPECT_EQ(link->rtt_samples.oldest->valid, 1);
-    EXPECT_EQ(link->rtt_samples.oldest->newer->valid, 0);
-    EXPECT_EQ(link->rtt_samples.newest->valid, 0);
-    EXPECT_EQ(link->rtt_samples.newest->rtt_sec, 3u);
+    EXPECT_EQ(rtt_sample_at(link->rtt_samples, 0).valid, 1);
+    EXPECT_EQ(rtt_sample_at(link->rtt_samples, 1).valid, 0);
+    EXPECT_EQ(rtt_sample_at(link->rtt_samples, 2).valid, 0);
+    EXPECT_EQ(rtt_sample_at(link->rtt_samples, 2).rtt_sec, 3u);
 }
 
 TEST_F(RttSamples, AreAtMost60AndTheOldestGoesFirst)
@@ -89,13 +92,40 @@ TEST_F(RttSamples, AreAtMost60AndTheOldestGoesFirst)
     EXPECT_EQ(nsecs().back(), 61u);
 }
 
-TEST_F(RttSamples, LinkBothWays)
+// The ring is used again and again: each place has its own validity.
+TEST_F(RttSamples, AreWhatAPlainListKeepsHoweverManyCome)
 {
-    record(0, 0, 1);
-    record(0, 0, 2);
-    record(0, 0, 3);
-    EXPECT_EQ(link->rtt_samples.newest->older->older, link->rtt_samples.oldest);
-    EXPECT_EQ(link->rtt_samples.oldest->older, nullptr);
+    std::mt19937 random(60); // NOLINT: the same samples every time
+    std::deque<Sample> plain;
+    for (int step = 0; step < 1000; ++step) {
+        const Sample sample = {static_cast<uint8_t>(random() % 2), static_cast<uint32_t>(random() % 3),
+                               static_cast<uint32_t>(random())};
+        record(sample.valid == 1 ? 0 : 1, sample.sec, sample.nsec);
+        plain.push_back(sample);
+        if (plain.size() > 60) {
+            plain.pop_front();
+        }
+        ASSERT_EQ(link->rtt_samples.count, plain.size());
+        for (uint32_t i = 0; i < plain.size(); ++i) {
+            const rtt_sample kept = rtt_sample_at(link->rtt_samples, i);
+            ASSERT_EQ(kept.valid, plain[i].valid) << step << " " << i;
+            ASSERT_EQ(kept.rtt_sec, plain[i].sec);
+            ASSERT_EQ(kept.rtt_nsec, plain[i].nsec);
+        }
+    }
+}
+
+TEST_F(RttSamples, OfALinkLieInOneBlock)
+{
+    const unsigned before = fake::allocations();
+    for (uint32_t i = 1; i <= 100; ++i) {
+        record(0, 0, i);
+    }
+    EXPECT_EQ(fake::allocations() - before, 1u);
+    rtt_samples_clear(&link->rtt_samples);
+    EXPECT_THAT(nsecs(), IsEmpty());
+    record(0, 0, 7);
+    EXPECT_THAT(nsecs(), ElementsAre(7));
 }
 
 TEST_F(RttSamples, AreNotKeptWithoutATimeOrALink)
