@@ -13,14 +13,11 @@ namespace
 void take_back(uint32_t monitor_id)
 {
     for (thread *t : g().threads) {
-        block *before = nullptr;
-        while (block *b = before == nullptr ? t->queue.head : before->next) {
-            if (b->monitor_id == monitor_id) {
-                block_free(thread_unqueue(t, before));
-                return;
-            }
-            before = b;
-        }
+        t->queue.take_all([monitor_id](const block *b) { return b->monitor_id == monitor_id; },
+                          [](block *b) {
+                              account_take(b);
+                              block_free(b);
+                          });
     }
 }
 

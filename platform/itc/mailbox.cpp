@@ -29,14 +29,11 @@ void release_box(uint32_t box)
 
 void drop_queued(thread *t, uint32_t mbox)
 {
-    block *before = nullptr;
-    while (block *b = before == nullptr ? t->queue.head : before->next) {
-        if (mbox == ITC_NO_MBOX || b->receiver == mbox) {
-            block_free(thread_unqueue(t, before));
-        } else {
-            before = b;
-        }
-    }
+    t->queue.take_all([mbox](const block *b) { return mbox == ITC_NO_MBOX || b->receiver == mbox; },
+                      [](block *b) {
+                          account_take(b);
+                          block_free(b);
+                      });
 }
 
 void thread_delete(thread *t)
@@ -250,14 +247,6 @@ void mbox_deliver(block *b, uint32_t to)
     thread_wake(t);
 }
 
-block *thread_unqueue(thread *t, block *before)
-{
-    block *b = t->queue.take_after(before);
-    t->looked_at = nullptr;
-    account_take(b);
-    return b;
-}
-
 } // namespace itc
 
 using namespace itc;
@@ -416,7 +405,7 @@ void itc_internal_get_waiting(itc_internal_waiting *out)
     const hold lock = call_lock();
     *out = {};
     for (const thread *t : g().threads) {
-        out->messages_in += count(t->queue.head);
+        out->messages_in += t->queue.passed + count(t->queue.fresh.head);
     }
     for (const auto &[process, p] : g().peers) {
         out->messages_out += count(p->outbox.head);

@@ -117,10 +117,73 @@ struct block_list {
     }
 };
 
-// A thread that owns mailboxes. Their messages wait in one queue, in the order of arrival.
+// Messages in the order of arrival (queue.cpp): first those that a receive has looked past, then the fresh ones.
+struct message_queue {
+    static constexpr uint32_t none = UINT32_MAX;
+
+    struct place_in_line {
+        block *message = nullptr;
+        uint64_t arrived = 0;
+        uint32_t next = none; // of a place that is not used: the next such
+        uint32_t before = none;
+        uint32_t next_of_number = none;
+        uint32_t before_of_number = none;
+    };
+    struct line {
+        uint32_t first = none;
+        uint32_t last = none;
+    };
+
+    block_list fresh;
+    uint32_t first = none; // of those looked past
+    uint32_t last = none;
+    uint32_t unused = none;
+    uint32_t passed = 0; // how many were looked past
+    uint32_t last_number = 0;
+    line *last_line = nullptr; // of that number
+    uint64_t arrivals = 0;
+    std::vector<place_in_line> places;
+    std::unordered_map<uint32_t, line> lines; // of the numbers that were looked past
+
+    [[nodiscard]] bool empty() const { return first == none && fresh.head == nullptr; }
+    void push(block *b) { fresh.push(b); }
+    // The first that is wanted, or NULL. `looked_at`: the same receive has looked at those looked past already; set
+    // when there is none.
+    block *take(const uint32_t *filter, uint32_t from, bool *looked_at);
+
+    // Takes out every message that matches, and hands it over.
+    template <class Match, class Action> void take_all(Match match, Action action)
+    {
+        for (uint32_t place = first; place != none;) {
+            const uint32_t next = places[place].next;
+            if (match(places[place].message)) {
+                action(take_place(place));
+            }
+            place = next;
+        }
+        block *before = nullptr;
+        while (block *b = before == nullptr ? fresh.head : before->next) {
+            if (match(b)) {
+                action(fresh.take_after(before));
+            } else {
+                before = b;
+            }
+        }
+    }
+
+private:
+    [[nodiscard]] uint32_t find(const uint32_t *filter, uint32_t from) const;
+    uint32_t free_place();
+    line &line_of(uint32_t msgno);
+    void look_past(block *b);
+    void leave_line(const place_in_line &place);
+    block *take_place(uint32_t number);
+};
+
+// A thread that owns mailboxes. Their messages wait in one queue.
 struct thread {
-    block_list queue;
-    block *looked_at = nullptr;  // the last that a receive has looked at and left; NULL: begin at the front
+    message_queue queue;
+    bool looked_at = false;      // the receive that is under way has looked at all that was looked past before
     uint32_t mbox = ITC_NO_MBOX; // the first it created
     bool waiting = false;
     bool leading = false;
@@ -424,9 +487,8 @@ void flush_everything(hold &lock, clock::duration limit);
 
 // ---- mailbox.cpp: itc_init, itc_exit, threads and their mailboxes ---------------------------------------------------
 
-bool name_is_good(const char *name);             // 1 to 255 bytes
-void mbox_deliver(block *b, uint32_t to);        // to a mailbox of this process; counts and frees what nobody receives
-block *thread_unqueue(thread *t, block *before); // takes out the block after that one (the first for NULL)
+bool name_is_good(const char *name);      // 1 to 255 bytes
+void mbox_deliver(block *b, uint32_t to); // to a mailbox of this process; counts and frees what nobody receives
 
 // ---- complain.cpp: lines on stderr ----------------------------------------------------------------------------------
 

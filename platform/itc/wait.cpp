@@ -29,36 +29,15 @@ constexpr int rounds_per_look = 16; // of a receive that does not wait
 
 uint64_t poll_tag(source kind, uint32_t id) { return static_cast<uint64_t>(kind) << 32 | id; }
 
-bool passes(const block *b, const uint32_t *filter, uint32_t from)
-{
-    if (from != ITC_FROM_ANY && b->sender != from) {
-        return false;
-    }
-    if (filter == nullptr) {
-        return true;
-    }
-    uint32_t msgno = 0;
-    memcpy(&msgno, const_cast<block *>(b)->bytes(), sizeof msgno);
-    for (uint32_t i = 1; i <= filter[0]; i++) {
-        if (filter[i] == msgno) {
-            return true;
-        }
-    }
-    return false;
-}
-
 block *take(thread *t, const uint32_t *filter, uint32_t from)
 {
-    block *before = t->looked_at;
-    for (block *b = before == nullptr ? t->queue.head : before->next; b != nullptr; before = b, b = b->next) {
-        if (passes(b, filter, from)) {
-            t->taken++;
-            g().statistics.received++;
-            return thread_unqueue(t, before);
-        }
+    block *b = t->queue.take(filter, from, &t->looked_at);
+    if (b != nullptr) {
+        t->taken++;
+        g().statistics.received++;
+        account_take(b);
     }
-    t->looked_at = before;
-    return nullptr;
+    return b;
 }
 
 void run_watch(hold &lock, int fd)
@@ -73,7 +52,7 @@ void run_watch(hold &lock, int fd)
     w.callback(w.arg); // may leave ITC, and may not return
     lock.lock();
     if (thread *me = thread_current(); me != nullptr && generation == g().generation) {
-        me->looked_at = nullptr; // a receive inside the callback looked for something else
+        me->looked_at = false; // a receive inside the callback looked for something else
     }
 }
 
@@ -172,7 +151,7 @@ void show_queued()
         return;
     }
     for (const thread *t : g().threads) {
-        if (t->queue.head != nullptr) {
+        if (!t->queue.empty()) {
             wake_leader();
             return;
         }
@@ -222,7 +201,7 @@ block *receive(hold &lock, thread *me, const wish &w)
     bool more = true;
     for (int rounds = 0; g().generation == generation && !g().exiting && thread_current() == me; rounds++) {
         if (rounds == 0) {
-            me->looked_at = nullptr; // whoever looked before looked for something else
+            me->looked_at = false; // whoever looked before looked for something else
         }
         block *b = take(me, w.filter, w.from);
         if (b != nullptr || !more) {
