@@ -5,6 +5,8 @@
                               before and run, and every link is enabled; says after how long, and how often each unit
                               was started
     settled SECONDS           the units that are others after that time
+    told LINK ID              what kap-linkd tells of the link: its changes after that one, its history, the number of the
+                              newest change; and the links as the daemon has them
     send COUNT FAR NEAR TAG TYPE    that many frames out of eth1, to NEAR, in the VLAN, with the ethertype (hexadecimal)
     pss                       proportional set size of each unit's processes, KiB
     files                     what is on the disk, but for what is logged and what apt and the kernel keep for themselves
@@ -20,7 +22,7 @@ import sys
 import time
 
 UNITS = ["kap-itcd", "kap-node-iepcsi", "kap-node-pmi", "kap-node-emi", "kap-node-fmi", "kap-node-aasi", "kap-vorn",
-         "my-link", "kap-responder@eth1"]
+         "kap-linkd", "kap-responder@eth1"]
 BOUND_S = 180
 NOT_LOOKED_AT = ("/proc", "/sys", "/dev", "/tmp", "/root", "/run/systemd", "/run/udev", "/run/log", "/run/lab-command",
                  "/run/lock", "/run/user", "/var/log", "/var/cache", "/var/lib/dpkg", "/var/lib/apt", "/var/lib/systemd",
@@ -79,6 +81,18 @@ def settled(seconds):
     time.sleep(float(seconds))
     now = units()
     return sorted(name for name in {*before, *now} if now.get(name) != before.get(name))
+
+
+def vornctl(*words):
+    done = subprocess.run(["vornctl", *words, "--json"], check=True, stdout=subprocess.PIPE, text=True)
+    return json.loads(done.stdout)
+
+
+def told(link, number):
+    return {"events": vornctl("events", "--link", link, "--since", number, "--limit", "100000")["events"],
+            "history": vornctl("history", link, "--limit", "1"),
+            "newest": max(change["id"] for change in vornctl("events", "--limit", "1")["events"]),
+            "links": links()}
 
 
 def send(count, source, target, tag, ethertype):

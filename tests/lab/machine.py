@@ -6,12 +6,15 @@
         near.run("ip link")                          the output; raises CommandFailed when the status is not 0
         status, output = near.try_run("false")
         near.set_cable("c0", False)                  the guest sees its interface without a carrier
+        near.cut_power(); near.switch_on()           with keeps_disk=True: what it had written is there
+        near.wire("c0")                              the files with what went over that cable (wire.py)
         near.fetch("/tmp/logs", logs / "near")       a directory of the machine, copied to here
 
 Commands are bash scripts, run by root one after the other; what one starts in the background goes on. Disks are
 written to in copies of the machine's own, so machines share an image and nothing stays of them but their logs:
-NAME.console (the kernel and what the first processes say), NAME.output (what the commands printed, as it comes) and
-NAME.emulator. What runs the processors is said in accelerator.py.
+NAME.console (the kernel and what the first processes say), NAME.output (what the commands printed, as it comes),
+NAME.emulator, and NAME.CABLE.N.pcap, what went over a cable since the machine was switched on for the Nth time. What runs
+the processors is said in accelerator.py.
 """
 
 import base64
@@ -46,6 +49,7 @@ EMULATORS = {
 }
 READY_BOUND_S = 600
 COMMAND_BOUND_S = 300
+KINDS = ("console", "emulator")
 
 
 class MachineFailed(Exception):
@@ -77,10 +81,20 @@ def end_with_parent():
     ctypes.CDLL(None).prctl(pr_set_pdeathsig, signal.SIGKILL)
 
 
+def own_disk(disk, directory):
+    """A copy, with a journal: the file system of a Debian that was installed has one, and a power cut is what it is for."""
+    own = directory / "disk"
+    subprocess.run(["cp", "--sparse=always", str(disk), str(own)], check=True)
+    subprocess.run(["tune2fs", "-O", "has_journal", str(own)], check=True, stdout=subprocess.DEVNULL)
+    return own
+
+
 class Machine:
     def __init__(self, name, image, logs, cables=(), tree=None, tree_at=None, processors=1, memory_mib=1024,
-                 kernel_options=""):
-        """`tree`: a second disk (image.make_tree_disk), which is seen at the path `tree_at`."""
+                 kernel_options="", keeps_disk=False):
+        """`tree`: a second disk (image.make_tree_disk), which is seen at the path `tree_at`. `keeps_disk`: what it writes
+        stays when its power is cut.
+        """
         self.name = name
         self.logs = pathlib.Path(logs)
         self.logs.mkdir(parents=True, exist_ok=True)
@@ -88,17 +102,43 @@ class Machine:
         self.directory = pathlib.Path(tempfile.mkdtemp(prefix="kap-lab-"))
         self.output_path = self.logs / f"{name}.output"
         self.next_id = 0
-        self.received = b""
-        self.line = None
-        self.monitor = None
-        self.monitor_received = b""
-        with open(self.logs / f"{name}.emulator", "wb") as log:
-            self.process = subprocess.Popen(self._command(image, cables, tree, tree_at, processors, memory_mib,
-                                                          kernel_options),
-                                            stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+        self.cables = cables
+        self.mac = {cable.name: cable.mac for cable in cables}
+        self.times_on = 0
+        for old in [*self.logs.glob(f"{name}.*.pcap"), self.output_path, *(self.logs / f"{name}.{kind}" for kind in KINDS)]:
+            old.unlink(missing_ok=True)
+        disk = own_disk(image.disk, self.directory) if keeps_disk else None
+        self.command = self._command(image, disk, cables, tree, tree_at, processors, memory_mib, kernel_options)
+        self.switch_on()
+
+    def switch_on(self):
+        self.times_on += 1
+        self.received = self.monitor_received = b""
+        self.line = self.monitor = None
+        # A machine that was killed leaves its sockets.
+        for path in [self.directory / "line", self.directory / "monitor", *(cable.own_end for cable in self.cables)]:
+            path.unlink(missing_ok=True)
+        dumps = []
+        for cable in self.cables:
+            dumps += ["-object", f"filter-dump,id=wire-{cable.name},netdev={cable.name},"
+                      f"file={self.logs / self.name}.{cable.name}.{self.times_on}.pcap"]
+        with open(self.logs / f"{self.name}.emulator", "ab") as log:
+            self.process = subprocess.Popen(self.command + dumps, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
                                             preexec_fn=end_with_parent)
 
-    def _command(self, image, cables, tree, tree_at, processors, memory_mib, kernel_options):
+    def cut_power(self):
+        """At once. What the machine had not written to its disk is lost."""
+        for connection in (self.line, self.monitor):
+            if connection:
+                connection.close()
+        self.process.kill()
+        self.process.wait()
+        self.line = None
+
+    def wire(self, cable):
+        return [self.logs / f"{self.name}.{cable}.{number}.pcap" for number in range(1, self.times_on + 1)]
+
+    def _command(self, image, disk, cables, tree, tree_at, processors, memory_mib, kernel_options):
         emulator, kernel_line = EMULATORS[image.architecture]
         first = self.directory / "first"
         first.write_bytes(first_files.make(image))
@@ -108,14 +148,16 @@ class Machine:
         command = [*emulator, *accelerator.options(image), "-nodefaults", "-no-user-config", "-display", "none",
                    *(["-no-reboot"] if image.starts == "agent" else []),
                    "-smp", str(processors), "-m", str(memory_mib), "-kernel", image.kernel, "-initrd", first,
-                   "-append", kernel_line, "-serial", f"file:{self.logs / self.name}.console",
+                   "-append", kernel_line, "-serial", "chardev:console",
+                   "-chardev", f"file,id=console,path={self.logs / self.name}.console,append=on",
                    "-qmp", f"unix:{self.directory / 'monitor'},server=on,wait=off",
                    "-device", "virtio-serial-pci", "-chardev",
                    f"socket,id=line,path={self.directory / 'line'},server=on,wait=off",
-                   "-device", "virtserialport,chardev=line,nr=1", "-chardev", f"file,id=output,path={self.output_path}",
+                   "-device", "virtserialport,chardev=line,nr=1", "-chardev",
+                   f"file,id=output,path={self.output_path},append=on",
                    "-device", "virtserialport,chardev=output,nr=2"]
-        for disk in [image.disk] + ([tree] if tree else []):
-            command += ["-drive", f"file={disk},format=raw,if=virtio,snapshot=on"]
+        for place, kept in [(disk or image.disk, disk)] + ([(tree, None)] if tree else []):
+            command += ["-drive", f"file={place},format=raw,if=virtio,snapshot={'off' if kept else 'on'}"]
         # An interface that filters by VLAN in its hardware takes in only those that have a device of their own. Packet
         # sockets see the others' frames only where it does not: here it has no such filter.
         for cable in cables:
@@ -132,12 +174,7 @@ class Machine:
         self.end()
 
     def end(self):
-        """At once, as a machine whose power is cut."""
-        for connection in (self.line, self.monitor):
-            if connection:
-                connection.close()
-        self.process.kill()
-        self.process.wait()
+        self.cut_power()
         shutil.rmtree(self.directory, ignore_errors=True)
 
     # ---- Commands ----
