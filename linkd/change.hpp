@@ -28,6 +28,13 @@ struct link_identity {
     std::string port; // as people write it: "IDL_A1"
     uint16_t vlan = 0;
     std::string far; // the far end's CPM: "02:00:00:00:00:02"
+    bool operator==(const link_identity &) const = default;
+};
+
+// How a link stood when it was heard of last.
+struct link_standing {
+    link_identity link;
+    link_state state = link_state::waiting;
 };
 
 struct link_change {
@@ -58,6 +65,11 @@ public:
     virtual ~listener() = default;
     virtual void changed(const link_change &change) { (void)change; }
     virtual void measured(const rtt_sample &sample) { (void)sample; }
+    // Pings of a link, and how many of them were lost: all of that count. With another `count` they begin at 0 again.
+    virtual void counted(const std::string &link, uint32_t count, uint64_t results, uint64_t lost)
+    {
+        (void)link, (void)count, (void)results, (void)lost;
+    }
 };
 
 // The member CHANGE of the control protocol, and what it says.

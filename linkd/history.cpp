@@ -215,7 +215,7 @@ void link_history::measured(const rtt_sample &sample)
     bound_pending();
 }
 
-void link_history::counted(const std::string &link, uint32_t link_ref, uint64_t results, uint64_t lost)
+void link_history::counted(const std::string &link, uint32_t count, uint64_t results, uint64_t lost)
 {
     const std::lock_guard lock(mutex_);
     const auto at = records_.find(link);
@@ -223,10 +223,10 @@ void link_history::counted(const std::string &link, uint32_t link_ref, uint64_t 
         return;
     }
     record &of = at->second;
-    const bool anew = link_ref != of.link_ref || results < of.results || lost < of.lost;
+    const bool anew = count != of.count || results < of.results || lost < of.lost;
     const uint64_t more = results - (anew ? 0 : of.results);
     const uint64_t more_lost = lost - (anew ? 0 : of.lost);
-    of.link_ref = link_ref;
+    of.count = count;
     of.results = results;
     of.lost = lost;
     if (more != 0 || more_lost != 0) {
@@ -234,6 +234,32 @@ void link_history::counted(const std::string &link, uint32_t link_ref, uint64_t 
         of.row.counters.lost += more_lost;
         open_.links[of.row.key] = of.row;
     }
+}
+
+std::vector<link_standing> link_history::standing() const
+{
+    std::vector<link_standing> all;
+    const std::lock_guard lock(mutex_);
+    for (const auto &[name, of] : records_) {
+        if (of.row.state != link_state::gone) {
+            all.push_back({of.row.link, of.row.state});
+        }
+    }
+    return all;
+}
+
+void link_history::resume(const std::string &link)
+{
+    const clock_reading now = options_.clocks();
+    const std::lock_guard lock(mutex_);
+    const auto at = records_.find(link);
+    if (at == records_.end() || at->second.row.open || !counts(at->second.row.state)) {
+        return;
+    }
+    link_row &row = at->second.row;
+    row.open = true;
+    row.until_us = std::max(row.until_us, tick(now));
+    open_.links[row.key] = row;
 }
 
 // Sums are never dropped: they are in the links' rows, one each.

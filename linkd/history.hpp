@@ -67,8 +67,13 @@ public:
 
     void changed(const link_change &change) override;
     void measured(const rtt_sample &sample) override;
-    // What the daemon counts of a link since it was created there; a smaller number is a new beginning.
-    void counted(const std::string &link, uint32_t link_ref, uint64_t results, uint64_t lost);
+    // A smaller number is a new beginning, too.
+    void counted(const std::string &link, uint32_t count, uint64_t results, uint64_t lost) override;
+
+    // The links that were not gone when they were heard of last, also before this program began.
+    std::vector<link_standing> standing() const;
+    // Goes on watching a link of which nothing new was told: its time counts from here on.
+    void resume(const std::string &link);
 
     // The sums of all links, each up to its last change; and how many changes are not written yet.
     std::unordered_map<std::string, history_counters> lifetimes() const;
@@ -82,7 +87,7 @@ private:
         link_row row;
         int64_t day = -1; // of flaps_today
         uint64_t flaps_today = 0;
-        uint32_t link_ref = 0; // of what was counted last
+        uint32_t count = 0; // which one was told last
         uint64_t results = 0, lost = 0;
     };
     struct sums {

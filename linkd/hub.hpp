@@ -31,6 +31,12 @@ public:
             who->measured(sample);
         }
     }
+    void counted(const std::string &link, uint32_t count, uint64_t results, uint64_t lost) override
+    {
+        for (listener *who : listeners_) {
+            who->counted(link, count, results, lost);
+        }
+    }
 
 private:
     past &numbers_;

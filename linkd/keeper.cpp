@@ -23,8 +23,13 @@ constexpr int64_t STALL_MS = 1000;
 constexpr int64_t STALL_AFTER_REFUSAL_MS = 50;
 constexpr int64_t LONGEST_STALL_MS = 10'000;
 constexpr int64_t OPEN_PATIENCE_MS = 5000;
+constexpr size_t MOST_TWINS = 8; // of one request, whose answers are waited for
 constexpr int64_t US_PER_MS = 1000;
 constexpr const char *ASKED = "asked for";
+constexpr const char *STARTED = "kap-linkd was started";
+// Round trips that are measured in another way than anybody asks for.
+constexpr rtt_wish RTT_UNKNOWN = {0, 0, 0};
+constexpr int RTT_RANK = 2;
 
 int64_t doubled(int64_t first, uint32_t times, int64_t most)
 {
@@ -113,11 +118,11 @@ std::optional<request_kind> keeper::plan(const entry &e, int64_t now_ms)
     if (e.under_way > 0) {
         return std::nullopt;
     }
-    if (!e.wanted || e.anew) {
-        return e.link_ref == 0 ? std::nullopt : std::optional(request_kind::remove);
-    }
     if (now_ms < e.next_try_ms) {
         return std::nullopt;
+    }
+    if (!e.wanted || e.anew) {
+        return e.link_ref == 0 ? std::nullopt : std::optional(request_kind::remove);
     }
     if (e.link_ref == 0) {
         return request_kind::create;
@@ -141,9 +146,9 @@ int keeper::rank_of(request_kind kind)
         return 1;
     case request_kind::disable_rtt:
     case request_kind::enable_rtt:
-        return 2;
+        return RTT_RANK;
     default:
-        return 3;
+        return RTT_RANK + 1;
     }
 }
 
@@ -193,9 +198,9 @@ nlohmann::json keeper::known_of(const link_key &key, const instant &now) const
         known["last_rtt_us"] = static_cast<double>(e.last_rtt->average_ns) / 1000;
         known["last_rtt_age_us"] = now.boot_us - e.last_rtt_boot_us;
     }
-    if (e.results != 0) {
-        known["results"] = e.results;
-        known["lost"] = e.lost_pings;
+    if (e.results != e.results_before) {
+        known["results"] = e.results - e.results_before;
+        known["lost"] = e.lost_pings - e.lost_before;
     }
     return known;
 }
@@ -242,7 +247,22 @@ void keeper::show(const link_key &key, const instant &now)
     }
 }
 
+void keeper::miss(const std::string &what, const instant &now)
+{
+    missing_ = what;
+    for (const auto &[name, link] : declared_) {
+        show(link.key, now);
+    }
+}
+
 // ---- What is declared ----------------------------------------------------------------------------------------------
+
+void keeper::remember(const std::vector<link_standing> &links)
+{
+    for (const link_standing &each : links) {
+        earlier_[each.link.name] = each;
+    }
+}
 
 void keeper::forget_names(const declarations &links, const instant &now)
 {
@@ -266,6 +286,8 @@ void keeper::forget_entries(const declarations &links, const instant &now)
     for (auto &[key, e] : entries_) {
         if (!stay.contains(key) && e.wanted) {
             e.wanted.reset();
+            e.failures = 0;
+            try_at(key, e, 0);
             go.push_back(key);
         }
     }
@@ -283,6 +305,15 @@ keeper::difference keeper::declare(declarations links, const instant &now)
     }
     forget_names(declared_, now);
     forget_entries(declared_, now);
+    for (const auto &[name, link] : std::exchange(earlier_, {})) {
+        named &known = names_[name];
+        known.identity = link.link;
+        known.state = link.state;
+        if (!declared_.contains(name)) {
+            set_state(known, link_state::gone, "", now);
+            names_.erase(name);
+        }
+    }
     for (const auto &[name, link] : declared_) {
         const auto was = before.find(name);
         const bool same_key = was != before.end() && was->second.key == link.key;
@@ -291,18 +322,32 @@ keeper::difference keeper::declare(declarations links, const instant &now)
         made.changed += was != before.end() && !same ? 1 : 0;
         entry &e = entries_[link.key];
         e.wanted = link;
+        e.anew = false;
+        if (e.name != name) {
+            e.name = name;
+            begin_count(e);
+        }
         try_at(link.key, e, 0);
         e.failures = 0;
-        named &known = names_[name];
+        const auto [at, is_new] = names_.try_emplace(name);
+        named &known = at->second;
+        const bool stayed = was == before.end() && !is_new; // since the program ended before
+        const bool changed = stayed ? !(known.identity == link.identity()) : was != before.end() && !same_key;
         known.key = link.key;
-        if (was == before.end()) {
+        if (is_new) {
             known.identity = link.identity();
             known.state = link_state::gone;
-            known.reason = "";
             set_state(known, link_state::waiting, session_ ? ASKED : missing_, now);
-        } else if (!same_key) {
+        } else if (changed || stayed) {
             known.identity = link.identity();
-            set_state(known, link_state::waiting, "changed", now);
+            set_state(known, link_state::waiting, changed ? "changed" : STARTED, now);
+        }
+        if (stayed) { // how long it waited already is not known
+            known.since_boot_us = now.boot_us;
+            known.since_real_us = now.real_us;
+        }
+        if (!link.rtt) {
+            e.last_rtt.reset();
         }
     }
     for (const auto &[name, link] : declared_) {
@@ -340,11 +385,13 @@ void keeper::mark_gone_sessions(const std::string &why, const instant &now)
     missing_ = why;
     waits_.clear();
     short_.clear();
+    short_first_.clear();
     stale_.clear();
     by_ref_.clear();
     todo_.clear();
     todo_rank_.clear();
     later_.clear();
+    macs_todo_.clear();
     macs_asked_.clear();
     stalls_ = 0;
     was_refused_ = false;
@@ -353,6 +400,7 @@ void keeper::mark_gone_sessions(const std::string &why, const instant &now)
         set_state(names_.at(e.wanted->name), link_state::waiting, why, now);
         entry fresh;
         fresh.wanted = std::move(e.wanted);
+        fresh.name = std::move(e.name);
         fresh.last_rtt = e.last_rtt;
         fresh.last_rtt_boot_us = e.last_rtt_boot_us;
         fresh.last_answer_boot_us = e.last_answer_boot_us;
@@ -365,11 +413,8 @@ void keeper::opened(const answer &what, const instant &now)
     opening_ = 0;
     if (!what.confirmed) {
         open_failures_++;
-        missing_ = "no session: " + reason_text(what.reason);
         next_open_ms_ = now.ms() + doubled(FIRST_DELAY_MS, open_failures_, LONGEST_OPEN_DELAY_MS);
-        for (const auto &[name, link] : declared_) {
-            show(link.key, now);
-        }
+        miss("no session: " + reason_text(what.reason), now);
         return;
     }
     session_ = true;
@@ -389,8 +434,7 @@ void keeper::ask_for_mac(const link_key &key)
 {
     const link_key place = port_and_processor(key);
     if (session_ && macs_asked_.insert(place).second) {
-        const request what{request_kind::get_mac, place, 0, {}, {}};
-        short_[out_.send(what)] = {what, place};
+        macs_todo_.insert(place);
     }
 }
 
@@ -405,8 +449,8 @@ void keeper::pump_session(const instant &now)
     } else if (published_ && opening_ != 0 && now.ms() >= next_open_ms_) {
         opening_ = 0;
         open_failures_++;
-        missing_ = "no session: the daemon does not answer";
         next_open_ms_ = now.ms() + doubled(FIRST_DELAY_MS, open_failures_, LONGEST_OPEN_DELAY_MS);
+        miss("no session: the daemon does not answer", now);
     }
 }
 
@@ -416,14 +460,67 @@ void keeper::pump(const instant &now)
         pump_session(now);
         return;
     }
-    while (!todo_.empty() && waits_.size() < window_) {
-        const link_key key = todo_.begin()->second;
-        const auto kind = plan(entries_.at(key), now.ms());
-        if (kind) {
-            send_for(key, *kind, now);
-        }
-        refresh(key, now);
+    while (!macs_todo_.empty() && short_.size() < window_) {
+        const link_key place = macs_todo_.extract(macs_todo_.begin()).value();
+        ask({request_kind::get_mac, place, 0, {}, {}}, place, now);
     }
+    while (const auto key = next_to_do()) {
+        const auto kind = plan(entries_.at(*key), now.ms());
+        if (kind) {
+            send_for(*key, *kind, now);
+        }
+        refresh(*key, now);
+    }
+}
+
+// The first for which there is room.
+std::optional<link_key> keeper::next_to_do() const
+{
+    const bool line = waits_.size() < window_;
+    const bool at_once = short_.size() < window_;
+    auto at = line ? todo_.begin() : todo_.lower_bound({RTT_RANK, {}});
+    if (at != todo_.end() && at->first == RTT_RANK && !at_once) {
+        at = todo_.lower_bound({RTT_RANK + 1, {}});
+    }
+    if (at == todo_.end() || (!line && at->first != RTT_RANK)) {
+        return std::nullopt;
+    }
+    return at->second;
+}
+
+void keeper::ask(const request &what, const link_key &key, const instant &now)
+{
+    const uint32_t number = out_.send(what);
+    short_[number] = {{what, key}, now.ms() + STALL_MS, 0, {number}};
+    short_first_[number] = number;
+}
+
+// The first answer to any of them counts: they ask for the same, and what comes after them is asked after them.
+void keeper::ask_again(const instant &now)
+{
+    for (auto &[first, each] : short_) {
+        if (each.again_ms > now.ms()) {
+            continue;
+        }
+        each.times++;
+        each.again_ms = now.ms() + doubled(STALL_MS, each.times + 1, LONGEST_STALL_MS);
+        const uint32_t number = out_.send(each.was.what);
+        each.numbers.push_back(number);
+        short_first_[number] = first;
+        if (each.numbers.size() > MOST_TWINS) {
+            short_first_.erase(each.numbers.front());
+            each.numbers.erase(each.numbers.begin());
+        }
+    }
+}
+
+keeper::sent keeper::take_asked(uint32_t first)
+{
+    const auto all = short_.extract(first);
+    for (const uint32_t number : all.mapped().numbers) {
+        short_first_.erase(number);
+    }
+    return all.mapped().was;
 }
 
 void keeper::send_for(const link_key &key, request_kind kind, const instant &now)
@@ -441,8 +538,11 @@ void keeper::send_for(const link_key &key, request_kind kind, const instant &now
         stalls_ = 0;
         was_refused_ = false;
     }
-    const uint32_t number = out_.send(what);
-    (waits_in_line(kind) ? waits_ : short_)[number] = {what, key};
+    if (waits_in_line(kind)) {
+        waits_[out_.send(what)] = {what, key};
+    } else {
+        ask(what, key, now);
+    }
     e.under_way++;
 }
 
@@ -477,6 +577,7 @@ void keeper::tick(const instant &now)
     if (stalls && *stalls <= now.ms()) {
         send_again(now);
     }
+    ask_again(now);
     pump(now);
 }
 
@@ -488,6 +589,9 @@ std::optional<int64_t> keeper::next_ms() const
     auto next = stall_ms();
     if (!later_.empty() && (!next || later_.begin()->first < *next)) {
         next = later_.begin()->first;
+    }
+    for (const auto &[first, each] : short_) {
+        next = next ? std::min(*next, each.again_ms) : each.again_ms;
     }
     return next;
 }
@@ -511,21 +615,18 @@ void keeper::answered(const answer &what, const instant &now)
         pump(now);
         return;
     }
-    for (auto *list : {&waits_, &short_}) {
-        const auto found = list->find(what.number);
-        if (found == list->end()) {
-            continue;
-        }
-        const sent was = found->second;
-        list->erase(found);
-        if (list == &waits_) {
-            progress_ms_ = now.ms();
-            stalls_ = 0;
-            was_refused_ = !what.confirmed;
-        }
+    if (const auto first = short_first_.find(what.number); first != short_first_.end()) {
+        const sent was = take_asked(first->second);
         settle(was, what, now);
         pump(now);
         return;
+    }
+    if (const auto found = waits_.extract(what.number); !found.empty()) {
+        progress_ms_ = now.ms();
+        stalls_ = 0;
+        was_refused_ = !what.confirmed;
+        settle(found.mapped(), what, now);
+        pump(now);
     }
 }
 
@@ -590,14 +691,19 @@ void keeper::confirmed(const sent &was, const answer &what, entry &e, const inst
         return;
     }
     if (was.what.kind == request_kind::create) {
+        if (e.link_ref == what.link_ref) {
+            return; // it was found in the daemon's list before
+        }
+        by_ref_.erase(e.link_ref); // it has gone untold, and was created again
+        hand_on(what.link_ref, was.key, now);
         e.link_ref = what.link_ref;
-        by_ref_[e.link_ref] = was.key;
         e.app_links = was.what.app_links;
         e.doubted = false;
         e.rtt.reset();
         e.told.reset();
         e.results = 0;
         e.lost_pings = 0;
+        begin_count(e);
     } else if (was.what.kind == request_kind::update) {
         e.app_links = was.what.app_links;
         e.doubted = false;
@@ -616,17 +722,31 @@ void keeper::removed(const sent &was, entry &e, const instant &now)
 {
     if (e.link_ref == was.what.link_ref) {
         forget_link(e);
-        e.anew = false;
         try_at(was.key, e, 0);
         retry_what_may_go_now(now);
     }
+}
+
+// The daemon calls that link by this number now; whichever it called so before, nobody told us that it is gone.
+void keeper::hand_on(uint32_t link_ref, const link_key &to, const instant &now)
+{
+    const auto found = by_ref_.find(link_ref);
+    if (found != by_ref_.end() && found->second != to) {
+        const link_key other = found->second;
+        forget_link(entries_.at(other));
+        show(other, now);
+        refresh(other, now);
+    }
+    by_ref_[link_ref] = to;
 }
 
 void keeper::forget_link(entry &e)
 {
     by_ref_.erase(e.link_ref);
     e.link_ref = 0;
+    e.anew = false;
     e.doubted = false;
+    e.listed.reset();
     e.app_links.clear();
     e.rtt.reset();
     e.told.reset();
@@ -650,7 +770,7 @@ void keeper::refused(const sent &was, const answer &what, entry &e, const instan
         return;
     }
     if (what.reason == IEMLI_REJ_RTT_ALREADY_ENABLED) {
-        e.rtt = rtt_wish{0, 0, 0}; // not as it was asked for: ended first
+        e.rtt = RTT_UNKNOWN; // ended first
         return;
     }
     // Two links that exchange applications keep each other from it until one of them goes.
@@ -658,7 +778,7 @@ void keeper::refused(const sent &was, const answer &what, entry &e, const instan
     e.failures++;
     e.reason = what.reason;
     e.refusal = reason_text(what.reason);
-    try_at(was.key, e, now.ms() + delay_after(e.failures, what.reason));
+    try_at(was.key, e, e.anew ? 0 : now.ms() + delay_after(e.failures, what.reason));
 }
 
 // The time of the next try is a key of later_.
@@ -722,31 +842,121 @@ void keeper::measured(uint32_t link_ref, rtt_sample sample, const instant &now)
         return;
     }
     entry &e = entries_.at(found->second);
-    if (!e.wanted) {
+    if (sample.valid != 0) {
+        e.last_answer_boot_us = now.boot_us;
+    }
+    if (!e.wanted || !e.wanted->rtt) {
         return;
     }
     sample.link = e.wanted->name;
     sample.at_us = now.real_us;
     e.last_rtt = sample;
     e.last_rtt_boot_us = now.boot_us;
-    if (sample.valid != 0) {
-        e.last_answer_boot_us = now.boot_us;
-    }
     told_.measured(sample);
 }
 
-// More answers than before: the last of them came after the counts before these were taken.
-void keeper::counted(uint32_t link_ref, uint64_t results, uint64_t lost_pings, const instant &now)
+// ---- The daemon's list ---------------------------------------------------------------------------------------------
+
+// What is counted from here on is another count.
+void keeper::begin_count(entry &e)
 {
-    const auto found = by_ref_.find(link_ref);
-    if (found != by_ref_.end()) {
-        entry &e = entries_.at(found->second);
-        const bool anew = results < e.results;
-        if (results - lost_pings > (anew ? 0 : e.results - e.lost_pings)) {
-            e.last_answer_boot_us = now.boot_us;
+    e.results_before = e.results;
+    e.lost_before = e.lost_pings;
+    e.count = ++counts_;
+}
+
+void keeper::listed(const std::vector<listed_link> &links, const instant &now)
+{
+    if (!session_) {
+        return;
+    }
+    std::set<uint32_t> refs;
+    for (const listed_link &link : links) {
+        refs.insert(link.link_ref);
+        if (const auto found = by_ref_.find(link.link_ref); found != by_ref_.end() && found->second == link.key) {
+            compare(link, entries_.at(found->second), now);
+        } else {
+            take_up(link, now);
         }
-        e.results = results;
-        e.lost_pings = lost_pings;
+    }
+    forget_unlisted(refs, now);
+    pump(now);
+}
+
+// News that never came: what two lists say is so. In the first the daemon may not have told it yet.
+void keeper::compare(const listed_link &link, entry &e, const instant &now)
+{
+    // More answers than before: the last of them came after the counts before these were taken.
+    const bool anew = link.results < e.results;
+    if (link.results - link.lost > (anew ? 0 : e.results - e.lost_pings)) {
+        e.last_answer_boot_us = now.boot_us;
+    }
+    e.results = link.results;
+    e.lost_pings = link.lost;
+    if (e.count == 0 || e.results < e.results_before || e.lost_pings < e.lost_before) {
+        e.results_before = 0;
+        e.lost_before = 0;
+        e.count = ++counts_;
+    }
+    told_.counted(e.name, e.count, e.results - e.results_before, e.lost_pings - e.lost_before);
+    // What was sent twice may have met another link: a number is given again as soon as it is free.
+    if (e.under_way == 0 && e.wanted) {
+        e.doubted = e.doubted || (link.app_links && *link.app_links != e.app_links);
+        if (link.rtt && *link.rtt != e.rtt.has_value()) {
+            e.rtt = *link.rtt ? std::optional(RTT_UNKNOWN) : std::nullopt;
+        }
+        refresh(link.key, now);
+    }
+    const std::pair<link_state, std::string> seen = {link.enabled ? link_state::enabled : link_state::disabled,
+                                                     link.enabled ? "" : link.reason};
+    if (e.told == seen.first && e.told_reason == seen.second) {
+        e.listed.reset();
+    } else if (e.listed != seen) {
+        e.listed = seen;
+    } else {
+        e.listed.reset();
+        e.told = seen.first;
+        e.told_reason = seen.second;
+        show(link.key, now);
+    }
+}
+
+// The answer to its create was lost. What else it was asked for is not known either.
+void keeper::take_up(const listed_link &link, const instant &now)
+{
+    entry &e = entries_[link.key];
+    if (e.link_ref != 0 || e.under_way != 0) {
+        return; // its answer is on its way, or it is asked for again
+    }
+    hand_on(link.link_ref, link.key, now);
+    e.link_ref = link.link_ref;
+    e.doubted = true;
+    e.rtt = link.rtt.value_or(true) ? std::optional(RTT_UNKNOWN) : std::nullopt;
+    e.told = link.enabled ? link_state::enabled : link_state::disabled;
+    e.told_reason = link.enabled ? "" : link.reason;
+    e.results = 0;
+    e.lost_pings = 0;
+    begin_count(e);
+    e.failures = 0;
+    e.refusal = "";
+    try_at(link.key, e, 0);
+    show(link.key, now);
+    refresh(link.key, now);
+}
+
+// Nobody told us that it is gone.
+void keeper::forget_unlisted(const std::set<uint32_t> &refs, const instant &now)
+{
+    std::vector<link_key> which;
+    for (const auto &[ref, key] : by_ref_) {
+        if (!refs.contains(ref) && entries_.at(key).under_way == 0) {
+            which.push_back(key);
+        }
+    }
+    for (const link_key &key : which) {
+        forget_link(entries_.at(key));
+        show(key, now);
+        refresh(key, now);
     }
 }
 
@@ -772,9 +982,9 @@ link_view keeper::view_of(const named &link, const declaration &wanted, const in
     if (const auto mac = macs_.find(port_and_processor(link.key)); mac != macs_.end()) {
         view.near_mac = text_of(mac->second);
     }
-    view.last_rtt = e.last_rtt;
-    view.results = e.results;
-    view.lost = e.lost_pings;
+    view.last_rtt = wanted.rtt ? e.last_rtt : std::nullopt;
+    view.results = e.results - e.results_before;
+    view.lost = e.lost_pings - e.lost_before;
     if (e.last_answer_boot_us) {
         view.last_answer_age_us = now.boot_us - *e.last_answer_boot_us;
     }

@@ -7,7 +7,11 @@
 // The daemon takes one create, update or delete at a time and queues the others, for all sessions together; and when
 // the one that it takes from the queue is refused at once, the rest of the queue waits for the end of the next one. So
 // at most a window of requests is under way, and what has had no answer for long is sent again: that is the next one.
-// Its own twin is then answered as one that changes nothing.
+// Its own twin is then answered as one that changes nothing. What the daemon answers at once has a window of its own,
+// and is sent again as well.
+//
+// Whatever was lost on the way, the daemon's own list says what it has: a link whose answer was lost is taken up or
+// removed, one that is not there any more is created again, and news that never came are made up for.
 //
 // What is refused is kept with its reason and asked for again later and later; at once when the reason may have gone.
 #pragma once
@@ -61,6 +65,18 @@ struct instant {
     int64_t ms() const { return boot_us / 1000; }
 };
 
+// A link of this session as the daemon's own list has it.
+struct listed_link {
+    uint32_t link_ref = 0;
+    link_key key;
+    bool enabled = false;
+    std::string reason;                             // of one that is not
+    std::optional<std::vector<app_pair>> app_links; // ascending; nothing: more than a list has
+    std::optional<bool> rtt;                        // nothing: the daemon does not know
+    uint64_t results = 0;                           // pings since it was created
+    uint64_t lost = 0;
+};
+
 class keeper
 {
 public:
@@ -70,8 +86,11 @@ public:
         size_t removed = 0;
     };
 
-    // `window`: how many creates, updates and deletes are under way at the most.
+    // `window`: how many creates, updates and deletes are under way at the most, and how many of the others.
     keeper(sender &out, listener &told, size_t window);
+
+    // Before the first `declare`: what it then tells goes on from there.
+    void remember(const std::vector<link_standing> &links);
 
     // All links that there shall be. What was refused is tried again at once.
     difference declare(declarations links, const instant &now);
@@ -83,8 +102,8 @@ public:
     void answered(const answer &what, const instant &now);
     void status(uint32_t link_ref, bool enabled, const std::string &reason, const instant &now);
     void measured(uint32_t link_ref, rtt_sample sample, const instant &now);
-    // Of a link's pings since it was created.
-    void counted(uint32_t link_ref, uint64_t results, uint64_t lost_pings, const instant &now);
+    // All links of the session, in the order of the daemon's other words: what it said before came before.
+    void listed(const std::vector<listed_link> &links, const instant &now);
 
     // Does what is due; and when there is something next.
     void tick(const instant &now);
@@ -99,6 +118,7 @@ private:
     // What became of one link of the daemon's.
     struct entry {
         std::optional<declaration> wanted; // nothing: it shall go
+        std::string name;                  // what it was called last
         uint32_t link_ref = 0;             // 0: the daemon has none
         std::vector<app_pair> app_links;   // that the daemon has
         std::optional<rtt_wish> rtt;       // that the daemon has
@@ -116,6 +136,11 @@ private:
         uint64_t results = 0;
         uint64_t lost_pings = 0;
         std::optional<int64_t> last_answer_boot_us; // of the far end, as far as it is known
+        // What of these was counted under another name, and which count of the keeper's it is.
+        uint64_t results_before = 0;
+        uint64_t lost_before = 0;
+        uint32_t count = 0;
+        std::optional<std::pair<link_state, std::string>> listed; // in the last list, where it is not what was told
     };
 
     // What people know of a link.
@@ -133,6 +158,14 @@ private:
         link_key key; // of the entry
     };
 
+    // What is answered at once, and every number under which it was sent.
+    struct asked {
+        sent was;
+        int64_t again_ms = 0;
+        uint32_t times = 0;
+        std::vector<uint32_t> numbers;
+    };
+
     using entries = std::map<link_key, entry>;
 
     static std::optional<request_kind> plan(const entry &e, int64_t now_ms);
@@ -142,8 +175,18 @@ private:
     void show(const link_key &key, const instant &now);
     nlohmann::json known_of(const link_key &key, const instant &now) const;
 
+    void miss(const std::string &what, const instant &now);
+    void begin_count(entry &e);
+    void take_up(const listed_link &link, const instant &now);
+    void compare(const listed_link &link, entry &e, const instant &now);
+    void forget_unlisted(const std::set<uint32_t> &refs, const instant &now);
+
     void pump(const instant &now);
     void pump_session(const instant &now);
+    std::optional<link_key> next_to_do() const;
+    void ask(const request &what, const link_key &key, const instant &now);
+    void ask_again(const instant &now);
+    sent take_asked(uint32_t first);
     void send_for(const link_key &key, request_kind kind, const instant &now);
     void send_again(const instant &now);
     void ask_for_mac(const link_key &key);
@@ -156,6 +199,7 @@ private:
     void refused(const sent &was, const answer &what, entry &e, const instant &now);
     void removed(const sent &was, entry &e, const instant &now);
     void forget_link(entry &e);
+    void hand_on(uint32_t link_ref, const link_key &to, const instant &now);
     void try_at(const link_key &key, entry &e, int64_t ms);
     void retry_what_may_go_now(const instant &now);
     void hurry(const link_key &key, entry &e, const instant &now);
@@ -170,6 +214,7 @@ private:
     size_t window_;
 
     declarations declared_;
+    std::map<std::string, link_standing> earlier_; // until the first `declare`
     entries entries_;
     std::map<std::string, named> names_;
     std::map<uint32_t, link_key> by_ref_;
@@ -187,13 +232,16 @@ private:
     uint64_t sessions_ = 0;
     int64_t session_since_us_ = 0;
 
-    std::map<uint32_t, sent> waits_; // for the daemon: creates, updates, deletes
-    std::map<uint32_t, sent> stale_; // of those, what was sent again and is unanswered
-    std::map<uint32_t, sent> short_; // the others
-    std::set<link_key> macs_asked_;  // port and processor alone
+    std::map<uint32_t, sent> waits_;           // for the daemon: creates, updates, deletes
+    std::map<uint32_t, sent> stale_;           // of those, what was sent again and is unanswered
+    std::map<uint32_t, asked> short_;          // the others, by the first number
+    std::map<uint32_t, uint32_t> short_first_; // by number: the first of the same
+    std::set<link_key> macs_todo_;             // port and processor alone
+    std::set<link_key> macs_asked_;            // those too
     std::map<link_key, mac_bytes> macs_;
     int64_t progress_ms_ = 0;
     uint32_t stalls_ = 0;
+    uint32_t counts_ = 0;
     bool was_refused_ = false; // the last answer to one of waits_
 };
 

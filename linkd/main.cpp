@@ -25,7 +25,9 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <set>
 
 namespace
 {
@@ -54,6 +56,8 @@ constexpr program_call PROGRAM = {
 constexpr int STATUS_FAILED = 1;
 // Given by the loop: the registry is lost, and a process has but one connection with it in its life.
 constexpr int STATUS_ANEW = -1;
+// How the program tells itself that connections with the registry do not last.
+constexpr const char *SHORT_LIVED = "KAP_LINKD_SHORT_LIVED";
 constexpr int MANAGER_PATIENCE_MS = 1000;
 // So many requests wait in the daemon's queue at the most.
 constexpr size_t WINDOW = 8;
@@ -132,10 +136,16 @@ notify_settings notices_of(const settings &from)
 class program
 {
 public:
-    explicit program(const call &wanted)
+    // `short_lived`: see session.hpp; written when the program has to begin anew.
+    program(const call &wanted, uint32_t &short_lived)
         : settings_(settings_of(wanted.where.settings)), book_(wanted.where),
           past_(history_of(settings_, wanted.where)), notices_(turns_, notices_of(settings_)), hub_(past_),
-          session_(turns_, [this] { turns_.stop(STATUS_ANEW); }), keeper_(session_, hub_, WINDOW),
+          session_(turns_, short_lived,
+                   [this, &short_lived](uint32_t connections) {
+                       short_lived = connections;
+                       turns_.stop(STATUS_ANEW);
+                   }),
+          keeper_(session_, hub_, WINDOW),
           control_(turns_, keeper_, book_, past_,
                    {[this] { return session_.has_registry(); }, [this] { return apply(); }})
     {
@@ -162,8 +172,14 @@ public:
     int run()
     {
         open_signals();
-        say_all(book_.load());
+        const auto wrong = book_.load();
+        say_all(wrong);
+        said_.insert(wrong.begin(), wrong.end());
+        keeper_.remember(past_.standing());
         apply();
+        for (const auto &[name, link] : keeper_.declared()) {
+            past_.resume(name);
+        }
         hand_over();
         serve();
         session_.connect();
@@ -177,6 +193,14 @@ private:
     {
         const keeper::difference made = keeper_.declare(book_.all(), now());
         session_.settle();
+        // What a reload brought about is said once.
+        const auto wrong = book_.mistakes();
+        for (const std::string &line : wrong) {
+            if (!said_.contains(line)) {
+                say(line);
+            }
+        }
+        said_ = {wrong.begin(), wrong.end()};
         return made;
     }
 
@@ -213,7 +237,7 @@ private:
                 reload();
             } else {
                 tell_manager("STOPPING=1");
-                turns_.stop(0);
+                session_.before_the_end([this] { turns_.stop(0); });
             }
         }
     }
@@ -233,16 +257,11 @@ private:
         tell_manager("READY=1");
     }
 
-    // What other threads see, and what the daemon has counted for the history.
+    // What other threads see.
     void hand_over()
     {
         metrics_input input;
         input.links = keeper_.views(now());
-        for (const link_view &view : input.links) {
-            if (view.link_ref != 0) {
-                past_.counted(view.link.name, view.link_ref, view.results, view.lost);
-            }
-        }
         input.lifetimes = past_.lifetimes();
         input.node = keeper_.node();
         input.registry = session_.has_registry();
@@ -282,6 +301,7 @@ private:
     const int64_t started_us_ = real_us();
     loop turns_;
     link_book book_;
+    std::set<std::string> said_; // of what is wrong with the declarations
     link_history past_;
     journal journal_;
     notifier notices_;
@@ -295,11 +315,11 @@ private:
     int signals_ = -1;
 };
 
-int run(const call &wanted)
+int run(const call &wanted, uint32_t &short_lived)
 {
     (void)signal(SIGPIPE, SIG_IGN);
     try {
-        program everything(wanted);
+        program everything(wanted, short_lived);
         return everything.run();
     } catch (const std::exception &problem) {
         say(problem.what());
@@ -363,12 +383,15 @@ int main(int argc, char **argv)
     if (optind != argc) {
         return program_refuse(PROGRAM, "unknown words");
     }
-    const int status = run(wanted);
+    const char *before = getenv(SHORT_LIVED);
+    uint32_t short_lived = before == nullptr ? 0 : static_cast<uint32_t>(strtoul(before, nullptr, 10));
+    const int status = run(wanted, short_lived);
     if (status != STATUS_ANEW) {
         return status;
     }
     // The same program with the same words; it waits for the registry.
     say("the message registry is lost; starting anew");
+    (void)setenv(SHORT_LIVED, std::to_string(short_lived).c_str(), 1); // no other thread is left
     execv("/proc/self/exe", argv);
     say(std::string("cannot start anew: ") + strerror(errno));
     return STATUS_FAILED;

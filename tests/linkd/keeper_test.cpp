@@ -1,13 +1,9 @@
-// The keeper against a daemon in memory that takes one request at a time, queues the others and refuses by the same
-// rules as the real one: single stories, and random walks that end in what is declared.
-#include "iemli/iemli_messages.hpp"
-#include "keeper.hpp"
+// The keeper against a daemon in memory: single stories, and random walks that end in what is declared.
+#include "daemon_in_memory.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <deque>
-#include <functional>
 #include <random>
 
 namespace
@@ -16,310 +12,6 @@ namespace
 using namespace linkd;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-constexpr int64_t MS = 1000;
-
-mac_bytes mac(uint8_t last) { return {2, 0, 0, 0, 0, last}; }
-
-declaration link_to(const std::string &name, const std::string &port, uint16_t vlan, uint8_t far,
-                    std::vector<app_pair> pairs = {})
-{
-    declaration link;
-    link.name = name;
-    link.key = {port, vlan, mac(far), 1};
-    link.app_links = std::move(pairs);
-    return link;
-}
-
-declarations all_of(const std::vector<declaration> &links)
-{
-    declarations all;
-    for (const declaration &link : links) {
-        all[link.name] = link;
-    }
-    return all;
-}
-
-// The daemon: what it has, what it is at, what waits.
-class daemon_in_memory : public sender
-{
-public:
-    struct held {
-        link_key key;
-        std::vector<app_pair> app_links;
-        bool rtt = false;
-        bool ours = true;
-    };
-
-    bool session = false;
-    std::map<uint32_t, held> links;
-    std::vector<request> seen;                      // in their order of coming
-    std::deque<std::function<void(keeper &)>> said; // on its way to the keeper
-
-    uint32_t send(const request &what) override
-    {
-        seen.push_back(what);
-        coming_.emplace_back(++number_, what);
-        return number_;
-    }
-
-    // Takes the next message in; false: there is none.
-    bool take()
-    {
-        if (coming_.empty()) {
-            return false;
-        }
-        const auto [number, what] = coming_.front();
-        coming_.pop_front();
-        if (can_wait(what.kind) && busy_) {
-            queue_.emplace_back(number, what);
-        } else {
-            handle(number, what);
-        }
-        return true;
-    }
-
-    // The lower layers answer; false: nothing is under way.
-    bool complete()
-    {
-        if (!busy_) {
-            return false;
-        }
-        const auto [number, what] = *std::exchange(busy_, std::nullopt);
-        finish(number, what);
-        // One is taken for each that ends, whatever becomes of it.
-        if (!queue_.empty()) {
-            const auto [next, waiting] = queue_.front();
-            queue_.pop_front();
-            handle(next, waiting);
-        }
-        return true;
-    }
-
-    bool idle() const { return coming_.empty() && said.empty() && !busy_; }
-
-    void die()
-    {
-        session = false;
-        links.clear();
-        coming_.clear();
-        said.clear();
-        queue_.clear();
-        busy_.reset();
-    }
-
-    // Another client's.
-    uint32_t take_for_another(const link_key &key)
-    {
-        const uint32_t ref = free_ref();
-        links[ref] = {key, {}, false, false};
-        return ref;
-    }
-
-    instant now{1'000'000 * MS, 5'000'000 * MS};
-
-private:
-    static bool can_wait(request_kind kind)
-    {
-        return kind == request_kind::create || kind == request_kind::update || kind == request_kind::remove;
-    }
-
-    uint32_t free_ref() const
-    {
-        uint32_t ref = 1;
-        while (links.contains(ref)) {
-            ref++;
-        }
-        return ref;
-    }
-
-    void say(answer what)
-    {
-        said.emplace_back([what, this](keeper &to) { to.answered(what, now); });
-    }
-    void refuse(uint32_t number, uint32_t reason) { say({number, false, reason, 0, {}}); }
-    void confirm(uint32_t number, uint32_t ref = 0) { say({number, true, 0, ref, mac(0xAA)}); }
-
-    uint32_t wrong_with(const link_key &key, const std::vector<app_pair> &pairs, uint32_t except) const
-    {
-        for (const auto &[ref, other] : links) {
-            if (ref == except) {
-                continue;
-            }
-            if (except == 0 && other.key == key) {
-                return IEMLI_REJ_LINK_ALREADY_CREATED;
-            }
-            if (other.key.vlan != key.vlan || other.key.port == key.port) {
-                continue;
-            }
-            for (const app_pair &a : pairs) {
-                for (const app_pair &b : other.app_links) {
-                    if (a.far == b.far) {
-                        return IEMLI_REJ_APP_LINK_ALREADY_USED;
-                    }
-                }
-            }
-            if (except == 0 && other.key.far == key.far) {
-                return IEMLI_REJ_OTHER_REASON;
-            }
-        }
-        return 0;
-    }
-
-    bool is_ours(uint32_t ref) const { return links.contains(ref) && links.at(ref).ours; }
-
-    void handle(uint32_t number, const request &what)
-    {
-        if (what.kind == request_kind::open) {
-            session ? refuse(number, IEMLI_REJ_SERVICE_INITIATED) : confirm(number);
-            session = true;
-        } else if (!session) {
-            what.kind == request_kind::remove ? confirm(number) : refuse(number, IEMLI_REJ_SERVICE_NOT_INITIATED);
-        } else if (what.kind == request_kind::get_mac) {
-            confirm(number);
-        } else if (what.kind == request_kind::enable_rtt || what.kind == request_kind::disable_rtt) {
-            handle_rtt(number, what);
-        } else {
-            handle_link(number, what);
-        }
-    }
-
-    void handle_rtt(uint32_t number, const request &what)
-    {
-        const bool on = what.kind == request_kind::enable_rtt;
-        if (on && !is_ours(what.link_ref)) {
-            refuse(number, IEMLI_REJ_UNKNOWN_LINK_REF);
-        } else if (on && links.at(what.link_ref).rtt) {
-            refuse(number, IEMLI_REJ_RTT_ALREADY_ENABLED);
-        } else {
-            if (is_ours(what.link_ref)) {
-                links.at(what.link_ref).rtt = on;
-            }
-            confirm(number);
-        }
-    }
-
-    void handle_link(uint32_t number, const request &what)
-    {
-        uint32_t reason = 0;
-        if (what.kind == request_kind::create) {
-            reason = wrong_with(what.key, what.app_links, 0);
-        } else if (!links.contains(what.link_ref)) {
-            if (what.kind == request_kind::remove) {
-                confirm(number); // without the next one being taken
-                return;
-            }
-            reason = IEMLI_REJ_UNKNOWN_LINK_REF;
-        } else if (what.kind == request_kind::update) {
-            const held &link = links.at(what.link_ref);
-            reason = link.app_links == what.app_links ? uint32_t{IEMLI_REJ_LINK_DATA_NO_CHANGE}
-                                                      : wrong_with(link.key, what.app_links, what.link_ref);
-        }
-        if (reason != 0) {
-            refuse(number, reason); // without the next one being taken
-            return;
-        }
-        busy_ = {number, what};
-    }
-
-    void finish(uint32_t number, const request &what)
-    {
-        if (what.kind == request_kind::create) {
-            const uint32_t ref = free_ref();
-            links[ref] = {what.key, what.app_links};
-            confirm(number, ref);
-            said.emplace_back([ref, this](keeper &to) { to.status(ref, false, "no connectivity", now); });
-            said.emplace_back([ref, this](keeper &to) { to.status(ref, true, "", now); });
-        } else if (what.kind == request_kind::update) {
-            if (links.contains(what.link_ref)) {
-                links.at(what.link_ref).app_links = what.app_links;
-            }
-            confirm(number);
-        } else {
-            if (is_ours(what.link_ref)) {
-                links.erase(what.link_ref);
-            }
-            confirm(number);
-        }
-    }
-
-    uint32_t number_ = 0;
-    std::deque<std::pair<uint32_t, request>> coming_;
-    std::deque<std::pair<uint32_t, request>> queue_;
-    std::optional<std::pair<uint32_t, request>> busy_;
-};
-
-// Keeps what it is told as lines.
-class diary : public listener
-{
-public:
-    std::vector<std::string> lines;
-    std::vector<link_change> changes;
-    void changed(const link_change &change) override
-    {
-        changes.push_back(change);
-        lines.push_back(change.link.name + ": " + name_of(change.from) + " -> " + name_of(change.to) +
-                        (change.reason.empty() ? "" : " (" + change.reason + ")"));
-    }
-};
-
-struct scene {
-    explicit scene(size_t window = 8) : keeps(daemon, told, window) {}
-
-    daemon_in_memory daemon;
-    diary told;
-    keeper keeps;
-
-    void pass(int64_t ms)
-    {
-        daemon.now.boot_us += ms * MS;
-        daemon.now.real_us += ms * MS;
-    }
-    bool deliver()
-    {
-        if (daemon.said.empty()) {
-            return false;
-        }
-        const auto what = daemon.said.front();
-        daemon.said.pop_front();
-        what(keeps);
-        return true;
-    }
-    void quiet()
-    {
-        while (deliver() || daemon.take() || daemon.complete()) {
-        }
-    }
-    // Until nothing more is due within that time.
-    void settle(int64_t most_ms)
-    {
-        const int64_t end = daemon.now.ms() + most_ms;
-        for (;;) {
-            quiet();
-            const auto next = keeps.next_ms();
-            if (!next || *next > end) {
-                return;
-            }
-            pass(std::max<int64_t>(*next - daemon.now.ms(), 1));
-            keeps.tick(daemon.now);
-        }
-    }
-    void declare(const std::vector<declaration> &links) { keeps.declare(all_of(links), daemon.now); }
-    void publish() { keeps.published(daemon.now); }
-    std::string state(const std::string &name) const
-    {
-        const auto view = keeps.view(name, daemon.now);
-        return view ? std::string(name_of(view->state)) + (view->reason.empty() ? "" : ": " + view->reason) : "none";
-    }
-    std::vector<request_kind> kinds_since(size_t first) const
-    {
-        std::vector<request_kind> kinds;
-        for (size_t i = first; i < daemon.seen.size(); i++) {
-            kinds.push_back(daemon.seen[i].kind);
-        }
-        return kinds;
-    }
-};
 
 // ---- Stories -------------------------------------------------------------------------------------------------------
 
@@ -430,14 +122,17 @@ TEST(Keeper, KnowsSinceWhenTheFarEndWasNotSeenToAnswer)
         return age ? std::optional(*age / MS) : std::nullopt;
     };
     const uint32_t link_ref = s.daemon.links.begin()->first;
-    s.keeps.counted(link_ref, 6, 6, s.daemon.now);
+    const auto counted = [&](uint64_t results, uint64_t lost) {
+        s.keeps.listed({{link_ref, s.daemon.links.begin()->second.key, true, "", {}, {}, results, lost}}, s.daemon.now);
+    };
+    counted(6, 6);
     EXPECT_FALSE(age_ms()) << "lost pings are no answers";
-    s.keeps.counted(link_ref, 10, 6, s.daemon.now);
+    counted(10, 6);
     EXPECT_EQ(age_ms(), 0);
     s.pass(3000);
-    s.keeps.counted(link_ref, 12, 8, s.daemon.now);
+    counted(12, 8);
     EXPECT_EQ(age_ms(), 3000) << "no more of them than before";
-    s.keeps.counted(link_ref, 2, 1, s.daemon.now);
+    counted(2, 1);
     EXPECT_EQ(age_ms(), 0) << "the daemon counts from 0 again";
     s.pass(1000);
     s.keeps.measured(link_ref, {"a", 0, 0, 0, 0, 0}, s.daemon.now);
@@ -577,6 +272,240 @@ TEST(Keeper, BringsTheQueueToTurnAgainWhenItStandsStill)
     EXPECT_EQ(s.state("c"), "enabled");
     EXPECT_EQ(s.state("d"), "enabled");
     EXPECT_EQ(s.state("b"), "rejected: another reason, which the daemon's trace says");
+}
+
+TEST(Keeper, AsksAgainForWhatIsAnsweredAtOnceWhenTheAnswerWasLost)
+{
+    scene s;
+    auto a = link_to("a", "IDL_A1", 100, 1);
+    s.declare({a});
+    s.publish();
+    s.quiet();
+    a.rtt = rtt_wish{};
+    s.declare({a});
+    ASSERT_TRUE(s.daemon.take());
+    s.daemon.said.clear(); // the answer
+    s.declare({});         // nothing else is asked for a link with a request under way
+    s.settle(20'000);
+    EXPECT_THAT(s.daemon.links, IsEmpty());
+}
+
+TEST(Keeper, KnowsTheNearAddressThoughTheFirstAnswerWasLost)
+{
+    scene s;
+    s.daemon.loses = [] { return true; };
+    s.declare({link_to("a", "IDL_A1", 100, 1)});
+    s.publish();
+    s.quiet();
+    s.daemon.loses = [] { return false; };
+    s.settle(5000);
+    EXPECT_EQ(s.keeps.view("a", s.daemon.now)->near_mac, "02:00:00:00:00:aa");
+    EXPECT_EQ(s.state("a"), "enabled");
+}
+
+TEST(Keeper, HasNoMoreUnderWayOfWhatIsAnsweredAtOnceThanItsWindow)
+{
+    scene s(4);
+    std::vector<declaration> links;
+    for (uint16_t i = 1; i <= 30; i++) {
+        links.push_back(link_to("l" + std::to_string(i), "IDL_A1", i, 1));
+    }
+    s.declare(links);
+    s.publish();
+    s.quiet();
+    for (declaration &link : links) {
+        link.rtt = rtt_wish{};
+    }
+    const size_t before = s.daemon.seen.size();
+    s.declare(links);
+    EXPECT_EQ(s.daemon.seen.size(), before + 4);
+    // Those are not in the way of what waits in line.
+    links.push_back(link_to("more", "IDL_A1", 99, 1));
+    s.declare(links);
+    EXPECT_EQ(s.daemon.seen.back().kind, request_kind::create);
+    s.quiet();
+    for (const auto &[ref, link] : s.daemon.links) {
+        EXPECT_EQ(link.rtt, link.key.vlan != 99);
+    }
+}
+
+TEST(Keeper, SaysThatTheDaemonDoesNotAnswer)
+{
+    scene s;
+    s.declare({link_to("a", "IDL_A1", 100, 1)});
+    s.publish(); // and nobody takes what is sent
+    EXPECT_EQ(s.state("a"), "waiting: no session");
+    s.pass(5000);
+    s.keeps.tick(s.daemon.now);
+    EXPECT_EQ(s.state("a"), "waiting: no session: the daemon does not answer");
+    s.settle(10'000);
+    EXPECT_EQ(s.state("a"), "enabled");
+}
+
+TEST(Keeper, GoesOnFromWhereAnEarlierProgramEnded)
+{
+    scene s;
+    const auto a = link_to("a", "IDL_A1", 100, 1);
+    const auto b = link_to("b", "IDL_A1", 101, 1);
+    const auto c = link_to("c", "IDL_A1", 102, 1);
+    s.keeps.remember({{a.identity(), link_state::enabled},
+                      {b.identity(), link_state::waiting},
+                      {c.identity(), link_state::disabled}});
+    s.declare({a, b, link_to("d", "IDL_A1", 103, 1)});
+    EXPECT_THAT(s.told.lines, ElementsAre("c: disabled -> gone", "a: enabled -> waiting (kap-linkd was started)",
+                                          "d: gone -> waiting (no registry)"));
+    EXPECT_EQ(s.told.changes[1].lasted_us, 0) << "nobody looked meanwhile";
+    EXPECT_EQ(s.state("a"), "waiting: no registry");
+    s.pass(3000);
+    s.publish();
+    s.quiet();
+    EXPECT_EQ(s.state("b"), "enabled");
+    for (const link_change &change : s.told.changes) {
+        if (change.from == link_state::waiting) {
+            EXPECT_EQ(change.lasted_us, 3000 * MS) << change.link.name;
+        }
+    }
+    s.told.lines.clear();
+    s.declare({a, b});
+    EXPECT_THAT(s.told.lines, ElementsAre("d: enabled -> gone"));
+}
+
+TEST(Keeper, SaysThatALinkIsAnotherThanBeforeTheProgramEnded)
+{
+    scene s;
+    s.keeps.remember({{link_to("a", "IDL_A1", 100, 1).identity(), link_state::enabled}});
+    s.declare({link_to("a", "IDL_A1", 200, 1)});
+    EXPECT_THAT(s.told.lines, ElementsAre("a: enabled -> waiting (changed)"));
+    EXPECT_EQ(s.told.changes[0].link.vlan, 200);
+}
+
+TEST(Keeper, CountsEachPingForOneName)
+{
+    scene s;
+    const auto a = link_to("a", "IDL_A1", 100, 1);
+    const auto z = link_to("z", "IDL_A1", 100, 1);
+    s.declare({a});
+    s.publish();
+    s.quiet();
+    const uint32_t ref = s.keeps.view("a", s.daemon.now)->link_ref;
+    const auto pinged = [&](uint64_t results) {
+        s.keeps.listed({{ref, a.key, true, "", {}, false, results, 0}}, s.daemon.now);
+    };
+    pinged(100);
+    s.declare({z});
+    pinged(130);
+    EXPECT_EQ(s.told.pings_of("a"), 100U);
+    EXPECT_EQ(s.told.pings_of("z"), 30U);
+    EXPECT_EQ(s.keeps.view("z", s.daemon.now)->results, 30U);
+    s.declare({a});
+    pinged(250);
+    EXPECT_EQ(s.told.pings_of("a"), 100U + 120U);
+    // The last of one that goes count, too.
+    s.declare({});
+    pinged(260);
+    s.quiet();
+    EXPECT_EQ(s.told.pings_of("a"), 100U + 130U);
+    EXPECT_THAT(s.daemon.links, IsEmpty());
+}
+
+TEST(Keeper, ForgetsTheLastRoundTripWhenNoneIsMeasuredAnyMore)
+{
+    scene s;
+    auto a = link_to("a", "IDL_A1", 100, 1);
+    a.rtt = rtt_wish{};
+    s.declare({a});
+    s.publish();
+    s.quiet();
+    const uint32_t ref = s.keeps.view("a", s.daemon.now)->link_ref;
+    s.keeps.measured(ref, {"", 0, 1, 2, 3, 1}, s.daemon.now);
+    EXPECT_TRUE(s.keeps.view("a", s.daemon.now)->last_rtt);
+    a.rtt.reset();
+    s.declare({a});
+    s.keeps.measured(ref, {"", 0, 1, 2, 3, 1}, s.daemon.now); // it was on its way
+    EXPECT_FALSE(s.keeps.view("a", s.daemon.now)->last_rtt);
+    s.quiet();
+    s.keeps.status(ref, false, "down", s.daemon.now);
+    EXPECT_FALSE(s.told.changes.back().known.contains("last_rtt_us"));
+}
+
+// ---- The daemon's list
+
+TEST(Keeper, TakesUpALinkWhoseAnswerWasLost)
+{
+    scene s;
+    s.declare({link_to("a", "IDL_A1", 100, 1, {{mac(10), mac(11)}})});
+    s.publish();
+    while (s.daemon.links.empty()) {
+        ASSERT_TRUE(s.deliver() || s.daemon.take() || s.daemon.complete());
+    }
+    s.daemon.said.clear(); // the answer, and its first news
+    s.settle(5000);
+    EXPECT_EQ(s.state("a"), "rejected: somebody else has this link");
+    s.settle_with_lists(20'000);
+    EXPECT_EQ(s.state("a"), "enabled");
+    s.declare({});
+    s.quiet();
+    EXPECT_THAT(s.daemon.links, IsEmpty());
+}
+
+TEST(Keeper, RemovesALinkWhoseAnswerWasLostWhenNobodyWantsItAnyMore)
+{
+    scene s;
+    s.declare({link_to("a", "IDL_A1", 100, 1)});
+    s.publish();
+    while (s.daemon.links.empty()) {
+        ASSERT_TRUE(s.deliver() || s.daemon.take() || s.daemon.complete());
+    }
+    s.daemon.said.clear();
+    s.settle(5000);
+    s.declare({});
+    s.settle_with_lists(20'000);
+    EXPECT_THAT(s.daemon.links, IsEmpty());
+}
+
+TEST(Keeper, CreatesAgainWhatTheDaemonDoesNotListAnyMore)
+{
+    scene s;
+    s.declare({link_to("a", "IDL_A1", 100, 1)});
+    s.publish();
+    s.quiet();
+    s.daemon.links.clear();
+    s.settle_with_lists(20'000);
+    EXPECT_EQ(s.daemon.links.size(), 1U);
+    EXPECT_EQ(s.state("a"), "enabled");
+}
+
+// A number is given again as soon as it is free.
+TEST(Keeper, MendsALinkThatAnothersRequestMet)
+{
+    scene s;
+    auto a = link_to("a", "IDL_A1", 100, 1, {{mac(10), mac(11)}});
+    a.rtt = rtt_wish{};
+    s.declare({a});
+    s.publish();
+    s.quiet();
+    auto &held = s.daemon.links.begin()->second;
+    held.app_links.clear();
+    held.rtt = false;
+    s.settle_with_lists(20'000);
+    EXPECT_EQ(s.daemon.links.begin()->second.app_links, a.app_links);
+    EXPECT_TRUE(s.daemon.links.begin()->second.rtt);
+}
+
+TEST(Keeper, MakesUpForNewsThatNeverCame)
+{
+    scene s;
+    s.declare({link_to("a", "IDL_A1", 100, 1)});
+    s.publish();
+    s.quiet();
+    s.daemon.turn(s.keeps.view("a", s.daemon.now)->link_ref, false);
+    s.daemon.said.clear();
+    s.daemon.list();
+    s.quiet();
+    EXPECT_EQ(s.state("a"), "enabled") << "the news may be on their way";
+    s.daemon.list();
+    s.quiet();
+    EXPECT_EQ(s.state("a"), "disabled: no connectivity");
 }
 
 // ---- Walks ---------------------------------------------------------------------------------------------------------
