@@ -585,7 +585,7 @@ json control::add(const json &request)
     if (!is_link_name(link.name)) {
         refuse("invalid", "name: 1 to 64 letters, digits, \"-\", \"_\" and \".\"");
     }
-    if (keeper_.declared().contains(link.name)) {
+    if (keeper_.declared().contains(link.name) || book_.is_kept(link.name)) {
         refuse("exists", "there is a link \"" + link.name + "\"");
     }
     const std::string wrong = take_json(request, true, link);
@@ -610,6 +610,9 @@ json control::set(const json &request)
         refuse("invalid", "it is declared in " + found->second.at.file + ": change it there, and reload");
     }
     declaration link = found->second;
+    if (!link.rtt && request.contains("rtt")) {
+        link.rtt = book_.measured_last(name);
+    }
     const std::string wrong = take_json(request, false, link);
     if (!wrong.empty()) {
         refuse("invalid", wrong);
@@ -625,10 +628,11 @@ json control::remove(const json &request)
 {
     const std::string name = text_in(request, "name", true);
     const auto found = keeper_.declared().find(name);
-    if (found == keeper_.declared().end()) {
+    // One that a declaration stands in the place of can be forgotten; what is declared stays.
+    if (found == keeper_.declared().end() && !book_.is_kept(name)) {
         refuse("unknown_link", "there is no link \"" + name + "\"");
     }
-    if (found->second.declared) {
+    if (!book_.is_kept(name)) {
         refuse("invalid", "it is declared in " + found->second.at.file + ": take it out there, and reload");
     }
     const std::string failed = book_.remove(name);
@@ -662,6 +666,7 @@ json control::measure(const json &request)
         refuse("bad_request", "\"on\" must be true, false, or an object");
     }
     declaration link = found->second;
+    link.rtt = link.rtt ? link.rtt : book_.measured_last(name); // "on" is as it was
     const std::string wrong = take_json({{"rtt", request["on"]}}, false, link);
     if (!wrong.empty()) {
         refuse("invalid", wrong);

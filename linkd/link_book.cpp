@@ -99,7 +99,9 @@ std::vector<std::string> link_book::load()
     load_kept(told);
     mistakes_.clear();
     declared_ = read_link_files(where_.links, mistakes_);
-    told.insert(told.end(), mistakes_.begin(), mistakes_.end());
+    const auto wrong = mistakes();
+    told.insert(told.end(), wrong.begin(), wrong.end());
+    note_measured();
     return told;
 }
 
@@ -111,6 +113,7 @@ std::vector<std::string> link_book::reload()
     if (wrong.empty()) {
         declared_ = std::move(read);
         measured_.clear();
+        note_measured();
     }
     return wrong;
 }
@@ -125,7 +128,55 @@ std::string link_book::keep(const declarations &kept)
         return "it cannot be kept in " + file() + ": " + strerror(error);
     }
     kept_ = kept;
+    note_measured();
     return "";
+}
+
+// What stands there now. Switching it off forgets nothing.
+void link_book::note_measured()
+{
+    const declarations now = all();
+    std::erase_if(measured_last_, [&](const auto &each) { return !now.contains(each.first); });
+    for (const auto &[name, link] : now) {
+        if (link.rtt) {
+            measured_last_[name] = *link.rtt;
+        }
+    }
+}
+
+std::optional<rtt_wish> link_book::measured_last(const std::string &name) const
+{
+    const auto found = measured_last_.find(name);
+    return found == measured_last_.end() ? std::nullopt : std::optional(found->second);
+}
+
+// A declaration stands in the place of what was asked for at run time under its name, or of the same link.
+std::vector<std::string> link_book::hidden() const
+{
+    std::map<link_key, const declaration *> keys;
+    for (const auto &[name, link] : declared_) {
+        keys.emplace(link.key, &link);
+    }
+    std::vector<std::string> lines;
+    for (const auto &[name, link] : kept_) {
+        const auto same_name = declared_.find(name);
+        const auto same_key = keys.find(link.key);
+        if (same_name == declared_.end() && same_key == keys.end()) {
+            continue;
+        }
+        const declaration &other = same_name != declared_.end() ? same_name->second : *same_key->second;
+        lines.push_back(text_of(other.at) + "\"" + other.name + "\" stands in the place of \"" + name +
+                        "\", which was asked for at run time; \"delete\" forgets that one");
+    }
+    return lines;
+}
+
+std::vector<std::string> link_book::mistakes() const
+{
+    std::vector<std::string> all = mistakes_;
+    const auto more = hidden();
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
 }
 
 std::string link_book::add(const declaration &link)
@@ -156,6 +207,7 @@ std::string link_book::measure(const std::string &name, const std::optional<rtt_
         return keep(kept);
     }
     measured_[name] = rtt;
+    note_measured();
     return "";
 }
 

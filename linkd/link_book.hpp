@@ -30,21 +30,29 @@ public:
     std::string remove(const std::string &name);
     // Round trips of a declared link are measured otherwise until the next reload; of another one for good.
     std::string measure(const std::string &name, const std::optional<rtt_wish> &rtt);
+    // How the link's round trips were measured last, also where they are not measured now.
+    std::optional<rtt_wish> measured_last(const std::string &name) const;
 
     // Every link, each with a name and a key that no other has.
     declarations all() const;
-    const std::vector<std::string> &mistakes() const { return mistakes_; }
+    // Whether a link of that name was asked for at run time, also where a declared one stands in its place.
+    bool is_kept(const std::string &name) const { return kept_.contains(name); }
+    // Of the declarations, when they were read last; and what of the run time is not there because of them.
+    std::vector<std::string> mistakes() const;
 
 private:
     std::string file() const { return where_.state + "/links.toml"; }
     void load_kept(std::vector<std::string> &told);
     std::string keep(const declarations &kept);
+    std::vector<std::string> hidden() const;
+    void note_measured();
 
     paths where_;
     declarations declared_;
     declarations kept_;
     std::map<std::string, std::optional<rtt_wish>> measured_; // of declared ones, in place of what is declared
-    std::vector<std::string> mistakes_;                       // of the declarations, when they were read last
+    std::map<std::string, rtt_wish> measured_last_;
+    std::vector<std::string> mistakes_;
 };
 
 } // namespace linkd
