@@ -7,13 +7,16 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <spawn.h>
+#include <sstream>
 #include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace linkd
 {
@@ -24,6 +27,9 @@ namespace
 constexpr int64_t MILLISECONDS = 1000;
 constexpr int64_t GRACE_MS = 2000; // between SIGTERM and SIGKILL
 constexpr int64_t SUMMED_UP_EVERY_MS = 3600 * MILLISECONDS;
+constexpr size_t MOST_SAID = 4096; // of what a program writes
+constexpr size_t LONGEST_LINE = 512;
+constexpr int MOST_SYMLINKS = 40;
 
 bool is_name(const char *name)
 {
@@ -42,6 +48,54 @@ std::string wrong_with(const struct stat &file)
         return "others than root may write it";
     }
     return "";
+}
+
+std::deque<std::string> parts_of(const std::string &path)
+{
+    std::deque<std::string> parts;
+    std::istringstream text(path);
+    for (std::string part; std::getline(text, part, '/');) {
+        if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+    }
+    return parts;
+}
+
+// What keeps it from being root alone who says what is at the end of that path; empty: nothing. Symbolic links are
+// followed as the kernel does it.
+std::string wrong_on_the_way_to(const std::string &path)
+{
+    std::deque<std::string> rest = parts_of(path);
+    std::string at; // without a link in it
+    int links = 0;
+    for (;;) {
+        struct stat file = {};
+        const std::string shown = at.empty() ? "/" : at;
+        if (lstat(shown.c_str(), &file) != 0) {
+            return shown + ": " + strerror(errno);
+        }
+        if (S_ISLNK(file.st_mode)) {
+            std::error_code error;
+            const std::string target = std::filesystem::read_symlink(at, error);
+            if (error || ++links > MOST_SYMLINKS || file.st_uid != 0) {
+                return shown + " is a link that is not followed";
+            }
+            const auto more = parts_of(target);
+            rest.insert(rest.begin(), more.begin(), more.end());
+            at = target.starts_with('/') ? "" : at.substr(0, at.rfind('/'));
+            continue;
+        }
+        const bool sticky = (file.st_mode & S_ISVTX) != 0;
+        if (file.st_uid != 0 || (!sticky && (file.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
+            return shown + " is not root's alone";
+        }
+        if (rest.empty()) {
+            return "";
+        }
+        at = rest.front() == ".." ? at.substr(0, at.empty() ? 0 : at.rfind('/')) : at + "/" + rest.front();
+        rest.pop_front();
+    }
 }
 
 // A value has no end of a string within.
@@ -92,6 +146,7 @@ notifier::~notifier()
             (void)kill(-of.child, SIGKILL);
             (void)waitpid(of.child, nullptr, 0);
             close(of.child_fd);
+            close_output(of);
         }
     }
     for (auto &[link, of] : holdings_) {
@@ -110,6 +165,7 @@ notifier::figures notifier::look() const
 {
     figures now = figures_;
     now.waiting = waiting_;
+    now.links = lines_.size();
     return now;
 }
 
@@ -167,7 +223,7 @@ void notifier::calm(const std::string &link)
     const auto at = holdings_.find(link);
     const holding of = std::move(at->second);
     holdings_.erase(at);
-    if (of.held && of.changes != 0) {
+    if (of.held) {
         queue({of.last, "summary", of.changes, 0});
     }
 }
@@ -192,6 +248,7 @@ void notifier::queue(notice what)
             drop(most->second);
         }
     }
+    of.gone = what.change.to == link_state::gone;
     of.waiting.push_back(std::move(what));
     waiting_++;
     if (!of.busy()) {
@@ -227,9 +284,7 @@ void notifier::run_next(const std::string &link, line &of)
     for (;;) {
         if (of.programs.empty()) {
             if (of.waiting.empty()) {
-                if (of.dropped == 0) {
-                    lines_.erase(link);
-                }
+                rest(link, of);
                 return;
             }
             of.now = std::move(of.waiting.front());
@@ -269,6 +324,9 @@ std::vector<std::string> notifier::programs()
     }
     struct stat file = {};
     std::string wrong = fstat(dirfd(directory), &file) == 0 ? wrong_with(file) : strerror(errno);
+    if (wrong.empty()) {
+        wrong = wrong_on_the_way_to(settings_.directory);
+    }
     if (!wrong.empty()) {
         refuse(settings_.directory, wrong);
         (void)closedir(directory);
@@ -313,6 +371,17 @@ bool notifier::start(const std::string &link, line &of, const std::string &progr
         figures_.failed++;
         return false;
     }
+    int output[2] = {-1, -1};
+    if (pipe2(output, O_CLOEXEC) != 0 || fcntl(output[0], F_SETFL, O_NONBLOCK) != 0) {
+        say(program + ": nothing to write to: " + strerror(errno));
+        for (const int fd : {input, output[0], output[1]}) {
+            if (fd >= 0) {
+                close(fd);
+            }
+        }
+        figures_.failed++;
+        return false;
+    }
     std::vector<std::string> variables = environment_of(of.now);
     std::vector<char *> environment;
     for (std::string &each : variables) {
@@ -327,7 +396,8 @@ bool notifier::start(const std::string &link, line &of, const std::string &progr
     (void)posix_spawn_file_actions_init(&files);
     (void)posix_spawnattr_init(&how);
     (void)posix_spawn_file_actions_adddup2(&files, input, STDIN_FILENO);
-    (void)posix_spawn_file_actions_adddup2(&files, STDERR_FILENO, STDOUT_FILENO);
+    (void)posix_spawn_file_actions_adddup2(&files, output[1], STDOUT_FILENO);
+    (void)posix_spawn_file_actions_adddup2(&files, output[1], STDERR_FILENO);
     (void)posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
     (void)posix_spawn_file_actions_addchdir_np(&files, "/");
     sigset_t none, all;
@@ -342,8 +412,10 @@ bool notifier::start(const std::string &link, line &of, const std::string &progr
     (void)posix_spawnattr_destroy(&how);
     (void)posix_spawn_file_actions_destroy(&files);
     close(input);
+    close(output[1]);
     if (error != 0) {
         say(program + " cannot be run: " + strerror(error));
+        close(output[0]);
         figures_.failed++;
         return false;
     }
@@ -353,9 +425,15 @@ bool notifier::start(const std::string &link, line &of, const std::string &progr
         say(program + " is ended: " + strerror(errno));
         (void)kill(-child, SIGKILL);
         (void)waitpid(child, nullptr, 0);
+        close(output[0]);
         figures_.failed++;
         return false;
     }
+    of.program = program;
+    of.output = output[0];
+    of.written.clear();
+    of.said = 0;
+    turns_.watch(of.output, EPOLLIN, [this, link](uint32_t) { read_output(lines_.at(link)); });
     of.child = child;
     of.child_fd = fd;
     figures_.running++;
@@ -363,6 +441,70 @@ bool notifier::start(const std::string &link, line &of, const std::string &progr
     of.timer = turns_.after(settings_.seconds * MILLISECONDS, [this, link] { end_slowly(link, false); });
     return true;
 }
+
+// ---- What a program writes
+
+// One line of words, whatever it is.
+void notifier::say_output(line &of, const std::string &text)
+{
+    std::string words = text.substr(0, LONGEST_LINE);
+    std::replace_if(
+        words.begin(), words.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, ' ');
+    if (of.said < MOST_SAID) {
+        say(of.program + ": " + words);
+        of.said += text.size() + 1;
+        if (of.said >= MOST_SAID) {
+            say(of.program + ": and more, which is not shown");
+        }
+    }
+}
+
+// Never more than a pipe's worth at a turn.
+void notifier::read_output(line &of)
+{
+    constexpr int TIMES = 16;
+    char part[4096];
+    for (int i = 0; i < TIMES && of.output >= 0; i++) {
+        const ssize_t got = read(of.output, part, sizeof part);
+        if (got < 0) {
+            if (errno != EAGAIN && errno != EINTR) {
+                close_output(of);
+            }
+            return;
+        }
+        if (got == 0) {
+            close_output(of);
+            return;
+        }
+        if (of.said >= MOST_SAID) {
+            continue; // read, so that it does not wait for anybody
+        }
+        of.written.append(part, static_cast<size_t>(got));
+        size_t begin = 0;
+        for (size_t end = 0; (end = of.written.find('\n', begin)) != std::string::npos; begin = end + 1) {
+            say_output(of, of.written.substr(begin, end - begin));
+        }
+        of.written.erase(0, begin);
+        if (of.written.size() > MOST_SAID) {
+            say_output(of, std::exchange(of.written, ""));
+        }
+    }
+}
+
+void notifier::close_output(line &of)
+{
+    if (of.output < 0) {
+        return;
+    }
+    turns_.forget(of.output);
+    close(of.output);
+    of.output = -1;
+    if (!of.written.empty()) {
+        say_output(of, std::exchange(of.written, ""));
+    }
+}
+
+// ---- Its end
 
 void notifier::end_slowly(const std::string &link, bool hard)
 {
@@ -390,6 +532,8 @@ void notifier::ended(const std::string &link)
     (void)kill(-of.child, SIGKILL);
     (void)waitpid(of.child, nullptr, 0);
     close(of.child_fd);
+    read_output(of);
+    close_output(of);
     if (how.si_code != CLD_EXITED || how.si_status != 0) {
         figures_.failed++;
     }
@@ -398,10 +542,19 @@ void notifier::ended(const std::string &link)
     figures_.running--;
     if (!of.programs.empty() || !of.waiting.empty()) {
         want_turn(link, of);
-    } else if (of.dropped == 0) {
-        lines_.erase(link);
+    } else {
+        rest(link, of);
     }
     run_ready();
+}
+
+// A link that has nothing more to be told is forgotten; but not how many of its notices were dropped, as long as
+// there is another one to say it.
+void notifier::rest(const std::string &link, const line &of)
+{
+    if (of.dropped == 0 || of.gone) {
+        lines_.erase(link);
+    }
 }
 
 } // namespace linkd

@@ -4,15 +4,17 @@
 // Of one link they run one after the other, in the order of its changes and, for each, of their names. Links do not
 // wait for each other, but only so many programs run at once, and only so much waits: then the oldest go, and the next
 // notice says how many. A program that runs for too long is ended, SIGTERM first, with all of its process group; so is
-// what it leaves behind when it ends. No shell is in between, and nothing of a link is part of a command.
+// what it leaves behind when it ends. No shell is in between, and nothing of a link is part of a command. What a
+// program writes is said, line by line, up to a bound; the rest is read and thrown away.
 //
 // Run is a regular file (no link) whose name is letters, digits, "_" and "-", as run-parts has it, so that what editors
-// and package managers leave behind is none; that may be executed; that belongs to root, as its directory does; and
-// that nobody else may write. So only root decides what runs, between the look and the start too.
+// and package managers leave behind is none; that may be executed; that belongs to root, as its directory does and all
+// that lead there; and that nobody else may write, nor those. So only root decides what runs, between the look and the
+// start too. Below a directory that everybody may write (sticky) a directory of root's stays root's.
 //
 // A link that changes often is held down: with a change too many a notice says so ("flapping"), then nothing, and when
-// it has been calm for long enough one that sums up ("summary", with how many). One that does not calm down is summed
-// up once an hour.
+// it has been calm for long enough one that sums up ("summary": how it stands, and how many changes were held back, be
+// it none). One that does not calm down is summed up once an hour.
 //
 // All on the loop's thread, which never waits: programs are started and their end is a descriptor.
 #pragma once
@@ -64,7 +66,7 @@ public:
     void changed(const link_change &change) override;
 
     struct figures {
-        size_t running = 0, waiting = 0;
+        size_t running = 0, waiting = 0, links = 0; // of which something is remembered
         uint64_t started = 0, failed = 0, ended = 0, dropped = 0, held = 0;
     };
     figures look() const;
@@ -87,7 +89,13 @@ private:
         pid_t child = 0; // 0: none
         int child_fd = -1;
         uint64_t timer = 0;
-        bool ready = false; // among those that wait for a turn
+        // What the program writes.
+        std::string program;
+        int output = -1;
+        std::string written; // up to the end of a line
+        size_t said = 0;     // bytes
+        bool ready = false;  // among those that wait for a turn
+        bool gone = false;   // the link, as far as was told
         bool busy() const { return child != 0 || !programs.empty(); }
     };
 
@@ -100,6 +108,10 @@ private:
     bool start(const std::string &link, line &of, const std::string &program);
     void end_slowly(const std::string &link, bool hard);
     void ended(const std::string &link);
+    void rest(const std::string &link, const line &of);
+    void read_output(line &of);
+    void say_output(line &of, const std::string &text);
+    void close_output(line &of);
     std::vector<std::string> programs();
     void refuse(const std::string &path, const std::string &why);
     void say(const std::string &what) const;

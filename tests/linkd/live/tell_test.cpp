@@ -197,6 +197,116 @@ TEST_F(NotifyTest, AFlappingLinkIsHeldDownAndSummedUpOnce)
     EXPECT_EQ(lines("a").back(), "change 3000 0") << "calm again";
 }
 
+TEST_F(NotifyTest, AFlappingLinkThatIsCalmAtOnceIsSummedUpToo)
+{
+    wanted_.flap_changes = 3;
+    wanted_.hold_down_s = 1;
+    program("one", "echo $KAP_EVENT $KAP_STATE $KAP_ID $KAP_HELD >> $O/$KAP_LINK");
+    notifier told(turns_, wanted_);
+    for (uint64_t id = 1; id <= 4; id++) {
+        told.changed(change("a", id));
+    }
+    ASSERT_TRUE(until([&] { return lines("a").size() == 5; }));
+    EXPECT_EQ(lines("a")[3], "flapping disabled 4 0");
+    EXPECT_EQ(lines("a")[4], "summary disabled 4 0") << "whoever was told that it flaps is told that it does not";
+}
+
+TEST_F(NotifyTest, NothingIsRunBelowADirectoryThatIsNotRootsAlone)
+{
+    program("one", "echo run >> $O/out");
+    notifier told(turns_, wanted_);
+    uint64_t id = 0;
+    const auto runs = [&] {
+        const size_t before = lines("out").size();
+        told.changed(change("a", ++id));
+        EXPECT_TRUE(until([&] { return told.look().waiting == 0 && told.look().running == 0; }));
+        return lines("out").size() == before + 1;
+    };
+    EXPECT_TRUE(runs());
+    EXPECT_EQ(chmod(directory_.c_str(), 0775), 0);
+    EXPECT_FALSE(runs()) << "a group may put another notify.d in its place";
+    EXPECT_EQ(chmod(directory_.c_str(), 01777), 0);
+    EXPECT_TRUE(runs()) << "sticky: what is root's stays";
+    EXPECT_EQ(chmod(directory_.c_str(), 0755), 0);
+    EXPECT_EQ(chown(directory_.c_str(), 65534, 65534), 0);
+    EXPECT_FALSE(runs()) << "its owner may";
+    EXPECT_EQ(chown(directory_.c_str(), 0, 0), 0);
+    EXPECT_TRUE(runs());
+    EXPECT_EQ(said_.size(), 1U) << "once";
+}
+
+TEST_F(NotifyTest, ADirectoryIsReachedOnlyByLinksThatAreRoots)
+{
+    program("one", "echo run >> $O/out");
+    const std::string safe = directory_ + "/safe";
+    const std::string link = directory_ + "/link";
+    std::filesystem::rename(wanted_.directory, safe);
+    std::filesystem::create_symlink("./safe", link);
+    wanted_.directory = link;
+    {
+        notifier told(turns_, wanted_);
+        told.changed(change("a", 1));
+        ASSERT_TRUE(until([&] { return lines("out").size() == 1; }));
+    }
+    ASSERT_EQ(lchown(link.c_str(), 65534, 65534), 0);
+    notifier told(turns_, wanted_);
+    told.changed(change("a", 2));
+    ASSERT_TRUE(until([&] { return told.look().waiting == 0 && told.look().running == 0; }));
+    EXPECT_EQ(lines("out").size(), 1U);
+    EXPECT_EQ(told.look().started, 0U);
+}
+
+TEST_F(NotifyTest, WhatAProgramWritesIsSaidUpToABound)
+{
+    program("10-loud", "echo hello; printf 'a\\033[31mb\\n' >&2; i=0; while [ $i -lt 20000 ]; do echo line $i; "
+                       "i=$((i+1)); done; printf 'no end'");
+    program("20-quiet", "echo done >> $O/out");
+    notifier told(turns_, wanted_);
+    told.changed(change("a", 1));
+    ASSERT_TRUE(until([&] { return lines("out").size() == 1 && told.look().running == 0; }));
+    const std::string name = wanted_.directory + "/10-loud: ";
+    ASSERT_GT(said_.size(), 4U);
+    EXPECT_EQ(said_[0], name + "hello");
+    EXPECT_EQ(said_[1], name + "a [31mb");
+    EXPECT_EQ(said_[2], name + "line 0");
+    EXPECT_EQ(said_.back(), name + "and more, which is not shown");
+    size_t bytes = 0;
+    for (const std::string &line : said_) {
+        bytes += line.size() - name.size();
+    }
+    EXPECT_LT(bytes, 5000U);
+}
+
+TEST_F(NotifyTest, ALongLineWithoutAnEndIsNotKept)
+{
+    program("one", "head -c 3000000 /dev/zero | tr '\\0' x; echo end >> $O/out");
+    notifier told(turns_, wanted_);
+    told.changed(change("a", 1));
+    ASSERT_TRUE(until([&] { return lines("out").size() == 1 && told.look().running == 0; }));
+    ASSERT_EQ(said_.size(), 2U);
+    EXPECT_LT(said_[0].size(), wanted_.directory.size() + 600);
+}
+
+TEST_F(NotifyTest, ALinkThatIsGoneIsForgottenWhatEverWasDropped)
+{
+    wanted_.hold_down_s = 0;
+    wanted_.programs_at_once = 1;
+    wanted_.waiting = 1;
+    program("one", "while [ ! -e $O/go ]; do sleep 0.01; done; echo $KAP_LINK $KAP_DROPPED >> $O/out");
+    notifier told(turns_, wanted_);
+    told.changed(change("first", 1));
+    for (uint64_t id = 2; id <= 20; id++) { // each pushes out the one before
+        link_change gone = change("l" + std::to_string(id), id);
+        gone.to = link_state::gone;
+        told.changed(gone);
+    }
+    std::ofstream(directory_ + "/go") << "go";
+    ASSERT_TRUE(until([&] { return lines("out").size() == 2 && told.look().running == 0; }));
+    EXPECT_EQ(lines("out")[1], "l20 0");
+    EXPECT_EQ(told.look().dropped, 18U);
+    EXPECT_EQ(told.look().links, 0U);
+}
+
 TEST_F(NotifyTest, WhatCannotWaitIsDroppedFromTheOldestAndCounted)
 {
     wanted_.hold_down_s = 0;
