@@ -18,6 +18,7 @@
 using namespace std::chrono_literals;
 using nlohmann::json;
 using testing::HasSubstr;
+using testing::Not;
 
 namespace
 {
@@ -325,6 +326,70 @@ TEST_F(Linkd, KeepsWhatWasAskedForAtRunTimeWhenItIsKilled)
     EXPECT_EQ(ask({{"op", "delete"}, {"name", "east"}})["removed"], 1);
     stage_wait(d.stage, "the VLAN is closed", 10s, [] { return vlans() == 0; });
     EXPECT_EQ(ask({{"op", "link"}, {"name", "east"}})["error"]["code"], "unknown_link");
+}
+
+// The daemon's own list is read every ten seconds, and says what is so: pings are counted, and nothing is touched.
+TEST_F(Linkd, TouchesNoLinkThatTheDaemonListsAsItIs)
+{
+    declare(TWO_LINKS);
+    start();
+    run_linkd();
+    wait_state("north", "enabled");
+    wait_state("south", "enabled");
+    const json north = link("north");
+    const json south = link("south");
+    const json newest = ask({{"op", "status"}})["newest_event"];
+    const auto pings = [](const std::string &name) { return link(name)["results"].get<uint64_t>(); };
+    stage_wait(d.stage, "pings are counted", 30s, [&] { return pings("north") > 0 && pings("south") > 0; });
+    const uint64_t first = pings("north");
+    stage_wait(d.stage, "more are counted", 30s, [&] { return pings("north") > first; });
+    EXPECT_EQ(link("north")["link_ref"], north["link_ref"]);
+    EXPECT_EQ(link("south")["link_ref"], south["link_ref"]);
+    EXPECT_EQ(ask({{"op", "status"}})["newest_event"], newest);
+    EXPECT_FALSE(link("south")["rtt_us"].is_null());
+    EXPECT_THAT(read_log(DAEMON), Not(HasSubstr("UPDATE_INTER_ME_LINK_REQ")));
+    // The last pings count, too.
+    const uint64_t before = pings("north");
+    ASSERT_EQ(process_status_text(stage_stop_process(d.stage, PROGRAM, SIGTERM, 10s)), "exit status 0");
+    run_linkd();
+    EXPECT_GE(ask({{"op", "history"}, {"name", "north"}})["counters"]["results"], before);
+}
+
+TEST_F(Linkd, GivesWayToADeclarationAndSaysSo)
+{
+    declare("");
+    start();
+    run_linkd();
+    EXPECT_EQ(
+        ask({{"op", "add"}, {"name", "east"}, {"port", "IDL_A1"}, {"vlan", 103}, {"far", "02:00:00:00:a1:fe"}})["ok"],
+        true);
+    wait_state("east", "enabled");
+    declare("[links.east]\nport = \"IDL_A1\"\nvlan = 104\nfar = \"02:00:00:00:a1:fe\"\n");
+    EXPECT_TRUE(ask({{"op", "reload"}})["ok"]);
+    const std::string said = links_file() + ":1:8: \"east\" stands in the place of \"east\"";
+    EXPECT_THAT(ask({{"op", "status"}})["mistakes"][0].get<std::string>(), HasSubstr(said));
+    wait_log(PROGRAM, said);
+    stage_wait(d.stage, "it is in the other VLAN", 20s,
+               [] { return link("east")["vlan"] == 104 && state_of("east") == "enabled"; });
+    EXPECT_EQ(ask({{"op", "delete"}, {"name", "east"}})["removed"], 0) << "the one that was hidden is forgotten";
+    EXPECT_EQ(ask({{"op", "status"}})["mistakes"].size(), 0u);
+    EXPECT_EQ(link("east")["source"], "declared");
+    EXPECT_EQ(ask({{"op", "delete"}, {"name", "east"}})["error"]["code"], "invalid");
+}
+
+TEST_F(Linkd, MeasuresRoundTripsAsBeforeWhenTheyAreSwitchedOnAgain)
+{
+    declare(TWO_LINKS);
+    start();
+    run_linkd();
+    stage_wait(d.stage, "round trips are measured", 20s, [] { return !link("south")["rtt_us"].is_null(); });
+    const json settings = link("south")["rtt"];
+    EXPECT_EQ(ask({{"op", "rtt"}, {"name", "south"}, {"on", false}})["changed"], 1);
+    EXPECT_TRUE(link("south")["rtt_us"].is_null());
+    EXPECT_EQ(ask({{"op", "rtt"}, {"name", "south"}, {"on", true}})["changed"], 1);
+    EXPECT_EQ(link("south")["rtt"], settings);
+    EXPECT_EQ(settings["batch"], 2);
+    stage_wait(d.stage, "round trips are measured again", 20s, [] { return !link("south")["rtt_us"].is_null(); });
 }
 
 // What the daemon alone can know is wrong.

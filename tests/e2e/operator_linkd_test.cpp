@@ -232,6 +232,47 @@ TEST_F(OperatorOfLinkd, TellsThePastOfALinkThatIsGoneAndOfNoOther)
     }
 }
 
+TEST_F(OperatorOfLinkd, MissesNoChangeOverARestartOfTheLinkManager)
+{
+    child_process watch = process_start("watch", {d.stage.bin_dir + "/vornctl", "watch", "--json", "--since", "0"},
+                                        d.stage.log_dir + "/watch.log");
+    add("to-north", "IDL_A1", "100");
+    wait_enabled("to-north");
+    const auto ids = [&] {
+        std::vector<uint64_t> all;
+        std::ifstream log(d.stage.log_dir + "/watch.log");
+        for (std::string line; std::getline(log, line);) {
+            const json change = json::parse(line, nullptr, false);
+            if (change.is_object()) {
+                all.push_back(change["id"]);
+            }
+        }
+        return all;
+    };
+    stage_wait(d.stage, "the first changes are told", 10s, [&] { return !ids().empty(); });
+    const size_t before = ids().size();
+    (void)stage_stop_process(d.stage, LINKD, SIGTERM, 10s);
+    run_linkd();
+    wait_enabled("to-north");
+    stage_wait(d.stage, "what came after the restart is told", 10s, [&] { return ids().size() > before; });
+    std::vector<uint64_t> kept;
+    std::string state = "gone"; // each change begins where the one before ended
+    bool started = false;
+    const json all = shown("vornctl events --json --limit 1000");
+    for (const json &change : all["events"]) {
+        kept.push_back(change["id"]);
+        EXPECT_EQ(change["from"], state) << change;
+        state = change["to"];
+        started = started || (change["from"] == "enabled" && change["to"] == "waiting" &&
+                              change["reason"] == "kap-linkd was started");
+    }
+    EXPECT_EQ(state, "enabled");
+    EXPECT_TRUE(started) << "its end took the link with it";
+    stage_wait(d.stage, "all are told", 10s, [&] { return ids().size() >= kept.size(); });
+    EXPECT_EQ(ids(), kept); // none is missing, none came twice
+    process_kill(watch);
+}
+
 TEST_F(OperatorOfLinkd, CompletesTheNamesOfLinks)
 {
     add("to-north", "IDL_A1", "100");
