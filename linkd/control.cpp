@@ -338,8 +338,16 @@ bool control::read(client &who)
 // False: it takes nothing any more.
 bool control::write(client &who)
 {
+    if (who.gone) {
+        who.sent = who.out.size();
+    }
     while (who.sent < who.out.size()) {
         const ssize_t n = send(who.fd, who.out.data() + who.sent, who.out.size() - who.sent, MSG_NOSIGNAL);
+        if (n < 0 && (errno == EPIPE || errno == ECONNRESET)) {
+            who.gone = true;
+            who.sent = who.out.size();
+            break;
+        }
         if (n < 0) {
             return errno == EAGAIN || errno == EINTR;
         }
@@ -361,7 +369,8 @@ void control::watch(client &who)
 
 void control::on_client(client_at who, uint32_t events)
 {
-    bool alive = (events & (EPOLLERR | EPOLLHUP)) == 0;
+    bool alive = (events & EPOLLERR) == 0;
+    who->gone = who->gone || (events & EPOLLHUP) != 0;
     if (alive && (events & EPOLLIN) != 0) {
         alive = read(*who);
         if (alive && !has_line(*who) && who->in.size() > LONGEST_LINE) {
@@ -441,7 +450,7 @@ void control::settle(client_at who)
         return;
     }
     // One that has closed its side while it follows has gone: nobody tells otherwise.
-    if (who->reads_closed && !has_line(*who)) {
+    if ((who->reads_closed || who->gone) && !has_line(*who)) {
         who->follows.reset();
     }
     if (who->out.empty() && (who->ending || (who->reads_closed && !has_line(*who)))) {

@@ -62,6 +62,7 @@ private:
         uid_t user = 0;
         bool writes = false;
         bool ending = false; // when its output is gone
+        bool gone = false;   // nobody takes its output; what was asked for is done all the same
         bool queued = false; // it is among those that wait for their turn
         std::string in;
         size_t taken = 0;  // of in

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -477,7 +478,7 @@ TEST_F(Control, WaitsForDescriptorsWithoutTurningAndThenTakesWhoeverWaited)
     pollfd wait{waiting, POLLIN, 0};
     EXPECT_EQ(poll(&wait, 1, 300), 0) << "it cannot be taken in";
     clock_gettime(of_loop, &now);
-    EXPECT_LT((now.tv_sec - then.tv_sec) * 1'000'000'000 + now.tv_nsec - then.tv_nsec, 100'000'000)
+    EXPECT_LT((now.tv_sec - then.tv_sec) * 1'000'000'000 + now.tv_nsec - then.tv_nsec, 30'000'000)
         << "the loop turns for nothing";
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(poll(&wait, 1, 10'000), 1);
@@ -565,6 +566,29 @@ TEST_F(Control, AnswersWhatWasSentBeforeItsPeerClosedItsSide)
     }
     EXPECT_FALSE(client.read_line());
     EXPECT_TRUE(client.closed());
+}
+
+// He has gone before his first request is answered.
+TEST_F(Control, DoesWhatWasAskedForByOneWhoHangsUpAtOnce)
+{
+    std::promise<void> hung_up;
+    auto gone = hung_up.get_future().share();
+    before.asked_for_samples = [&] { gone.wait(); };
+    {
+        control_client hasty(socket_path);
+        ASSERT_TRUE(hasty.send_text(R"({"op":"samples","name":"declared"})"
+                                    "\n"
+                                    R"({"op":"events","follow":true})"
+                                    "\n"
+                                    R"({"op":"add","name":"m","port":"TN_A","vlan":9,"far":"02:00:00:00:00:09"})"
+                                    "\n"));
+    }
+    hung_up.set_value();
+    control_client client(socket_path);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (client.ask("links")["links"].size() != 2 && std::chrono::steady_clock::now() < end) {
+    }
+    EXPECT_TRUE(client.ask({{"op", "link"}, {"name", "m"}})["ok"]);
 }
 
 // All of them are in the socket before the first is answered; the other's is there then, too.

@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include <nlohmann/json.hpp>
 
@@ -27,7 +28,18 @@ __attribute__((format(printf, 1, 2))) std::string format(const char *text, ...)
     return line;
 }
 
-std::string mac_text(const mac_address &mac) { return format(MAC_FMT, MAC_ARGS(mac)); }
+// As MAC_FMT has it.
+std::string mac_text(const mac_address &mac)
+{
+    constexpr const char *DIGITS = "0123456789ABCDEF";
+    const unsigned bytes[] = {MAC_ARGS(mac)};
+    std::string text(3 * std::size(bytes) - 1, ':');
+    for (size_t i = 0; i < std::size(bytes); ++i) {
+        text[3 * i] = DIGITS[bytes[i] >> 4 & 0xF];
+        text[3 * i + 1] = DIGITS[bytes[i] & 0xF];
+    }
+    return text;
+}
 
 std::string status_text(const shell_link_record &record)
 {
@@ -178,6 +190,7 @@ std::optional<std::vector<link>> decode(const uint8_t *bytes, size_t size, std::
         return std::nullopt;
     }
     std::vector<link> links;
+    links.reserve(head[1]);
     for (uint32_t i = 0; i < head[1]; ++i) {
         shell_link_record record;
         memcpy(&record, bytes + RECORDS_OFFSET + i * sizeof record, sizeof record);
@@ -232,11 +245,14 @@ std::string to_table(const std::vector<link> &links) { return to_table(links, SI
 
 std::string to_json_array(const std::vector<link> &links)
 {
+    constexpr size_t USUAL_BYTES = 800;
     std::string text = "[";
+    text.reserve(links.size() * USUAL_BYTES);
     for (const link &l : links) {
         append_link(text += text.size() == 1 ? "\n" : ",\n", l);
     }
-    return text + (links.empty() ? "]" : "\n  ]");
+    text += links.empty() ? "]" : "\n  ]";
+    return text;
 }
 
 std::string to_json(const std::vector<link> &links) { return "{\n  \"links\": " + to_json_array(links) + "\n}\n"; }

@@ -37,7 +37,7 @@ std::vector<link_list::link> ask_daemon_for_links()
     if (!links) {
         throw failure(exits::no_daemon, error);
     }
-    return *links;
+    return std::move(*links);
 }
 
 failure as_failure(const linkd_client::failure &problem)
