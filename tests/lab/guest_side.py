@@ -7,12 +7,15 @@
     settled SECONDS           the units that are others after that time
     told LINK ID              what kap-linkd tells of the link: its changes after that one, its history, the number of the
                               newest change; and the links as the daemon has them
+    figure NAME               one of kap-linkd's figures for Prometheus
+    fill, empty               takes all room of the disk, and gives it back
     send COUNT FAR NEAR TAG TYPE    that many frames out of eth1, to NEAR, in the VLAN, with the ethertype (hexadecimal)
     pss                       proportional set size of each unit's processes, KiB
     files                     what is on the disk, but for what is logged and what apt and the kernel keep for themselves
     yardstick                 seconds that some fixed work takes from its begin to its end
 """
 
+import errno
 import json
 import os
 import pathlib
@@ -20,6 +23,7 @@ import socket
 import subprocess
 import sys
 import time
+import urllib.request
 
 UNITS = ["kap-itcd", "kap-node-iepcsi", "kap-node-pmi", "kap-node-emi", "kap-node-fmi", "kap-node-aasi", "kap-vorn",
          "kap-linkd", "kap-responder@eth1"]
@@ -27,6 +31,8 @@ BOUND_S = 180
 NOT_LOOKED_AT = ("/proc", "/sys", "/dev", "/tmp", "/root", "/run/systemd", "/run/udev", "/run/log", "/run/lab-command",
                  "/run/lock", "/run/user", "/var/log", "/var/cache", "/var/lib/dpkg", "/var/lib/apt", "/var/lib/systemd",
                  "/var/backups", "/run/utmp", "/etc/ld.so.cache")
+FILLER = "/var/tmp/filler"
+FIGURES = "http://127.0.0.1:9643/metrics"
 
 
 def units():
@@ -93,6 +99,43 @@ def told(link, number):
             "history": vornctl("history", link, "--limit", "1"),
             "newest": max(change["id"] for change in vornctl("events", "--limit", "1")["events"]),
             "links": links()}
+
+
+def figure(name):
+    with urllib.request.urlopen(FIGURES, timeout=30) as answer:
+        lines = answer.read().decode().splitlines()
+    return next(float(line.split()[1]) for line in lines if line.split()[:1] == [name])
+
+
+def fill():
+    """At once, and from then on what somebody else gives back."""
+    filler = os.open(FILLER, os.O_CREAT | os.O_WRONLY | os.O_APPEND, 0o600)
+    take_room(filler)
+    if os.fork() == 0:
+        os.setsid()
+        for descriptor in (0, 1, 2):
+            os.dup2(os.open(os.devnull, os.O_RDWR), descriptor)
+        while os.path.exists(FILLER):
+            take_room(filler)
+            time.sleep(0.1)
+        os._exit(0)
+    return os.fstat(filler).st_size
+
+
+def take_room(filler):
+    """Large pieces first: that takes no time."""
+    size = 1 << 30
+    while size >= 4096:
+        try:
+            os.posix_fallocate(filler, os.fstat(filler).st_size, size)
+        except OSError as failure:
+            if failure.errno != errno.ENOSPC:
+                raise
+            size //= 2
+
+
+def empty():
+    os.unlink(FILLER)
 
 
 def send(count, source, target, tag, ethertype):

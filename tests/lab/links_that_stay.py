@@ -195,3 +195,36 @@ def switched_off_and_on(machine, near):
     machine.wait_ready()
     wait_link(near, True)
     return time.monotonic() - begin
+
+
+def disk(near, far):
+    """The file system of the history takes no byte more. The log of a database that was just opened is short: it cannot be
+    written over, only added to.
+    """
+    near.run("systemctl restart kap-linkd")
+    begin = mark(near)
+    ask(near, "fill")
+    cut(far, near)
+    near.wait_until("both changes wait for room", lambda: unwritten(near) >= 2, BOUND_S)
+    before = changes_since(near, begin)
+    hold(len(before) == 2, f"not one cut: {before}")
+    step("disk full: the link goes and comes, and both is told", f"{unwritten(near):.0f} changes wait")
+    ask(near, "empty")
+    near.wait_until("it is written", lambda: unwritten(near) == 0, BOUND_S)
+    hold(ask(near, "kill", "kap-linkd")["seconds"] is not None, "kap-linkd did not come back")
+    changes, held = agree(near, begin)
+    hold(changes[:2] == before, f"with a full disk:\n{before}\nafterwards:\n{changes}")
+    step("room again, then kap-linkd is killed: nothing of it is lost", held)
+    begin = mark(near)
+    ask(near, "fill")
+    for unit in ("kap-linkd", "kap-vorn"):
+        seen = ask(near, "kill", unit)
+        hold(seen["seconds"] is not None, f"disk full, after the death of {unit}: {seen}")
+    ask(near, "empty")
+    near.wait_until("it is written", lambda: unwritten(near) == 0, BOUND_S)
+    _, held = agree(near, begin)
+    step("disk full, kap-linkd and the daemon killed: the link is back, and the history too", held)
+
+
+def unwritten(near):
+    return ask(near, "figure", "kap_history_unwritten_changes")
