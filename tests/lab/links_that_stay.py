@@ -23,6 +23,7 @@ CUT_S = 15
 STEADY = 5
 # What the daemon had counted since it was asked last goes with it: it is asked every ten seconds.
 UNCOUNTED_S = 16
+HOUR_S = 3600
 ONE_CUT = [("disabled", "no connectivity"), ("enabled", "")]
 
 
@@ -228,3 +229,29 @@ def disk(near, far):
 
 def unwritten(near):
     return ask(near, "figure", "kap_history_unwritten_changes")
+
+
+def clock(near, far):
+    """An hour back, and forth again. What was told before has the times of that clock."""
+    cut(far, near)
+    begin = mark(near)
+    since = told(near)["events"][-1]["at_us"] / 1e6
+    came = min(pings(near), key=lambda ping: abs((ping.answer or 0) - since)).wire
+    watched = begin.told["history"]["availability"]["watched_us"]["hour"]
+    near.run(f"date -s @$(($(date +%s) - {HOUR_S}))")
+    back = Mark(len(pings(near)), begin.change, begin.told)
+    wait_steady(near)
+    hold(not changes_since(near, back), "a clock that is set back changes the link")
+    cut(far, near)
+    changes, held = agree(near, back)
+    lasted = changes[0]["lasted_us"] / 1e6
+    left = wire.cuts(pings(near)[back.pings:])[0][0]
+    really = min(pings(near)[back.pings:], key=lambda ping: abs(ping.sent - left)).wire - came
+    hold(abs(lasted - really) <= SLACK_S, f"it was enabled for {really:.1f} s, and {lasted:.1f} s is told")
+    hour = told(near)["history"]["availability"]["watched_us"]["hour"]
+    hold(watched <= hour <= HOUR_S * 1e6, f"of the last hour {watched / 1e6:.0f} s were watched, now {hour / 1e6:.0f} s")
+    near.run(f"date -s @$(($(date +%s) + {HOUR_S}))")
+    begin = mark(near)
+    hold(not changes_since(near, Mark(0, changes[-1]["id"], {})), "a clock that is set changes the link")
+    step("the clock an hour back, and forth: the link is not touched, and times are true",
+         f"{held}; enabled for {really:.1f} s, told {lasted:.1f} s")
