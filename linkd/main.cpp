@@ -156,7 +156,8 @@ public:
         hub_.add(notices_);
         hub_.add(metrics_);
         control_.listen(wanted.where.control, wanted.groups);
-        add_page(web_.routes(), {.control = wanted.where.control});
+        hub_.add(news_);
+        add_page(web_, {.control = wanted.where.control});
         add_metrics(web_.routes(), metrics_);
     }
     ~program()
@@ -211,7 +212,7 @@ private:
             return;
         }
         try {
-            web_.listen(settings_.http_address, settings_.http_port);
+            web_.listen(settings_.http_address, settings_.http_port, settings_.http_group);
         } catch (const std::runtime_error &problem) {
             say(problem.what());
         }
@@ -311,6 +312,7 @@ private:
     keeper keeper_;
     control control_;
     web web_; // its threads see the metrics
+    page_news news_{web_};
     manager_pulse pulse_;
     int signals_ = -1;
 };

@@ -94,7 +94,7 @@ void add_states(std::vector<MetricFamily> &all, const std::vector<link_view> &li
     }
 }
 
-void add_counters(std::vector<MetricFamily> &all, const metrics_input &input)
+void add_counters(std::vector<MetricFamily> &all, const std::vector<link_view> &links, const metrics_input &input)
 {
     family flaps(all, "kap_link_flaps_total", MetricType::Counter, "how often the link was lost, in all its life");
     family changes(all, "kap_link_changes_total", MetricType::Counter, "changes of the link's state, in all its life");
@@ -103,7 +103,7 @@ void add_counters(std::vector<MetricFamily> &all, const metrics_input &input)
     family lost(all, "kap_link_pings_lost_total", MetricType::Counter, "those of them that were lost");
     family enabled(all, "kap_link_enabled_seconds_total", MetricType::Counter,
                    "how long the link was enabled in all its life, up to its last change");
-    for (const link_view &view : input.links) {
+    for (const link_view &view : links) {
         const auto at = input.lifetimes.find(view.link.name);
         if (at == input.lifetimes.end()) {
             continue;
@@ -117,12 +117,12 @@ void add_counters(std::vector<MetricFamily> &all, const metrics_input &input)
     }
 }
 
-void add_last_round_trips(std::vector<MetricFamily> &all, const metrics_input &input)
+void add_last_round_trips(std::vector<MetricFamily> &all, const std::vector<link_view> &links)
 {
     family least(all, "kap_link_rtt_min_seconds", MetricType::Gauge, "shortest round trip of the last batch");
     family average(all, "kap_link_rtt_avg_seconds", MetricType::Gauge, "average round trip of the last batch");
     family most(all, "kap_link_rtt_max_seconds", MetricType::Gauge, "longest round trip of the last batch");
-    for (const link_view &view : input.links) {
+    for (const link_view &view : links) {
         if (!view.last_rtt || view.last_rtt->valid == 0) {
             continue;
         }
@@ -233,8 +233,8 @@ void metrics::measured(const rtt_sample &sample)
     if (round_trips_.size() >= LINKS_SHOWN && round_trips_.count(sample.link) == 0) {
         return;
     }
+    static_assert(BUCKETS == std::size(BOUNDS_S) + 1);
     round_trips &of = round_trips_[sample.link];
-    of.buckets.resize(std::size(BOUNDS_S) + 1);
     of.buckets[static_cast<size_t>(
         std::distance(std::begin(BOUNDS_S), std::lower_bound(std::begin(BOUNDS_S), std::end(BOUNDS_S), seconds)))]++;
     of.count++;
@@ -247,36 +247,42 @@ void metrics::hand_over(metrics_input input)
     for (const link_view &view : input.links) {
         there.insert(view.link.name);
     }
+    std::shared_ptr<const metrics_input> next = std::make_shared<metrics_input>(std::move(input));
     const std::lock_guard lock(mutex_);
     std::erase_if(round_trips_, [&](const auto &each) { return there.count(each.first) == 0; });
-    input_ = std::move(input);
+    input_.swap(next); // the old one is freed when the mutex is free again
 }
 
 std::vector<MetricFamily> metrics::families() const
 {
-    std::vector<MetricFamily> all;
-    const std::lock_guard lock(mutex_);
-    metrics_input input = input_;
-    add_services(all, input);
-    add_queues(all, input);
-    add_program(all, input);
-    if (input.links.size() > LINKS_SHOWN) {
-        input.links.resize(LINKS_SHOWN);
+    std::shared_ptr<const metrics_input> input;
+    all_round_trips of;
+    {
+        const std::lock_guard lock(mutex_);
+        input = input_;
+        of = round_trips_;
     }
-    add_states(all, input.links);
-    add_counters(all, input);
-    add_last_round_trips(all, input);
-    add_answers(all, input.links);
-    add_round_trips(all, input.links);
+    std::vector<MetricFamily> all;
+    add_services(all, *input);
+    add_queues(all, *input);
+    add_program(all, *input);
+    const auto shown = std::min(input->links.size(), LINKS_SHOWN);
+    const std::vector<link_view> links(input->links.begin(), input->links.begin() + static_cast<std::ptrdiff_t>(shown));
+    add_states(all, links);
+    add_counters(all, links, *input);
+    add_last_round_trips(all, links);
+    add_answers(all, links);
+    add_round_trips(all, links, of);
     return all;
 }
 
-void metrics::add_round_trips(std::vector<MetricFamily> &all, const std::vector<link_view> &links) const
+void metrics::add_round_trips(std::vector<MetricFamily> &all, const std::vector<link_view> &links,
+                              const all_round_trips &of)
 {
     family histogram(all, "kap_link_rtt_seconds", MetricType::Histogram, "average round trip of each batch");
     for (const link_view &view : links) {
-        const auto at = round_trips_.find(view.link.name);
-        if (at == round_trips_.end()) {
+        const auto at = of.find(view.link.name);
+        if (at == of.end()) {
             continue;
         }
         ClientMetric::Histogram value;
@@ -299,10 +305,30 @@ std::string metrics::text() const
     return out.str();
 }
 
+namespace
+{
+
+constexpr std::chrono::seconds TEXT_HOLDS{1};
+
+struct last_text {
+    std::mutex making;
+    std::string text;
+    std::chrono::steady_clock::time_point made;
+};
+
+} // namespace
+
 void add_metrics(httplib::Server &server, const metrics &from)
 {
-    server.Get("/metrics", [&from](const httplib::Request &, httplib::Response &answer) {
-        answer.set_content(from.text(), "text/plain; version=0.0.4; charset=utf-8");
+    auto last = std::make_shared<last_text>();
+    server.Get("/metrics", [&from, last](const httplib::Request &, httplib::Response &answer) {
+        const std::lock_guard lock(last->making);
+        const auto now = std::chrono::steady_clock::now();
+        if (last->text.empty() || now - last->made >= TEXT_HOLDS) {
+            last->text = from.text();
+            last->made = now;
+        }
+        answer.set_content(last->text, "text/plain; version=0.0.4; charset=utf-8");
     });
 }
 

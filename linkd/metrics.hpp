@@ -13,6 +13,8 @@
 
 #include <prometheus/metric_family.h>
 
+#include <array>
+#include <memory>
 #include <mutex>
 #include <unordered_map>
 
@@ -62,21 +64,27 @@ public:
     std::string text() const;
 
 private:
+    static constexpr size_t BUCKETS = 15; // the last one has no bound
+
     struct round_trips {
-        std::vector<uint64_t> buckets;
+        std::array<uint64_t, BUCKETS> buckets{};
         uint64_t count = 0;
         double sum_s = 0;
     };
 
-    std::vector<prometheus::MetricFamily> families() const;
-    void add_round_trips(std::vector<prometheus::MetricFamily> &all, const std::vector<link_view> &links) const;
+    using all_round_trips = std::unordered_map<std::string, round_trips>;
 
+    std::vector<prometheus::MetricFamily> families() const;
+    static void add_round_trips(std::vector<prometheus::MetricFamily> &all, const std::vector<link_view> &links,
+                                const all_round_trips &of);
+
+    // The loop waits for it: only copies are made under it.
     mutable std::mutex mutex_;
-    metrics_input input_;
-    std::unordered_map<std::string, round_trips> round_trips_;
+    std::shared_ptr<const metrics_input> input_ = std::make_shared<metrics_input>();
+    all_round_trips round_trips_;
 };
 
-// The path /metrics.
+// The path /metrics. The text is made once a second at the most, and once at a time, however many ask.
 void add_metrics(httplib::Server &server, const metrics &from);
 
 } // namespace linkd

@@ -6,8 +6,8 @@
 #include <httplib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <atomic>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -20,10 +20,12 @@ namespace
 using linkd_client::connection;
 using nlohmann::json;
 
-constexpr std::chrono::seconds PATIENCE{5};      // with the control socket
-constexpr std::chrono::seconds SIGN_OF_LIFE{15}; // on a stream on which nothing happens
-constexpr std::chrono::milliseconds TURN{300};   // so soon a stream sees that the server ends
-constexpr int MOST_STREAMS = 16;                 // each takes a thread of the server's
+constexpr std::chrono::seconds PATIENCE{5};    // with the control socket
+constexpr std::chrono::milliseconds TURN{200}; // so soon it is seen that the server ends
+// Of one answer: it is made in memory twice, here and where the history is.
+constexpr uint64_t MOST_EVENTS = 1000;
+constexpr uint64_t MOST_POINTS = 2000;
+constexpr uint64_t EVENTS_AT_ONCE = 500; // on a stream
 
 void say_plainly(httplib::Response &answer, int status, const std::string &text)
 {
@@ -45,6 +47,24 @@ std::string host_name()
     return gethostname(name.data(), name.size() - 1) == 0 ? std::string(name.data()) : std::string();
 }
 
+// What the control socket answers. Ends with the server, whether there is an answer or not.
+json told_by(const web &server, const std::string &socket, const std::string &op, const json &request)
+{
+    connection control(socket);
+    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    const uint64_t id = control.send(op, request, TURN);
+    for (;;) {
+        try {
+            return control.await(id, TURN);
+        } catch (const linkd_client::failure &what) {
+            if (what.kind != linkd_client::trouble::silent || server.is_ending() ||
+                std::chrono::steady_clock::now() >= end) {
+                throw;
+            }
+        }
+    }
+}
+
 // The numbers among the request's parameters, as the control protocol takes them. False: one is none.
 bool take_numbers(const httplib::Request &asked, std::initializer_list<const char *> names, json &into)
 {
@@ -61,18 +81,29 @@ bool take_numbers(const httplib::Request &asked, std::initializer_list<const cha
     return true;
 }
 
+// No more than that, whether a number was given or not.
+void bound(json &request, const char *name, uint64_t most)
+{
+    request[name] = std::min(request.value(name, most), most);
+}
+
+std::string event_text(const json &change)
+{
+    return "id: " + std::to_string(change.value("id", uint64_t{0})) +
+           "\nevent: change\ndata: " + change.dump(-1, ' ', false, json::error_handler_t::replace) + "\n\n";
+}
+
 class page
 {
 public:
-    explicit page(page_sources sources) : sources_(std::move(sources)) {}
+    page(const web &server, page_sources sources) : server_(server), sources_(std::move(sources)) {}
 
     // Answers with what the control socket answers to `op`; `mended` may change it before.
     template <typename MENDED>
     void pass(httplib::Response &answer, const std::string &op, const json &request, MENDED mended)
     {
         try {
-            connection control(sources_.control);
-            json told = control.ask(op, request, PATIENCE);
+            json told = told_by(server_, sources_.control, op, request);
             told.erase("v");
             told.erase("id");
             told.erase("ok");
@@ -99,6 +130,10 @@ public:
         if (!take_numbers(asked, {"from_us", "to_us", "limit", "points"}, request)) {
             return say_plainly(answer, 400, "from_us, to_us, limit and points are numbers");
         }
+        bound(request, "limit", MOST_EVENTS);
+        if (request.contains("points")) {
+            bound(request, "points", MOST_POINTS);
+        }
         pass(answer, op, request);
     }
 
@@ -114,87 +149,36 @@ public:
         }
         if (latest.contains("latest")) {
             try {
-                connection control(sources_.control);
                 const uint64_t newest =
-                    control.ask("status", json::object(), PATIENCE).value("newest_event", uint64_t{0});
+                    told_by(server_, sources_.control, "status", json::object()).value("newest_event", uint64_t{0});
                 const uint64_t wanted = latest["latest"];
                 request["since"] = newest > wanted ? newest - wanted : 0;
             } catch (const linkd_client::failure &what) {
                 return say_plainly(answer, status_of(what), what.what());
             }
         }
+        bound(request, "limit", MOST_EVENTS);
         pass(answer, "events", request);
     }
 
-    void stream(const httplib::Request &asked, httplib::Response &answer);
+    // Throws linkd_client::failure.
+    past_events past(uint64_t after) const
+    {
+        past_events before{"", after, false};
+        const json told = told_by(server_, sources_.control, "events", {{"since", after}, {"limit", EVENTS_AT_ONCE}});
+        const json events = told.value("events", json::array());
+        for (const json &change : events) {
+            before.text += event_text(change);
+            before.told = change.value("id", before.told);
+        }
+        before.more = events.size() >= EVENTS_AT_ONCE;
+        return before;
+    }
 
 private:
-    // One more stream, while it lives.
-    struct seat {
-        explicit seat(std::atomic<int> &all) : taken(all) { ++taken; }
-        ~seat() { --taken; }
-        seat(const seat &) = delete;
-        seat &operator=(const seat &) = delete;
-        std::atomic<int> &taken;
-    };
-
+    const web &server_;
     page_sources sources_;
-    std::atomic<int> streams_ = 0;
 };
-
-std::string event_text(const json &change)
-{
-    return "id: " + std::to_string(change.value("id", uint64_t{0})) +
-           "\nevent: change\ndata: " + change.dump(-1, ' ', false, json::error_handler_t::replace) + "\n\n";
-}
-
-void page::stream(const httplib::Request &asked, httplib::Response &answer)
-{
-    auto here = std::make_shared<seat>(streams_);
-    if (streams_ > MOST_STREAMS) {
-        return say_plainly(answer, 503, "too many look already");
-    }
-    json request = {{"follow", true}};
-    if (!take_numbers(asked, {"since"}, request)) {
-        return say_plainly(answer, 400, "since is a number");
-    }
-    const std::string last = asked.get_header_value("Last-Event-ID");
-    if (!last.empty() && last.size() <= 18 && last.find_first_not_of("0123456789") == std::string::npos) {
-        request["since"] = std::stoull(last); // what a browser has seen when it connects again
-    }
-    std::shared_ptr<connection> control;
-    std::string first = "retry: 2000\n\n";
-    try {
-        control = std::make_shared<connection>(sources_.control);
-        for (const json &change : control->ask("events", request, PATIENCE).value("events", json::array())) {
-            first += event_text(change);
-        }
-    } catch (const linkd_client::failure &what) {
-        return say_plainly(answer, status_of(what), what.what());
-    }
-    answer.set_header("Cache-Control", "no-store");
-    answer.set_chunked_content_provider(
-        "text/event-stream", [here, control, first,
-                              told = std::chrono::steady_clock::now()](size_t offset, httplib::DataSink &sink) mutable {
-            const auto now = std::chrono::steady_clock::now();
-            std::string text = offset == 0 ? first : "";
-            try {
-                if (const auto line = offset == 0 ? std::nullopt : control->next_line(TURN);
-                    line && line->contains("event")) {
-                    text = event_text((*line)["event"]);
-                } else if (text.empty() && now - told >= SIGN_OF_LIFE) {
-                    text = ": here\n\n";
-                }
-            } catch (const linkd_client::failure &) {
-                return false; // the browser connects again
-            }
-            if (text.empty()) {
-                return true; // the server looks whether it is to end
-            }
-            told = now;
-            return sink.write(text.data(), text.size());
-        });
-}
 
 void add_chart(httplib::Server &server, const std::string &path, const std::string &file, const char *type)
 {
@@ -218,15 +202,16 @@ void add_file(httplib::Server &server, const std::string &path, std::string_view
 
 } // namespace
 
-void add_page(httplib::Server &server, const page_sources &sources)
+void add_page(web &serves, const page_sources &sources)
 {
+    httplib::Server &server = serves.routes();
     add_file(server, "/", PAGE_INDEX_HTML, "text/html; charset=utf-8");
     add_file(server, "/page.js", PAGE_PAGE_JS, "text/javascript; charset=utf-8");
     add_file(server, "/page.css", PAGE_PAGE_CSS, "text/css; charset=utf-8");
     add_chart(server, "/dygraph.js", sources.charts + "/dygraph.min.js", "text/javascript; charset=utf-8");
     add_chart(server, "/dygraph.css", sources.charts + "/dygraph.min.css", "text/css; charset=utf-8");
 
-    auto here = std::make_shared<page>(sources);
+    auto here = std::make_shared<page>(serves, sources);
     using request = const httplib::Request &;
     using response = httplib::Response &;
     server.Get("/api/links", [here](request, response answer) { here->links(answer); });
@@ -234,7 +219,9 @@ void add_page(httplib::Server &server, const page_sources &sources)
     server.Get("/api/events", [here](request asked, response answer) { here->events(asked, answer); });
     server.Get("/api/history", [here](request asked, response answer) { here->of_link(asked, answer, "history"); });
     server.Get("/api/samples", [here](request asked, response answer) { here->of_link(asked, answer, "samples"); });
-    server.Get("/events", [here](request asked, response answer) { here->stream(asked, answer); });
+    serves.stream("/events", "retry: 2000\n\n", [here](uint64_t after) { return here->past(after); });
 }
+
+void page_news::changed(const link_change &change) { server_.tell(change.id, event_text(json_of(change))); }
 
 } // namespace linkd

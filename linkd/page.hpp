@@ -5,18 +5,16 @@
 //   /                   the page, and page.js, page.css, dygraph.js, dygraph.css beside it
 //   /api/links          {"host", "links": [LINK]}
 //   /api/status         the control protocol's answer
-//   /api/events         {"events": [CHANGE]}; since=, limit=, link=, or latest=N: the newest so many
-//   /api/history        link=, from_us=, to_us=, limit=: the control protocol's answer
-//   /api/samples        link=, from_us=, to_us=, points=: likewise
+//   /api/events         {"events": [CHANGE]}; since=, limit=, link=, or latest=N: the newest so many; at most 1000
+//   /api/history        link=, from_us=, to_us=, limit=: the control protocol's answer; at most 1000 changes
+//   /api/samples        link=, from_us=, to_us=, points=: likewise; at most 2000 points
 //   /events             server-sent events: "change" with a CHANGE and its id, from since= or Last-Event-ID on
 #pragma once
 
-#include <string>
+#include "change.hpp"
+#include "web.hpp"
 
-namespace httplib
-{
-class Server;
-}
+#include <string>
 
 namespace linkd
 {
@@ -27,6 +25,17 @@ struct page_sources {
 };
 
 // Routes only: who is answered is the server's to say (web.hpp).
-void add_page(httplib::Server &server, const page_sources &sources);
+void add_page(web &server, const page_sources &sources);
+
+// Tells every page that is open what became of a link.
+class page_news : public listener
+{
+public:
+    explicit page_news(web &server) : server_(server) {}
+    void changed(const link_change &change) override;
+
+private:
+    web &server_;
+};
 
 } // namespace linkd

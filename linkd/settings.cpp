@@ -91,6 +91,12 @@ std::string wrong_with_address(const std::string &text)
                                                                 : "must be \"127.0.0.1\", \"::1\", or \"\" for none";
 }
 
+// Whether there is one is seen where it is needed.
+std::string wrong_with_group(const std::string &text)
+{
+    return text.find_first_of(std::string(" :,\n\0", 5)) == std::string::npos ? "" : "must be the name of a group";
+}
+
 } // namespace
 
 settings read_settings_text(const std::string &text, const std::string &file, std::vector<std::string> &mistakes)
@@ -120,7 +126,8 @@ settings read_settings_text(const std::string &text, const std::string &file, st
                  {"http", [&](const toml::node &node) {
                       r.table(node, "[http]",
                               {{"address", r.text(out.http_address, wrong_with_address)},
-                               {"port", r.number(1, LAST_PORT, out.http_port)}});
+                               {"port", r.number(1, LAST_PORT, out.http_port)},
+                               {"group", r.text(out.http_group, wrong_with_group)}});
                   }}});
     }
     std::stable_sort(r.mistakes.begin(), r.mistakes.end(),

@@ -12,6 +12,8 @@
 //   [http]
 //   address = "127.0.0.1"          only addresses of loopback; "": nobody is listened to
 //   port = 9643
+//   group = ""                     only root, kap-linkd itself and this group's members are answered; "": whoever is on
+//                                  this machine
 #pragma once
 
 #include <cstdint>
@@ -31,6 +33,7 @@ struct settings {
     uint32_t notify_seconds = 10;
     std::string http_address = "127.0.0.1";
     uint16_t http_port = 9643;
+    std::string http_group;
 };
 
 // Where things are; each is changed by an option.

@@ -269,8 +269,9 @@ TEST(Settings, TheSampleHasEveryKeyWithWhatHoldsWithoutIt)
     EXPECT_EQ(read.notify_hold_down_s, plain.notify_hold_down_s);
     EXPECT_EQ(read.http_address, plain.http_address);
     EXPECT_EQ(read.http_port, plain.http_port);
+    EXPECT_EQ(read.http_group, plain.http_group);
     for (const char *key : {"days", "max_mib", "directory", "seconds", "flap_changes", "flap_seconds", "hold_down_s",
-                            "address", "port"}) {
+                            "address", "port", "group"}) {
         EXPECT_THAT(text, HasSubstr(std::string("\n") + key + " = "));
     }
 }
