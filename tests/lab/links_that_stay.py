@@ -255,3 +255,16 @@ def clock(near, far):
     hold(not changes_since(near, Mark(0, changes[-1]["id"], {})), "a clock that is set changes the link")
     step("the clock an hour back, and forth: the link is not touched, and times are true",
          f"{held}; enabled for {really:.1f} s, told {lasted:.1f} s")
+
+
+def copy(near):
+    """As the operator's handbook says it."""
+    before = told(near)["events"]
+    follow(near, "Keep a copy of the history", document=readme.OPERATIONS)
+    follow(near, "Take a copy back", document=readme.OPERATIONS)
+    wait_link(near, True)
+    after = told(near)["events"]
+    hold(after[:len(before)] == before, f"before:\n{before}\nafter:\n{after}")
+    numbers = [change["id"] for change in after]
+    hold(numbers == sorted(set(numbers)), f"numbers of changes do not ascend: {numbers}")
+    step("the history copied and taken back: what was is there", f"{len(before)} changes")
