@@ -1,7 +1,6 @@
 // How long a thousand declared links take from the start of kap-linkd, and from that of a daemon that was killed, until
 // all are enabled; what kap-linkd takes of processor and memory while it keeps them; how long it takes to tell all of
-// them. Beside it, when asked for, Debian's BFD daemon with as many sessions, until all are up. Real processes and
-// frames.
+// them. Real processes and frames.
 //
 //     bench_linkd [LINKS]      1000
 #include <algorithm>
